@@ -1,0 +1,170 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "osc/addressing/OSCAddressPattern.hpp"
+
+namespace kavrin {
+namespace {
+
+using Pattern = OSCAddressPattern;
+using Group = OSCAddressPattern::CharacterGroup;
+
+struct MatchCase {
+    std::string pattern;
+    std::vector<std::string> matching;
+    std::vector<std::string> notMatching;
+};
+
+void expectMatches(const std::vector<MatchCase>& cases) {
+    for (const auto& c : cases) {
+        const Pattern pattern(c.pattern);
+        for (const auto& address : c.matching) {
+            EXPECT_TRUE(pattern.matches(address)) << c.pattern << " should match " << address;
+        }
+        for (const auto& address : c.notMatching) {
+            EXPECT_FALSE(pattern.matches(address)) << c.pattern << " should not match " << address;
+        }
+    }
+}
+
+TEST(OSCAddressPatternMatching, ComponentCountsMustAgree) {
+    expectMatches({
+        {"/a/*", {"/a/b", "a/b", "/a/b/"}, {"/a/", "/a", "/a/b/c", "/b/a"}},
+        {"/a/*/c", {"/a//c", "/a/b/c"}, {"/a/c", "/a/b/b/c"}},
+        {"/a//b", {"/a//b"}, {"/a/b", "/a/x/b"}},
+        {"//a", {"//a"}, {"/a", "a"}},
+        {"/a/b/", {"/a/b", "/a/b/"}, {"/a/b//"}},
+        // Deliberate: no components means no match, not even for "/" or "".
+        {"", {}, {"", "/", "/a"}},
+        {"/", {}, {"", "/", "//"}},
+    });
+}
+
+TEST(OSCAddressPatternMatching, StarIsLazyAndBacktracks) {
+    expectMatches({
+        {"/x*y", {"/xy", "/xay", "/xaby", "/xyyy"}, {"/xya", "/x", "/y"}},
+        {"/*b*", {"/abc", "/b", "/bbb"}, {"/ac", "/"}},
+        {"/*a", {"/a", "/aaa", "/bca"}, {"/ab", "/b"}},
+        {"/*ab*ab", {"/abab", "/xabyab", "/ababab"}, {"/aba", "/abxa"}},
+        {"/a*b*c", {"/abc", "/abcbc", "/aXbYc", "/abcc"}, {"/ab", "/acb"}},
+        {"/*.*", {"/file.txt", "/.", "/a.b.c"}, {"/file"}},
+        {"/**", {"/anything", "/a/"}, {"/", "/a/b"}},
+        {"/*?", {"/a", "/abc", "/a/"}, {"/", "/a/b"}},
+        {"/?*?", {"/ab", "/abc"}, {"/a"}},
+    });
+}
+
+TEST(OSCAddressPatternMatching, QuestionMarkTakesExactlyOneCharacter) {
+    expectMatches({
+        {"/a?c", {"/abc", "/a?c", "/a-c"}, {"/ac", "/abbc"}},
+        {"/??", {"/ab"}, {"/a", "/abc"}},
+    });
+}
+
+TEST(OSCAddressPatternMatching, BracketsTakeOneCharacterFromTheirGroups) {
+    expectMatches({
+        {"/[a-c]x", {"/ax", "/bx", "/cx"}, {"/dx", "/Bx", "/x", "/abx"}},
+        {"/[!a-c]x", {"/dx", "/Ax", "/-x"}, {"/bx", "/x"}},
+        {"/[abc]", {"/a", "/c"}, {"/d", "/ab"}},
+        {"/[0-9-]", {"/0", "/5", "/-"}, {"/a", "/"}},
+        {"/[a-c-e]", {"/b", "/-", "/e"}, {"/d", "/f"}},
+        // "a--b" is the reversed range a..- and the single b.
+        {"/[a--b]", {"/b"}, {"/a", "/-", "/c"}},
+        // Deliberate: a reversed range accepts nothing.
+        {"/[z-a]", {}, {"/a", "/m", "/z"}},
+        {"/[!z-a]", {"/a", "/m"}, {}},
+        {"/ch[]", {}, {"/ch", "/chX", "/ch["}},
+        {"/ch[!]", {"/chX", "/ch!", "/ch]"}, {"/ch", "/chXY"}},
+        {"/ch/[0-9][0-9]", {"/ch/01", "/ch/99"}, {"/ch/1", "/ch/1a"}},
+    });
+    EXPECT_FALSE(Group::asciiRange("a", "\xC3\xA9").accepts("b"));
+    EXPECT_FALSE(Group::asciiRange("a", "z").accepts("\xC3\xA9"));
+    EXPECT_TRUE(Group::asciiRange("\r\n", "z").accepts("a"));
+    EXPECT_TRUE(Group::asciiRange("\t", "\r\n").accepts("\n"));
+}
+
+TEST(OSCAddressPatternMatching, BraceListsUseOnlyTheFirstPrefixAlternative) {
+    expectMatches({
+        {"/{foo,bar}", {"/foo", "/bar"}, {"/baz", "/foobar", "/fo"}},
+        {"/{foo,bar}/x", {"/bar/x"}, {"/bar/y"}},
+        {"/a{}b", {"/ab"}, {"/axb"}},
+        {"/{}/a", {"//a"}, {"/x/a"}},
+        // The set runs in byte order and only its first prefix is tried: "a" before "ab".
+        {"/{a,ab}", {"/a"}, {"/ab"}},
+        {"/{ab,a}b", {"/ab"}, {"/abb"}},
+        {"/{b,ab}", {"/ab", "/b"}, {}},
+        {"/{a,ab}*", {"/ab", "/a"}, {}},
+        // An unclosed "[" opens a brace list; a lone "[" stays literal.
+        {"/[a,b}", {"/a", "/b"}, {"/[a"}},
+        {"/x[ab", {"/x[ab"}, {"/xa"}},
+        {"/{foo", {"/{foo"}, {"/foo"}},
+    });
+}
+
+TEST(OSCAddressPatternMatching, IsCaseSensitive) {
+    expectMatches({
+        {"/abc", {"/abc"}, {"/ABC", "/Abc"}},
+        {"/a*", {"/abc"}, {"/ABC"}},
+        {"/[a-z]", {"/q"}, {"/Q"}},
+        {"/{on,off}", {"/on"}, {"/ON"}},
+    });
+}
+
+TEST(OSCAddressPatternMatching, CountsUserPerceivedCharacters) {
+    const std::string eAcute = "e\xCC\x81";                         // e + combining acute
+    const std::string thumbs = "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD";  // thumbs up, skin tone
+    const std::string flag = "\xF0\x9F\x87\xAB\xF0\x9F\x87\xB7";    // two regional indicators
+    expectMatches({
+        {"/?", {"/" + eAcute, "/" + thumbs, "/" + flag, "/\xC3\xA9"}, {"/ab", "/" + eAcute + "x"}},
+        {"/??", {"/x" + thumbs}, {"/" + thumbs, "/" + flag}},
+        // "e" is not a prefix of the one character e + acute.
+        {"/e*", {"/e", "/ex"}, {"/" + eAcute, "/" + eAcute + "x"}},
+        {"/[!e]", {"/" + eAcute}, {"/e"}},
+        {"/a*z", {"/a" + thumbs + flag + "z"}, {"/a" + thumbs}},
+        // A slash with a combining mark is not a separator.
+        {"/*",
+         {"/a/\xCC\x81"
+          "b"},
+         {"/a/b"}},
+    });
+    // CR LF is one character on both sides.
+    expectMatches({
+        {"/?", {"/\r\n", "/\r", "/\n"}, {"/\n\r"}},
+        {"/??", {"/\n\r", "/a\r\n"}, {"/\r\n"}},
+        {"/a\r\n", {"/a\r\n"}, {"/a\r", "/a\n"}},
+        {"/a\r\n*", {"/a\r\nb"}, {"/a\rb"}},
+        {"/[\r\n]", {"/\r\n"}, {"/\r", "/\n"}},
+        {"/[\t-\r\n]", {"/\n", "/\r\n", "/\t"}, {"/\r"}},
+    });
+}
+
+TEST(OSCAddressPatternMatching, MatchComponentAgreesForTextAndSlices) {
+    const auto tokens = Pattern::tokens("a*[0-9]{x,y}");
+    for (const std::string component : {"a1x", "abc9y", "a1z", "", "a9"}) {
+        std::vector<std::uint32_t> storage;
+        const auto view = CharacterView::segment("/" + component + "/", storage);
+        EXPECT_EQ(Pattern::matchComponent(component, tokens),
+                  Pattern::matchComponent(view.slice(1, view.size() - 1), tokens))
+            << component;
+    }
+    EXPECT_TRUE(Pattern::matchComponent("", {}));
+    EXPECT_FALSE(Pattern::matchComponent("a", {}));
+    EXPECT_TRUE(Pattern::matchComponent("", Pattern::tokens("*")));
+    EXPECT_FALSE(Pattern::matchComponent("ab", Pattern::tokens("a")));
+}
+
+TEST(OSCAddressPatternMatching, ManyStarsStayPolynomial) {
+    const std::string as(64, 'a');
+    const Pattern pattern("/*a*a*a*a*a*b");
+    EXPECT_FALSE(pattern.matches("/" + as));
+    EXPECT_TRUE(pattern.matches("/" + as + "b"));
+    EXPECT_TRUE(pattern.matches("/aaaaab"));
+    EXPECT_FALSE(pattern.matches("/aaaab"));
+    const Pattern longer("/*?*?*?*?*?*?*?*?*?*?*x");
+    EXPECT_FALSE(longer.matches("/" + std::string(200, 'y')));
+}
+
+}  // namespace
+}  // namespace kavrin

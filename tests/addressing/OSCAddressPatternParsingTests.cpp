@@ -1,0 +1,202 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "osc/addressing/LossyASCII.hpp"
+#include "osc/addressing/OSCAddressPattern.hpp"
+
+namespace kavrin {
+namespace {
+
+using Pattern = OSCAddressPattern;
+using Token = OSCAddressPattern::Token;
+using Group = OSCAddressPattern::CharacterGroup;
+
+std::vector<std::string> strings(const std::vector<std::string_view>& views) {
+    return {views.begin(), views.end()};
+}
+
+TEST(OSCAddressPatternConstruction, KeepsASCIIAndConvertsTheRestLossily) {
+    struct Case {
+        std::string text;
+        std::string rawAddress;
+    };
+    const std::vector<Case> cases = {
+        {"/eos/ping", "/eos/ping"},
+        {"", ""},
+        // Pure ASCII is kept as it is, controls and CR LF included.
+        {"/a\tb\r\n", "/a\tb\r\n"},
+        {std::string("/a\0b", 4), std::string("/a\0b", 4)},
+        // Latin letters lose their accents; the tab goes with the rest of the non-printables.
+        {"/caf\xC3\xA9/\xC3\x85ngstr\xC3\xB6m\t", "/cafe/Angstrom"},
+        {"/e\xCC\x81", "/e"},  // e + combining acute
+        {"/\xC3\x9F", "/ss"},
+        // Scripts that Latin-ASCII leaves alone are dropped, as are emoji.
+        {"/\xE6\x97\xA5\xE6\x9C\xAC/x", "//x"},
+        {"/\xF0\x9F\x91\x8D", "/"},
+        // Invalid UTF-8 never fails.
+        {"/a\xFF\xC3", "/a"},
+    };
+    for (const auto& c : cases) {
+        const Pattern pattern(c.text);
+        EXPECT_EQ(pattern.rawAddress(), c.rawAddress) << c.text;
+        EXPECT_EQ(pattern.description(), c.rawAddress);
+        EXPECT_EQ(std::string(pattern.rawData().begin(), pattern.rawData().end()), c.rawAddress);
+    }
+    EXPECT_EQ(Pattern().rawAddress(), "");
+    EXPECT_EQ(Pattern(static_cast<const char*>(nullptr)).rawAddress(), "");
+}
+
+TEST(OSCAddressPatternConstruction, LossyASCIIDropsEverythingOutsidePrintableASCII) {
+    EXPECT_EQ(lossyASCII("plain text ~"), "plain text ~");
+    EXPECT_EQ(lossyASCII("\xC3\xA9t\xC3\xA9\n"), "ete");
+    EXPECT_EQ(lossyASCII("tab\there\x7F"), "tabhere");
+    EXPECT_EQ(lossyASCII("\xE2\x80\x9Cquoted\xE2\x80\x9D"), "\"quoted\"");
+    EXPECT_EQ(lossyASCII(""), "");
+}
+
+TEST(OSCAddressPatternConstruction, EqualityAndHashFollowTheASCIIText) {
+    const std::hash<Pattern> hash;
+    EXPECT_EQ(Pattern("/caf\xC3\xA9"), Pattern("/cafe"));
+    EXPECT_EQ(hash(Pattern("/caf\xC3\xA9")), hash(Pattern("/cafe")));
+    EXPECT_NE(Pattern("/a"), Pattern("/A"));
+    EXPECT_NE(Pattern("/a"), Pattern("/a/"));
+    std::unordered_set<Pattern> set = {"/a", "/b", "/a"};
+    EXPECT_EQ(set.size(), 2u);
+}
+
+TEST(OSCAddressPatternParsing, PathComponentsStripOneSlashAtEachEnd) {
+    struct Case {
+        std::string text;
+        std::vector<std::string> components;
+    };
+    const std::vector<Case> cases = {
+        {"", {}},
+        {"/", {}},
+        {"//", {}},
+        {"/a/", {"a"}},
+        {"a", {"a"}},
+        {"a/b", {"a", "b"}},
+        {"/a//b", {"a", "", "b"}},
+        {"//a", {"", "a"}},
+        {"/a/b//", {"a", "b", ""}},
+        {"///", {"", ""}},
+        {"/*/[a-z]/{x,y}", {"*", "[a-z]", "{x,y}"}},
+        // A slash with a combining mark is one character, not a separator.
+        {"/a/\xCC\x81"
+         "b",
+         {"a/\xCC\x81"
+          "b"}},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(strings(Pattern::pathComponents(c.text)), c.components) << c.text;
+    }
+}
+
+TEST(OSCAddressPatternParsing, TokensSplitLiteralsAndWildcards) {
+    const auto literal = Token::literal;
+    const auto star = Token::zeroOrMoreWildcard();
+    const auto question = Token::singleCharWildcard();
+    struct Case {
+        std::string component;
+        std::vector<Token> tokens;
+    };
+    const std::vector<Case> cases = {
+        {"", {}},
+        {"abc", {literal("abc")}},
+        {"**x", {star, literal("x")}},
+        {"a***", {literal("a"), star}},
+        {"*?*", {star, question, star}},
+        {"??", {question, question}},
+        {"ab[cd]ef",
+         {literal("ab"), Token::singleChar(false, {Group::single("c"), Group::single("d")}),
+          literal("ef")}},
+        {"[]", {Token::singleChar(false, {})}},
+        {"[!]", {Token::singleChar(true, {})}},
+        {"[]]", {Token::singleChar(false, {}), literal("]")}},
+        {"x[ab", {literal("x[ab")}},
+        {"{foo,bar}", {Token::strings({"foo", "bar"})}},
+        {"{foo", {literal("{foo")}},
+        {"{foo,bar,foo}", {Token::strings({"bar", "foo"})}},
+        {"{a,,b}", {Token::strings({"a", "b"})}},
+        {"{}", {Token::strings({})}},
+        {"{,}", {Token::strings({})}},
+        {"{a}}", {Token::strings({"a"}), literal("}")}},
+        {"{a,[b]}", {Token::strings({"a", "[b]"})}},
+        // An unclosed "[" is read as the opening of a brace list.
+        {"[a,b}", {Token::strings({"a", "b"})}},
+        {"x[a-z}y", {literal("x"), Token::strings({"a-z"}), literal("y")}},
+        {"[}", {Token::strings({})}},
+        // Unmatched closers and the other specials are literal.
+        {"a]b}c!-,", {literal("a]b}c!-,")}},
+        {"a*b?c", {literal("a"), star, literal("b"), question, literal("c")}},
+        {"[a]*[b]",
+         {Token::singleChar(false, {Group::single("a")}), star,
+          Token::singleChar(false, {Group::single("b")})}},
+        // CR LF is one character inside a bracket.
+        {"[\r\n]", {Token::singleChar(false, {Group::single("\r\n")})}},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Pattern::tokens(c.component), c.tokens) << c.component;
+    }
+    EXPECT_EQ(Pattern::components("/a//*"),
+              (std::vector<Pattern::Component>{{{literal("a")}}, {}, {{star}}}));
+}
+
+TEST(OSCAddressPatternParsing, CharacterGroupsReadRangesDashesAndExclusion) {
+    const auto single = Group::single;
+    const auto range = Group::asciiRange;
+    struct Case {
+        std::string contents;
+        bool isExclusion;
+        std::set<Group> groups;
+    };
+    const std::vector<Case> cases = {
+        {"", false, {}},
+        {"!", true, {}},
+        {"abc", false, {single("a"), single("b"), single("c")}},
+        {"aab", false, {single("a"), single("b")}},
+        {"!abc", true, {single("a"), single("b"), single("c")}},
+        {"a-z", false, {range("a", "z")}},
+        {"!a-z", true, {range("a", "z")}},
+        {"-a", false, {single("-"), single("a")}},
+        {"a-", false, {single("-"), single("a")}},
+        {"-", false, {single("-")}},
+        {"!-", true, {single("-")}},
+        {"a-c-e", false, {range("a", "c"), single("-"), single("e")}},
+        {"a--b", false, {range("a", "-"), single("b")}},
+        {"0-9-", false, {range("0", "9"), single("-")}},
+        {"xa-c", false, {single("x"), range("a", "c")}},
+        {"a-cx-z", false, {range("a", "c"), range("x", "z")}},
+        {"z-a", false, {range("z", "a")}},
+        {"!!", true, {single("!")}},
+        {"\r\n-z", false, {range("\r\n", "z")}},
+        {"\xC3\xA9-z", false, {range("\xC3\xA9", "z")}},
+    };
+    for (const auto& c : cases) {
+        const auto [isExclusion, groups] = Pattern::characterGroups(c.contents);
+        EXPECT_EQ(isExclusion, c.isExclusion) << c.contents;
+        EXPECT_EQ(groups, c.groups) << c.contents;
+    }
+}
+
+TEST(OSCAddressPatternParsing, TokensAndGroupsHashByKindThenPayload) {
+    const std::hash<Token> tokenHash;
+    const std::hash<Group> groupHash;
+    EXPECT_EQ(tokenHash(Token::literal("ab")), tokenHash(Pattern::tokens("ab")[0]));
+    EXPECT_NE(tokenHash(Token::literal("ab")), tokenHash(Token::literal("ba")));
+    EXPECT_NE(tokenHash(Token::zeroOrMoreWildcard()), tokenHash(Token::singleCharWildcard()));
+    EXPECT_NE(tokenHash(Token::singleChar(false, {Group::single("a")})),
+              tokenHash(Token::singleChar(true, {Group::single("a")})));
+    EXPECT_EQ(tokenHash(Token::strings({"b", "a"})), tokenHash(Token::strings({"a", "b"})));
+    EXPECT_NE(groupHash(Group::single("a")), groupHash(Group::asciiRange("a", "")));
+    EXPECT_NE(groupHash(Group::asciiRange("a", "b")), groupHash(Group::asciiRange("a", "c")));
+    std::unordered_set<Token> tokens = {Token::literal("x"), Token::literal("x"),
+                                        Token::zeroOrMoreWildcard()};
+    EXPECT_EQ(tokens.size(), 2u);
+}
+
+}  // namespace
+}  // namespace kavrin
