@@ -1,0 +1,73 @@
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "osc/addressing/OSCCompiledPattern.hpp"
+
+namespace kavrin {
+namespace {
+
+void expectSameAnswers(const std::string& pattern, const std::string& address) {
+    const OSCAddressPattern plain(pattern);
+    const OSCCompiledPattern compiled(plain);
+    EXPECT_EQ(compiled.matches(address), plain.matches(address))
+        << "pattern " << pattern << " address " << address;
+}
+
+TEST(OSCCompiledPattern, AnswersLikeTheUncompiledPatternOverATable) {
+    // clang-format off
+    const std::vector<std::string> patterns = {
+        "", "/", "/a", "/a/*", "/a/*/c", "//a", "/a//b", "/a/b/", "/x*y", "/*b*", "/*ab*ab",
+        "/a?c", "/[a-c]x", "/[!a-c]x", "/[0-9-]", "/[z-a]", "/[a--b]", "/ch[]", "/ch[!]",
+        "/{foo,bar}", "/a{}b", "/{}/a", "/{a,ab}", "/{ab,a}b", "/[a,b}", "/x[ab", "/{foo",
+        "/ch/[0-9]*/{gain,mute}", "/mixer/*/fader/*", "/*a*a*a*a*a*b", "/a\r\n", "/[\r\n]",
+        "/?", "/??", "/e*", "/**", "/*?"};
+    const std::vector<std::string> addresses = {
+        "", "/", "//", "/a", "a", "/a/", "/a/b", "/a/b/", "/a//c", "/a/b/c", "//a", "/a//b",
+        "/xy", "/xaby", "/xya", "/abc", "/b", "/ac", "/abab", "/xabyab", "/bx", "/dx", "/-",
+        "/5", "/m", "/chX", "/ch", "/foo", "/bar", "/baz", "/ab", "/abb", "/x[ab", "/{foo",
+        "/ch/12/gain", "/ch/x/mute", "/ch/1/pan", "/mixer/ch12/fader/level", "/aaaaab",
+        "/aaaa", "/a\r\n", "/\r\n", "/\r", "/e\xCC\x81", "/\xC3\xA9", "/a/\xCC\x81" "b", "/ABC"};
+    // clang-format on
+    for (const auto& pattern : patterns) {
+        for (const auto& address : addresses) expectSameAnswers(pattern, address);
+    }
+}
+
+TEST(OSCCompiledPattern, AnswersLikeTheUncompiledPatternOnRandomInput) {
+    // Small alphabets and short texts make collisions between wildcards and text likely;
+    // component counts are covered by the table above.
+    const std::string patternAlphabet = "aabb**?[]!-{},\r\n";
+    const std::vector<std::string> addressAlphabet = {
+        "a", "b", "a", "b", "a", "b", "-", ",", "\r", "\n", "\r\n", "\xC3\xA9", "e\xCC\x81"};
+    std::mt19937 generator(20240229);
+    const auto randomText = [&](std::size_t maxLength, auto pick) {
+        std::string text;
+        const std::size_t length = generator() % (maxLength + 1);
+        for (std::size_t i = 0; i < length; ++i) text += pick();
+        return text;
+    };
+    for (int round = 0; round < 3000; ++round) {
+        const std::string pattern =
+            "/" + randomText(6, [&] {
+                return std::string(1, patternAlphabet[generator() % patternAlphabet.size()]);
+            });
+        for (int i = 0; i < 8; ++i) {
+            const std::string address =
+                "/" + randomText(
+                          8, [&] { return addressAlphabet[generator() % addressAlphabet.size()]; });
+            expectSameAnswers(pattern, address);
+        }
+    }
+}
+
+TEST(OSCCompiledPattern, StaysFastOnManyStars) {
+    const OSCCompiledPattern pattern(OSCAddressPattern("/*a*a*a*a*a*b"));
+    EXPECT_FALSE(pattern.matches("/" + std::string(2000, 'a')));
+    EXPECT_TRUE(pattern.matches("/" + std::string(2000, 'a') + "b"));
+}
+
+}  // namespace
+}  // namespace kavrin
