@@ -1,0 +1,314 @@
+#pragma once
+
+#include <any>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "osc/transport/SocketAddress.hpp"
+#include "osc/transport/UdpSocketError.hpp"
+
+namespace kavrin {
+
+class DispatchQueue;
+class SerialQueue;
+class ReadinessSource;
+class TimerSource;
+class UdpSocket;
+class UdpSendPacket;
+class UdpSpecialPacket;
+
+/// Receives a UdpSocket's reports. Every operation is optional (the defaults do nothing) and is
+/// always called asynchronously on the socket's delegate queue, never from inside a socket call.
+/// The socket holds its delegate weakly.
+class UdpSocketDelegate {
+  public:
+    virtual ~UdpSocketDelegate() = default;
+
+    virtual void udpSocketDidConnectToAddress(UdpSocket& /*sock*/,
+                                              const SocketAddress& /*address*/) {}
+    virtual void udpSocketDidNotConnect(UdpSocket& /*sock*/, const UdpSocketError& /*error*/) {}
+    virtual void udpSocketDidSendDataWithTag(UdpSocket& /*sock*/, std::int64_t /*tag*/) {}
+    virtual void udpSocketDidNotSendDataWithTag(UdpSocket& /*sock*/, std::int64_t /*tag*/,
+                                                const UdpSocketError& /*error*/) {}
+    /// data is the datagram, handed over (the receiver owns it); filterContext is what the
+    /// receive filter stored, empty without a filter.
+    virtual void udpSocketDidReceiveData(UdpSocket& /*sock*/, std::vector<std::uint8_t> /*data*/,
+                                         const SocketAddress& /*address*/,
+                                         const std::any& /*filterContext*/) {}
+    /// error is empty for a plain close.
+    virtual void udpSocketDidClose(UdpSocket& /*sock*/,
+                                   const std::optional<UdpSocketError>& /*error*/) {}
+};
+
+/// An asynchronous UDP socket over up to two descriptors (IPv4 and IPv6), created lazily.
+///
+/// Threads: every public operation may be called from any thread, including from the delegate
+/// queue. All work runs on one private serial socket queue (synchronous operations hop there and
+/// wait, or run inline when already on it); names are resolved on the global queue; delegate
+/// operations are posted to the delegate queue; filters run on their own queues.
+/// Owned by std::shared_ptr (create()); work in flight keeps the socket alive until it has run.
+class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
+  public:
+    /// Decides whether a datagram is delivered; may store a context for the delegate.
+    /// Runs on the filter queue; data is valid only during the call.
+    using ReceiveFilter = std::function<bool(const std::vector<std::uint8_t>& data,
+                                             const SocketAddress& address, std::any& context)>;
+    /// Decides whether a datagram is transmitted. A false result still reports it as sent.
+    using SendFilter = std::function<bool(const std::vector<std::uint8_t>& data,
+                                          const SocketAddress& address, std::int64_t tag)>;
+
+    /// socketQueue must be a SerialQueue and never a global (concurrent) queue; without one
+    /// the socket makes its own queue labelled "UdpSocket".
+    static std::shared_ptr<UdpSocket> create(std::weak_ptr<UdpSocketDelegate> delegate = {},
+                                             std::shared_ptr<DispatchQueue> delegateQueue = nullptr,
+                                             std::shared_ptr<DispatchQueue> socketQueue = nullptr);
+    static std::shared_ptr<UdpSocket> create(std::shared_ptr<DispatchQueue> socketQueue);
+
+    /// Closes without error (no didClose report: the socket is gone by then).
+    ~UdpSocket();
+    UdpSocket(const UdpSocket&) = delete;
+    UdpSocket& operator=(const UdpSocket&) = delete;
+
+    // Delegate. The plain setters apply asynchronously when called off the socket queue.
+    std::weak_ptr<UdpSocketDelegate> delegate() const;
+    void setDelegate(std::weak_ptr<UdpSocketDelegate> delegate);
+    void synchronouslySetDelegate(std::weak_ptr<UdpSocketDelegate> delegate);
+    std::shared_ptr<DispatchQueue> delegateQueue() const;
+    void setDelegateQueue(std::shared_ptr<DispatchQueue> delegateQueue);
+    void synchronouslySetDelegateQueue(std::shared_ptr<DispatchQueue> delegateQueue);
+    void getDelegate(std::weak_ptr<UdpSocketDelegate>* delegate,
+                     std::shared_ptr<DispatchQueue>* delegateQueue) const;
+    void setDelegate(std::weak_ptr<UdpSocketDelegate> delegate,
+                     std::shared_ptr<DispatchQueue> delegateQueue);
+    void synchronouslySetDelegate(std::weak_ptr<UdpSocketDelegate> delegate,
+                                  std::shared_ptr<DispatchQueue> delegateQueue);
+
+    // Configuration.
+    bool isIPv4Enabled() const;
+    void setIPv4Enabled(bool flag);
+    bool isIPv6Enabled() const;
+    void setIPv6Enabled(bool flag);
+    bool isIPv4Preferred() const;
+    bool isIPv6Preferred() const;
+    bool isIPVersionNeutral() const;
+    void setPreferIPv4();
+    void setPreferIPv6();
+    void setIPVersionNeutral();
+
+    std::uint16_t maxReceiveIPv4BufferSize() const;
+    void setMaxReceiveIPv4BufferSize(std::uint16_t max);
+    std::uint32_t maxReceiveIPv6BufferSize() const;
+    void setMaxReceiveIPv6BufferSize(std::uint32_t max);
+    std::uint16_t maxSendBufferSize() const;
+    void setMaxSendBufferSize(std::uint16_t max);
+
+    std::any userData() const;
+    void setUserData(std::any userData);
+
+    /// Creates the descriptors if needed, then sets SO_REUSEPORT on them.
+    bool enableReusePort(bool flag, UdpSocketError* error = nullptr);
+    /// Creates the descriptors if needed, then sets SO_BROADCAST on the IPv4 one.
+    bool enableBroadcast(bool flag, UdpSocketError* error = nullptr);
+
+    // Binding and connecting. interface: a name ("eth0"), "localhost"/"loopback", or a numeric
+    // address; none means the wildcard address of each family.
+    bool bindToPort(std::uint16_t port, UdpSocketError* error = nullptr);
+    bool bindToPort(std::uint16_t port, const std::optional<std::string>& interface,
+                    UdpSocketError* error = nullptr);
+    bool bindToAddress(const SocketAddress& address, UdpSocketError* error = nullptr);
+    /// The outcome is reported by udpSocketDidConnectToAddress or udpSocketDidNotConnect.
+    /// An empty host counts as missing.
+    bool connectToHost(const std::string& host, std::uint16_t port,
+                       UdpSocketError* error = nullptr);
+    bool connectToAddress(const SocketAddress& address, UdpSocketError* error = nullptr);
+
+    // Multicast. group and interface are numeric addresses (interface also by name).
+    bool joinMulticastGroup(const std::string& group, UdpSocketError* error = nullptr);
+    bool joinMulticastGroup(const std::string& group, const std::optional<std::string>& interface,
+                            UdpSocketError* error = nullptr);
+    bool leaveMulticastGroup(const std::string& group, UdpSocketError* error = nullptr);
+    bool leaveMulticastGroup(const std::string& group, const std::optional<std::string>& interface,
+                             UdpSocketError* error = nullptr);
+    bool sendIPv4MulticastOnInterface(const std::string& interface,
+                                      UdpSocketError* error = nullptr);
+    bool sendIPv6MulticastOnInterface(const std::string& interface,
+                                      UdpSocketError* error = nullptr);
+
+    // Sending. Each call returns at once and takes the bytes over (move them in); the outcome is
+    // reported with the tag by udpSocketDidSendDataWithTag / udpSocketDidNotSendDataWithTag.
+    // An empty datagram is ignored without a report. timeout in seconds, negative for none.
+    void sendData(std::vector<std::uint8_t> data, const std::string& host, std::uint16_t port,
+                  double timeout, std::int64_t tag);
+    void sendData(std::vector<std::uint8_t> data, const SocketAddress& address, double timeout,
+                  std::int64_t tag);
+    /// Connected sockets only.
+    void sendData(std::vector<std::uint8_t> data, double timeout, std::int64_t tag);
+    void sendData(std::vector<std::uint8_t> data, std::int64_t tag);  ///< no timeout
+
+    /// A null filter removes it; a filter without a queue stops the program.
+    void setSendFilter(SendFilter filter, std::shared_ptr<DispatchQueue> queue);  ///< async
+    void setSendFilter(SendFilter filter, std::shared_ptr<DispatchQueue> queue,
+                       bool isAsynchronous);
+
+    // Receiving. Datagrams are reported by udpSocketDidReceiveData.
+    bool receiveOnce(UdpSocketError* error = nullptr);
+    bool beginReceiving(UdpSocketError* error = nullptr);
+    void pauseReceiving();
+    void setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQueue> queue);  ///< async
+    void setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQueue> queue,
+                          bool isAsynchronous);
+
+    // Closing. close is synchronous; closeAfterSending closes once the send queue is empty.
+    void close();
+    void closeAfterSending();
+
+    // Inspection. Local values come from getsockname and are cached until the socket closes.
+    SocketAddress localAddress() const;
+    std::string localHost() const;
+    std::uint16_t localPort() const;
+    SocketAddress localAddressIPv4() const;
+    std::string localHostIPv4() const;
+    std::uint16_t localPortIPv4() const;
+    SocketAddress localAddressIPv6() const;
+    std::string localHostIPv6() const;
+    std::uint16_t localPortIPv6() const;
+    SocketAddress connectedAddress() const;
+    std::string connectedHost() const;
+    std::uint16_t connectedPort() const;
+    bool isConnected() const;
+    bool isClosed() const;
+    bool isIPv4() const;
+    bool isIPv6() const;
+    /// The only descriptor, or -1 when there are none or two.
+    int socketFD() const;
+    int socket4FD() const;
+    int socket6FD() const;
+
+    /// Runs block on the socket queue and waits for it (inline when already there).
+    void performBlock(const std::function<void()>& block) const;
+    /// Mark a queue that runs work "as" the socket queue, so calls from it run inline.
+    void markSocketQueueTargetQueue(SerialQueue& queue);
+    void unmarkSocketQueueTargetQueue(SerialQueue& queue);
+
+    // Address blob helpers (host as numeric text, port in host order).
+    static std::string hostFromAddress(const SocketAddress& address);
+    static std::uint16_t portFromAddress(const SocketAddress& address);
+    static int familyFromAddress(const SocketAddress& address);
+    static bool isIPv4Address(const SocketAddress& address);
+    static bool isIPv6Address(const SocketAddress& address);
+    static bool getHost(std::string* host, std::uint16_t* port, const SocketAddress& address);
+    static bool getHost(std::string* host, std::uint16_t* port, int* family,
+                        const SocketAddress& address);
+
+  private:
+    struct Private {};
+    struct Family;
+
+  public:
+    UdpSocket(Private, std::weak_ptr<UdpSocketDelegate> delegate,
+              std::shared_ptr<DispatchQueue> delegateQueue,
+              std::shared_ptr<SerialQueue> socketQueue);  // use create()
+
+  private:
+    using Packet = std::variant<std::shared_ptr<UdpSendPacket>, std::shared_ptr<UdpSpecialPacket>>;
+    using ResolveCompletion =
+        std::function<void(std::vector<SocketAddress> addresses, std::optional<UdpSocketError>)>;
+
+    bool onSocketQueue() const;
+    void runSync(const std::function<void()>& work) const;
+    void runAsync(std::function<void()> work);
+    template <class F>
+    void notifyDelegate(F&& call);
+    bool preCheck(UdpSocketError* error) const;
+
+    // Descriptors and their sources.
+    bool createSockets(bool useIPv4, bool useIPv6, UdpSocketError* error);
+    int createSocket(int domain, UdpSocketError* error);
+    void setupSources(Family& f, bool isIPv4);
+    void closeSocket(Family& f, bool isIPv4);
+    void closeWithError(std::optional<UdpSocketError> error);
+    void suspendSendSource(Family& f);
+    void resumeSendSource(Family& f);
+    void suspendReceiveSource(Family& f);
+    void resumeReceiveSource(Family& f);
+    void suspendReceiveSources();
+    void resumeReceiveSources();
+    void onWritable(bool isIPv4);
+    void onReadable(bool isIPv4);
+
+    // Addresses.
+    std::pair<SocketAddress, SocketAddress> convertInterface(
+        const std::optional<std::string>& interface, std::uint16_t port) const;
+    void asyncResolveHost(const std::string& host, std::uint16_t port,
+                          ResolveCompletion completion);
+    bool getAddress(SocketAddress* address, int* family, UdpSocketError* error,
+                    const std::vector<SocketAddress>& addresses) const;
+    void cacheLocalAddress(bool isIPv4) const;
+    bool changeMulticastMembership(const std::string& group,
+                                   const std::optional<std::string>& interface, bool join,
+                                   UdpSocketError* error);
+    bool sendMulticastOnInterface(const std::string& interface, bool isIPv4, UdpSocketError* error);
+
+    // Sending.
+    void enqueue(Packet packet);
+    void maybeDequeueSend();
+    void doPreSend();
+    void doSend();
+    void endCurrentSend();
+    void notifyDidSend(std::int64_t tag);
+    void notifyDidNotSend(std::int64_t tag, const UdpSocketError& error);
+    void setupSendTimer(double timeout);
+    void maybeConnect();
+
+    // Receiving.
+    bool setReceiving(bool continuous, UdpSocketError* error);
+    void doReceive();
+    bool receiveOne();  // true when the receive step should run again
+    void deliver(std::vector<std::uint8_t> data, const SocketAddress& address, std::any context);
+
+    struct Family {
+        int fd = -1;
+        std::shared_ptr<ReadinessSource> sendSource;
+        std::shared_ptr<ReadinessSource> receiveSource;
+        std::uint64_t bytesAvailable = 0;
+        std::vector<std::uint8_t> scratch;  // reused receive buffer
+        mutable SocketAddress cachedLocalAddress;
+        mutable std::string cachedLocalHost;
+        mutable std::uint16_t cachedLocalPort = 0;
+    };
+
+    std::weak_ptr<UdpSocketDelegate> delegate_;
+    std::shared_ptr<DispatchQueue> delegateQueue_;
+    ReceiveFilter receiveFilter_;
+    std::shared_ptr<DispatchQueue> receiveFilterQueue_;
+    bool receiveFilterAsync_ = false;
+    SendFilter sendFilter_;
+    std::shared_ptr<DispatchQueue> sendFilterQueue_;
+    bool sendFilterAsync_ = false;
+    std::uint32_t flags_ = 0;
+    std::uint16_t config_ = 0;
+    std::uint16_t max4ReceiveSize_ = 65535;
+    std::uint32_t max6ReceiveSize_ = 65535;
+    std::uint16_t maxSendSize_ = 65535;
+    Family socket4_;
+    Family socket6_;
+    std::shared_ptr<SerialQueue> socketQueue_;
+    std::shared_ptr<TimerSource> sendTimer_;
+    std::shared_ptr<UdpSendPacket> currentSend_;
+    std::shared_ptr<UdpSpecialPacket> currentSpecial_;
+    std::deque<Packet> sendQueue_;
+    std::uint32_t pendingFilterOperations_ = 0;
+    SocketAddress cachedConnectedAddress_;
+    std::string cachedConnectedHost_;
+    std::uint16_t cachedConnectedPort_ = 0;
+    int cachedConnectedFamily_ = 0;
+    std::any userData_;
+};
+
+}  // namespace kavrin
