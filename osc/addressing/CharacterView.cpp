@@ -1,5 +1,6 @@
 #include "osc/addressing/CharacterView.hpp"
 
+#include <cstring>
 #include <memory>
 
 #include <unicode/brkiter.h>
@@ -87,10 +88,31 @@ void graphemeBoundaries(std::string_view text, std::vector<std::uint32_t>& bound
 }  // namespace
 
 bool CharacterView::isOneBytePerCharacter(std::string_view text) {
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
+    // Eight bytes at a time (the last word zero-filled): only a byte with its top bit set or
+    // a CR needs a closer look.
+    constexpr std::uint64_t ones = 0x0101010101010101ULL;
+    constexpr std::uint64_t highBits = 0x8080808080808080ULL;
+    const auto suspicious = [](std::uint64_t word) {
+        const std::uint64_t carriageReturns = word ^ (ones * '\r');
+        return ((word | ((carriageReturns - ones) & ~carriageReturns)) & highBits) != 0;
+    };
+    bool clean = true;
+    std::size_t i = 0;
+    for (; i + 8 <= text.size() && clean; i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, text.data() + i, 8);
+        clean = !suspicious(word);
+    }
+    if (clean && i < text.size()) {
+        std::uint64_t word = 0;
+        std::memcpy(&word, text.data() + i, text.size() - i);
+        clean = !suspicious(word);
+    }
+    if (clean) return true;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
         if (byte >= 0x80) return false;
-        if (byte == '\n' && i > 0 && text[i - 1] == '\r') return false;
+        if (byte == '\r' && at + 1 < text.size() && text[at + 1] == '\n') return false;
     }
     return true;
 }

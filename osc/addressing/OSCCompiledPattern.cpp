@@ -9,17 +9,36 @@ namespace kavrin {
 
 using Token = OSCAddressPattern::Token;
 
+namespace {
+
+// Short texts compare faster in a loop than through a library call.
+bool hasPrefix(const char* text, std::size_t length, const std::string& prefix) {
+    if (prefix.size() > length) return false;
+    for (std::size_t i = 0; i < prefix.size(); ++i) {
+        if (text[i] != prefix[i]) return false;
+    }
+    return true;
+}
+
+bool equals(std::string_view text, const std::string& other) {
+    return text.size() == other.size() && hasPrefix(text.data(), text.size(), other);
+}
+
+}  // namespace
+
 // The backtracking search of OSCAddressPattern::matchComponent over bytes: each level fixes
-// its start, a star tries lengths shortest first, every other step has one way of matching.
+// its start, a star tries lengths shortest first, every other step has one way of matching
+// and so needs no level of its own.
 class OSCCompiledPattern::ByteSearch {
   public:
     ByteSearch(const Part& part, std::string_view component)
-        : steps_(part.steps),
-          component_(component),
+        : steps_(part.steps.data()),
+          count_(part.steps.size()),
+          text_(component.data()),
           length_(component.size()),
           remembers_(part.remembersFailures) {
         if (!remembers_) return;
-        const std::size_t bits = steps_.size() * (length_ + 1);
+        const std::size_t bits = count_ * (length_ + 1);
         if (bits <= inlineBits) {
             std::memset(inline_, 0, sizeof inline_);
             failed_ = inline_;
@@ -35,22 +54,23 @@ class OSCCompiledPattern::ByteSearch {
   private:
     static constexpr std::size_t inlineBits = 1024;
 
-    // How many bytes step `i` takes at `start` in its only way of matching, or -1.
+    // How many bytes a single-way step takes at `start`, or -1.
     std::ptrdiff_t take(const Step& step, std::size_t start) const {
-        const std::string_view rest = component_.substr(start);
+        const char* rest = text_ + start;
+        const std::size_t left = length_ - start;
         switch (step.kind) {
             case Step::Kind::literal:
-                return rest.starts_with(step.literal)
+                return hasPrefix(rest, left, step.literal)
                            ? static_cast<std::ptrdiff_t>(step.literal.size())
                            : -1;
             case Step::Kind::singleCharWildcard:
-                return rest.empty() ? -1 : 1;
+                return left == 0 ? -1 : 1;
             case Step::Kind::singleChar:
-                return !rest.empty() && step.accepts[static_cast<unsigned char>(rest[0])] ? 1 : -1;
+                return left != 0 && step.accepts[static_cast<unsigned char>(rest[0])] ? 1 : -1;
             case Step::Kind::strings:
                 if (step.alternatives.empty()) return 0;
                 for (const auto& alternative : step.alternatives) {
-                    if (rest.starts_with(alternative)) {
+                    if (hasPrefix(rest, left, alternative)) {
                         return static_cast<std::ptrdiff_t>(alternative.size());
                     }
                 }
@@ -64,26 +84,32 @@ class OSCCompiledPattern::ByteSearch {
     bool tryFrom(std::size_t i, std::size_t start) {
         const std::size_t bit = i * (length_ + 1) + start;
         if (remembers_ && (failed_[bit / 64] >> (bit % 64) & 1)) return false;
-        const bool isLast = i + 1 == steps_.size();
-        const Step& step = steps_[i];
         bool found = false;
-        if (step.kind == Step::Kind::zeroOrMoreWildcard) {
-            if (isLast) return true;  // some length reaches the end
-            for (std::size_t end = start; end <= length_ && !found; ++end)
-                found = tryFrom(i + 1, end);
-        } else {
-            const std::ptrdiff_t taken = take(step, start);
-            if (taken >= 0) {
-                const std::size_t end = start + static_cast<std::size_t>(taken);
-                found = isLast ? end == length_ : tryFrom(i + 1, end);
+        for (std::size_t at = start;; ++i) {
+            const Step& step = steps_[i];
+            const bool isLast = i + 1 == count_;
+            if (step.kind == Step::Kind::zeroOrMoreWildcard) {
+                if (isLast) return true;  // some length reaches the end
+                for (std::size_t end = at; end <= length_ && !found; ++end) {
+                    found = tryFrom(i + 1, end);
+                }
+                break;
+            }
+            const std::ptrdiff_t taken = take(step, at);
+            if (taken < 0) break;
+            at += static_cast<std::size_t>(taken);
+            if (isLast) {
+                found = at == length_;
+                break;
             }
         }
         if (!found && remembers_) failed_[bit / 64] |= std::uint64_t{1} << (bit % 64);
         return found;
     }
 
-    const std::vector<Step>& steps_;
-    std::string_view component_;
+    const Step* steps_;
+    std::size_t count_;
+    const char* text_;
     std::size_t length_;
     bool remembers_;
     std::uint64_t* failed_ = nullptr;
@@ -136,11 +162,32 @@ OSCCompiledPattern::OSCCompiledPattern(OSCAddressPattern pattern)
         part.remembersFailures = stars >= 2;
         parts_.push_back(std::move(part));
     }
+    if (!parts_.empty()) {
+        std::string joined;
+        for (const auto& part : parts_) {
+            if (part.shape != Part::Shape::literal && part.shape != Part::Shape::empty) return;
+            if (&part != &parts_.front()) joined.push_back('/');
+            joined += part.literal;
+        }
+        literalPath_ = std::move(joined);
+    }
 }
+
+namespace {
+
+// The address without one leading and then one trailing "/", as pathComponents strips it.
+std::string_view strippedPath(std::string_view address) {
+    if (!address.empty() && address.front() == '/') address.remove_prefix(1);
+    if (!address.empty() && address.back() == '/') address.remove_suffix(1);
+    return address;
+}
+
+}  // namespace
 
 bool OSCCompiledPattern::matches(std::string_view address) const {
     // Same as the uncompiled form: no components, no match.
     if (parts_.empty()) return false;
+    if (literalPath_) return strippedPath(address) == *literalPath_;
     return CharacterView::isOneBytePerCharacter(address) ? matchesBytes(address)
                                                          : matchesCharacters(address);
 }
@@ -150,7 +197,7 @@ bool OSCCompiledPattern::matchPart(const Part& part, std::string_view component)
         case Part::Shape::empty:
             return component.empty();
         case Part::Shape::literal:
-            return component == part.literal;
+            return equals(component, part.literal);
         case Part::Shape::anything:
             return true;
         case Part::Shape::search:
@@ -160,22 +207,31 @@ bool OSCCompiledPattern::matchPart(const Part& part, std::string_view component)
 }
 
 bool OSCCompiledPattern::matchesBytes(std::string_view address) const {
-    // pathComponents on bytes: one leading and one trailing "/" go, then split at every "/".
-    std::size_t begin = !address.empty() && address.front() == '/' ? 1 : 0;
-    std::size_t end = address.size();
-    if (end > begin && address[end - 1] == '/') --end;
-    if (begin == end) return false;  // no components, and the pattern has some
-    const std::string_view rest = address.substr(begin, end - begin);
-    std::size_t from = 0;
+    const std::string_view path = strippedPath(address);
+    if (path.empty()) return false;  // no components, and the pattern has some
+    const char* const end = path.data() + path.size();
+    const char* begin = path.data();
     for (std::size_t i = 0; i < parts_.size(); ++i) {
-        const std::size_t slash = rest.find('/', from);
-        const bool isLast = i + 1 == parts_.size();
-        // The counts must agree: the last part takes the rest only if it holds no "/".
-        if (isLast != (slash == std::string_view::npos)) return false;
-        const std::string_view component =
-            rest.substr(from, isLast ? std::string_view::npos : slash - from);
-        if (!matchPart(parts_[i], component)) return false;
-        from = slash + 1;
+        const Part& part = parts_[i];
+        const char* slash;
+        if (part.shape == Part::Shape::literal || part.shape == Part::Shape::empty) {
+            // Plain text is compared in place: it must be followed by "/" or the end.
+            const auto left = static_cast<std::size_t>(end - begin);
+            if (!hasPrefix(begin, left, part.literal)) return false;
+            slash = begin + part.literal.size();
+            if (slash != end && *slash != '/') return false;
+        } else {
+            slash = begin;
+            while (slash != end && *slash != '/') ++slash;
+            if (part.shape == Part::Shape::search &&
+                !matchPart(part,
+                           std::string_view(begin, static_cast<std::size_t>(slash - begin)))) {
+                return false;
+            }
+        }
+        // The counts must agree: the last part takes the rest only if no "/" is left.
+        if ((i + 1 == parts_.size()) != (slash == end)) return false;
+        begin = slash + 1;
     }
     return true;
 }

@@ -2,6 +2,7 @@
 
 #include <bitset>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,6 +48,11 @@ class OSCCompiledPattern {
     OSCAddressPattern pattern_;
     std::vector<OSCAddressPattern::Component> components_;
     std::vector<Part> parts_;
+    // Set when every component is plain text: the components joined by "/". Such a pattern
+    // matches exactly the addresses that read the same once one leading and one trailing "/"
+    // are dropped (components hold no "/", and the pattern is ASCII, so this holds for
+    // non-ASCII addresses too).
+    std::optional<std::string> literalPath_;
 };
 
 }  // namespace kavrin
