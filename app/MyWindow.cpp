@@ -1,0 +1,34 @@
+#include "app/MyWindow.hpp"
+
+#include <QEvent>
+
+namespace kavrin {
+
+MyWindow::MyWindow(QWidget* window, QObject* parent) : QObject(parent), window_(window) {}
+
+void MyWindow::windowDidLoad() {
+    QWidget* window = window_;
+    if (window == nullptr) {
+        return;
+    }
+    window->setAttribute(Qt::WA_TranslucentBackground);
+    window->setWindowOpacity(0.85);
+    // A title bar with a minimise button and no close button, above normal windows.
+    Qt::WindowFlags flags = window->windowFlags();
+    flags |= Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
+             Qt::WindowMinimizeButtonHint | Qt::WindowStaysOnTopHint;
+    flags &= ~(Qt::WindowCloseButtonHint | Qt::WindowMaximizeButtonHint);
+    window->setWindowFlags(flags);
+    // Window managers may still offer to close it (a menu entry, a key): refuse that too.
+    window->installEventFilter(this);
+}
+
+bool MyWindow::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == window_ && event->type() == QEvent::Close) {
+        event->ignore();
+        return true;
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+}  // namespace kavrin

@@ -1,0 +1,192 @@
+#include "app/ViewController.hpp"
+
+#include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPalette>
+#include <QPlainTextEdit>
+#include <QTextCursor>
+#include <cstdio>
+#include <exception>
+
+#include "app/FatalError.hpp"
+#include "osc/codec/OSCMessage.hpp"
+#include "osc/codec/OSCPacket.hpp"
+#include "ui_MainWindow.h"
+
+namespace kavrin {
+namespace {
+
+constexpr auto pingInterval = std::chrono::milliseconds(2000);
+
+std::string decimal(std::int64_t value) {
+    return std::to_string(value);
+}
+
+// Ports are kept as typed (any 32-bit value may be stored); only a socket needs 0...65535.
+std::uint16_t socketPort(std::int64_t port, const char* which) {
+    if (port < 0 || port > 65535) {
+        fatalError(std::string(which) + " port " + decimal(port) + " is outside 0...65535");
+    }
+    return static_cast<std::uint16_t>(port);
+}
+
+void paint(QWidget* view, const QColor& colour) {
+    // A view that does not fill its own background has nothing to colour.
+    if (!view->autoFillBackground()) {
+        return;
+    }
+    QPalette palette = view->palette();
+    palette.setColor(QPalette::Window, colour);
+    view->setPalette(palette);
+}
+
+}  // namespace
+
+ViewController::ViewController(MonitorSettings& defaults, std::shared_ptr<DispatchQueue> mainQueue,
+                               LogLine log, QWidget* parent)
+    : QWidget(parent),
+      defaults(defaults),
+      alert(new QMessageBox(this)),
+      mainQueue(std::move(mainQueue)),
+      log(std::move(log)) {
+    Ui::MainWindow().setupUi(this);
+    timer.setInterval(pingInterval);
+    timer.setTimerType(Qt::PreciseTimer);
+    connect(&timer, &QTimer::timeout, this, &ViewController::sendPing);
+}
+
+// The server and client close their sockets as they go.
+ViewController::~ViewController() = default;
+
+template <class Widget>
+Widget* ViewController::outlet(const char* name) const {
+    auto* widget = findChild<Widget*>(QLatin1String(name));
+    if (widget == nullptr) {
+        fatalError(std::string("the layout has no outlet ") + name);
+    }
+    return widget;
+}
+
+void ViewController::viewDidLoad() {
+    MyOutIP = defaults.readString(MonitorSettings::ipKey, MonitorSettings::defaultIP);
+    outlet<QLineEdit>("IpText")->setText(MyOutIP);
+    MyOutPort = defaults.readPort(MonitorSettings::outPortKey, MonitorSettings::defaultOutPort);
+    outlet<QLineEdit>("OutPortText")->setText(QString::number(MyOutPort));
+    MyInPort = defaults.readPort(MonitorSettings::inPortKey, MonitorSettings::defaultInPort);
+    outlet<QLineEdit>("InPortText")->setText(QString::number(MyInPort));
+    MyOutMsg = defaults.readString(MonitorSettings::pingKey, MonitorSettings::defaultPing);
+    outlet<QLineEdit>("OutMsgText")->setText(MyOutMsg);
+    MyInMsg = defaults.readString(MonitorSettings::replyKey, MonitorSettings::defaultReply);
+    outlet<QLineEdit>("InMsgText")->setText(MyInMsg);
+
+    const std::uint16_t inPort = socketPort(MyInPort, "incoming");
+    oscServer =
+        OSCServer::create(inPort, nullptr, mainQueue, OSCServer::TimeTagMode::ignore, nullptr);
+    oscServer->setHandler(
+        [self = QPointer<ViewController>(this)](const OSCMessage& message, const OSCTimeTag&) {
+            if (self) {
+                self->receive(message);
+            }
+        });
+    try {
+        oscServer->start();
+    } catch (const std::exception& error) {
+        // No retry: the monitor runs on without a server and stays red.
+        log("Failed to start OSC Server on port " + decimal(MyInPort) + ": " + error.what());
+    }
+    // Printed after a failure too; deliberate.
+    log("OSC Server started on port " + decimal(MyInPort));
+
+    timer.start();
+}
+
+void ViewController::sendPing() {
+    const OSCMessage ping(OSCAddressPattern(MyOutMsg.toStdString()), {});
+    const std::uint16_t port = socketPort(MyOutPort, "outgoing");
+    try {
+        oscClient.send(OSCPacket(ping), MyOutIP.toStdString(), port);
+        log("Sent OSC ping to " + MyOutIP.toStdString() + ":" + decimal(MyOutPort) +
+            " \u2192 pattern " + MyOutMsg.toStdString());
+    } catch (const std::exception& error) {
+        log(std::string("ERROR sending ping: ") + error.what());
+    }
+
+    // The reply to this ping usually arrives after the paint, so it counts at the next tick.
+    if (OSCgood) {
+        paint(outlet<QWidget>("Background"), QColor(0x00, 0xFF, 0x00));
+        outlet<QLabel>("StatusLab")->setText(QStringLiteral("OSC IS ALIVE"));
+    } else {
+        paint(outlet<QWidget>("Background"), QColor(0xFF, 0x00, 0x00));
+        outlet<QLabel>("StatusLab")->setText(QStringLiteral("OSC IS DEAD!!!"));
+    }
+    OSCgood = false;
+}
+
+void ViewController::receive(const OSCMessage& message) {
+    log("Received OSC message: " + message.description());
+
+    const QString address = QString::fromStdString(message.addressPattern.rawAddress());
+    auto* msgView = outlet<QPlainTextEdit>("MsgView");
+    QTextCursor end(msgView->document());
+    end.movePosition(QTextCursor::End);
+    end.insertText(address + QLatin1Char('\n'), QTextCharFormat());
+    msgView->moveCursor(QTextCursor::End);
+    msgView->ensureCursorVisible();
+
+    if (addressContains(address, MyInMsg)) {
+        OSCgood = true;
+        log("Matched expected pattern '" + MyInMsg.toStdString() + "'. Setting OSCgood = true");
+    } else {
+        // An earlier match in this interval still stands.
+        log("No match for expected pattern '" + MyInMsg.toStdString() + "'. OSCgood remains false");
+    }
+}
+
+bool ViewController::addressContains(const QString& address, const QString& expected) {
+    if (expected.isEmpty()) {
+        return false;
+    }
+    return address.normalized(QString::NormalizationForm_C)
+        .contains(expected.normalized(QString::NormalizationForm_C), Qt::CaseSensitive);
+}
+
+void ViewController::stdoutLine(const std::string& line) {
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+void ViewController::ChangeIP() {
+    MyOutIP = outlet<QLineEdit>("IpText")->text();
+    defaults.writeString(MonitorSettings::ipKey, MyOutIP);
+}
+
+void ViewController::ChangeOutPort() {
+    MyOutPort =
+        defaults.writePort(MonitorSettings::outPortKey, outlet<QLineEdit>("OutPortText")->text());
+}
+
+void ViewController::ChangeInPort() {
+    MyInPort =
+        defaults.writePort(MonitorSettings::inPortKey, outlet<QLineEdit>("InPortText")->text());
+    // The running server keeps its port; the stored one is read at the next start.
+    alert->setText(QStringLiteral("Restart the App to change Port."));
+    alert->setInformativeText(
+        QStringLiteral("Incoming OSC port changes will apply after restart."));
+    alert->setStandardButtons(QMessageBox::Ok);
+    alert->setWindowModality(Qt::ApplicationModal);
+    alert->exec();
+}
+
+void ViewController::ChangeOutMsg() {
+    MyOutMsg = outlet<QLineEdit>("OutMsgText")->text();
+    defaults.writeString(MonitorSettings::pingKey, MyOutMsg);
+}
+
+void ViewController::ChangeInMsgText() {
+    MyInMsg = outlet<QLineEdit>("InMsgText")->text();
+    defaults.writeString(MonitorSettings::replyKey, MyInMsg);
+}
+
+}  // namespace kavrin
