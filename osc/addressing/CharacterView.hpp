@@ -25,7 +25,7 @@ class CharacterView {
 
     // Views any UTF-8 text. When `text` is not one byte per character its boundaries are
     // written to `storage`, which must outlive the view and not be changed while it is used.
-    // Invalid UTF-8 never fails: each bad byte becomes a character of its own.
+    // Invalid UTF-8 never fails: each ill-formed sequence becomes a character of its own.
     static CharacterView segment(std::string_view text, std::vector<std::uint32_t>& storage);
 
     std::size_t size() const { return count_; }

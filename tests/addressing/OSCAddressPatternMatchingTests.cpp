@@ -113,7 +113,8 @@ TEST(OSCAddressPatternMatching, IsCaseSensitive) {
 }
 
 TEST(OSCAddressPatternMatching, CountsUserPerceivedCharacters) {
-    const std::string eAcute = "e\xCC\x81";                         // e + combining acute
+    const std::string acute = "\xCC\x81";  // combining acute accent
+    const std::string eAcute = "e" + acute;
     const std::string thumbs = "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD";  // thumbs up, skin tone
     const std::string flag = "\xF0\x9F\x87\xAB\xF0\x9F\x87\xB7";    // two regional indicators
     expectMatches({
@@ -124,10 +125,9 @@ TEST(OSCAddressPatternMatching, CountsUserPerceivedCharacters) {
         {"/[!e]", {"/" + eAcute}, {"/e"}},
         {"/a*z", {"/a" + thumbs + flag + "z"}, {"/a" + thumbs}},
         // A slash with a combining mark is not a separator.
-        {"/*",
-         {"/a/\xCC\x81"
-          "b"},
-         {"/a/b"}},
+        {"/*", {"/a/" + acute + "b"}, {"/a/b"}},
+        // Ill-formed UTF-8 is matched, never rejected: each bad sequence is one character.
+        {"/a??", {"/a\xFF\xC3"}, {"/a\xFF"}},
     });
     // CR LF is one character on both sides.
     expectMatches({
