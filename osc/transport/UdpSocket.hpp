@@ -208,7 +208,6 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
 
   private:
     struct Private {};
-    struct Family;
 
   public:
     UdpSocket(Private, std::weak_ptr<UdpSocketDelegate> delegate,
@@ -216,72 +215,72 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
               std::shared_ptr<SerialQueue> socketQueue);  // use create()
 
   private:
+    // Everything below is touched only on the socket queue.
+    struct Family {
+        int fd = -1;
+        std::shared_ptr<ReadinessSource> sendSource;
+        std::shared_ptr<ReadinessSource> receiveSource;
+        std::uint64_t bytesAvailable = 0;   // as the read source last reported
+        std::vector<std::uint8_t> scratch;  // reused receive buffer
+        SocketAddress cachedLocalAddress;   // filled once bound
+    };
     using Packet = std::variant<std::shared_ptr<UdpSendPacket>, std::shared_ptr<UdpSpecialPacket>>;
-    using ResolveCompletion =
-        std::function<void(std::vector<SocketAddress> addresses, std::optional<UdpSocketError>)>;
+    using ResolveCompletion = std::function<void(std::vector<SocketAddress> addresses,
+                                                 std::optional<UdpSocketError> error)>;
 
     bool onSocketQueue() const;
     void runSync(const std::function<void()>& work) const;
-    void runAsync(std::function<void()> work);
+    void runSoon(std::function<void()> work);  // inline on the socket queue, else async
     template <class F>
     void notifyDelegate(F&& call);
     bool preCheck(UdpSocketError* error) const;
 
-    // Descriptors and their sources.
+    bool ensureSockets(UdpSocketError* error);
     bool createSockets(bool useIPv4, bool useIPv6, UdpSocketError* error);
     int createSocket(int domain, UdpSocketError* error);
     void setupSources(Family& f, bool isIPv4);
     void closeSocket(Family& f, bool isIPv4);
     void closeWithError(std::optional<UdpSocketError> error);
-    void suspendSendSource(Family& f);
-    void resumeSendSource(Family& f);
-    void suspendReceiveSource(Family& f);
-    void resumeReceiveSource(Family& f);
-    void suspendReceiveSources();
-    void resumeReceiveSources();
+    void suspendSendSource(bool isIPv4);
+    void resumeSendSource(bool isIPv4);
+    void suspendReceiveSource(bool isIPv4);
+    void resumeReceiveSource(bool isIPv4);
+    void suspendReceiveSourcesWithData();
     void onWritable(bool isIPv4);
     void onReadable(bool isIPv4);
 
-    // Addresses.
-    std::pair<SocketAddress, SocketAddress> convertInterface(
-        const std::optional<std::string>& interface, std::uint16_t port) const;
+    static std::pair<SocketAddress, SocketAddress> convertInterface(
+        const std::optional<std::string>& interface, std::uint16_t port);
     void asyncResolveHost(const std::string& host, std::uint16_t port,
                           ResolveCompletion completion);
     bool getAddress(SocketAddress* address, int* family, UdpSocketError* error,
                     const std::vector<SocketAddress>& addresses) const;
-    void cacheLocalAddress(bool isIPv4) const;
+    SocketAddress localAddressOf(bool isIPv4) const;
+
+    bool bindPreCheck(UdpSocketError* error) const;
+    bool bindAddresses(const SocketAddress& address4, const SocketAddress& address6,
+                       UdpSocketError* error);
+    bool connectPreCheck(UdpSocketError* error) const;
+    void maybeConnect();
+    bool connectWithAddress(const SocketAddress& address, int family, UdpSocketError* error);
     bool changeMulticastMembership(const std::string& group,
                                    const std::optional<std::string>& interface, bool join,
                                    UdpSocketError* error);
-    bool sendMulticastOnInterface(const std::string& interface, bool isIPv4, UdpSocketError* error);
 
-    // Sending.
-    void enqueue(Packet packet);
+    void enqueue(std::shared_ptr<UdpSendPacket> packet);
     void maybeDequeueSend();
     void doPreSend();
+    void finishSendFilter(bool allowed);
     void doSend();
+    void setupSendTimer(double timeout);
     void endCurrentSend();
     void notifyDidSend(std::int64_t tag);
     void notifyDidNotSend(std::int64_t tag, const UdpSocketError& error);
-    void setupSendTimer(double timeout);
-    void maybeConnect();
 
-    // Receiving.
-    bool setReceiving(bool continuous, UdpSocketError* error);
+    bool startReceiving(bool continuous, UdpSocketError* error);
     void doReceive();
-    bool receiveOne();  // true when the receive step should run again
+    bool receiveOne(bool isIPv4);  // false when the receive step stops
     void deliver(std::vector<std::uint8_t> data, const SocketAddress& address, std::any context);
-
-    struct Family {
-        int fd = -1;
-        std::shared_ptr<ReadinessSource> sendSource;
-        std::shared_ptr<ReadinessSource> receiveSource;
-        std::uint64_t bytesAvailable = 0;
-        std::vector<std::uint8_t> scratch;  // reused receive buffer
-        mutable SocketAddress cachedLocalAddress;
-        mutable std::string cachedLocalHost;
-        mutable std::uint16_t cachedLocalPort = 0;
-    };
 
     std::weak_ptr<UdpSocketDelegate> delegate_;
     std::shared_ptr<DispatchQueue> delegateQueue_;
@@ -296,12 +295,12 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     std::uint16_t max4ReceiveSize_ = 65535;
     std::uint32_t max6ReceiveSize_ = 65535;
     std::uint16_t maxSendSize_ = 65535;
-    Family socket4_;
-    Family socket6_;
+    mutable Family socket4_;  // mutable for the local-address cache
+    mutable Family socket6_;
     std::shared_ptr<SerialQueue> socketQueue_;
     std::shared_ptr<TimerSource> sendTimer_;
-    std::shared_ptr<UdpSendPacket> currentSend_;
-    std::shared_ptr<UdpSpecialPacket> currentSpecial_;
+    std::shared_ptr<UdpSendPacket> currentSend_;        // at most one of these two is set:
+    std::shared_ptr<UdpSpecialPacket> currentSpecial_;  // the head of the queue being worked on
     std::deque<Packet> sendQueue_;
     std::uint32_t pendingFilterOperations_ = 0;
     SocketAddress cachedConnectedAddress_;

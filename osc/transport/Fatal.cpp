@@ -1,0 +1,14 @@
+#include "osc/transport/Fatal.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace kavrin {
+
+void fatalError(const char* message) {
+    std::fprintf(stderr, "%s\n", message);
+    std::fflush(stderr);
+    std::abort();
+}
+
+}  // namespace kavrin

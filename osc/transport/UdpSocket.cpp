@@ -1,0 +1,1813 @@
+#include "osc/transport/UdpSocket.hpp"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <system_error>
+
+#include "osc/dispatch/GlobalQueue.hpp"
+#include "osc/dispatch/ReadinessSource.hpp"
+#include "osc/dispatch/SerialQueue.hpp"
+#include "osc/dispatch/TimerSource.hpp"
+#include "osc/transport/Fatal.hpp"
+#include "osc/transport/UdpSendPacket.hpp"
+#include "osc/transport/UdpSpecialPacket.hpp"
+
+namespace kavrin {
+
+namespace {
+
+// flags
+constexpr std::uint32_t kSocketsCreated = 0x1;
+constexpr std::uint32_t kBound = 0x2;
+constexpr std::uint32_t kConnecting = 0x4;
+constexpr std::uint32_t kConnected = 0x8;
+constexpr std::uint32_t kReceiveOnce = 0x10;
+constexpr std::uint32_t kReceiveContinuous = 0x20;
+constexpr std::uint32_t kIPv4Deactivated = 0x40;
+constexpr std::uint32_t kIPv6Deactivated = 0x80;
+constexpr std::uint32_t kSend4Suspended = 0x100;
+constexpr std::uint32_t kSend6Suspended = 0x200;
+constexpr std::uint32_t kReceive4Suspended = 0x400;
+constexpr std::uint32_t kReceive6Suspended = 0x800;
+constexpr std::uint32_t kSocket4Writable = 0x1000;
+constexpr std::uint32_t kSocket6Writable = 0x2000;
+constexpr std::uint32_t kCloseAfterSends = 0x8000;
+constexpr std::uint32_t kFlipFlop = 0x10000;
+
+// config
+constexpr std::uint16_t kIPv4Disabled = 0x1;
+constexpr std::uint16_t kIPv6Disabled = 0x2;
+constexpr std::uint16_t kPreferIPv4 = 0x4;
+constexpr std::uint16_t kPreferIPv6 = 0x8;
+
+constexpr std::uint32_t sendSuspendedBit(bool isIPv4) {
+    return isIPv4 ? kSend4Suspended : kSend6Suspended;
+}
+constexpr std::uint32_t receiveSuspendedBit(bool isIPv4) {
+    return isIPv4 ? kReceive4Suspended : kReceive6Suspended;
+}
+constexpr std::uint32_t writableBit(bool isIPv4) {
+    return isIPv4 ? kSocket4Writable : kSocket6Writable;
+}
+
+bool fail(UdpSocketError* out, UdpSocketError error) {
+    if (out) {
+        *out = std::move(error);
+    }
+    return false;
+}
+
+SocketAddress ipv4Address(in_addr address, std::uint16_t port) {
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(port);
+    sa.sin_addr = address;
+    return {&sa, sizeof sa};
+}
+
+SocketAddress ipv6Address(in6_addr address, std::uint16_t port, std::uint32_t scope = 0) {
+    sockaddr_in6 sa{};
+    sa.sin6_family = AF_INET6;
+    sa.sin6_port = htons(port);
+    sa.sin6_addr = address;
+    sa.sin6_scope_id = scope;
+    return {&sa, sizeof sa};
+}
+
+SocketAddress withPort(const sockaddr* sa, std::uint16_t port) {
+    if (sa->sa_family == AF_INET) {
+        sockaddr_in in{};
+        std::memcpy(&in, sa, sizeof in);
+        in.sin_port = htons(port);
+        return {&in, sizeof in};
+    }
+    sockaddr_in6 in6{};
+    std::memcpy(&in6, sa, sizeof in6);
+    in6.sin6_port = htons(port);
+    return {&in6, sizeof in6};
+}
+
+bool isValidIPv4(const SocketAddress& a) {
+    return a.size() >= sizeof(sockaddr_in) && a.family() == AF_INET;
+}
+bool isValidIPv6(const SocketAddress& a) {
+    return a.size() >= sizeof(sockaddr_in6) && a.family() == AF_INET6;
+}
+
+socklen_t lengthOf(const SocketAddress& a) {
+    return static_cast<socklen_t>(a.size());
+}
+const sockaddr* sockaddrOf(const SocketAddress& a) {
+    return reinterpret_cast<const sockaddr*>(a.data());
+}
+
+// Compares family, address and port only (not flow info or padding).
+bool sameEndpoint(const SocketAddress& a, const SocketAddress& b) {
+    if (isValidIPv4(a) && isValidIPv4(b)) {
+        sockaddr_in x{}, y{};
+        std::memcpy(&x, a.data(), sizeof x);
+        std::memcpy(&y, b.data(), sizeof y);
+        return x.sin_port == y.sin_port && x.sin_addr.s_addr == y.sin_addr.s_addr;
+    }
+    if (isValidIPv6(a) && isValidIPv6(b)) {
+        sockaddr_in6 x{}, y{};
+        std::memcpy(&x, a.data(), sizeof x);
+        std::memcpy(&y, b.data(), sizeof y);
+        return x.sin6_port == y.sin6_port &&
+               std::memcmp(&x.sin6_addr, &y.sin6_addr, sizeof x.sin6_addr) == 0;
+    }
+    return false;
+}
+
+// Runs a filter on its queue and waits for the verdict; inline when already on that queue.
+template <class F>
+bool runFilterAndWait(DispatchQueue& queue, F&& filter) {
+    if (queue.isCurrent()) {
+        return filter();
+    }
+    std::promise<bool> verdict;
+    auto result = verdict.get_future();
+    queue.async([&] { verdict.set_value(filter()); });
+    return result.get();
+}
+
+const char* const kNoDelegate =
+    "Attempting to use socket without a delegate. Set a delegate first.";
+const char* const kNoDelegateQueue =
+    "Attempting to use socket without a delegate queue. Set a delegate queue first.";
+const char* const kInvalidAddress = "The address param is not a valid IPv4 or IPv6 socket address.";
+const char* const kNoFilterQueue =
+    "Must provide a dispatch_queue in which to run the filter block.";
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Construction
+
+std::shared_ptr<UdpSocket> UdpSocket::create(std::weak_ptr<UdpSocketDelegate> delegate,
+                                             std::shared_ptr<DispatchQueue> delegateQueue,
+                                             std::shared_ptr<DispatchQueue> socketQueue) {
+    std::shared_ptr<SerialQueue> serial;
+    if (socketQueue) {
+        if (GlobalQueue::isGlobal(socketQueue.get())) {
+            fatalError("The given socketQueue parameter must not be a concurrent queue.");
+        }
+        serial = std::dynamic_pointer_cast<SerialQueue>(socketQueue);
+        if (!serial) {
+            fatalError("The given socketQueue parameter must be a SerialQueue.");
+        }
+    } else {
+        serial = SerialQueue::create("UdpSocket");
+    }
+    return std::make_shared<UdpSocket>(Private{}, std::move(delegate), std::move(delegateQueue),
+                                       std::move(serial));
+}
+
+std::shared_ptr<UdpSocket> UdpSocket::create(std::shared_ptr<DispatchQueue> socketQueue) {
+    return create({}, nullptr, std::move(socketQueue));
+}
+
+UdpSocket::UdpSocket(Private, std::weak_ptr<UdpSocketDelegate> delegate,
+                     std::shared_ptr<DispatchQueue> delegateQueue,
+                     std::shared_ptr<SerialQueue> socketQueue)
+    : delegate_(std::move(delegate)),
+      delegateQueue_(std::move(delegateQueue)),
+      socketQueue_(std::move(socketQueue)) {
+    // The socket's own address is the queue-specific key, so one queue can serve several
+    // sockets and each still knows when it runs on its own queue.
+    socketQueue_->setSpecific(this, this);
+}
+
+UdpSocket::~UdpSocket() {
+    runSync([this] {
+        closeWithError(std::nullopt);
+        socketQueue_->setSpecific(this, nullptr);
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Queue helpers
+
+bool UdpSocket::onSocketQueue() const {
+    return SerialQueue::getSpecific(this) == this;
+}
+
+void UdpSocket::runSync(const std::function<void()>& work) const {
+    if (onSocketQueue()) {
+        work();
+    } else {
+        socketQueue_->sync(work);
+    }
+}
+
+void UdpSocket::runSoon(std::function<void()> work) {
+    if (onSocketQueue()) {
+        work();
+    } else {
+        socketQueue_->async([self = shared_from_this(), work = std::move(work)] { work(); });
+    }
+}
+
+template <class F>
+void UdpSocket::notifyDelegate(F&& call) {
+    auto delegate = delegate_.lock();
+    auto self = weak_from_this().lock();  // none while being destroyed: nothing to report to
+    if (!delegate || !delegateQueue_ || !self) {
+        return;
+    }
+    delegateQueue_->async([self = std::move(self), delegate = std::move(delegate),
+                           call = std::forward<F>(call)]() mutable { call(*delegate, *self); });
+}
+
+bool UdpSocket::preCheck(UdpSocketError* error) const {
+    if (!delegate_.lock()) {
+        return fail(error, UdpSocketError::badConfigError(kNoDelegate));
+    }
+    if (!delegateQueue_) {
+        return fail(error, UdpSocketError::badConfigError(kNoDelegateQueue));
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Delegate
+
+std::weak_ptr<UdpSocketDelegate> UdpSocket::delegate() const {
+    std::weak_ptr<UdpSocketDelegate> result;
+    runSync([&] { result = delegate_; });
+    return result;
+}
+
+void UdpSocket::setDelegate(std::weak_ptr<UdpSocketDelegate> delegate) {
+    runSoon([this, delegate = std::move(delegate)] { delegate_ = delegate; });
+}
+
+void UdpSocket::synchronouslySetDelegate(std::weak_ptr<UdpSocketDelegate> delegate) {
+    runSync([&] { delegate_ = std::move(delegate); });
+}
+
+std::shared_ptr<DispatchQueue> UdpSocket::delegateQueue() const {
+    std::shared_ptr<DispatchQueue> result;
+    runSync([&] { result = delegateQueue_; });
+    return result;
+}
+
+void UdpSocket::setDelegateQueue(std::shared_ptr<DispatchQueue> delegateQueue) {
+    runSoon([this, queue = std::move(delegateQueue)] { delegateQueue_ = queue; });
+}
+
+void UdpSocket::synchronouslySetDelegateQueue(std::shared_ptr<DispatchQueue> delegateQueue) {
+    runSync([&] { delegateQueue_ = std::move(delegateQueue); });
+}
+
+void UdpSocket::getDelegate(std::weak_ptr<UdpSocketDelegate>* delegate,
+                            std::shared_ptr<DispatchQueue>* delegateQueue) const {
+    runSync([&] {
+        if (delegate) {
+            *delegate = delegate_;
+        }
+        if (delegateQueue) {
+            *delegateQueue = delegateQueue_;
+        }
+    });
+}
+
+void UdpSocket::setDelegate(std::weak_ptr<UdpSocketDelegate> delegate,
+                            std::shared_ptr<DispatchQueue> delegateQueue) {
+    runSoon([this, delegate = std::move(delegate), queue = std::move(delegateQueue)] {
+        delegate_ = delegate;
+        delegateQueue_ = queue;
+    });
+}
+
+void UdpSocket::synchronouslySetDelegate(std::weak_ptr<UdpSocketDelegate> delegate,
+                                         std::shared_ptr<DispatchQueue> delegateQueue) {
+    runSync([&] {
+        delegate_ = std::move(delegate);
+        delegateQueue_ = std::move(delegateQueue);
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Configuration
+
+bool UdpSocket::isIPv4Enabled() const {
+    bool result = false;
+    runSync([&] { result = (config_ & kIPv4Disabled) == 0; });
+    return result;
+}
+
+void UdpSocket::setIPv4Enabled(bool flag) {
+    runSync([&] { config_ = flag ? config_ & ~kIPv4Disabled : config_ | kIPv4Disabled; });
+}
+
+bool UdpSocket::isIPv6Enabled() const {
+    bool result = false;
+    runSync([&] { result = (config_ & kIPv6Disabled) == 0; });
+    return result;
+}
+
+void UdpSocket::setIPv6Enabled(bool flag) {
+    runSync([&] { config_ = flag ? config_ & ~kIPv6Disabled : config_ | kIPv6Disabled; });
+}
+
+bool UdpSocket::isIPv4Preferred() const {
+    bool result = false;
+    runSync([&] { result = (config_ & kPreferIPv4) != 0; });
+    return result;
+}
+
+bool UdpSocket::isIPv6Preferred() const {
+    bool result = false;
+    runSync([&] { result = (config_ & kPreferIPv6) != 0; });
+    return result;
+}
+
+bool UdpSocket::isIPVersionNeutral() const {
+    bool result = false;
+    runSync([&] { result = (config_ & (kPreferIPv4 | kPreferIPv6)) == 0; });
+    return result;
+}
+
+void UdpSocket::setPreferIPv4() {
+    runSync([&] { config_ = (config_ | kPreferIPv4) & ~kPreferIPv6; });
+}
+
+void UdpSocket::setPreferIPv6() {
+    runSync([&] { config_ = (config_ & ~kPreferIPv4) | kPreferIPv6; });
+}
+
+void UdpSocket::setIPVersionNeutral() {
+    runSync([&] { config_ = config_ & ~(kPreferIPv4 | kPreferIPv6); });
+}
+
+std::uint16_t UdpSocket::maxReceiveIPv4BufferSize() const {
+    std::uint16_t result = 0;
+    runSync([&] { result = max4ReceiveSize_; });
+    return result;
+}
+
+void UdpSocket::setMaxReceiveIPv4BufferSize(std::uint16_t max) {
+    runSync([&] { max4ReceiveSize_ = max; });
+}
+
+std::uint32_t UdpSocket::maxReceiveIPv6BufferSize() const {
+    std::uint32_t result = 0;
+    runSync([&] { result = max6ReceiveSize_; });
+    return result;
+}
+
+void UdpSocket::setMaxReceiveIPv6BufferSize(std::uint32_t max) {
+    runSync([&] { max6ReceiveSize_ = max; });
+}
+
+std::uint16_t UdpSocket::maxSendBufferSize() const {
+    std::uint16_t result = 0;
+    runSync([&] { result = maxSendSize_; });
+    return result;
+}
+
+void UdpSocket::setMaxSendBufferSize(std::uint16_t max) {
+    runSync([&] { maxSendSize_ = max; });
+}
+
+std::any UdpSocket::userData() const {
+    std::any result;
+    runSync([&] { result = userData_; });
+    return result;
+}
+
+void UdpSocket::setUserData(std::any userData) {
+    runSync([&] { userData_ = std::move(userData); });
+}
+
+bool UdpSocket::enableReusePort(bool flag, UdpSocketError* error) {
+    bool result = false;
+    runSync([&] {
+        if (!preCheck(error) || !ensureSockets(error)) {
+            return;
+        }
+        const int value = flag ? 1 : 0;
+        for (Family* f : {&socket4_, &socket6_}) {
+            if (f->fd == -1) {
+                continue;
+            }
+            if (::setsockopt(f->fd, SOL_SOCKET, SO_REUSEPORT, &value, sizeof value) != 0) {
+                result = fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
+                return;
+            }
+            result = true;
+        }
+    });
+    return result;
+}
+
+bool UdpSocket::enableBroadcast(bool flag, UdpSocketError* error) {
+    bool result = false;
+    runSync([&] {
+        if (!preCheck(error) || !ensureSockets(error)) {
+            return;
+        }
+        // Broadcast is an IPv4 notion.
+        if (socket4_.fd == -1) {
+            return;
+        }
+        const int value = flag ? 1 : 0;
+        if (::setsockopt(socket4_.fd, SOL_SOCKET, SO_BROADCAST, &value, sizeof value) != 0) {
+            fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
+            return;
+        }
+        result = true;
+    });
+    return result;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Descriptors and readiness sources
+
+bool UdpSocket::ensureSockets(UdpSocketError* error) {
+    if (flags_ & kSocketsCreated) {
+        return true;
+    }
+    return createSockets((config_ & kIPv4Disabled) == 0, (config_ & kIPv6Disabled) == 0, error);
+}
+
+int UdpSocket::createSocket(int domain, UdpSocketError* error) {
+    const int fd = ::socket(domain, SOCK_DGRAM, 0);
+    if (fd == -1) {
+        fail(error, UdpSocketError::errnoError("Error in socket() function"));
+        return -1;
+    }
+    auto failWith = [&](const char* reason) {
+        fail(error, UdpSocketError::errnoError(reason));  // before close() can change errno
+        ::close(fd);
+        return -1;
+    };
+    if (::fcntl(fd, F_SETFL, O_NONBLOCK) == -1) {
+        return failWith("Error enabling non-blocking IO on socket (fcntl)");
+    }
+    const int on = 1;
+    if (::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
+        return failWith("Error enabling address reuse (setsockopt)");
+    }
+    // There is no SO_NOSIGPIPE here: every send passes MSG_NOSIGNAL instead.
+    // Without IPV6_V6ONLY the IPv6 socket would also take the port for IPv4 and the two
+    // sockets could not share it.
+    if (domain == AF_INET6 && ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) != 0) {
+        return failWith("Error enabling IPv6 only (setsockopt)");
+    }
+    const int bufferSize = maxSendSize_;
+    if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bufferSize, sizeof bufferSize) != 0) {
+        return failWith("Error setting send buffer size (setsockopt)");
+    }
+    // Deliberately sized from the send limit as well.
+    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bufferSize, sizeof bufferSize) != 0) {
+        return failWith("Error setting receive buffer size (setsockopt)");
+    }
+    return fd;
+}
+
+bool UdpSocket::createSockets(bool useIPv4, bool useIPv6, UdpSocketError* error) {
+    if (flags_ & kSocketsCreated) {
+        fatalError("Sockets have already been created");
+    }
+    if (useIPv4) {
+        socket4_.fd = createSocket(AF_INET, error);
+        if (socket4_.fd == -1) {
+            return false;
+        }
+    }
+    if (useIPv6) {
+        socket6_.fd = createSocket(AF_INET6, error);
+        if (socket6_.fd == -1) {
+            if (socket4_.fd != -1) {
+                ::close(socket4_.fd);
+                socket4_.fd = -1;
+            }
+            return false;
+        }
+    }
+    try {
+        if (useIPv4) {
+            setupSources(socket4_, true);
+        }
+        if (useIPv6) {
+            setupSources(socket6_, false);
+        }
+    } catch (const std::system_error& e) {
+        fail(error, UdpSocketError(UdpSocketError::posixDomain, e.code().value(),
+                                   e.code().message(), "Error creating dispatch source"));
+        for (Family* f : {&socket4_, &socket6_}) {
+            if (f->fd != -1 && !f->sendSource) {
+                ::close(f->fd);  // no sources yet to close it
+                f->fd = -1;
+            }
+        }
+        closeSocket(socket4_, true);
+        closeSocket(socket6_, false);
+        return false;
+    }
+    flags_ |= kSocketsCreated;
+    return true;
+}
+
+void UdpSocket::setupSources(Family& f, bool isIPv4) {
+    std::weak_ptr<UdpSocket> weak = weak_from_this();
+    auto sendSource = ReadinessSource::create(f.fd, ReadinessSource::Kind::write, socketQueue_);
+    f.receiveSource = ReadinessSource::create(f.fd, ReadinessSource::Kind::read, socketQueue_);
+    f.sendSource = std::move(sendSource);  // set last: a send source means both exist
+    f.sendSource->setEventHandler([weak, isIPv4] {
+        if (auto self = weak.lock()) {
+            self->onWritable(isIPv4);
+        }
+    });
+    f.receiveSource->setEventHandler([weak, isIPv4] {
+        if (auto self = weak.lock()) {
+            self->onReadable(isIPv4);
+        }
+    });
+    // Whichever source is cancelled last closes the descriptor, so neither outlives it.
+    auto references = std::make_shared<int>(2);
+    auto cancelHandler = [references, fd = f.fd] {
+        if (--*references == 0) {
+            ::close(fd);
+        }
+    };
+    f.sendSource->setCancelHandler(cancelHandler);
+    f.receiveSource->setCancelHandler(cancelHandler);
+    f.bytesAvailable = 0;
+    flags_ |= writableBit(isIPv4) | receiveSuspendedBit(isIPv4) | sendSuspendedBit(isIPv4);
+}
+
+void UdpSocket::closeSocket(Family& f, bool isIPv4) {
+    if (f.fd == -1) {
+        return;
+    }
+    f.sendSource->cancel();
+    f.receiveSource->cancel();
+    // A suspended source cannot finish its cancellation.
+    if (flags_ & sendSuspendedBit(isIPv4)) {
+        f.sendSource->resume();
+    }
+    if (flags_ & receiveSuspendedBit(isIPv4)) {
+        f.receiveSource->resume();
+    }
+    flags_ &= ~(sendSuspendedBit(isIPv4) | receiveSuspendedBit(isIPv4) | writableBit(isIPv4));
+    f.sendSource.reset();
+    f.receiveSource.reset();
+    f.fd = -1;
+    f.bytesAvailable = 0;
+    f.scratch = {};
+    f.cachedLocalAddress = {};
+}
+
+void UdpSocket::closeWithError(std::optional<UdpSocketError> error) {
+    const bool hadSockets = (flags_ & kSocketsCreated) != 0;
+    if (currentSend_ || currentSpecial_) {
+        endCurrentSend();
+    }
+    sendQueue_.clear();
+    closeSocket(socket4_, true);
+    closeSocket(socket6_, false);
+    flags_ = 0;
+    cachedConnectedAddress_ = {};
+    cachedConnectedHost_.clear();
+    cachedConnectedPort_ = 0;
+    cachedConnectedFamily_ = 0;
+    if (hadSockets) {
+        notifyDelegate([error = std::move(error)](UdpSocketDelegate& d, UdpSocket& s) {
+            d.udpSocketDidClose(s, error);
+        });
+    }
+}
+
+// Suspension is idempotent through the suspended bits.
+void UdpSocket::suspendSendSource(bool isIPv4) {
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    if (f.sendSource && !(flags_ & sendSuspendedBit(isIPv4))) {
+        f.sendSource->suspend();
+        flags_ |= sendSuspendedBit(isIPv4);
+    }
+}
+
+void UdpSocket::resumeSendSource(bool isIPv4) {
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    if (f.sendSource && (flags_ & sendSuspendedBit(isIPv4))) {
+        f.sendSource->resume();
+        flags_ &= ~sendSuspendedBit(isIPv4);
+    }
+}
+
+void UdpSocket::suspendReceiveSource(bool isIPv4) {
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    if (f.receiveSource && !(flags_ & receiveSuspendedBit(isIPv4))) {
+        f.receiveSource->suspend();
+        flags_ |= receiveSuspendedBit(isIPv4);
+    }
+}
+
+void UdpSocket::resumeReceiveSource(bool isIPv4) {
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    if (f.receiveSource && (flags_ & receiveSuspendedBit(isIPv4))) {
+        f.receiveSource->resume();
+        flags_ &= ~receiveSuspendedBit(isIPv4);
+    }
+}
+
+void UdpSocket::suspendReceiveSourcesWithData() {
+    if (socket4_.bytesAvailable > 0) {
+        suspendReceiveSource(true);
+    }
+    if (socket6_.bytesAvailable > 0) {
+        suspendReceiveSource(false);
+    }
+}
+
+void UdpSocket::onWritable(bool isIPv4) {
+    flags_ |= writableBit(isIPv4);
+    if (currentSend_ && !currentSend_->resolveInProgress && !currentSend_->filterInProgress) {
+        doSend();
+    } else {
+        suspendSendSource(isIPv4);
+    }
+}
+
+void UdpSocket::onReadable(bool isIPv4) {
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    // A datagram socket has no end of stream: a zero count is an empty datagram waiting, which
+    // the receive step reads and drops, so one empty datagram cannot close the socket.
+    f.bytesAvailable = std::max<std::uint64_t>(f.receiveSource->bytesAvailable(), 1);
+    doReceive();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Addresses
+
+std::pair<SocketAddress, SocketAddress> UdpSocket::convertInterface(
+    const std::optional<std::string>& interface, std::uint16_t port) {
+    if (!interface) {
+        return {ipv4Address(in_addr{htonl(INADDR_ANY)}, port), ipv6Address(in6addr_any, port)};
+    }
+    if (*interface == "localhost" || *interface == "loopback") {
+        return {ipv4Address(in_addr{htonl(INADDR_LOOPBACK)}, port),
+                ipv6Address(in6addr_loopback, port)};
+    }
+    SocketAddress address4;
+    SocketAddress address6;
+    ifaddrs* list = nullptr;
+    if (::getifaddrs(&list) == 0) {
+        for (ifaddrs* ifa = list; ifa; ifa = ifa->ifa_next) {
+            if (!ifa->ifa_addr) {
+                continue;
+            }
+            const int family = ifa->ifa_addr->sa_family;
+            SocketAddress& slot = family == AF_INET ? address4 : address6;
+            if ((family != AF_INET && family != AF_INET6) || !slot.empty()) {
+                continue;
+            }
+            SocketAddress candidate = withPort(ifa->ifa_addr, port);
+            if (*interface == ifa->ifa_name || *interface == hostFromAddress(candidate)) {
+                slot = candidate;
+            }
+        }
+        ::freeifaddrs(list);
+    }
+    if (address4.empty() && address6.empty()) {
+        in_addr a4{};
+        in6_addr a6{};
+        if (::inet_pton(AF_INET, interface->c_str(), &a4) == 1) {
+            address4 = ipv4Address(a4, port);
+        } else if (::inet_pton(AF_INET6, interface->c_str(), &a6) == 1) {
+            address6 = ipv6Address(a6, port);
+        }
+    }
+    return {address4, address6};
+}
+
+void UdpSocket::asyncResolveHost(const std::string& host, std::uint16_t port,
+                                 ResolveCompletion completion) {
+    auto self = shared_from_this();
+    if (host.empty()) {
+        socketQueue_->async([self, completion = std::move(completion)] {
+            completion({}, UdpSocketError::badParamError(
+                               "The host param is nil. Should be domain name or IP address "
+                               "string."));
+        });
+        return;
+    }
+    // Lookups block, so they never run on the socket queue.
+    GlobalQueue::get()->async([self, host, port, completion = std::move(completion)] {
+        std::vector<SocketAddress> addresses;
+        std::optional<UdpSocketError> error;
+        if (host == "localhost" || host == "loopback") {
+            auto [a4, a6] = convertInterface(host, port);
+            addresses = {a4, a6};
+        } else {
+            addrinfo hints{};
+            hints.ai_family = AF_UNSPEC;
+            hints.ai_socktype = SOCK_DGRAM;
+            hints.ai_protocol = IPPROTO_UDP;
+            addrinfo* results = nullptr;
+            const std::string service = std::to_string(port);
+            const int status = ::getaddrinfo(host.c_str(), service.c_str(), &hints, &results);
+            if (status != 0) {
+                error = UdpSocketError::gaiError(status);
+            } else {
+                for (addrinfo* ai = results; ai; ai = ai->ai_next) {
+                    if (ai->ai_family == AF_INET) {
+                        addresses.emplace_back(ai->ai_addr, sizeof(sockaddr_in));
+                    } else if (ai->ai_family == AF_INET6) {
+                        // Deliberately only IPv6 results get the port filled in when missing.
+                        sockaddr_in6 in6{};
+                        std::memcpy(&in6, ai->ai_addr, sizeof in6);
+                        if (in6.sin6_port == 0) {
+                            in6.sin6_port = htons(port);
+                        }
+                        addresses.emplace_back(&in6, sizeof in6);
+                    }
+                }
+                ::freeaddrinfo(results);
+                if (addresses.empty()) {
+                    error = UdpSocketError::gaiError(EAI_FAIL);
+                }
+            }
+        }
+        self->socketQueue_->async([self, completion, addresses = std::move(addresses),
+                                   error = std::move(error)]() mutable {
+            completion(std::move(addresses), std::move(error));
+        });
+    });
+}
+
+bool UdpSocket::getAddress(SocketAddress* address, int* family, UdpSocketError* error,
+                           const std::vector<SocketAddress>& addresses) const {
+    if (addresses.empty()) {
+        fatalError("Expected at least one address");
+    }
+    bool has4 = false;
+    bool has6 = false;
+    for (const SocketAddress& a : addresses) {
+        if (isValidIPv4(a)) {
+            has4 = true;
+        } else if (isValidIPv6(a)) {
+            has6 = true;
+        } else {
+            fatalError("Addresses array contains invalid address");
+        }
+    }
+    if ((config_ & kIPv4Disabled) && !has6) {
+        return fail(error, UdpSocketError::otherError(
+                               "IPv4 has been disabled and DNS lookup found no IPv6 address(es)."));
+    }
+    if ((config_ & kIPv6Disabled) && !has4) {
+        return fail(error, UdpSocketError::otherError(
+                               "IPv6 has been disabled and DNS lookup found no IPv4 address(es)."));
+    }
+    if ((flags_ & kIPv4Deactivated) && !has6) {
+        return fail(error, UdpSocketError::otherError(
+                               "IPv4 has been deactivated due to bind/connect, and DNS lookup "
+                               "found no IPv6 address(es)."));
+    }
+    if ((flags_ & kIPv6Deactivated) && !has4) {
+        return fail(error, UdpSocketError::otherError(
+                               "IPv6 has been deactivated due to bind/connect, and DNS lookup "
+                               "found no IPv4 address(es)."));
+    }
+    const SocketAddress* first4 = nullptr;
+    const SocketAddress* first6 = nullptr;
+    bool ipv4First = false;
+    for (const SocketAddress& a : addresses) {
+        if (!first4 && isValidIPv4(a)) {
+            first4 = &a;
+            ipv4First = first6 == nullptr;
+        } else if (!first6 && isValidIPv6(a)) {
+            first6 = &a;
+        }
+    }
+    const bool prefer4 = (config_ & kPreferIPv4) != 0;
+    const bool prefer6 = (config_ & kPreferIPv6) != 0;
+    if (prefer4 && prefer6) {
+        fatalError("Invalid config (cannot prefer both IPv4 and IPv6)");
+    }
+    bool use4;
+    if (first4 && first6) {
+        use4 = prefer4 || (!prefer6 && ipv4First);
+    } else {
+        use4 = first4 != nullptr;
+    }
+    *address = use4 ? *first4 : *first6;
+    *family = use4 ? AF_INET : AF_INET6;
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Binding and connecting
+
+bool UdpSocket::bindToPort(std::uint16_t port, UdpSocketError* error) {
+    return bindToPort(port, std::nullopt, error);
+}
+
+bool UdpSocket::bindToPort(std::uint16_t port, const std::optional<std::string>& interface,
+                           UdpSocketError* error) {
+    bool result = false;
+    runSync([&] {
+        if (!bindPreCheck(error)) {
+            return;
+        }
+        auto [address4, address6] = convertInterface(interface, port);
+        result = bindAddresses(address4, address6, error);
+    });
+    return result;
+}
+
+bool UdpSocket::bindToAddress(const SocketAddress& address, UdpSocketError* error) {
+    bool result = false;
+    runSync([&] {
+        if (!bindPreCheck(error)) {
+            return;
+        }
+        result = bindAddresses(isValidIPv4(address) ? address : SocketAddress{},
+                               isValidIPv6(address) ? address : SocketAddress{}, error);
+    });
+    return result;
+}
+
+bool UdpSocket::bindPreCheck(UdpSocketError* error) const {
+    if (!preCheck(error)) {
+        return false;
+    }
+    if (flags_ & kBound) {
+        return fail(error, UdpSocketError::badConfigError("Cannot bind a socket more than once."));
+    }
+    if (flags_ & (kConnecting | kConnected)) {
+        return fail(error, UdpSocketError::badConfigError(
+                               "Cannot bind after connecting. If needed, bind first, then "
+                               "connect."));
+    }
+    if ((config_ & (kIPv4Disabled | kIPv6Disabled)) == (kIPv4Disabled | kIPv6Disabled)) {
+        return fail(error, UdpSocketError::badConfigError(
+                               "Both IPv4 and IPv6 have been disabled. Must enable at least one "
+                               "protocol first."));
+    }
+    return true;
+}
+
+bool UdpSocket::bindAddresses(const SocketAddress& address4, const SocketAddress& address6,
+                              UdpSocketError* error) {
+    const bool ipv4Disabled = (config_ & kIPv4Disabled) != 0;
+    const bool ipv6Disabled = (config_ & kIPv6Disabled) != 0;
+    if (address4.empty() && address6.empty()) {
+        return fail(error, UdpSocketError::badParamError(
+                               "Unknown interface. Specify valid interface by name (e.g. \"en1\") "
+                               "or IP address."));
+    }
+    if (ipv4Disabled && address6.empty()) {
+        return fail(error, UdpSocketError::badParamError(
+                               "IPv4 has been disabled and specified interface doesn't support "
+                               "IPv6."));
+    }
+    if (ipv6Disabled && address4.empty()) {
+        return fail(error, UdpSocketError::badParamError(
+                               "IPv6 has been disabled and specified interface doesn't support "
+                               "IPv4."));
+    }
+    const bool use4 = !ipv4Disabled && !address4.empty();
+    const bool use6 = !ipv6Disabled && !address6.empty();
+    if (!(flags_ & kSocketsCreated) && !createSockets(use4, use6, error)) {
+        return false;
+    }
+    auto bindOne = [&](const Family& f, const SocketAddress& address) {
+        if (::bind(f.fd, sockaddrOf(address), lengthOf(address)) == 0) {
+            return true;
+        }
+        fail(error, UdpSocketError::errnoError("Error in bind() function"));
+        closeSocket(socket4_, true);
+        closeSocket(socket6_, false);
+        // Nothing is left open, so the next bind, send or reuse makes fresh descriptors.
+        flags_ &= ~kSocketsCreated;
+        return false;
+    };
+    if ((use4 && !bindOne(socket4_, address4)) || (use6 && !bindOne(socket6_, address6))) {
+        return false;
+    }
+    flags_ |= kBound;
+    if (!use4) {
+        flags_ |= kIPv4Deactivated;
+    }
+    if (!use6) {
+        flags_ |= kIPv6Deactivated;
+    }
+    return true;
+}
+
+bool UdpSocket::connectPreCheck(UdpSocketError* error) const {
+    if (!preCheck(error)) {
+        return false;
+    }
+    if (flags_ & (kConnecting | kConnected)) {
+        return fail(error,
+                    UdpSocketError::badConfigError("Cannot connect a socket more than once."));
+    }
+    return true;
+}
+
+bool UdpSocket::connectToHost(const std::string& host, std::uint16_t port, UdpSocketError* error) {
+    bool result = false;
+    runSync([&] {
+        if (!connectPreCheck(error)) {
+            return;
+        }
+        flags_ |= kConnecting;
+        auto packet = std::make_shared<UdpSpecialPacket>();
+        packet->resolveInProgress = true;
+        asyncResolveHost(host, port,
+                         [self = shared_from_this(), packet](std::vector<SocketAddress> addresses,
+                                                             std::optional<UdpSocketError> error) {
+                             packet->resolveInProgress = false;
+                             packet->addresses = std::move(addresses);
+                             packet->error = std::move(error);
+                             if (packet == self->currentSpecial_) {
+                                 self->maybeConnect();
+                             }
+                         });
+        sendQueue_.push_back(packet);
+        maybeDequeueSend();
+        result = true;
+    });
+    return result;
+}
+
+bool UdpSocket::connectToAddress(const SocketAddress& address, UdpSocketError* error) {
+    bool result = false;
+    runSync([&] {
+        if (!connectPreCheck(error)) {
+            return;
+        }
+        if (address.empty()) {
+            fail(error, UdpSocketError::badParamError(
+                            "The address param is nil. Should be a valid address."));
+            return;
+        }
+        if (!isValidIPv4(address) && !isValidIPv6(address)) {
+            fail(error, UdpSocketError::badParamError(kInvalidAddress));
+            return;
+        }
+        flags_ |= kConnecting;
+        auto packet = std::make_shared<UdpSpecialPacket>();
+        packet->addresses = {address};
+        sendQueue_.push_back(packet);
+        maybeDequeueSend();
+        result = true;
+    });
+    return result;
+}
+
+void UdpSocket::maybeConnect() {
+    const auto packet = currentSpecial_;
+    if (packet->resolveInProgress) {
+        return;  // the resolver's completion comes back here
+    }
+    UdpSocketError error;
+    SocketAddress address;
+    int family = 0;
+    bool connected = false;
+    if (packet->error) {
+        error = *packet->error;
+    } else if (getAddress(&address, &family, &error, packet->addresses)) {
+        connected = connectWithAddress(address, family, &error);
+    }
+    flags_ &= ~kConnecting;
+    if (connected) {
+        notifyDelegate([address](UdpSocketDelegate& d, UdpSocket& s) {
+            d.udpSocketDidConnectToAddress(s, address);
+        });
+    } else {
+        notifyDelegate(
+            [error](UdpSocketDelegate& d, UdpSocket& s) { d.udpSocketDidNotConnect(s, error); });
+    }
+    endCurrentSend();
+    maybeDequeueSend();
+}
+
+bool UdpSocket::connectWithAddress(const SocketAddress& address, int family,
+                                   UdpSocketError* error) {
+    const bool isIPv4 = family == AF_INET;
+    if (!(flags_ & kSocketsCreated) && !createSockets(isIPv4, !isIPv4, error)) {
+        return false;
+    }
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    if (::connect(f.fd, sockaddrOf(address), lengthOf(address)) != 0) {
+        return fail(error, UdpSocketError::errnoError("Error in connect() function"));
+    }
+    // The other family is of no further use: only the peer is heard from.
+    closeSocket(isIPv4 ? socket6_ : socket4_, !isIPv4);
+    flags_ |= isIPv4 ? kIPv6Deactivated : kIPv4Deactivated;
+    flags_ |= kConnected;
+    cachedConnectedAddress_ = address;
+    cachedConnectedHost_ = hostFromAddress(address);
+    cachedConnectedPort_ = portFromAddress(address);
+    cachedConnectedFamily_ = family;
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Multicast
+
+bool UdpSocket::joinMulticastGroup(const std::string& group, UdpSocketError* error) {
+    return changeMulticastMembership(group, std::nullopt, true, error);
+}
+
+bool UdpSocket::joinMulticastGroup(const std::string& group,
+                                   const std::optional<std::string>& interface,
+                                   UdpSocketError* error) {
+    return changeMulticastMembership(group, interface, true, error);
+}
+
+bool UdpSocket::leaveMulticastGroup(const std::string& group, UdpSocketError* error) {
+    return changeMulticastMembership(group, std::nullopt, false, error);
+}
+
+bool UdpSocket::leaveMulticastGroup(const std::string& group,
+                                    const std::optional<std::string>& interface,
+                                    UdpSocketError* error) {
+    return changeMulticastMembership(group, interface, false, error);
+}
+
+bool UdpSocket::changeMulticastMembership(const std::string& group,
+                                          const std::optional<std::string>& interface, bool join,
+                                          UdpSocketError* error) {
+    bool result = false;
+    runSync([&] {
+        if (!preCheck(error)) {
+            return;
+        }
+        if (!(flags_ & kBound)) {
+            fail(error, UdpSocketError::badConfigError(
+                            "Must bind a socket before joining a multicast group."));
+            return;
+        }
+        if (flags_ & (kConnecting | kConnected)) {
+            fail(error,
+                 UdpSocketError::badConfigError("Cannot join a multicast group if connected."));
+            return;
+        }
+        in_addr group4{};
+        in6_addr group6{};
+        const bool isGroup4 = ::inet_pton(AF_INET, group.c_str(), &group4) == 1;
+        const bool isGroup6 = !isGroup4 && ::inet_pton(AF_INET6, group.c_str(), &group6) == 1;
+        if (!isGroup4 && !isGroup6) {
+            fail(error,
+                 UdpSocketError::badConfigError("Unknown group. Specify valid group IP address."));
+            return;
+        }
+        auto [interface4, interface6] = convertInterface(interface, 0);
+        int status = 0;
+        if (socket4_.fd != -1 && isGroup4 && !interface4.empty()) {
+            sockaddr_in local{};
+            std::memcpy(&local, interface4.data(), sizeof local);
+            ip_mreq request{};
+            request.imr_multiaddr = group4;
+            request.imr_interface = local.sin_addr;
+            status =
+                ::setsockopt(socket4_.fd, IPPROTO_IP, join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP,
+                             &request, sizeof request);
+        } else if (socket6_.fd != -1 && isGroup6 && !interface6.empty()) {
+            ipv6_mreq request{};
+            request.ipv6mr_multiaddr = group6;
+            request.ipv6mr_interface = interface ? ::if_nametoindex(interface->c_str()) : 0;
+            status =
+                ::setsockopt(socket6_.fd, IPPROTO_IPV6, join ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP,
+                             &request, sizeof request);
+        } else {
+            fail(error, UdpSocketError::badParamError(
+                            "Socket, group, and interface do not have matching IP versions"));
+            return;
+        }
+        if (status != 0) {
+            fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
+            return;
+        }
+        result = true;
+    });
+    return result;
+}
+
+bool UdpSocket::sendIPv4MulticastOnInterface(const std::string& interface, UdpSocketError* error) {
+    bool result = false;
+    runSync([&] {
+        if (!preCheck(error) || !ensureSockets(error)) {
+            return;
+        }
+        const SocketAddress local = convertInterface(interface, 0).first;
+        if (local.empty() || socket4_.fd == -1) {
+            fail(error, UdpSocketError::badParamError(
+                            "Unknown interface. Specify valid interface by IP address."));
+            return;
+        }
+        sockaddr_in in{};
+        std::memcpy(&in, local.data(), sizeof in);
+        if (::setsockopt(socket4_.fd, IPPROTO_IP, IP_MULTICAST_IF, &in.sin_addr,
+                         sizeof in.sin_addr) != 0) {
+            fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
+            return;
+        }
+        result = true;
+    });
+    return result;
+}
+
+bool UdpSocket::sendIPv6MulticastOnInterface(const std::string& interface, UdpSocketError* error) {
+    bool result = false;
+    runSync([&] {
+        if (!preCheck(error) || !ensureSockets(error)) {
+            return;
+        }
+        const unsigned index = ::if_nametoindex(interface.c_str());
+        if (index == 0 || socket6_.fd == -1) {
+            fail(error, UdpSocketError::badParamError(
+                            "Unknown interface. Specify valid interface by name (e.g. \"en1\")."));
+            return;
+        }
+        if (::setsockopt(socket6_.fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index) != 0) {
+            fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
+            return;
+        }
+        result = true;
+    });
+    return result;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Sending
+
+void UdpSocket::sendData(std::vector<std::uint8_t> data, const std::string& host,
+                         std::uint16_t port, double timeout, std::int64_t tag) {
+    if (data.empty()) {
+        return;
+    }
+    auto packet = std::make_shared<UdpSendPacket>(std::move(data), timeout, tag);
+    packet->resolveInProgress = true;
+    auto self = shared_from_this();
+    asyncResolveHost(
+        host, port,
+        [self, packet](std::vector<SocketAddress> addresses, std::optional<UdpSocketError> error) {
+            packet->resolveInProgress = false;
+            packet->resolvedAddresses = std::move(addresses);
+            packet->resolveError = std::move(error);
+            if (packet == self->currentSend_) {
+                self->doPreSend();
+            }
+        });
+    enqueue(std::move(packet));
+}
+
+void UdpSocket::sendData(std::vector<std::uint8_t> data, const SocketAddress& address,
+                         double timeout, std::int64_t tag) {
+    if (data.empty()) {
+        return;
+    }
+    auto packet = std::make_shared<UdpSendPacket>(std::move(data), timeout, tag);
+    if (isValidIPv4(address) || isValidIPv6(address)) {
+        packet->address = address;
+        packet->addressFamily = address.family();
+    } else {
+        packet->resolveError = UdpSocketError::badParamError(kInvalidAddress);
+    }
+    enqueue(std::move(packet));
+}
+
+void UdpSocket::sendData(std::vector<std::uint8_t> data, double timeout, std::int64_t tag) {
+    if (data.empty()) {
+        return;
+    }
+    enqueue(std::make_shared<UdpSendPacket>(std::move(data), timeout, tag));
+}
+
+void UdpSocket::sendData(std::vector<std::uint8_t> data, std::int64_t tag) {
+    sendData(std::move(data), -1.0, tag);
+}
+
+void UdpSocket::enqueue(std::shared_ptr<UdpSendPacket> packet) {
+    // Always through the queue, even from the socket queue, so that sends keep their order
+    // behind work already posted.
+    socketQueue_->async([self = shared_from_this(), packet = std::move(packet)]() mutable {
+        self->sendQueue_.push_back(std::move(packet));
+        self->maybeDequeueSend();
+    });
+}
+
+void UdpSocket::maybeDequeueSend() {
+    if (currentSend_ || currentSpecial_) {
+        return;
+    }
+    if (!(flags_ & kSocketsCreated)) {
+        UdpSocketError error;
+        if (!ensureSockets(&error)) {
+            closeWithError(error);
+            return;
+        }
+    }
+    while (!sendQueue_.empty()) {
+        Packet next = std::move(sendQueue_.front());
+        sendQueue_.pop_front();
+        if (auto* special = std::get_if<std::shared_ptr<UdpSpecialPacket>>(&next)) {
+            currentSpecial_ = std::move(*special);
+            maybeConnect();
+            return;
+        }
+        auto packet = std::get<std::shared_ptr<UdpSendPacket>>(std::move(next));
+        if (packet->resolveError) {
+            notifyDidNotSend(packet->tag, *packet->resolveError);
+            continue;
+        }
+        currentSend_ = std::move(packet);
+        doPreSend();
+        return;
+    }
+    if (flags_ & kCloseAfterSends) {
+        closeWithError(std::nullopt);
+    }
+}
+
+void UdpSocket::doPreSend() {
+    UdpSendPacket& packet = *currentSend_;
+    std::optional<UdpSocketError> failure;
+    if (flags_ & kConnected) {
+        const bool namesDestination = packet.resolveInProgress || packet.resolveError ||
+                                      !packet.resolvedAddresses.empty() || !packet.address.empty();
+        if (namesDestination) {
+            failure = UdpSocketError::badConfigError(
+                "Cannot specify destination of packet for connected socket");
+        } else {
+            packet.address = cachedConnectedAddress_;
+            packet.addressFamily = cachedConnectedFamily_;
+        }
+    } else if (packet.resolveInProgress) {
+        // Nothing to write until the resolver answers; its completion comes back here.
+        if (flags_ & kSocket4Writable) {
+            suspendSendSource(true);
+        }
+        if (flags_ & kSocket6Writable) {
+            suspendSendSource(false);
+        }
+        return;
+    } else if (packet.resolveError) {
+        failure = packet.resolveError;
+    } else if (!packet.address.empty()) {
+        UdpSocketError error;
+        if (!getAddress(&packet.address, &packet.addressFamily, &error, {packet.address})) {
+            failure = error;
+        }
+    } else if (!packet.resolvedAddresses.empty()) {
+        UdpSocketError error;
+        if (!getAddress(&packet.address, &packet.addressFamily, &error, packet.resolvedAddresses)) {
+            failure = error;
+        }
+    } else {
+        failure = UdpSocketError::badConfigError(
+            "You must specify destination of packet for a non-connected socket");
+    }
+    if (failure) {
+        notifyDidNotSend(packet.tag, *failure);
+        endCurrentSend();
+        maybeDequeueSend();
+        return;
+    }
+    if (!sendFilter_) {
+        doSend();
+        return;
+    }
+    if (!sendFilterAsync_) {
+        const bool allowed = runFilterAndWait(*sendFilterQueue_, [&] {
+            return sendFilter_(packet.buffer, packet.address, packet.tag);
+        });
+        finishSendFilter(allowed);
+        return;
+    }
+    packet.filterInProgress = true;
+    sendFilterQueue_->async(
+        [self = shared_from_this(), filter = sendFilter_, packet = currentSend_] {
+            const bool allowed = filter(packet->buffer, packet->address, packet->tag);
+            self->socketQueue_->async([self, packet, allowed] {
+                packet->filterInProgress = false;
+                if (packet == self->currentSend_) {  // else closed meanwhile
+                    self->finishSendFilter(allowed);
+                }
+            });
+        });
+}
+
+void UdpSocket::finishSendFilter(bool allowed) {
+    if (allowed) {
+        doSend();
+        return;
+    }
+    // Deliberately reported as sent: a filtered packet looks delivered to the sender.
+    notifyDidSend(currentSend_->tag);
+    endCurrentSend();
+    maybeDequeueSend();
+}
+
+void UdpSocket::doSend() {
+    if (!currentSend_) {
+        fatalError("Invalid logic: send step without a current send");
+    }
+    const UdpSendPacket& packet = *currentSend_;
+    const bool isIPv4 = packet.addressFamily == AF_INET;
+    const int fd = isIPv4 ? socket4_.fd : socket6_.fd;
+    ssize_t result;
+    if (flags_ & kConnected) {
+        result = ::send(fd, packet.buffer.data(), packet.buffer.size(), MSG_NOSIGNAL);
+    } else {
+        result = ::sendto(fd, packet.buffer.data(), packet.buffer.size(), MSG_NOSIGNAL,
+                          sockaddrOf(packet.address), lengthOf(packet.address));
+    }
+    const int sendErrno = errno;
+    // The kernel binds an unbound socket on its first datagram.
+    flags_ |= kBound;
+    if (result > 0) {
+        notifyDidSend(packet.tag);
+        endCurrentSend();
+        maybeDequeueSend();
+        return;
+    }
+    if (result == 0 || sendErrno == EAGAIN || sendErrno == EWOULDBLOCK) {
+        // Full: wait for the socket to accept bytes again.
+        flags_ &= ~writableBit(isIPv4);
+        if (!(flags_ & kSocket4Writable)) {
+            resumeSendSource(true);
+        }
+        if (!(flags_ & kSocket6Writable)) {
+            resumeSendSource(false);
+        }
+        if (!sendTimer_ && packet.timeout >= 0.0) {
+            setupSendTimer(packet.timeout);
+        }
+        return;
+    }
+    errno = sendErrno;
+    closeWithError(UdpSocketError::errnoError("Error in send() function."));
+}
+
+void UdpSocket::setupSendTimer(double timeout) {
+    sendTimer_ = TimerSource::create(socketQueue_);
+    sendTimer_->setEventHandler([weak = weak_from_this(), timer = sendTimer_.get()] {
+        auto self = weak.lock();
+        if (!self || self->sendTimer_.get() != timer || !self->currentSend_) {
+            return;  // the send ended before the timer fired
+        }
+        const std::int64_t tag = self->currentSend_->tag;
+        self->notifyDidNotSend(tag, UdpSocketError::sendTimeoutError());
+        self->endCurrentSend();
+        self->maybeDequeueSend();
+    });
+    sendTimer_->schedule(std::chrono::duration_cast<DispatchQueue::Clock::duration>(
+        std::chrono::duration<double>(timeout)));
+    sendTimer_->resume();
+}
+
+void UdpSocket::endCurrentSend() {
+    if (sendTimer_) {
+        sendTimer_->cancel();
+        sendTimer_.reset();
+    }
+    currentSend_.reset();
+    currentSpecial_.reset();
+}
+
+void UdpSocket::notifyDidSend(std::int64_t tag) {
+    notifyDelegate(
+        [tag](UdpSocketDelegate& d, UdpSocket& s) { d.udpSocketDidSendDataWithTag(s, tag); });
+}
+
+void UdpSocket::notifyDidNotSend(std::int64_t tag, const UdpSocketError& error) {
+    notifyDelegate([tag, error](UdpSocketDelegate& d, UdpSocket& s) {
+        d.udpSocketDidNotSendDataWithTag(s, tag, error);
+    });
+}
+
+void UdpSocket::setSendFilter(SendFilter filter, std::shared_ptr<DispatchQueue> queue) {
+    setSendFilter(std::move(filter), std::move(queue), true);
+}
+
+void UdpSocket::setSendFilter(SendFilter filter, std::shared_ptr<DispatchQueue> queue,
+                              bool isAsynchronous) {
+    if (filter && !queue) {
+        fatalError(kNoFilterQueue);
+    }
+    runSoon([this, filter = std::move(filter), queue = std::move(queue), isAsynchronous] {
+        sendFilter_ = filter;
+        sendFilterQueue_ = filter ? queue : nullptr;
+        sendFilterAsync_ = isAsynchronous;
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Receiving
+
+bool UdpSocket::receiveOnce(UdpSocketError* error) {
+    return startReceiving(false, error);
+}
+
+bool UdpSocket::beginReceiving(UdpSocketError* error) {
+    return startReceiving(true, error);
+}
+
+bool UdpSocket::startReceiving(bool continuous, UdpSocketError* error) {
+    const std::uint32_t mode = continuous ? kReceiveContinuous : kReceiveOnce;
+    const std::uint32_t other = continuous ? kReceiveOnce : kReceiveContinuous;
+    bool result = false;
+    runSync([&] {
+        if (flags_ & mode) {
+            result = true;
+            return;
+        }
+        // Deliberately tested on the descriptors, not on Bound: after port reuse they exist.
+        if (!(flags_ & kSocketsCreated)) {
+            fail(error, UdpSocketError::badConfigError(
+                            "Must bind socket before you can receive data. You can do this "
+                            "explicitly via bind, or implicitly via connect or by sending data."));
+            return;
+        }
+        flags_ = (flags_ | mode) & ~other;
+        socketQueue_->async([self = shared_from_this()] { self->doReceive(); });
+        result = true;
+    });
+    return result;
+}
+
+void UdpSocket::pauseReceiving() {
+    runSync([&] {
+        flags_ &= ~(kReceiveOnce | kReceiveContinuous);
+        suspendReceiveSourcesWithData();
+    });
+}
+
+void UdpSocket::setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQueue> queue) {
+    setReceiveFilter(std::move(filter), std::move(queue), true);
+}
+
+void UdpSocket::setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQueue> queue,
+                                 bool isAsynchronous) {
+    if (filter && !queue) {
+        fatalError(kNoFilterQueue);
+    }
+    runSoon([this, filter = std::move(filter), queue = std::move(queue), isAsynchronous] {
+        receiveFilter_ = filter;
+        receiveFilterQueue_ = filter ? queue : nullptr;
+        receiveFilterAsync_ = isAsynchronous;
+    });
+}
+
+void UdpSocket::doReceive() {
+    // A loop rather than recursion: each turn reads one datagram.
+    for (;;) {
+        if (!(flags_ & (kReceiveOnce | kReceiveContinuous))) {
+            suspendReceiveSourcesWithData();
+            return;
+        }
+        if ((flags_ & kReceiveOnce) && pendingFilterOperations_ > 0) {
+            suspendReceiveSourcesWithData();
+            return;
+        }
+        const bool has4 = socket4_.bytesAvailable > 0;
+        const bool has6 = socket6_.bytesAvailable > 0;
+        if (!has4 && !has6) {
+            resumeReceiveSource(true);
+            resumeReceiveSource(false);
+            return;
+        }
+        bool useIPv4 = has4;
+        if (has4 && has6) {
+            if (flags_ & kConnected) {
+                useIPv4 = cachedConnectedFamily_ == AF_INET;
+            } else {
+                const bool wasClear = !(flags_ & kFlipFlop);
+                flags_ ^= kFlipFlop;
+                useIPv4 = !wasClear;
+            }
+        }
+        if (!receiveOne(useIPv4)) {
+            return;
+        }
+    }
+}
+
+bool UdpSocket::receiveOne(bool isIPv4) {
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    const std::size_t limit = isIPv4 ? max4ReceiveSize_ : max6ReceiveSize_;
+    // One scratch buffer per descriptor, reused: each datagram costs one allocation of its
+    // own size instead of one of the largest possible size.
+    if (f.scratch.size() < limit) {
+        f.scratch.resize(limit);
+    }
+    sockaddr_in6 source{};
+    socklen_t sourceLength = isIPv4 ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    const ssize_t result = ::recvfrom(f.fd, f.scratch.data(), limit, 0,
+                                      reinterpret_cast<sockaddr*>(&source), &sourceLength);
+    const int receiveErrno = errno;
+    if (result < 1) {
+        f.bytesAvailable = 0;
+    } else {
+        const auto size = static_cast<std::uint64_t>(result);
+        f.bytesAvailable = f.bytesAvailable > size ? f.bytesAvailable - size : 0;
+    }
+    if (result == 0 || (result < 0 && (receiveErrno == EAGAIN || receiveErrno == EWOULDBLOCK))) {
+        if (socket4_.bytesAvailable == 0) {
+            resumeReceiveSource(true);
+        }
+        if (socket6_.bytesAvailable == 0) {
+            resumeReceiveSource(false);
+        }
+        return false;
+    }
+    if (result < 0) {
+        errno = receiveErrno;
+        closeWithError(UdpSocketError::errnoError("Error in recvfrom() function"));
+        return false;
+    }
+    std::vector<std::uint8_t> data(f.scratch.begin(), f.scratch.begin() + result);
+    const SocketAddress address(&source, std::min<std::size_t>(sourceLength, sizeof source));
+    if ((flags_ & kConnected) && !sameEndpoint(address, cachedConnectedAddress_)) {
+        return true;  // not from the peer: dropped
+    }
+    if (!receiveFilter_) {
+        deliver(std::move(data), address, {});
+        return true;
+    }
+    if (!receiveFilterAsync_) {
+        std::any context;
+        const bool allowed = runFilterAndWait(
+            *receiveFilterQueue_, [&] { return receiveFilter_(data, address, context); });
+        if (allowed) {
+            deliver(std::move(data), address, std::move(context));
+        }
+        return true;
+    }
+    ++pendingFilterOperations_;
+    receiveFilterQueue_->async([self = shared_from_this(), filter = receiveFilter_,
+                                data = std::move(data), address]() mutable {
+        std::any context;
+        const bool allowed = filter(data, address, context);
+        self->socketQueue_->async([self, allowed, data = std::move(data), address,
+                                   context = std::move(context)]() mutable {
+            --self->pendingFilterOperations_;
+            if (allowed) {
+                self->deliver(std::move(data), address, std::move(context));
+            }
+            // In once-mode the read waited for this verdict.
+            if (self->flags_ & kReceiveOnce) {
+                self->doReceive();
+            }
+        });
+    });
+    return true;
+}
+
+void UdpSocket::deliver(std::vector<std::uint8_t> data, const SocketAddress& address,
+                        std::any context) {
+    notifyDelegate([data = std::move(data), address, context = std::move(context)](
+                       UdpSocketDelegate& d, UdpSocket& s) mutable {
+        d.udpSocketDidReceiveData(s, std::move(data), address, context);
+    });
+    if (flags_ & kReceiveOnce) {
+        flags_ &= ~(kReceiveOnce | kReceiveContinuous);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Closing
+
+void UdpSocket::close() {
+    runSync([this] { closeWithError(std::nullopt); });
+}
+
+void UdpSocket::closeAfterSending() {
+    runSync([this] {
+        flags_ |= kCloseAfterSends;
+        if (!currentSend_ && !currentSpecial_ && sendQueue_.empty()) {
+            closeWithError(std::nullopt);
+        }
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Inspection
+
+SocketAddress UdpSocket::localAddressIPv4() const {
+    SocketAddress result;
+    runSync([&] { result = localAddressOf(true); });
+    return result;
+}
+
+SocketAddress UdpSocket::localAddressIPv6() const {
+    SocketAddress result;
+    runSync([&] { result = localAddressOf(false); });
+    return result;
+}
+
+SocketAddress UdpSocket::localAddress() const {
+    SocketAddress result;
+    runSync([&] { result = localAddressOf(socket4_.fd != -1); });
+    return result;
+}
+
+SocketAddress UdpSocket::localAddressOf(bool isIPv4) const {
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    if (f.fd == -1 || !f.cachedLocalAddress.empty()) {
+        return f.cachedLocalAddress;
+    }
+    sockaddr_in6 storage{};
+    socklen_t length = sizeof storage;
+    if (::getsockname(f.fd, reinterpret_cast<sockaddr*>(&storage), &length) != 0) {
+        return {};
+    }
+    SocketAddress address(&storage, std::min<std::size_t>(length, sizeof storage));
+    // Until bound the kernel may still choose the port, so only a bound address is kept.
+    if (flags_ & kBound) {
+        f.cachedLocalAddress = address;
+    }
+    return address;
+}
+
+std::string UdpSocket::localHost() const {
+    return hostFromAddress(localAddress());
+}
+std::uint16_t UdpSocket::localPort() const {
+    return portFromAddress(localAddress());
+}
+std::string UdpSocket::localHostIPv4() const {
+    return hostFromAddress(localAddressIPv4());
+}
+std::uint16_t UdpSocket::localPortIPv4() const {
+    return portFromAddress(localAddressIPv4());
+}
+std::string UdpSocket::localHostIPv6() const {
+    return hostFromAddress(localAddressIPv6());
+}
+std::uint16_t UdpSocket::localPortIPv6() const {
+    return portFromAddress(localAddressIPv6());
+}
+
+SocketAddress UdpSocket::connectedAddress() const {
+    SocketAddress result;
+    runSync([&] { result = cachedConnectedAddress_; });
+    return result;
+}
+
+std::string UdpSocket::connectedHost() const {
+    std::string result;
+    runSync([&] { result = cachedConnectedHost_; });
+    return result;
+}
+
+std::uint16_t UdpSocket::connectedPort() const {
+    std::uint16_t result = 0;
+    runSync([&] { result = cachedConnectedPort_; });
+    return result;
+}
+
+bool UdpSocket::isConnected() const {
+    bool result = false;
+    runSync([&] { result = (flags_ & kConnected) != 0; });
+    return result;
+}
+
+bool UdpSocket::isClosed() const {
+    bool result = false;
+    runSync([&] { result = (flags_ & kSocketsCreated) == 0; });
+    return result;
+}
+
+bool UdpSocket::isIPv4() const {
+    bool result = false;
+    runSync([&] {
+        result = (flags_ & kConnected) ? cachedConnectedFamily_ == AF_INET : socket4_.fd != -1;
+    });
+    return result;
+}
+
+bool UdpSocket::isIPv6() const {
+    bool result = false;
+    runSync([&] {
+        result = (flags_ & kConnected) ? cachedConnectedFamily_ == AF_INET6 : socket6_.fd != -1;
+    });
+    return result;
+}
+
+int UdpSocket::socketFD() const {
+    int result = -1;
+    runSync([&] {
+        // Ambiguous with two descriptors: ask for socket4FD or socket6FD then.
+        if (socket4_.fd == -1 || socket6_.fd == -1) {
+            result = socket4_.fd != -1 ? socket4_.fd : socket6_.fd;
+        }
+    });
+    return result;
+}
+
+int UdpSocket::socket4FD() const {
+    int result = -1;
+    runSync([&] { result = socket4_.fd; });
+    return result;
+}
+
+int UdpSocket::socket6FD() const {
+    int result = -1;
+    runSync([&] { result = socket6_.fd; });
+    return result;
+}
+
+void UdpSocket::performBlock(const std::function<void()>& block) const {
+    runSync(block);
+}
+
+void UdpSocket::markSocketQueueTargetQueue(SerialQueue& queue) {
+    queue.setSpecific(this, this);
+}
+
+void UdpSocket::unmarkSocketQueueTargetQueue(SerialQueue& queue) {
+    queue.setSpecific(this, nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Address blob helpers
+
+bool UdpSocket::getHost(std::string* host, std::uint16_t* port, int* family,
+                        const SocketAddress& address) {
+    char text[INET6_ADDRSTRLEN] = {};
+    if (isValidIPv4(address)) {
+        sockaddr_in in{};
+        std::memcpy(&in, address.data(), sizeof in);
+        if (!::inet_ntop(AF_INET, &in.sin_addr, text, sizeof text)) {
+            return false;
+        }
+        if (port) {
+            *port = ntohs(in.sin_port);
+        }
+        if (family) {
+            *family = AF_INET;
+        }
+    } else if (isValidIPv6(address)) {
+        sockaddr_in6 in6{};
+        std::memcpy(&in6, address.data(), sizeof in6);
+        if (!::inet_ntop(AF_INET6, &in6.sin6_addr, text, sizeof text)) {
+            return false;
+        }
+        if (port) {
+            *port = ntohs(in6.sin6_port);
+        }
+        if (family) {
+            *family = AF_INET6;
+        }
+    } else {
+        return false;
+    }
+    if (host) {
+        *host = text;
+    }
+    return true;
+}
+
+bool UdpSocket::getHost(std::string* host, std::uint16_t* port, const SocketAddress& address) {
+    return getHost(host, port, nullptr, address);
+}
+
+std::string UdpSocket::hostFromAddress(const SocketAddress& address) {
+    std::string host;
+    getHost(&host, nullptr, nullptr, address);
+    return host;
+}
+
+std::uint16_t UdpSocket::portFromAddress(const SocketAddress& address) {
+    std::uint16_t port = 0;
+    getHost(nullptr, &port, nullptr, address);
+    return port;
+}
+
+int UdpSocket::familyFromAddress(const SocketAddress& address) {
+    int family = AF_UNSPEC;
+    getHost(nullptr, nullptr, &family, address);
+    return family;
+}
+
+bool UdpSocket::isIPv4Address(const SocketAddress& address) {
+    return isValidIPv4(address);
+}
+
+bool UdpSocket::isIPv6Address(const SocketAddress& address) {
+    return isValidIPv6(address);
+}
+
+}  // namespace kavrin
