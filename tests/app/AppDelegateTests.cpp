@@ -1,0 +1,150 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <QFile>
+#include <QFileInfo>
+#include <QtGlobal>
+#include <memory>
+#include <string>
+
+#include "DialogAnswerer.hpp"
+#include "PrivateEnvironment.hpp"
+#include "app/AppDelegate.hpp"
+
+namespace kavrin {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using Reply = AppDelegate::TerminateReply;
+
+// Another connection to the store that holds its write lock, as another process might.
+class StoreLock {
+  public:
+    explicit StoreLock(const QString& path) {
+        EXPECT_EQ(sqlite3_open(path.toUtf8().constData(), &database_), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(database_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(database_);
+    }
+    ~StoreLock() { sqlite3_close(database_); }
+
+    std::string valueOf(const std::string& key) {
+        sqlite3_stmt* select = nullptr;
+        sqlite3_prepare_v2(database_, "SELECT value FROM objects WHERE key = ?", -1, &select,
+                           nullptr);
+        sqlite3_bind_text(select, 1, key.c_str(), -1, SQLITE_TRANSIENT);
+        std::string value = sqlite3_step(select) == SQLITE_ROW
+                                ? reinterpret_cast<const char*>(sqlite3_column_text(select, 0))
+                                : "<none>";
+        sqlite3_finalize(select);
+        return value;
+    }
+    void release() { sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr); }
+
+  private:
+    sqlite3* database_ = nullptr;
+};
+
+// Collects what goes to Qt's system log.
+std::vector<std::string> systemLog;
+void collect(QtMsgType, const QMessageLogContext&, const QString& message) {
+    systemLog.push_back(message.toStdString());
+}
+
+class AppDelegateTest : public ::testing::Test {
+  protected:
+    AppDelegateTest() {
+        systemLog.clear();
+        previousHandler = qInstallMessageHandler(collect);
+    }
+    ~AppDelegateTest() override { qInstallMessageHandler(previousHandler); }
+
+    StoreContext& context() { return delegate->persistentContainer().viewContext(); }
+
+    test::PrivateEnvironment environment;
+    std::unique_ptr<AppDelegate> delegate = std::make_unique<AppDelegate>();
+    QtMessageHandler previousHandler = nullptr;
+};
+
+TEST_F(AppDelegateTest, WithNothingToSaveQuittingIsImmediateAndTheStoreIsMadeOnDemand) {
+    EXPECT_FALSE(QFileInfo::exists(environment.storeFile())) << "made on the first request";
+    test::DialogAnswerer user;
+    EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::now);
+    EXPECT_TRUE(QFileInfo::exists(environment.storeFile()));
+    EXPECT_TRUE(user.seen.empty());
+
+    context().setValue("key", "value");
+    delegate->saveAction();
+    EXPECT_FALSE(context().hasChanges());
+    EXPECT_EQ(StoreLock(environment.storeFile()).valueOf("key"), "value");
+    EXPECT_TRUE(user.seen.empty());
+}
+
+TEST_F(AppDelegateTest, AFailedSaveAtQuitShowsTheErrorThenAsksWhetherToQuitAnyway) {
+    context().setValue("key", "unsaved");
+    StoreLock lock(environment.storeFile());
+
+    test::DialogAnswerer cancelling({"OK", "Cancel"});
+    EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::cancel);
+    ASSERT_EQ(cancelling.seen.size(), 2u);
+    EXPECT_THAT(cancelling.seen[0].text.toStdString(), HasSubstr("database is locked"));
+    const auto& question = cancelling.seen[1];
+    EXPECT_EQ(question.text, "Could not save changes while quitting. Quit anyway?");
+    EXPECT_EQ(question.informativeText,
+              "Quitting now will lose any changes you have made since the last successful save");
+    EXPECT_THAT(question.buttons, ElementsAre("Quit anyway", "Cancel"));
+    EXPECT_TRUE(question.applicationModal);
+    EXPECT_TRUE(context().hasChanges()) << "cancelling keeps the edits for a later save";
+
+    test::DialogAnswerer quitting({"OK", "Quit anyway"});
+    EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::now);
+    EXPECT_EQ(quitting.seen.size(), 2u);
+
+    lock.release();
+    test::DialogAnswerer nobody;
+    EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::now);
+    EXPECT_TRUE(nobody.seen.empty());
+    EXPECT_EQ(lock.valueOf("key"), "unsaved");
+}
+
+TEST_F(AppDelegateTest, AFailedSaveActionIsShownAndTheEditsStayPending) {
+    context().setValue("key", "value");
+    {
+        StoreLock lock(environment.storeFile());
+        test::DialogAnswerer user({"OK"});
+        delegate->saveAction();
+        ASSERT_EQ(user.seen.size(), 1u);
+        EXPECT_THAT(user.seen[0].text.toStdString(), HasSubstr("database is locked"));
+        EXPECT_TRUE(context().hasChanges());
+    }
+    delegate->saveAction();
+    EXPECT_FALSE(context().hasChanges());
+}
+
+TEST_F(AppDelegateTest, AnEditorThatCannotCommitCancelsTheQuitButNotASave) {
+    bool commits = false;
+    context().addEditor([&] { return commits; });
+    context().setValue("key", "value");
+
+    EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::cancel);
+    delegate->saveAction();
+    EXPECT_THAT(systemLog,
+                ElementsAre("kavrin::AppDelegate unable to commit editing to terminate",
+                            "kavrin::AppDelegate unable to commit editing before saving"));
+    EXPECT_FALSE(context().hasChanges()) << "the save carries on";
+
+    commits = true;
+    EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::now);
+}
+
+TEST(AppDelegateDeathTest, AStoreThatWillNotLoadIsFatal) {
+    test::PrivateEnvironment environment;
+    QFile blocker(environment.dataHome());  // a file where the data directory should be
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    AppDelegate delegate;
+    EXPECT_DEATH(delegate.persistentContainer(), "kavrin: fatal error: Unresolved error .*Kavrin");
+}
+
+}  // namespace
+}  // namespace kavrin

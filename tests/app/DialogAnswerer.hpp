@@ -1,0 +1,68 @@
+#pragma once
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QMessageBox>
+#include <QPointer>
+#include <QStringList>
+#include <QTimer>
+#include <vector>
+
+namespace kavrin::test {
+
+// Plays the user in front of modal message boxes: each box that comes up is recorded and
+// answered with the next button text of `answers`; boxes beyond the answers are rejected,
+// so an unexpected dialog shows in `seen` instead of hanging the test.
+class DialogAnswerer {
+  public:
+    struct Seen {
+        QPointer<QMessageBox> box;
+        QString text;
+        QString informativeText;
+        QStringList buttons;  // texts without mnemonics, in the order added
+        bool applicationModal = false;
+    };
+
+    explicit DialogAnswerer(QStringList answers = {}) : answers_(std::move(answers)) {
+        QObject::connect(&poll_, &QTimer::timeout, [this] { answer(); });
+        poll_.start(10);
+    }
+
+    std::vector<Seen> seen;
+
+  private:
+    void answer() {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (box == nullptr || !box->isVisible() || box == answered_) {
+            return;
+        }
+        answered_ = box;
+        Seen record{box,
+                    box->text(),
+                    box->informativeText(),
+                    {},
+                    box->windowModality() == Qt::ApplicationModal};
+        QAbstractButton* chosen = nullptr;
+        const QString answer = seen.size() < std::size_t(answers_.size())
+                                   ? answers_[static_cast<qsizetype>(seen.size())]
+                                   : QString();
+        for (QAbstractButton* button : box->buttons()) {
+            record.buttons << button->text().remove(QLatin1Char('&'));
+            if (record.buttons.back() == answer) {
+                chosen = button;
+            }
+        }
+        seen.push_back(record);
+        // Clicked from the event loop, not from inside this poll.
+        QTimer::singleShot(0, box, [this, box, chosen] {
+            chosen ? chosen->click() : box->reject();
+            answered_ = nullptr;  // a reused box may come up again
+        });
+    }
+
+    QStringList answers_;
+    QTimer poll_;
+    QPointer<QMessageBox> answered_;
+};
+
+}  // namespace kavrin::test

@@ -1,0 +1,146 @@
+// The built monitor run as its own process, headless, as scripts/run starts it without a
+// display: its pings are read off the wire and its stdout off a pipe.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QProcess>
+#include <QSettings>
+#include <chrono>
+#include <string>
+
+#include "PrivateEnvironment.hpp"
+#include "UdpPeer.hpp"
+
+namespace kavrin {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+class MonitorProcessTest : public ::testing::Test {
+  protected:
+    MonitorProcessTest() {
+        QSettings stored(environment.settingsFile(), QSettings::IniFormat);
+        stored.setValue("ip", "127.0.0.1");
+        stored.setValue("OutPort", pingSink->port());
+        stored.setValue("InPort", inPort);
+    }
+
+    ~MonitorProcessTest() override {
+        for (QProcess* process : {&monitor, &responder}) {
+            if (process->state() != QProcess::NotRunning) {
+                process->kill();
+                process->waitForFinished(5000);
+            }
+        }
+    }
+
+    void startMonitor() {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("QT_QPA_PLATFORM", "offscreen");
+        env.insert("XDG_CONFIG_HOME", environment.configHome());
+        env.insert("XDG_DATA_HOME", environment.dataHome());
+        monitor.setProcessEnvironment(env);
+        monitor.start(KAVRIN_MONITOR_PATH, {});
+        ASSERT_TRUE(monitor.waitForStarted(10000)) << monitor.errorString().toStdString();
+        sinceStart.start();
+    }
+
+    // The next whole line of the monitor's stdout, without its newline; empty on timeout.
+    std::string nextLine(int timeoutMs = 10000) {
+        QElapsedTimer waited;
+        waited.start();
+        while (!monitor.canReadLine()) {
+            const int left = timeoutMs - static_cast<int>(waited.elapsed());
+            if (left <= 0 || !monitor.waitForReadyRead(left)) {
+                ADD_FAILURE() << "no line from the monitor; stderr: "
+                              << monitor.readAllStandardError().toStdString();
+                return {};
+            }
+        }
+        return monitor.readLine().chopped(1).toStdString();
+    }
+
+    // Reads lines up to the one starting with `prefix`, and returns them all.
+    std::vector<std::string> linesThrough(const std::string& prefix) {
+        std::vector<std::string> lines;
+        do {
+            lines.push_back(nextLine());
+        } while (!lines.back().empty() && lines.back().rfind(prefix, 0) != 0);
+        return lines;
+    }
+
+    test::PrivateEnvironment environment;
+    std::unique_ptr<test::UdpPeer> pingSink = std::make_unique<test::UdpPeer>();
+    std::uint16_t inPort = test::freeUdpPort();
+    QProcess monitor;
+    QProcess responder;
+    QElapsedTimer sinceStart;
+};
+
+TEST_F(MonitorProcessTest, PingsEveryTwoSecondsAndLogsTheRepliesOfAResponder) {
+    startMonitor();
+    const std::string pingPort = std::to_string(pingSink->port());
+    EXPECT_EQ(nextLine(), "OSC Server started on port " + std::to_string(inPort));
+
+    const auto ping = pingSink->receive(6s);
+    ASSERT_TRUE(ping.has_value()) << "no ping within 6 s";
+    EXPECT_GE(sinceStart.elapsed(), 1900) << "the first ping waits one interval";
+    EXPECT_LE(sinceStart.elapsed(), 4000);
+    const std::vector<std::uint8_t> expected = {'/', 'e', 'o', 's', '/', 'p', 'i', 'n',
+                                                'g', 0,   0,   0,   ',', 0,   0,   0};
+    EXPECT_EQ(*ping, expected);
+    EXPECT_EQ(nextLine(),
+              "Sent OSC ping to 127.0.0.1:" + pingPort + " \xE2\x86\x92 pattern /eos/ping");
+
+#ifndef KAVRIN_RESPONDER_PATH
+    GTEST_SKIP() << "osc_ping_responder is not built";
+#else
+    pingSink.reset();  // the responder takes over its port
+    responder.start(KAVRIN_RESPONDER_PATH,
+                    {"--listen", QString::fromStdString(pingPort), "--reply-port",
+                     QString::number(inPort), "--ping", "/eos/ping", "--reply", "/eos/out/ping"});
+    ASSERT_TRUE(responder.waitForStarted(10000)) << responder.errorString().toStdString();
+
+    // Each tick's reply is logged after the tick, and the log goes on until a reply matched.
+    const auto lines = linesThrough("Matched expected pattern");
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_THAT(lines[0], StartsWith("Sent OSC ping to 127.0.0.1:" + pingPort));
+    EXPECT_THAT(lines[lines.size() - 2], HasSubstr("/eos/out/ping"));
+    EXPECT_EQ(lines.back(), "Matched expected pattern '/eos/out/ping'. Setting OSCgood = true");
+    bool received = false;
+    for (const auto& line : lines) {
+        received = received || line.rfind("Received OSC message: ", 0) == 0;
+    }
+    EXPECT_TRUE(received);
+#endif
+
+    // SIGTERM goes through the quit flow: the store is made and the program ends normally.
+    monitor.terminate();
+    ASSERT_TRUE(monitor.waitForFinished(10000));
+    EXPECT_EQ(monitor.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(monitor.exitCode(), 0) << monitor.readAllStandardError().toStdString();
+    EXPECT_TRUE(QFileInfo::exists(environment.storeFile()));
+    EXPECT_EQ(QSettings(environment.settingsFile(), QSettings::IniFormat).value("InPort").toInt(),
+              inPort);
+}
+
+TEST_F(MonitorProcessTest, AStoredPortOutOfRangeStopsTheProgramAtTheFirstTick) {
+    QSettings(environment.settingsFile(), QSettings::IniFormat).setValue("OutPort", 70000);
+    startMonitor();
+    EXPECT_EQ(nextLine(), "OSC Server started on port " + std::to_string(inPort));
+
+    ASSERT_TRUE(monitor.waitForFinished(10000));
+    EXPECT_EQ(monitor.exitStatus(), QProcess::NormalExit);
+    EXPECT_NE(monitor.exitCode(), 0);
+    EXPECT_EQ(monitor.readAllStandardOutput(), "") << "nothing sent or printed";
+    EXPECT_THAT(monitor.readAllStandardError().toStdString(),
+                HasSubstr("kavrin: fatal error: outgoing port 70000 is outside 0...65535\n"));
+    EXPECT_FALSE(pingSink->receive(0ms).has_value());
+}
+
+}  // namespace
+}  // namespace kavrin

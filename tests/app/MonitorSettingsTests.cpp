@@ -1,0 +1,87 @@
+#include <gtest/gtest.h>
+
+#include <QFileInfo>
+#include <QStringList>
+#include <limits>
+#include <memory>
+
+#include "PrivateEnvironment.hpp"
+#include "app/MonitorSettings.hpp"
+
+namespace kavrin {
+namespace {
+
+class MonitorSettingsTest : public ::testing::Test {
+  protected:
+    // A second look at the same file, as the next start of the program would have.
+    std::unique_ptr<MonitorSettings> reopen() {
+        settings.reset();
+        return std::make_unique<MonitorSettings>();
+    }
+
+    test::PrivateEnvironment environment;
+    std::unique_ptr<MonitorSettings> settings = std::make_unique<MonitorSettings>();
+};
+
+TEST_F(MonitorSettingsTest, MissingAndUnusableValuesReadAsTheDefaults) {
+    EXPECT_EQ(settings->store().fileName(), environment.settingsFile());
+    EXPECT_EQ(settings->readString("ip", "localhost"), "localhost");
+    EXPECT_EQ(settings->readPort("OutPort", 8000), 8000);
+
+    settings->store().setValue("OutPort", 0);
+    settings->store().setValue("InPort", "not a number");
+    settings->store().setValue("Reply", QStringList{"two", "values"});
+    settings->store().setValue("ip", "");
+    settings->store().setValue("ping", 42);
+    const auto stored = reopen();
+    EXPECT_EQ(stored->readPort("OutPort", 8000), 8000) << "0 means the default";
+    EXPECT_EQ(stored->readPort("InPort", 8001), 8001);
+    EXPECT_EQ(stored->readString("Reply", "/eos/out/ping"), "/eos/out/ping");
+    EXPECT_EQ(stored->readString("ip", "localhost"), "") << "an empty string is a value";
+    EXPECT_EQ(stored->readString("ping", "/eos/ping"), "42");
+}
+
+TEST_F(MonitorSettingsTest, PortsAreStoredAsTheLeadingNumberWithoutRangeCheck) {
+    const struct {
+        QString typed;
+        std::int64_t stored;
+    } cases[] = {
+        {"  9000xyz", 9000},
+        {"-5", -5},
+        {"+7", 7},
+        {"70000", 70000},
+        {"99999999999", std::numeric_limits<std::int32_t>::max()},
+        {"-99999999999", std::numeric_limits<std::int32_t>::min()},
+        {"abc", 0},
+        {"", 0},
+        {"12 34", 12},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(settings->writePort("OutPort", c.typed), c.stored) << c.typed.toStdString();
+        EXPECT_EQ(settings->store().value("OutPort").toLongLong(), c.stored)
+            << c.typed.toStdString();
+    }
+
+    settings->writePort("OutPort", u"-5");
+    settings->writePort("InPort", u"99999999999");
+    const auto stored = reopen();
+    EXPECT_EQ(stored->readPort("OutPort", 8000), -5) << "loaded unchanged, checked when used";
+    EXPECT_EQ(stored->readPort("InPort", 8001), 2147483647);
+}
+
+TEST_F(MonitorSettingsTest, WrittenValuesSurviveARestart) {
+    settings->writeString("ip", "");
+    settings->writeString("ping", "  /with spaces, and \u2192 commas ");
+    settings->writeString("Reply", "@at sign");
+    settings->writePort("InPort", u"9001");
+    const auto stored = reopen();
+
+    EXPECT_TRUE(QFileInfo::exists(environment.settingsFile()));
+    EXPECT_EQ(stored->readString("ip", "localhost"), "");
+    EXPECT_EQ(stored->readString("ping", "/eos/ping"), "  /with spaces, and \u2192 commas ");
+    EXPECT_EQ(stored->readString("Reply", "/eos/out/ping"), "@at sign");
+    EXPECT_EQ(stored->readPort("InPort", 8001), 9001);
+}
+
+}  // namespace
+}  // namespace kavrin

@@ -1,0 +1,270 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QLabel>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QtTest/QTest>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "DialogAnswerer.hpp"
+#include "PrivateEnvironment.hpp"
+#include "UdpPeer.hpp"
+#include "app/MonitorSettings.hpp"
+#include "app/QtMainQueue.hpp"
+#include "app/ViewController.hpp"
+#include "osc/codec/OSCMessage.hpp"
+
+namespace kavrin {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+const QColor green(0x00, 0xFF, 0x00);
+const QColor red(0xFF, 0x00, 0x00);
+
+// A monitor on loopback: it pings `pingSink` and listens on `inPort`, logging into `lines`.
+class ViewControllerTest : public ::testing::Test {
+  protected:
+    ViewControllerTest() {
+        settings->store().setValue("ip", "127.0.0.1");
+        settings->store().setValue("OutPort", pingSink.port());
+        settings->store().setValue("InPort", inPort);
+    }
+
+    void start() {
+        controller = std::make_unique<ViewController>(
+            *settings, std::make_shared<QtMainQueue>(), [this](const std::string& line) {
+                lines.push_back(line);
+                if (echoToStderr) {  // lets a death test see what was logged before the end
+                    std::fprintf(stderr, "%s\n", line.c_str());
+                }
+            });
+        controller->viewDidLoad();
+    }
+
+    template <class Widget>
+    Widget* widget(const char* name) {
+        auto* found = controller->findChild<Widget*>(QLatin1String(name));
+        EXPECT_NE(found, nullptr) << name;
+        return found;
+    }
+
+    void edit(const char* field, const QString& text) {
+        auto* lineEdit = widget<QLineEdit>(field);
+        lineEdit->setText(text);
+        emit lineEdit->editingFinished();
+    }
+
+    QString status() { return widget<QLabel>("StatusLab")->text(); }
+    QColor colour() { return widget<QWidget>("Background")->palette().color(QPalette::Window); }
+
+    // Sends a message with `address` to the monitor and waits until it has logged it.
+    std::vector<std::string> reply(const std::string& address, std::uint16_t port = 0) {
+        const std::size_t before = lines.size();
+        replier.sendTo(port != 0 ? port : inPort, test::oscMessageBytes(address));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return lines.size() >= before + 2; }, 5000))
+            << "no reply logged for " << address;
+        return {lines.begin() + static_cast<std::ptrdiff_t>(before), lines.end()};
+    }
+
+    std::vector<std::uint8_t> nextPing() {
+        auto ping = pingSink.receive(5s);
+        EXPECT_TRUE(ping.has_value()) << "no ping arrived";
+        return ping.value_or(std::vector<std::uint8_t>{});
+    }
+
+    static std::string received(const std::string& address) {
+        return "Received OSC message: " + OSCMessage(address).description();
+    }
+
+    test::PrivateEnvironment environment;
+    test::UdpPeer pingSink;
+    test::UdpPeer replier;
+    std::uint16_t inPort = test::freeUdpPort();
+    std::unique_ptr<MonitorSettings> settings = std::make_unique<MonitorSettings>();
+    std::vector<std::string> lines;
+    bool echoToStderr = false;
+    std::unique_ptr<ViewController> controller;
+};
+
+TEST_F(ViewControllerTest, StartUpFillsTheFieldsAndStartsTheServer) {
+    settings->store().clear();
+    settings->store().setValue("InPort", inPort);
+    start();
+
+    EXPECT_EQ(widget<QLineEdit>("IpText")->text(), "localhost");
+    EXPECT_EQ(widget<QLineEdit>("OutPortText")->text(), "8000");
+    EXPECT_EQ(widget<QLineEdit>("InPortText")->text(), QString::number(inPort));
+    EXPECT_EQ(widget<QLineEdit>("OutMsgText")->text(), "/eos/ping");
+    EXPECT_EQ(widget<QLineEdit>("InMsgText")->text(), "/eos/out/ping");
+    EXPECT_THAT(lines, ElementsAre("OSC Server started on port " + std::to_string(inPort)));
+    // Nothing is painted before the first tick.
+    EXPECT_NE(status(), "OSC IS DEAD!!!");
+    EXPECT_NE(status(), "OSC IS ALIVE");
+}
+
+TEST_F(ViewControllerTest, EachTickPaintsWhatArrivedSinceThePreviousOne) {
+    start();
+    const std::string sent = "Sent OSC ping to 127.0.0.1:" + std::to_string(pingSink.port()) +
+                             " \xE2\x86\x92 pattern /eos/ping";
+
+    controller->sendPing();
+    EXPECT_EQ(nextPing(), test::oscMessageBytes("/eos/ping"));
+    EXPECT_EQ(lines.back(), sent);
+    EXPECT_EQ(status(), "OSC IS DEAD!!!");
+    EXPECT_EQ(colour(), red);
+
+    EXPECT_THAT(reply("/eos/out/ping"),
+                ElementsAre(received("/eos/out/ping"),
+                            "Matched expected pattern '/eos/out/ping'. Setting OSCgood = true"));
+    EXPECT_EQ(widget<QPlainTextEdit>("MsgView")->toPlainText(), "/eos/out/ping\n");
+    EXPECT_EQ(status(), "OSC IS DEAD!!!") << "a reply only shows at the next tick";
+
+    controller->sendPing();
+    nextPing();
+    EXPECT_EQ(status(), "OSC IS ALIVE");
+    EXPECT_EQ(colour(), green);
+
+    controller->sendPing();
+    nextPing();
+    EXPECT_EQ(lines.back(), sent);
+    EXPECT_EQ(status(), "OSC IS DEAD!!!") << "a whole interval passed without a reply";
+    EXPECT_EQ(colour(), red);
+}
+
+TEST_F(ViewControllerTest, AReplyMatchesWhenItsAddressContainsTheExpectedText) {
+    start();
+    const std::string noMatch =
+        "No match for expected pattern '/eos/out/ping'. OSCgood remains false";
+
+    reply("/a/eos/out/ping/b");
+    EXPECT_THAT(reply("/eos/out/pong"), ElementsAre(received("/eos/out/pong"), noMatch));
+    controller->sendPing();
+    EXPECT_EQ(status(), "OSC IS ALIVE") << "a later non-match leaves the match standing";
+
+    // Plain containment: case-sensitive, wildcards are ordinary characters.
+    for (const char* address : {"/eos/out", "/EOS/OUT/PING", "/eos/out/p*ng"}) {
+        EXPECT_EQ(reply(address).back(), noMatch) << address;
+    }
+    edit("InMsgText", "/eos/*");
+    EXPECT_THAT(reply("/eos/out/ping").back(), HasSubstr("No match"));
+    controller->sendPing();
+    EXPECT_EQ(status(), "OSC IS DEAD!!!");
+
+    EXPECT_EQ(widget<QPlainTextEdit>("MsgView")->toPlainText(),
+              "/a/eos/out/ping/b\n/eos/out/pong\n/eos/out\n/EOS/OUT/PING\n/eos/out/p*ng\n"
+              "/eos/out/ping\n");
+
+    // Canonically equivalent text matches: precomposed and decomposed e-acute.
+    EXPECT_TRUE(ViewController::addressContains(QStringLiteral("/caf\u00E9/x"),
+                                                QStringLiteral("cafe\u0301")));
+    EXPECT_TRUE(ViewController::addressContains(QStringLiteral("/cafe\u0301/x"),
+                                                QStringLiteral("caf\u00E9")));
+}
+
+TEST_F(ViewControllerTest, AnEmptyExpectedTextNeverMatches) {
+    start();
+    edit("InMsgText", "");
+    EXPECT_EQ(settings->store().value("Reply"), "");
+
+    EXPECT_EQ(reply("/eos/out/ping").back(),
+              "No match for expected pattern ''. OSCgood remains false");
+    controller->sendPing();
+    EXPECT_EQ(status(), "OSC IS DEAD!!!");
+    EXPECT_FALSE(ViewController::addressContains("", ""));
+}
+
+TEST_F(ViewControllerTest, OutgoingFieldChangesAreStoredAndUsedFromTheNextTick) {
+    start();
+    test::UdpPeer otherSink;
+    edit("IpText", "localhost");
+    edit("OutPortText", "  " + QString::number(otherSink.port()) + "xyz");
+    edit("OutMsgText", "/other/ping");
+
+    EXPECT_EQ(settings->store().value("ip"), "localhost");
+    EXPECT_EQ(settings->store().value("OutPort").toInt(), otherSink.port());
+    EXPECT_EQ(settings->store().value("ping"), "/other/ping");
+
+    controller->sendPing();
+    const auto ping = otherSink.receive(5s);
+    ASSERT_TRUE(ping.has_value());
+    EXPECT_EQ(*ping, test::oscMessageBytes("/other/ping"));
+    EXPECT_EQ(lines.back(), "Sent OSC ping to localhost:" + std::to_string(otherSink.port()) +
+                                " \xE2\x86\x92 pattern /other/ping");
+
+    // Not a number: stored as 0 and used as such until the next start reads the default.
+    edit("OutPortText", "abc");
+    EXPECT_EQ(settings->store().value("OutPort").toInt(), 0);
+    controller->sendPing();
+    EXPECT_EQ(lines.back(), "Sent OSC ping to localhost:0 \xE2\x86\x92 pattern /other/ping");
+}
+
+TEST_F(ViewControllerTest, AnIncomingPortChangeShowsTheNoticeAndTheServerKeepsItsPort) {
+    start();
+    const std::uint16_t otherPort = test::freeUdpPort();
+    test::DialogAnswerer user({"OK", "OK"});
+    edit("InPortText", QString::number(otherPort));
+    edit("InPortText", QString::number(otherPort));
+
+    ASSERT_EQ(user.seen.size(), 2u);
+    for (const auto& notice : user.seen) {
+        EXPECT_EQ(notice.text, "Restart the App to change Port.");
+        EXPECT_EQ(notice.informativeText, "Incoming OSC port changes will apply after restart.");
+        EXPECT_THAT(notice.buttons, ElementsAre("OK"));
+        EXPECT_TRUE(notice.applicationModal);
+    }
+    EXPECT_EQ(user.seen[0].box, user.seen[1].box) << "one notice, reused";
+    EXPECT_EQ(settings->store().value("InPort").toInt(), otherPort);
+
+    EXPECT_EQ(reply("/eos/out/ping", inPort).back(),
+              "Matched expected pattern '/eos/out/ping'. Setting OSCgood = true");
+}
+
+TEST_F(ViewControllerTest, AFailedServerStartIsLoggedAndTheMonitorRunsOn) {
+    test::UdpPeer holder(inPort, "0.0.0.0");  // holds the port without sharing it
+    start();
+
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_THAT(lines[0], ::testing::StartsWith("Failed to start OSC Server on port " +
+                                                std::to_string(inPort) + ": "));
+    EXPECT_GT(lines[0].size(),
+              ("Failed to start OSC Server on port " + std::to_string(inPort) + ": ").size())
+        << "the error's description follows";
+    EXPECT_EQ(lines[1], "OSC Server started on port " + std::to_string(inPort));
+
+    controller->sendPing();
+    EXPECT_EQ(nextPing(), test::oscMessageBytes("/eos/ping"));
+    EXPECT_EQ(status(), "OSC IS DEAD!!!");
+}
+
+using ViewControllerDeathTest = ViewControllerTest;
+
+TEST_F(ViewControllerDeathTest, BrokenInvariantsStopTheProgramWhereTheyAreMet) {
+    echoToStderr = true;
+    start();
+
+    // Any 32-bit port may be stored; out of range it stops the tick before the send.
+    edit("OutPortText", "70000");
+    EXPECT_EQ(settings->store().value("OutPort").toInt(), 70000);
+    EXPECT_DEATH(controller->sendPing(),
+                 ::testing::AllOf(HasSubstr("kavrin: fatal error: outgoing port 70000 is "
+                                            "outside 0...65535\n"),
+                                  ::testing::Not(HasSubstr("Sent OSC ping"))));
+    edit("OutPortText", "-1");
+    EXPECT_DEATH(controller->sendPing(), "outgoing port -1 is outside 0...65535");
+
+    delete widget<QLabel>("StatusLab");
+    edit("OutPortText", QString::number(pingSink.port()));
+    EXPECT_DEATH(controller->sendPing(), "fatal error: the layout has no outlet StatusLab");
+
+    settings->store().setValue("InPort", 65536);
+    EXPECT_DEATH(start(), "fatal error: incoming port 65536 is outside 0...65535");
+}
+
+}  // namespace
+}  // namespace kavrin

@@ -1,0 +1,15 @@
+// The monitor's widgets need a QApplication; the tests run on the offscreen platform.
+#include <gtest/gtest.h>
+
+#include <QApplication>
+
+int main(int argc, char* argv[]) {
+    ::testing::InitGoogleTest(&argc, argv);
+    // Death tests re-run the test binary: the GUI and the socket threads must not be forked.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
+    QApplication app(argc, argv);
+    return RUN_ALL_TESTS();
+}
