@@ -1,0 +1,205 @@
+#include "osc/dispatch/SerialQueue.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "osc/dispatch/GlobalQueue.hpp"
+
+using namespace kavrin;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Posts a marker and waits (bounded) until everything posted before it has run.
+bool flush(DispatchQueue& queue) {
+    auto done = std::make_shared<std::promise<void>>();
+    auto future = done->get_future();
+    queue.async([done] { done->set_value(); });
+    return future.wait_for(5s) == std::future_status::ready;
+}
+
+}  // namespace
+
+TEST(SerialQueue, RunsWorkOneAtATimeInPostingOrderFromManyThreads) {
+    auto queue = SerialQueue::create("order", QualityOfService::userInitiated);
+    EXPECT_EQ(queue->label(), "order");
+    EXPECT_EQ(queue->qualityOfService(), QualityOfService::userInitiated);
+
+    constexpr int perThread = 2000;
+    std::vector<std::vector<int>> seen(3);
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlapped{false};
+    std::vector<std::thread> posters;
+    for (int t = 0; t < 3; ++t) {
+        posters.emplace_back([&, t] {
+            for (int i = 0; i < perThread; ++i) {
+                queue->async([&, t, i] {
+                    if (inside.fetch_add(1) != 0) overlapped = true;
+                    EXPECT_TRUE(queue->isCurrent());
+                    seen[t].push_back(i);  // unsynchronised on purpose: the queue serialises
+                    inside.fetch_sub(1);
+                });
+            }
+        });
+    }
+    for (auto& poster : posters) poster.join();
+    ASSERT_TRUE(flush(*queue));
+    EXPECT_FALSE(overlapped);
+    EXPECT_FALSE(queue->isCurrent());
+    for (const auto& list : seen) {
+        ASSERT_EQ(list.size(), std::size_t{perThread});
+        for (int i = 0; i < perThread; ++i) ASSERT_EQ(list[i], i);
+    }
+}
+
+TEST(SerialQueue, SyncRunsAfterEarlierWorkAndInlineWhenAlreadyOnTheQueue) {
+    auto queue = SerialQueue::create("sync");
+    auto other = SerialQueue::create("other");
+    std::vector<int> order;
+    std::promise<void> gate;
+    auto gateFuture = gate.get_future().share();
+    queue->async([&, gateFuture] {
+        gateFuture.wait();
+        order.push_back(1);
+    });
+    std::thread opener([&] {
+        std::this_thread::sleep_for(20ms);  // let sync() queue up behind the blocked item
+        gate.set_value();
+    });
+    queue->sync([&] {
+        order.push_back(2);
+        EXPECT_TRUE(queue->isCurrent());
+        // Re-entrant: sync on the queue we hold, and back from another queue we entered.
+        queue->sync([&] { order.push_back(3); });
+        other->sync([&] {
+            EXPECT_TRUE(other->isCurrent());
+            EXPECT_TRUE(queue->isCurrent());
+            queue->sync([&] { order.push_back(4); });
+        });
+    });
+    opener.join();
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+
+    // A sync from inside async work on the same queue must not deadlock either.
+    std::promise<int> result;
+    queue->async([&] { queue->sync([&] { result.set_value(5); }); });
+    auto future = result.get_future();
+    ASSERT_EQ(future.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(future.get(), 5);
+
+    EXPECT_THROW(queue->sync([] { throw std::runtime_error("boom"); }), std::runtime_error);
+    ASSERT_TRUE(flush(*queue));  // the queue was released despite the exception
+}
+
+TEST(SerialQueue, ManyPoolThreadsSyncingAtOnceDoNotStarveEachOther) {
+    // Each queue's work syncs onto a second queue: with a pool of two threads, a sync that
+    // needed a free pool thread would deadlock here.
+    constexpr int pairs = 6;
+    std::vector<std::shared_ptr<SerialQueue>> outer, inner;
+    std::atomic<int> done{0};
+    for (int i = 0; i < pairs; ++i) {
+        outer.push_back(SerialQueue::create("outer"));
+        inner.push_back(SerialQueue::create("inner"));
+    }
+    for (int i = 0; i < pairs; ++i) {
+        outer[i]->async([&, i] {
+            inner[i]->sync([&] {
+                std::this_thread::sleep_for(5ms);
+                ++done;
+            });
+        });
+    }
+    for (auto& queue : outer) ASSERT_TRUE(flush(*queue));
+    EXPECT_EQ(done.load(), pairs);
+}
+
+TEST(SerialQueue, AsyncAfterRunsByDeadlineNotBeforeIt) {
+    auto queue = SerialQueue::create("after");
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<std::pair<int, DispatchQueue::Clock::time_point>> ran;
+    const auto start = DispatchQueue::Clock::now();
+    auto record = [&](int id) {
+        return [&, id] {
+            std::lock_guard lock(mutex);
+            ran.emplace_back(id, DispatchQueue::Clock::now());
+            cv.notify_all();
+        };
+    };
+    queue->asyncAfter(150ms, record(3));
+    queue->asyncAfter(start + 50ms, record(2));
+    queue->asyncAfter(start - 1s, record(1));  // past deadline: runs like async
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(cv.wait_for(lock, 5s, [&] { return ran.size() == 3; }));
+    EXPECT_EQ(ran[0].first, 1);
+    EXPECT_EQ(ran[1].first, 2);
+    EXPECT_EQ(ran[2].first, 3);
+    EXPECT_GE(ran[1].second - start, 50ms);
+    EXPECT_GE(ran[2].second - start, 150ms);
+    EXPECT_LT(ran[2].second - start, 2s);
+}
+
+TEST(SerialQueue, SpecificKeysBelongToTheQueueRunningOnThisThread) {
+    static const int key = 0;
+    static const int otherKey = 0;
+    int value = 7;
+    auto queue = SerialQueue::create("keys");
+    auto marked = SerialQueue::create("marked");
+    auto plain = SerialQueue::create("plain");
+    queue->setSpecific(&key, &value);
+    marked->setSpecific(&key, &value);  // how a queue is marked as standing in for another
+
+    EXPECT_EQ(queue->specific(&key), &value);
+    EXPECT_EQ(queue->specific(&otherKey), nullptr);
+    EXPECT_EQ(SerialQueue::getSpecific(&key), nullptr);  // not on any queue
+    queue->sync([&] { EXPECT_EQ(SerialQueue::getSpecific(&key), &value); });
+    marked->sync([&] { EXPECT_EQ(SerialQueue::getSpecific(&key), &value); });
+    queue->sync([&] {
+        // Inside a sync onto another queue, that queue's keys are the current ones.
+        plain->sync([&] { EXPECT_EQ(SerialQueue::getSpecific(&key), nullptr); });
+        EXPECT_EQ(SerialQueue::getSpecific(&key), &value);
+    });
+
+    marked->setSpecific(&key, nullptr);
+    marked->sync([&] { EXPECT_EQ(SerialQueue::getSpecific(&key), nullptr); });
+}
+
+TEST(GlobalQueue, BlockedGlobalWorkDoesNotHoldUpSerialQueues) {
+    auto global = GlobalQueue::get(QualityOfService::defaultQoS);
+    EXPECT_TRUE(GlobalQueue::isGlobal(global.get()));
+    EXPECT_EQ(global, GlobalQueue::get());
+    auto serial = SerialQueue::create("serial");
+    EXPECT_FALSE(GlobalQueue::isGlobal(serial.get()));
+
+    // Occupy more global threads than the serial pool has.
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    for (int i = 0; i < 3; ++i) {
+        global->async([global, released] {
+            EXPECT_TRUE(global->isCurrent());
+            released.wait();
+        });
+    }
+    for (int i = 0; i < 3; ++i) {
+        auto queue = SerialQueue::create("busy");
+        EXPECT_TRUE(flush(*queue)) << "a serial queue was held up by blocked global work";
+    }
+    EXPECT_FALSE(global->isCurrent());
+
+    // The global queue is concurrent: a further item runs while the others are blocked.
+    std::promise<void> ran;
+    auto ranFuture = ran.get_future();
+    global->async([&] { ran.set_value(); });
+    EXPECT_EQ(ranFuture.wait_for(5s), std::future_status::ready);
+    release.set_value();
+    std::promise<void> late;
+    auto lateFuture = late.get_future();
+    global->asyncAfter(10ms, [&] { late.set_value(); });
+    EXPECT_EQ(lateFuture.wait_for(5s), std::future_status::ready);
+}
