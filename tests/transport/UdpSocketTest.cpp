@@ -1,0 +1,707 @@
+#include "osc/transport/UdpSocket.hpp"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "osc/dispatch/GlobalQueue.hpp"
+#include "osc/dispatch/ManualQueue.hpp"
+#include "osc/dispatch/SerialQueue.hpp"
+
+namespace kavrin {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using namespace std::chrono_literals;
+
+Bytes bytes(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
+// Records every report under a lock; tests wait on it with a bound.
+class Recorder : public UdpSocketDelegate {
+  public:
+    struct Datagram {
+        Bytes data;
+        SocketAddress from;
+        std::any context;
+    };
+
+    explicit Recorder(std::shared_ptr<DispatchQueue> queue) : queue_(std::move(queue)) {}
+
+    void udpSocketDidConnectToAddress(UdpSocket&, const SocketAddress& address) override {
+        record([&] { connected.push_back(address); });
+    }
+    void udpSocketDidNotConnect(UdpSocket&, const UdpSocketError& error) override {
+        record([&] { notConnected.push_back(error); });
+    }
+    void udpSocketDidSendDataWithTag(UdpSocket&, std::int64_t tag) override {
+        record([&] { sent.push_back(tag); });
+    }
+    void udpSocketDidNotSendDataWithTag(UdpSocket&, std::int64_t tag,
+                                        const UdpSocketError& error) override {
+        record([&] { notSent.emplace_back(tag, error); });
+    }
+    void udpSocketDidReceiveData(UdpSocket&, Bytes data, const SocketAddress& address,
+                                 const std::any& context) override {
+        record([&] { received.push_back({std::move(data), address, context}); });
+    }
+    void udpSocketDidClose(UdpSocket&, const std::optional<UdpSocketError>& error) override {
+        record([&] { closed.push_back(error); });
+    }
+
+    // Waits until done() holds (checked under the lock); false after the bound.
+    template <class Done>
+    bool waitFor(Done done, std::chrono::milliseconds bound = 5s) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, bound, [&] { return done(); });
+    }
+
+    template <class Read>
+    auto read(Read read) {
+        std::lock_guard lock(mutex_);
+        return read();
+    }
+
+    std::vector<SocketAddress> connected;
+    std::vector<UdpSocketError> notConnected;
+    std::vector<std::int64_t> sent;
+    std::vector<std::pair<std::int64_t, UdpSocketError>> notSent;
+    std::vector<Datagram> received;
+    std::vector<std::optional<UdpSocketError>> closed;
+    bool allOnDelegateQueue = true;
+
+  private:
+    template <class F>
+    void record(F f) {
+        std::lock_guard lock(mutex_);
+        allOnDelegateQueue = allOnDelegateQueue && queue_->isCurrent();
+        f();
+        changed_.notify_all();
+    }
+
+    std::shared_ptr<DispatchQueue> queue_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+};
+
+// A socket with a recording delegate on a serial delegate queue of its own.
+struct Peer {
+    Peer() : Peer(SerialQueue::create("test.delegate")) {}
+    explicit Peer(std::shared_ptr<DispatchQueue> queue)
+        : delegateQueue(queue),
+          recorder(std::make_shared<Recorder>(queue)),
+          socket(UdpSocket::create(recorder, queue)) {}
+
+    // Binds every enabled family to a kernel-chosen port and starts receiving.
+    void listen() {
+        UdpSocketError error;
+        ASSERT_TRUE(socket->bindToPort(0, &error)) << error.description();
+        ASSERT_TRUE(socket->beginReceiving(&error)) << error.description();
+    }
+
+    bool waitForReceived(std::size_t count) {
+        return recorder->waitFor([&] { return recorder->received.size() >= count; });
+    }
+
+    std::shared_ptr<DispatchQueue> delegateQueue;
+    std::shared_ptr<Recorder> recorder;
+    std::shared_ptr<UdpSocket> socket;
+};
+
+std::string text(const Bytes& data) {
+    return {data.begin(), data.end()};
+}
+
+TEST(UdpSocketBind, SecondBindFailsAndTheFirstBindingKeepsWorking) {
+    Peer receiver;
+    receiver.listen();
+    const std::uint16_t port4 = receiver.socket->localPortIPv4();
+    const std::uint16_t port6 = receiver.socket->localPortIPv6();
+    ASSERT_NE(port4, 0);
+    ASSERT_NE(port6, 0);
+    EXPECT_EQ(receiver.socket->localHostIPv4(), "0.0.0.0");
+    EXPECT_EQ(receiver.socket->localHostIPv6(), "::");
+
+    UdpSocketError error;
+    EXPECT_FALSE(receiver.socket->bindToPort(0, &error));
+    EXPECT_EQ(error.domain(), "UdpSocketErrorDomain");
+    EXPECT_EQ(error.code(), UdpSocketError::badConfig);
+    EXPECT_EQ(error.description(), "Cannot bind a socket more than once.");
+
+    Peer sender;
+    sender.socket->sendData(bytes("four"), "127.0.0.1", port4, 1.0, 1);
+    sender.socket->sendData(bytes("six"), "::1", port6, 1.0, 2);
+    ASSERT_TRUE(receiver.waitForReceived(2));
+    receiver.recorder->read([&] {
+        std::vector<std::string> got;
+        for (const auto& d : receiver.recorder->received) {
+            got.push_back(text(d.data) + "@" + UdpSocket::hostFromAddress(d.from));
+        }
+        std::sort(got.begin(), got.end());
+        EXPECT_EQ(got, (std::vector<std::string>{"four@127.0.0.1", "six@::1"}));
+        EXPECT_TRUE(receiver.recorder->allOnDelegateQueue);
+    });
+    EXPECT_TRUE(sender.recorder->waitFor([&] { return sender.recorder->sent.size() == 2; }));
+}
+
+TEST(UdpSocketBind, InterfaceRules) {
+    Peer peer;
+    UdpSocketError error;
+    EXPECT_FALSE(peer.socket->bindToPort(0, "no-such-interface0", &error));
+    EXPECT_EQ(error.code(), UdpSocketError::badParam);
+    EXPECT_EQ(error.description(),
+              "Unknown interface. Specify valid interface by name (e.g. \"en1\") or IP address.");
+
+    peer.socket->setIPv4Enabled(false);
+    EXPECT_FALSE(peer.socket->bindToPort(0, "127.0.0.1", &error));
+    EXPECT_EQ(error.description(),
+              "IPv4 has been disabled and specified interface doesn't support IPv6.");
+    peer.socket->setIPv6Enabled(false);
+    EXPECT_FALSE(peer.socket->bindToPort(0, &error));
+    EXPECT_EQ(error.description(),
+              "Both IPv4 and IPv6 have been disabled. Must enable at least one protocol first.");
+    peer.socket->setIPv4Enabled(true);
+    peer.socket->setIPv6Enabled(true);
+
+    // "loopback" means both loopback addresses.
+    ASSERT_TRUE(peer.socket->bindToPort(0, "loopback", &error)) << error.description();
+    EXPECT_EQ(peer.socket->localHostIPv4(), "127.0.0.1");
+    EXPECT_EQ(peer.socket->localHostIPv6(), "::1");
+
+    // By interface name: only IPv4 on the loopback device carries an address for sure.
+    Peer named;
+    named.socket->setIPv6Enabled(false);
+    ASSERT_TRUE(named.socket->bindToPort(0, "lo", &error)) << error.description();
+    EXPECT_EQ(named.socket->localHostIPv4(), "127.0.0.1");
+    EXPECT_EQ(named.socket->socket6FD(), -1);
+    EXPECT_NE(named.socket->socketFD(), -1);
+}
+
+TEST(UdpSocketBind, BindFailureReportsErrnoAndLeavesTheSocketUsable) {
+    // A plain socket holding the port without address reuse keeps others out.
+    const int holder = ::socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_GE(holder, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::getsockname(holder, reinterpret_cast<sockaddr*>(&address), &length), 0);
+
+    Peer peer;
+    peer.socket->setIPv6Enabled(false);
+    UdpSocketError error;
+    EXPECT_FALSE(peer.socket->bindToPort(ntohs(address.sin_port), "127.0.0.1", &error));
+    EXPECT_EQ(error.domain(), "NSPOSIXErrorDomain");
+    EXPECT_EQ(error.code(), EADDRINUSE);
+    EXPECT_EQ(error.description(), std::strerror(EADDRINUSE));
+    EXPECT_EQ(error.failureReason(), "Error in bind() function");
+    ::close(holder);
+
+    EXPECT_TRUE(peer.socket->bindToPort(0, &error)) << error.description();
+}
+
+TEST(UdpSocketPreconditions, DelegateAndDelegateQueueMustBeSet) {
+    auto queue = SerialQueue::create("test.delegate");
+    auto recorder = std::make_shared<Recorder>(queue);
+    UdpSocketError error;
+
+    auto noDelegate = UdpSocket::create({}, queue);
+    EXPECT_FALSE(noDelegate->bindToPort(0, &error));
+    EXPECT_EQ(error.code(), UdpSocketError::badConfig);
+    EXPECT_EQ(error.description(),
+              "Attempting to use socket without a delegate. Set a delegate first.");
+    EXPECT_FALSE(noDelegate->enableReusePort(true, &error));
+    EXPECT_EQ(error.description(),
+              "Attempting to use socket without a delegate. Set a delegate first.");
+
+    auto noQueue = UdpSocket::create(recorder);
+    EXPECT_FALSE(noQueue->connectToHost("localhost", 9, &error));
+    EXPECT_EQ(error.description(),
+              "Attempting to use socket without a delegate queue. Set a delegate queue first.");
+
+    // A delegate that went away counts as none.
+    {
+        auto gone = std::make_shared<Recorder>(queue);
+        noQueue->synchronouslySetDelegate(gone, queue);
+    }
+    EXPECT_FALSE(noQueue->bindToPort(0, &error));
+    EXPECT_EQ(error.description(),
+              "Attempting to use socket without a delegate. Set a delegate first.");
+
+    // The plain setters apply later, in order with what follows on the socket queue.
+    noQueue->setDelegate(recorder);
+    EXPECT_TRUE(noQueue->bindToPort(0, &error)) << error.description();
+    EXPECT_EQ(noQueue->delegate().lock(), recorder);
+    EXPECT_EQ(noQueue->delegateQueue(), queue);
+}
+
+TEST(UdpSocketReceive, BeginReceivingNeedsDescriptorsNotABind) {
+    Peer peer;
+    UdpSocketError error;
+    const char* bindFirst =
+        "Must bind socket before you can receive data. You can do this explicitly via bind, or "
+        "implicitly via connect or by sending data.";
+    EXPECT_FALSE(peer.socket->beginReceiving(&error));
+    EXPECT_EQ(error.description(), bindFirst);
+    EXPECT_FALSE(peer.socket->receiveOnce(&error));
+    EXPECT_EQ(error.description(), bindFirst);
+    EXPECT_TRUE(peer.socket->isClosed());
+
+    ASSERT_TRUE(peer.socket->enableReusePort(true, &error)) << error.description();
+    EXPECT_FALSE(peer.socket->isClosed());
+    EXPECT_TRUE(peer.socket->beginReceiving(&error)) << error.description();
+    EXPECT_TRUE(peer.socket->beginReceiving(&error)) << "a second call is harmless";
+
+    // Two reusing sockets share one port.
+    ASSERT_TRUE(peer.socket->bindToPort(0, &error)) << error.description();
+    Peer second;
+    ASSERT_TRUE(second.socket->enableReusePort(true, &error)) << error.description();
+    second.socket->setIPv6Enabled(false);
+    EXPECT_TRUE(second.socket->bindToPort(peer.socket->localPortIPv4(), &error))
+        << error.description();
+}
+
+TEST(UdpSocketSend, LocalhostGoesOverIPv4UnlessIPv6IsPreferred) {
+    Peer receiver;
+    receiver.listen();
+    const std::uint16_t port4 = receiver.socket->localPortIPv4();
+    const std::uint16_t port6 = receiver.socket->localPortIPv6();
+
+    Peer neutral;
+    EXPECT_TRUE(neutral.socket->isIPVersionNeutral());
+    neutral.socket->sendData(bytes("neutral"), "localhost", port4, 1.0, 1);
+    ASSERT_TRUE(receiver.waitForReceived(1));
+
+    Peer preferring6;
+    preferring6.socket->setPreferIPv6();
+    EXPECT_TRUE(preferring6.socket->isIPv6Preferred());
+    EXPECT_FALSE(preferring6.socket->isIPv4Preferred());
+    preferring6.socket->sendData(bytes("six"), "localhost", port6, 1.0, 2);
+    ASSERT_TRUE(receiver.waitForReceived(2));
+
+    receiver.recorder->read([&] {
+        const auto& got = receiver.recorder->received;
+        EXPECT_EQ(text(got[0].data), "neutral");
+        EXPECT_EQ(UdpSocket::familyFromAddress(got[0].from), AF_INET);
+        EXPECT_EQ(UdpSocket::hostFromAddress(got[0].from), "127.0.0.1");
+        EXPECT_EQ(text(got[1].data), "six");
+        EXPECT_EQ(UdpSocket::familyFromAddress(got[1].from), AF_INET6);
+        EXPECT_EQ(UdpSocket::hostFromAddress(got[1].from), "::1");
+        EXPECT_EQ(got[1].from.size(), sizeof(sockaddr_in6));
+        EXPECT_FALSE(got[1].context.has_value());
+    });
+    // The first datagram bound the sender implicitly.
+    EXPECT_NE(neutral.socket->localPortIPv4(), 0);
+}
+
+TEST(UdpSocketSend, UnresolvableHostFailsThatPacketOnly) {
+    Peer receiver;
+    receiver.socket->setIPv6Enabled(false);
+    receiver.listen();
+    Peer sender;
+    sender.socket->sendData(bytes("lost"), "no-such-host.invalid", 9, 1.0, 1);
+    sender.socket->sendData(bytes("kept"), "127.0.0.1", receiver.socket->localPortIPv4(), 1.0, 2);
+    ASSERT_TRUE(sender.recorder->waitFor(
+        [&] { return !sender.recorder->notSent.empty() && !sender.recorder->sent.empty(); }));
+    sender.recorder->read([&] {
+        const auto& [tag, error] = sender.recorder->notSent.front();
+        EXPECT_EQ(tag, 1);
+        EXPECT_EQ(error.domain(), "kCFStreamErrorDomainNetDB") << error.description();
+        EXPECT_NE(error.code(), 0);
+        EXPECT_EQ(error.description(), gai_strerror(error.code()));
+        EXPECT_EQ(sender.recorder->sent, (std::vector<std::int64_t>{2}));
+    });
+    ASSERT_TRUE(receiver.waitForReceived(1));
+    EXPECT_EQ(receiver.recorder->read([&] { return text(receiver.recorder->received[0].data); }),
+              "kept");
+}
+
+TEST(UdpSocketSend, DestinationRulesAndFamilies) {
+    Peer receiver;
+    receiver.listen();
+    Peer sender;
+    sender.socket->setIPv4Enabled(false);
+    sender.socket->sendData(bytes("a"), "127.0.0.1", receiver.socket->localPortIPv4(), -1, 1);
+    sender.socket->sendData(bytes("b"), 1.0, 2);  // unconnected: no destination
+    sockaddr_in6 six{};
+    six.sin6_family = AF_INET6;
+    six.sin6_addr = in6addr_loopback;
+    six.sin6_port = htons(receiver.socket->localPortIPv6());
+    sender.socket->sendData(bytes("c"), SocketAddress(&six, sizeof six), -1, 3);
+    sender.socket->sendData(bytes("d"), SocketAddress(), -1, 4);
+    ASSERT_TRUE(sender.recorder->waitFor(
+        [&] { return sender.recorder->notSent.size() == 3 && sender.recorder->sent.size() == 1; }));
+    sender.recorder->read([&] {
+        const auto& failed = sender.recorder->notSent;
+        EXPECT_EQ(failed[0].first, 1);
+        EXPECT_EQ(failed[0].second.code(), UdpSocketError::other);
+        EXPECT_EQ(failed[0].second.description(),
+                  "IPv4 has been disabled and DNS lookup found no IPv6 address(es).");
+        EXPECT_EQ(failed[1].first, 2);
+        EXPECT_EQ(failed[1].second.description(),
+                  "You must specify destination of packet for a non-connected socket");
+        EXPECT_EQ(failed[2].first, 4);
+        EXPECT_EQ(failed[2].second.code(), UdpSocketError::badParam);
+        EXPECT_EQ(sender.recorder->sent, (std::vector<std::int64_t>{3}));
+    });
+    ASSERT_TRUE(receiver.waitForReceived(1));
+}
+
+TEST(UdpSocketSend, EmptyDatagramsAreIgnoredWithoutReport) {
+    Peer receiver;
+    receiver.socket->setIPv6Enabled(false);
+    receiver.listen();
+    const std::uint16_t port = receiver.socket->localPortIPv4();
+    Peer sender;
+    sender.socket->sendData({}, "127.0.0.1", port, 1.0, 1);
+    sender.socket->sendData(bytes("x"), "127.0.0.1", port, 1.0, 2);
+    // Reports come in queue order: once tag 2 is in, tag 1 would have been too.
+    ASSERT_TRUE(sender.recorder->waitFor([&] { return !sender.recorder->sent.empty(); }));
+    sender.recorder->read([&] {
+        EXPECT_EQ(sender.recorder->sent, (std::vector<std::int64_t>{2}));
+        EXPECT_TRUE(sender.recorder->notSent.empty());
+    });
+
+    // An empty datagram from elsewhere is read and dropped; it does not end receiving.
+    const int raw = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.sin_port = htons(port);
+    ASSERT_EQ(::sendto(raw, "", 0, 0, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    ASSERT_EQ(::sendto(raw, "y", 1, 0, reinterpret_cast<sockaddr*>(&to), sizeof to), 1);
+    ::close(raw);
+    ASSERT_TRUE(receiver.waitForReceived(2));
+    receiver.recorder->read([&] {
+        EXPECT_EQ(text(receiver.recorder->received[1].data), "y");
+        EXPECT_TRUE(receiver.recorder->closed.empty());
+    });
+}
+
+TEST(UdpSocketSend, FilteredPacketsReportSentWithoutTransmitting) {
+    for (const bool asynchronous : {false, true}) {
+        SCOPED_TRACE(asynchronous ? "asynchronous filter" : "synchronous filter");
+        Peer receiver;
+        receiver.socket->setIPv6Enabled(false);
+        receiver.listen();
+        const std::uint16_t port = receiver.socket->localPortIPv4();
+        Peer sender;
+        auto filterQueue = SerialQueue::create("test.filter");
+        sender.socket->setSendFilter(
+            [filterQueue](const Bytes& data, const SocketAddress& to, std::int64_t tag) {
+                EXPECT_TRUE(filterQueue->isCurrent());
+                EXPECT_EQ(UdpSocket::hostFromAddress(to), "127.0.0.1");
+                return !(text(data) == "blocked" && tag == 1);
+            },
+            filterQueue, asynchronous);
+        sender.socket->sendData(bytes("blocked"), "127.0.0.1", port, 1.0, 1);
+        sender.socket->sendData(bytes("passed"), "127.0.0.1", port, 1.0, 2);
+        ASSERT_TRUE(sender.recorder->waitFor([&] { return sender.recorder->sent.size() == 2; }));
+        EXPECT_EQ(sender.recorder->read([&] { return sender.recorder->sent; }),
+                  (std::vector<std::int64_t>{1, 2}));
+        ASSERT_TRUE(receiver.waitForReceived(1));
+        // Datagrams arrive in order over loopback: the blocked one would have come first.
+        EXPECT_EQ(
+            receiver.recorder->read([&] { return text(receiver.recorder->received[0].data); }),
+            "passed");
+    }
+}
+
+TEST(UdpSocketReceive, OverlongDatagramArrivesTruncatedToTheLimit) {
+    Peer receiver;
+    receiver.socket->setIPv6Enabled(false);
+    receiver.socket->setMaxReceiveIPv4BufferSize(8);
+    EXPECT_EQ(receiver.socket->maxReceiveIPv4BufferSize(), 8);
+    receiver.listen();
+    Peer sender;
+    sender.socket->sendData(bytes("0123456789abcdef"), "127.0.0.1",
+                            receiver.socket->localPortIPv4(), 1.0, 1);
+    sender.socket->sendData(bytes("short"), "127.0.0.1", receiver.socket->localPortIPv4(), 1.0, 2);
+    ASSERT_TRUE(receiver.waitForReceived(2));
+    receiver.recorder->read([&] {
+        EXPECT_EQ(text(receiver.recorder->received[0].data), "01234567");
+        EXPECT_EQ(text(receiver.recorder->received[1].data), "short");
+    });
+}
+
+TEST(UdpSocketReceive, FiltersOnceModeAndPause) {
+    Peer receiver;
+    receiver.socket->setIPv6Enabled(false);
+    UdpSocketError error;
+    ASSERT_TRUE(receiver.socket->bindToPort(0, "localhost", &error)) << error.description();
+    const std::uint16_t port = receiver.socket->localPortIPv4();
+    auto filterQueue = SerialQueue::create("test.filter");
+    receiver.socket->setReceiveFilter(
+        [](const Bytes& data, const SocketAddress&, std::any& context) {
+            context = static_cast<int>(data.size());
+            return text(data) != "drop";
+        },
+        filterQueue, false);
+    ASSERT_TRUE(receiver.socket->receiveOnce(&error)) << error.description();
+
+    Peer sender;
+    for (const char* word : {"drop", "one", "two"}) {
+        sender.socket->sendData(bytes(word), "127.0.0.1", port, 1.0, 0);
+    }
+    ASSERT_TRUE(sender.recorder->waitFor([&] { return sender.recorder->sent.size() == 3; }));
+    ASSERT_TRUE(receiver.waitForReceived(1));
+    // Once-mode stops after one delivery, so "two" waits in the kernel until asked for.
+    EXPECT_FALSE(
+        receiver.recorder->waitFor([&] { return receiver.recorder->received.size() > 1; }, 100ms));
+    receiver.recorder->read([&] {
+        EXPECT_EQ(text(receiver.recorder->received[0].data), "one");
+        EXPECT_EQ(std::any_cast<int>(receiver.recorder->received[0].context), 3);
+    });
+
+    receiver.socket->setReceiveFilter(
+        [](const Bytes&, const SocketAddress&, std::any& context) {
+            context = std::string("async");
+            return true;
+        },
+        filterQueue);
+    ASSERT_TRUE(receiver.socket->beginReceiving(&error)) << error.description();
+    ASSERT_TRUE(receiver.waitForReceived(2));
+    receiver.recorder->read([&] {
+        EXPECT_EQ(text(receiver.recorder->received[1].data), "two");
+        EXPECT_EQ(std::any_cast<std::string>(receiver.recorder->received[1].context), "async");
+    });
+
+    receiver.socket->pauseReceiving();
+    sender.socket->sendData(bytes("later"), "127.0.0.1", port, 1.0, 0);
+    ASSERT_TRUE(sender.recorder->waitFor([&] { return sender.recorder->sent.size() == 4; }));
+    EXPECT_FALSE(
+        receiver.recorder->waitFor([&] { return receiver.recorder->received.size() > 2; }, 100ms));
+    ASSERT_TRUE(receiver.socket->beginReceiving(&error)) << error.description();
+    ASSERT_TRUE(receiver.waitForReceived(3));
+}
+
+TEST(UdpSocketDelegate, CallbacksAreNeverInline) {
+    auto mainQueue = std::make_shared<ManualQueue>();
+    Peer peer(mainQueue);
+    peer.socket->setIPv6Enabled(false);
+    UdpSocketError error;
+    ASSERT_TRUE(peer.socket->bindToPort(0, "127.0.0.1", &error)) << error.description();
+    ASSERT_TRUE(peer.socket->beginReceiving(&error)) << error.description();
+    sockaddr_in self{};
+    self.sin_family = AF_INET;
+    self.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    self.sin_port = htons(peer.socket->localPortIPv4());
+    peer.socket->sendData(bytes("self"), SocketAddress(&self, sizeof self), 1.0, 5);
+    peer.socket->performBlock([] {});  // the send (no lookup needed) has happened by now
+    // Reported, but nothing has run while nobody drains the delegate queue.
+    EXPECT_GE(mainQueue->pending(), 1u);
+    EXPECT_TRUE(peer.recorder->read([&] { return peer.recorder->sent.empty(); }));
+    peer.socket->close();
+    EXPECT_TRUE(peer.recorder->read([&] { return peer.recorder->closed.empty(); }));
+    EXPECT_TRUE(peer.socket->isClosed());
+
+    EXPECT_TRUE(mainQueue->drainUntil(
+        [&] { return peer.recorder->read([&] { return !peer.recorder->closed.empty(); }); }, 5s));
+    peer.recorder->read([&] {
+        EXPECT_EQ(peer.recorder->sent, (std::vector<std::int64_t>{5}));
+        EXPECT_TRUE(peer.recorder->allOnDelegateQueue);
+        EXPECT_FALSE(peer.recorder->closed.front().has_value()) << "a plain close has no error";
+    });
+}
+
+TEST(UdpSocketClose, ReportsOnlyWhenDescriptorsExisted) {
+    Peer peer;
+    peer.socket->close();
+    peer.socket->closeAfterSending();
+    auto& delegateQueue = static_cast<SerialQueue&>(*peer.delegateQueue);
+    delegateQueue.sync([] {});  // anything posted by the closes has run by now
+    EXPECT_TRUE(peer.recorder->read([&] { return peer.recorder->closed.empty(); }));
+
+    // closeAfterSending waits for the queue, then closes without error.
+    Peer receiver;
+    receiver.socket->setIPv6Enabled(false);
+    receiver.listen();
+    peer.socket->sendData(bytes("last"), "127.0.0.1", receiver.socket->localPortIPv4(), 1.0, 9);
+    peer.socket->closeAfterSending();
+    ASSERT_TRUE(peer.recorder->waitFor([&] { return !peer.recorder->closed.empty(); }));
+    peer.recorder->read([&] {
+        EXPECT_EQ(peer.recorder->sent, (std::vector<std::int64_t>{9}));
+        EXPECT_FALSE(peer.recorder->closed.front().has_value());
+    });
+    EXPECT_TRUE(peer.socket->isClosed());
+    ASSERT_TRUE(receiver.waitForReceived(1));
+
+    // A closed socket can be bound again.
+    UdpSocketError error;
+    EXPECT_TRUE(peer.socket->bindToPort(0, &error)) << error.description();
+}
+
+TEST(UdpSocketConnect, ConnectedSocketTalksToItsPeerOnly) {
+    Peer server;
+    server.socket->setIPv6Enabled(false);
+    server.listen();
+    const std::uint16_t serverPort = server.socket->localPortIPv4();
+
+    Peer client;
+    UdpSocketError error;
+    ASSERT_TRUE(client.socket->connectToHost("localhost", serverPort, &error))
+        << error.description();
+    EXPECT_FALSE(client.socket->connectToHost("localhost", serverPort, &error));
+    EXPECT_EQ(error.description(), "Cannot connect a socket more than once.");
+    ASSERT_TRUE(client.recorder->waitFor([&] { return !client.recorder->connected.empty(); }));
+    EXPECT_TRUE(client.socket->isConnected());
+    EXPECT_EQ(client.socket->connectedHost(), "127.0.0.1");
+    EXPECT_EQ(client.socket->connectedPort(), serverPort);
+    EXPECT_TRUE(client.socket->isIPv4());
+    EXPECT_FALSE(client.socket->isIPv6());
+    EXPECT_FALSE(client.socket->bindToPort(0, &error));
+    EXPECT_EQ(error.description(),
+              "Cannot bind after connecting. If needed, bind first, then connect.");
+
+    client.socket->sendData(bytes("hello"), 1);
+    client.socket->sendData(bytes("x"), "127.0.0.1", serverPort, 1.0, 2);
+    ASSERT_TRUE(client.recorder->waitFor(
+        [&] { return !client.recorder->sent.empty() && !client.recorder->notSent.empty(); }));
+    client.recorder->read([&] {
+        EXPECT_EQ(client.recorder->sent, (std::vector<std::int64_t>{1}));
+        EXPECT_EQ(client.recorder->notSent[0].second.description(),
+                  "Cannot specify destination of packet for connected socket");
+    });
+    ASSERT_TRUE(server.waitForReceived(1));
+    const SocketAddress clientAddress =
+        server.recorder->read([&] { return server.recorder->received[0].from; });
+
+    // A stranger's datagram is dropped; the peer's arrives.
+    ASSERT_TRUE(client.socket->beginReceiving(&error)) << error.description();
+    Peer stranger;
+    stranger.socket->sendData(bytes("stranger"), clientAddress, 1.0, 0);
+    ASSERT_TRUE(stranger.recorder->waitFor([&] { return !stranger.recorder->sent.empty(); }));
+    server.socket->sendData(bytes("reply"), clientAddress, 1.0, 0);
+    ASSERT_TRUE(client.waitForReceived(1));
+    client.recorder->read([&] {
+        ASSERT_EQ(client.recorder->received.size(), 1u);
+        EXPECT_EQ(text(client.recorder->received[0].data), "reply");
+    });
+
+    Peer unresolved;
+    ASSERT_TRUE(unresolved.socket->connectToHost("no-such-host.invalid", 9, &error));
+    ASSERT_TRUE(
+        unresolved.recorder->waitFor([&] { return !unresolved.recorder->notConnected.empty(); }));
+    EXPECT_EQ(
+        unresolved.recorder->read([&] { return unresolved.recorder->notConnected[0].domain(); }),
+        "kCFStreamErrorDomainNetDB");
+    EXPECT_FALSE(unresolved.socket->connectToAddress(SocketAddress(), &error));
+}
+
+TEST(UdpSocketMulticast, JoinRules) {
+    Peer peer;
+    UdpSocketError error;
+    EXPECT_FALSE(peer.socket->joinMulticastGroup("239.1.2.3", &error));
+    EXPECT_EQ(error.description(), "Must bind a socket before joining a multicast group.");
+    peer.socket->setIPv6Enabled(false);
+    ASSERT_TRUE(peer.socket->bindToPort(0, &error)) << error.description();
+    EXPECT_FALSE(peer.socket->joinMulticastGroup("not-a-group", &error));
+    EXPECT_EQ(error.description(), "Unknown group. Specify valid group IP address.");
+    EXPECT_FALSE(peer.socket->joinMulticastGroup("ff02::1", &error));
+    EXPECT_EQ(error.description(), "Socket, group, and interface do not have matching IP versions");
+    EXPECT_FALSE(peer.socket->sendIPv4MulticastOnInterface("no-such-interface0", &error));
+    EXPECT_EQ(error.description(), "Unknown interface. Specify valid interface by IP address.");
+    EXPECT_FALSE(peer.socket->sendIPv6MulticastOnInterface("no-such-interface0", &error));
+    EXPECT_EQ(error.description(),
+              "Unknown interface. Specify valid interface by name (e.g. \"en1\").");
+    // Whether the kernel lets us join depends on the machine's routes; a failure must be
+    // the setsockopt error.
+    if (!peer.socket->joinMulticastGroup("239.1.2.3", "127.0.0.1", &error)) {
+        EXPECT_EQ(error.failureReason(), "Error in setsockopt() function");
+    } else {
+        EXPECT_TRUE(peer.socket->leaveMulticastGroup("239.1.2.3", "127.0.0.1", &error))
+            << error.description();
+    }
+}
+
+TEST(UdpSocketErrors, FactoriesCarryDomainCodeAndText) {
+    EXPECT_EQ(UdpSocketError::sendTimeoutError().description(), "Send operation timed out");
+    EXPECT_EQ(UdpSocketError::sendTimeoutError().code(), 3);
+    EXPECT_EQ(UdpSocketError::socketClosedError().description(), "Socket closed");
+    EXPECT_EQ(UdpSocketError::socketClosedError().code(), 4);
+    EXPECT_STREQ(UdpSocketError::otherError("x").what(), "x");
+    errno = ECONNREFUSED;
+    const UdpSocketError posix = UdpSocketError::errnoError("Error in send() function.");
+    EXPECT_EQ(posix.domain(), "NSPOSIXErrorDomain");
+    EXPECT_EQ(posix.code(), ECONNREFUSED);
+    EXPECT_EQ(posix.description(), std::strerror(ECONNREFUSED));
+    EXPECT_EQ(posix.failureReason(), "Error in send() function.");
+    const UdpSocketError lookup = UdpSocketError::gaiError(EAI_FAIL);
+    EXPECT_EQ(lookup.domain(), "kCFStreamErrorDomainNetDB");
+    EXPECT_EQ(lookup.description(), gai_strerror(EAI_FAIL));
+    EXPECT_FALSE(lookup.failureReason().has_value());
+}
+
+TEST(UdpSocketAddress, BlobHelpers) {
+    sockaddr_in6 six{};
+    six.sin6_family = AF_INET6;
+    six.sin6_port = htons(8001);
+    ASSERT_EQ(::inet_pton(AF_INET6, "fe80::1", &six.sin6_addr), 1);
+    const SocketAddress address(&six, sizeof six);
+    std::string host;
+    std::uint16_t port = 0;
+    int family = 0;
+    ASSERT_TRUE(UdpSocket::getHost(&host, &port, &family, address));
+    EXPECT_EQ(host, "fe80::1");
+    EXPECT_EQ(port, 8001);
+    EXPECT_EQ(family, AF_INET6);
+    EXPECT_TRUE(UdpSocket::isIPv6Address(address));
+    EXPECT_FALSE(UdpSocket::isIPv4Address(address));
+    EXPECT_EQ(address, SocketAddress(address.bytes()));
+
+    const SocketAddress truncated(&six, 10);  // too short for its family
+    EXPECT_FALSE(UdpSocket::getHost(&host, &port, truncated));
+    EXPECT_EQ(UdpSocket::familyFromAddress(truncated), AF_UNSPEC);
+    EXPECT_EQ(UdpSocket::portFromAddress(SocketAddress()), 0);
+    EXPECT_THROW(SocketAddress(std::vector<std::uint8_t>(29)), std::length_error);
+}
+
+TEST(UdpSocketConfiguration, SettingsAndUserData) {
+    Peer peer;
+    EXPECT_TRUE(peer.socket->isIPv4Enabled());
+    EXPECT_TRUE(peer.socket->isIPv6Enabled());
+    peer.socket->setPreferIPv4();
+    EXPECT_TRUE(peer.socket->isIPv4Preferred());
+    peer.socket->setIPVersionNeutral();
+    EXPECT_TRUE(peer.socket->isIPVersionNeutral());
+    EXPECT_EQ(peer.socket->maxSendBufferSize(), 65535);
+    EXPECT_EQ(peer.socket->maxReceiveIPv6BufferSize(), 65535u);
+    peer.socket->setUserData(std::string("mine"));
+    EXPECT_EQ(std::any_cast<std::string>(peer.socket->userData()), "mine");
+    EXPECT_EQ(peer.socket->socketFD(), -1);
+
+    // Calls from the socket queue itself, or from a queue marked as running for it, run inline.
+    auto other = SerialQueue::create("test.marked");
+    peer.socket->markSocketQueueTargetQueue(*other);
+    bool inline_ = false;
+    other->sync([&] { peer.socket->performBlock([&] { inline_ = true; }); });
+    EXPECT_TRUE(inline_);
+    peer.socket->unmarkSocketQueueTargetQueue(*other);
+    peer.socket->performBlock([&] { EXPECT_TRUE(peer.socket->isIPv4Enabled()); });
+}
+
+TEST(UdpSocketDeathTest, ProgrammingErrorsStopWithTheirText) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(UdpSocket::create({}, nullptr, GlobalQueue::get()),
+                 "The given socketQueue parameter must not be a concurrent queue\\.");
+    EXPECT_DEATH(UdpSocket::create()->setReceiveFilter(
+                     [](const Bytes&, const SocketAddress&, std::any&) { return true; }, nullptr),
+                 "Must provide a dispatch_queue in which to run the filter block\\.");
+}
+
+}  // namespace
+}  // namespace kavrin
