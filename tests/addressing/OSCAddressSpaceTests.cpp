@@ -1,0 +1,247 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <unordered_set>
+#include <vector>
+
+#include "osc/addressing/OSCAddressSpace.hpp"
+#include "osc/codec/OSCMessage.hpp"
+#include "osc/dispatch/ManualQueue.hpp"
+
+namespace kavrin {
+namespace {
+
+using MethodID = OSCAddressSpace::MethodID;
+using NodeType = OSCAddressSpace::NodeType;
+
+// Records which blocks ran, in order, with the values they got.
+struct CallLog {
+    std::vector<std::string> calls;
+    std::vector<std::vector<OSCValue>> values;
+
+    OSCAddressSpace::Block block(std::string name) {
+        return [this, name](const std::vector<OSCValue>& given) {
+            calls.push_back(name);
+            values.push_back(given);
+        };
+    }
+};
+
+std::vector<MethodID> dispatch(OSCAddressSpace& space, const char* address) {
+    return space.dispatch(OSCMessage(address));
+}
+
+const OSCAddressSpace::Node* find(const OSCAddressSpace& space, std::vector<std::string> path) {
+    const OSCAddressSpace::Node* node = &space.root();
+    for (const auto& name : path) {
+        const OSCAddressSpace::Node* next = nullptr;
+        for (const auto& child : node->children()) {
+            if (child->name() == name) next = child.get();
+        }
+        if (!next) return nullptr;
+        node = next;
+    }
+    return node;
+}
+
+TEST(OSCAddressSpace, RegistrationAtTheRootStoresNothing) {
+    OSCAddressSpace space;
+    CallLog log;
+    const MethodID empty = space.registerMethod("", log.block("empty"));
+    const MethodID slash = space.registerMethod("/", log.block("slash"));
+    EXPECT_NE(empty, slash);
+    EXPECT_TRUE(space.root().children().empty());
+    EXPECT_FALSE(space.unregister(""));
+    EXPECT_FALSE(space.unregister("/"));
+    EXPECT_FALSE(space.unregister(empty));
+    EXPECT_TRUE(dispatch(space, "/").empty());
+    EXPECT_TRUE(dispatch(space, "/*").empty());
+    EXPECT_TRUE(log.calls.empty());
+}
+
+TEST(OSCAddressSpace, RegisteringAgainKeepsTheIdAndReplacesTheBlock) {
+    OSCAddressSpace space;
+    CallLog log;
+    const MethodID first = space.registerMethod("/a/b", log.block("first"));
+    const MethodID second = space.registerMethod("/a/b", log.block("second"));
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(dispatch(space, "/a/b"), std::vector<MethodID>{first});
+    EXPECT_EQ(log.calls, std::vector<std::string>{"second"});
+    // The intermediate node stays a container and is never called.
+    EXPECT_EQ(find(space, {"a"})->nodeType(), NodeType::container);
+    EXPECT_TRUE(dispatch(space, "/a").empty());
+    // Registration converts text to ASCII and is case-sensitive.
+    const MethodID cafe = space.registerMethod("/caf\xC3\xA9", log.block("cafe"));
+    EXPECT_EQ(dispatch(space, "/cafe"), std::vector<MethodID>{cafe});
+    EXPECT_TRUE(dispatch(space, "/CAFE").empty());
+}
+
+TEST(OSCAddressSpace, RegisteringAContainerMakesAMethodThatKeepsItsChildren) {
+    OSCAddressSpace space;
+    CallLog log;
+    const MethodID b = space.registerMethod("/a/b", log.block("b"));
+    const MethodID containerID = find(space, {"a"})->id();
+    const MethodID a = space.registerMethod("/a", log.block("a"));
+    EXPECT_EQ(a, containerID);
+    EXPECT_EQ(find(space, {"a"})->nodeType(), NodeType::method);
+    EXPECT_EQ(find(space, {"a"})->children().size(), 1u);
+
+    EXPECT_EQ(dispatch(space, "/*"), std::vector<MethodID>{a});
+    EXPECT_EQ(dispatch(space, "/*/*"), std::vector<MethodID>{b});
+    EXPECT_EQ(log.calls, (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(OSCAddressSpace, UnregisterRemovesLeavesAndDemotesMethodsWithChildren) {
+    OSCAddressSpace space;
+    CallLog log;
+    space.registerMethod("/a/b", log.block("b"));
+    space.registerMethod("/a", log.block("a"));
+
+    EXPECT_TRUE(space.unregister("/a"));
+    ASSERT_NE(find(space, {"a"}), nullptr);
+    EXPECT_EQ(find(space, {"a"})->nodeType(), NodeType::container);
+    EXPECT_FALSE(find(space, {"a"})->hasBlock());
+    EXPECT_TRUE(dispatch(space, "/a").empty());
+    EXPECT_FALSE(space.unregister("/a"));
+
+    EXPECT_TRUE(space.unregister("/a/b"));
+    EXPECT_EQ(find(space, {"a", "b"}), nullptr);
+    EXPECT_FALSE(space.unregister("/a/b"));
+    // The emptied container stays.
+    ASSERT_NE(find(space, {"a"}), nullptr);
+    EXPECT_TRUE(find(space, {"a"})->children().empty());
+
+    EXPECT_FALSE(space.unregister("/missing"));
+    EXPECT_FALSE(space.unregister("/a/b/c"));
+    EXPECT_TRUE(log.calls.empty());
+}
+
+TEST(OSCAddressSpace, UnregisterByIdHasTheSameOutcomes) {
+    OSCAddressSpace space;
+    CallLog log;
+    const MethodID leaf = space.registerMethod("/x/y/leaf", log.block("leaf"));
+    const MethodID parent = space.registerMethod("/x/y", log.block("parent"));
+    const MethodID other = space.registerMethod("/z", log.block("z"));
+    const MethodID container = find(space, {"x"})->id();
+
+    EXPECT_FALSE(space.unregister(container));
+    EXPECT_FALSE(space.unregister(space.root().id()));
+    EXPECT_FALSE(space.unregister(MethodID::random()));
+
+    EXPECT_TRUE(space.unregister(parent));
+    EXPECT_EQ(find(space, {"x", "y"})->nodeType(), NodeType::container);
+    EXPECT_FALSE(space.unregister(parent));
+
+    EXPECT_TRUE(space.unregister(leaf));
+    EXPECT_EQ(find(space, {"x", "y", "leaf"}), nullptr);
+    EXPECT_FALSE(space.unregister(leaf));
+
+    EXPECT_EQ(dispatch(space, "/z"), std::vector<MethodID>{other});
+    EXPECT_TRUE(dispatch(space, "/x/y").empty());
+}
+
+TEST(OSCAddressSpace, DispatchFollowsLevelsParentsAndCreationOrder) {
+    OSCAddressSpace space;
+    CallLog log;
+    const MethodID ax = space.registerMethod("/a/x", log.block("a/x"));
+    const MethodID ay = space.registerMethod("/a/y", log.block("a/y"));
+    const MethodID q1 = space.registerMethod("/q/1/v", log.block("q/1/v"));
+    const MethodID p1 = space.registerMethod("/p/1/v", log.block("p/1/v"));
+    const MethodID p2 = space.registerMethod("/p/2/v", log.block("p/2/v"));
+
+    EXPECT_EQ(dispatch(space, "/a/*"), (std::vector<MethodID>{ax, ay}));
+    EXPECT_EQ(log.calls, (std::vector<std::string>{"a/x", "a/y"}));
+    // q was created before p, so all of q's matches come first.
+    EXPECT_EQ(space.methodIDs(OSCAddressPattern("/[pq]/*/v")), (std::vector<MethodID>{q1, p1, p2}));
+    EXPECT_EQ(space.methodIDs(OSCAddressPattern("/*/[!1]/v")), std::vector<MethodID>{p2});
+    EXPECT_EQ(space.methodIDs(OSCAddressPattern("/{p,q}/1/v")), (std::vector<MethodID>{q1, p1}));
+    // methodIDs calls nothing.
+    EXPECT_EQ(log.calls.size(), 2u);
+    // Containers on the way are not results; the patterns with no components find nothing.
+    EXPECT_TRUE(space.methodIDs(OSCAddressPattern("/*")).empty());
+    EXPECT_TRUE(space.methodIDs(OSCAddressPattern("")).empty());
+    EXPECT_TRUE(space.methodIDs(OSCAddressPattern("/a/x/y")).empty());
+}
+
+TEST(OSCAddressSpace, WildcardsInRegisteredAddressesAreLiteralNames) {
+    OSCAddressSpace space;
+    CallLog log;
+    const MethodID star = space.registerMethod("/a/*", log.block("star"));
+    const MethodID b = space.registerMethod("/a/b", log.block("b"));
+    EXPECT_EQ(find(space, {"a", "*"})->id(), star);
+    EXPECT_EQ(space.methodIDs(OSCAddressPattern("/a/[*]")), std::vector<MethodID>{star});
+    EXPECT_EQ(space.methodIDs(OSCAddressPattern("/a/b")), std::vector<MethodID>{b});
+    EXPECT_EQ(space.methodIDs(OSCAddressPattern("/a/*")), (std::vector<MethodID>{star, b}));
+    EXPECT_TRUE(space.unregister("/a/*"));
+    EXPECT_EQ(space.methodIDs(OSCAddressPattern("/a/*")), std::vector<MethodID>{b});
+}
+
+TEST(OSCAddressSpace, DispatchPassesTheValuesInlineOnTheCallingThread) {
+    OSCAddressSpace space;
+    std::vector<std::thread::id> threads;
+    std::vector<OSCValue> received;
+    space.registerMethod("/v", [&](const std::vector<OSCValue>& values) {
+        threads.push_back(std::this_thread::get_id());
+        received = values;
+    });
+    const std::vector<OSCValue> values = {std::int32_t{1}, std::string("x"), 2.5f};
+    space.dispatch(OSCMessage("/v", values));
+    EXPECT_EQ(threads, std::vector<std::thread::id>{std::this_thread::get_id()});
+    EXPECT_EQ(received, values);
+
+    // A method without a block is found but nothing is called.
+    const MethodID silent = space.registerMethod("/silent", nullptr);
+    EXPECT_EQ(dispatch(space, "/silent"), std::vector<MethodID>{silent});
+
+    // A block may change the space while it is being dispatched.
+    const MethodID once = space.registerMethod("/once", [&](const auto&) {
+        space.unregister("/once");
+        space.registerMethod("/later", nullptr);
+    });
+    EXPECT_EQ(dispatch(space, "/once"), std::vector<MethodID>{once});
+    EXPECT_TRUE(dispatch(space, "/once").empty());
+}
+
+TEST(OSCAddressSpace, DispatchOnAQueuePostsOneWorkItemThatOwnsWhatItNeeds) {
+    auto queue = std::make_shared<ManualQueue>();
+    CallLog log;
+    std::vector<MethodID> ids;
+    {
+        OSCAddressSpace space;
+        const MethodID x = space.registerMethod("/a/x", log.block("x"));
+        const MethodID y = space.registerMethod("/a/y", log.block("y"));
+        ids = space.dispatch(OSCMessage("/a/*", {std::int32_t{7}}), queue);
+        EXPECT_EQ(ids, (std::vector<MethodID>{x, y}));
+        // Nothing runs before the queue does, and unregistering now does not stop it.
+        EXPECT_EQ(queue->pending(), 1u);
+        EXPECT_TRUE(log.calls.empty());
+        EXPECT_TRUE(space.unregister("/a/x"));
+    }
+    EXPECT_EQ(queue->drain(), 1u);
+    EXPECT_EQ(log.calls, (std::vector<std::string>{"x", "y"}));
+    EXPECT_EQ(log.values,
+              (std::vector<std::vector<OSCValue>>{{std::int32_t{7}}, {std::int32_t{7}}}));
+    EXPECT_EQ(queue->drain(), 0u);
+}
+
+TEST(OSCAddressSpace, MethodIDsAreRandomVersion4UUIDs) {
+    std::unordered_set<MethodID> seen;
+    for (int i = 0; i < 1000; ++i) {
+        const MethodID id = MethodID::random();
+        const std::string text = id.description();
+        ASSERT_EQ(text.size(), 36u);
+        EXPECT_EQ(text[8], '-');
+        EXPECT_EQ(text[13], '-');
+        EXPECT_EQ(text[14], '4') << text;
+        EXPECT_NE(std::string("89AB").find(text[19]), std::string::npos) << text;
+        EXPECT_EQ(text.find_first_not_of("0123456789ABCDEF-"), std::string::npos) << text;
+        seen.insert(id);
+    }
+    EXPECT_EQ(seen.size(), 1000u);
+}
+
+}  // namespace
+}  // namespace kavrin
