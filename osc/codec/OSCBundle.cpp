@@ -1,0 +1,150 @@
+#include "osc/codec/OSCBundle.hpp"
+
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "osc/codec/BigEndian.hpp"
+#include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCRawBytes.hpp"
+#include "osc/codec/PassiveDataReader.hpp"
+
+namespace kavrin {
+
+namespace {
+
+std::string tooDeep() {
+    return "Bundle nesting exceeds the maximum depth of " +
+           std::to_string(OSCBundle::maximumDepth) + " levels.";
+}
+
+}  // namespace
+
+OSCBundle::OSCBundle() = default;
+OSCBundle::OSCBundle(OSCTimeTag timeTag, std::vector<OSCPacket> elements)
+    : timeTag(timeTag), elements(std::move(elements)) {}
+OSCBundle::OSCBundle(const OSCBundle&) = default;
+OSCBundle::OSCBundle(OSCBundle&&) noexcept = default;
+OSCBundle& OSCBundle::operator=(const OSCBundle&) = default;
+OSCBundle& OSCBundle::operator=(OSCBundle&&) noexcept = default;
+OSCBundle::~OSCBundle() = default;
+
+std::vector<std::uint8_t> OSCBundle::rawData() const {
+    std::vector<std::uint8_t> bytes(encodedSize(1));
+    encodeInto(bytes.data(), 1);
+    return bytes;
+}
+
+std::size_t OSCBundle::encodedSize() const {
+    return encodedSize(1);
+}
+
+std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out) const {
+    return encodeInto(out, 1);
+}
+
+std::size_t OSCBundle::encodedSize(int depth) const {
+    if (depth > maximumDepth) throw OSCEncodeError(OSCEncodeError::Case::general, tooDeep());
+    std::size_t size = 16;
+    for (const auto& element : elements) {
+        size += 4;
+        if (const auto* message = std::get_if<OSCMessage>(&element.base())) {
+            size += message->encodedSize();
+        } else {
+            size += std::get<OSCBundle>(element.base()).encodedSize(depth + 1);
+        }
+    }
+    return size;
+}
+
+// Each element's size word is filled in once the element is written.
+std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out, int depth) const {
+    std::memcpy(out, rawBytes::bundleHeader, 8);
+    bigEndian::store64(out + 8, timeTag.rawValue);
+    out += 16;
+    for (const auto& element : elements) {
+        std::uint8_t* start = out + 4;
+        std::uint8_t* end = nullptr;
+        if (const auto* message = std::get_if<OSCMessage>(&element.base())) {
+            end = message->encodeInto(start);
+        } else {
+            end = std::get<OSCBundle>(element.base()).encodeInto(start, depth + 1);
+        }
+        bigEndian::store32(out, static_cast<std::uint32_t>(end - start));
+        out = end;
+    }
+    return out;
+}
+
+OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes) {
+    return decode(bytes, rawBytes::shareCopy(bytes), 1);
+}
+
+OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes,
+                            std::shared_ptr<const std::uint8_t[]> owner, int depth) {
+    if (bytes.size() < 16) {
+        throw OSCDecodeError::malformed("Data length too short. (Length is " +
+                                        std::to_string(bytes.size()) + ")");
+    }
+    if (!rawBytes::startsWithBundleHeader(bytes)) {
+        throw OSCDecodeError::malformed("Bundle header is not present or is malformed.");
+    }
+    if (depth > maximumDepth) throw OSCDecodeError::malformed(tooDeep());
+
+    PassiveDataReader reader(bytes);
+    reader.advance(8);
+    OSCBundle bundle(OSCTimeTag{0, reader.readUInt64()});
+    while (reader.remainingByteCount() > 0) {
+        if (reader.remainingByteCount() < 4) {
+            throw OSCDecodeError::malformed("Could not convert element size to Int32.");
+        }
+        const std::int64_t size = reader.readInt32();
+        if (size < 0 || size > reader.remainingByteCount()) {
+            throw OSCDecodeError::malformed("Data bytes ended earlier than expected.");
+        }
+        const auto element = reader.remainingData().first(static_cast<std::size_t>(size));
+        if (rawBytes::startsWithBundleHeader(element)) {
+            bundle.elements.emplace_back(decode(element, owner, depth + 1));
+        } else if (rawBytes::startsWithMessageHeader(element)) {
+            bundle.elements.emplace_back(OSCMessage::decode(element, owner));
+        } else {
+            throw OSCDecodeError::malformed("Unrecognized bundle element encountered.");
+        }
+        reader.advance(size);
+    }
+    bundle.rawOwner_ = std::move(owner);
+    bundle.rawData_ = bytes;
+    return bundle;
+}
+
+std::optional<std::span<const std::uint8_t>> OSCBundle::decodedFrom() const {
+    if (!rawOwner_) return std::nullopt;
+    return rawData_;
+}
+
+std::string OSCBundle::description() const {
+    std::string text = "OSCBundle(timeTag: " + timeTag.description() + ")";
+    if (elements.empty()) return text;
+    std::string lines;
+    for (const auto& element : elements) {
+        if (!lines.empty()) lines += "\n  ";
+        lines += element.description();
+    }
+    return text + " with elements:\n  " + rawBytes::trimmed(lines);
+}
+
+bool operator==(const OSCBundle& lhs, const OSCBundle& rhs) {
+    return lhs.timeTag == rhs.timeTag && lhs.elements == rhs.elements;
+}
+
+}  // namespace kavrin
+
+std::size_t std::hash<kavrin::OSCBundle>::operator()(
+    const kavrin::OSCBundle& bundle) const noexcept {
+    std::size_t seed = std::hash<kavrin::OSCTimeTag>{}(bundle.timeTag);
+    for (const auto& element : bundle.elements) {
+        seed ^= std::hash<kavrin::OSCPacket>{}(element) + 0x9e3779b97f4a7c15ULL + (seed << 6) +
+                (seed >> 2);
+    }
+    return seed;
+}

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "osc/codec/OSCMessage.hpp"
+#include "osc/codec/OSCTimeTag.hpp"
+
+namespace kavrin {
+
+struct OSCPacket;
+
+// A time tag and elements, each a message or a nested bundle, plus the bytes it was decoded
+// from (not part of equality or hashing). A plain value: distinct objects from any thread, a
+// shared one for reading only.
+//
+// Wire form: "#bundle\0", the time tag's raw value (8 bytes), then per element an Int32 size and
+// that many bytes. Bundles nest at most maximumDepth (128) levels counting the outermost;
+// deeper ones are refused with
+// OSCDecodeError::malformed("Bundle nesting exceeds the maximum depth of 128 levels."), which
+// keeps decoding, printing, comparing and destroying within a small thread stack.
+struct OSCBundle {
+    static constexpr int maximumDepth = 128;
+
+    OSCTimeTag timeTag;
+    std::vector<OSCPacket> elements;
+
+    OSCBundle();
+    OSCBundle(OSCTimeTag timeTag, std::vector<OSCPacket> elements = {});
+    OSCBundle(const OSCBundle&);
+    OSCBundle(OSCBundle&&) noexcept;
+    OSCBundle& operator=(const OSCBundle&);
+    OSCBundle& operator=(OSCBundle&&) noexcept;
+    ~OSCBundle();
+
+    // Throws OSCEncodeError (a value without an encoder, nesting beyond the limits).
+    std::vector<std::uint8_t> rawData() const;
+    // Throws OSCDecodeError with one of the fixed texts; never reads outside `bytes`.
+    static OSCBundle decode(std::span<const std::uint8_t> bytes);
+    std::optional<std::span<const std::uint8_t>> decodedFrom() const;
+
+    // "OSCBundle(timeTag: ...)", followed by " with elements:" and one element per line when
+    // there are any.
+    std::string description() const;
+
+    // For framing code, as for OSCMessage.
+    std::size_t encodedSize() const;
+    std::uint8_t* encodeInto(std::uint8_t* out) const;
+
+    friend bool operator==(const OSCBundle& lhs, const OSCBundle& rhs);
+
+  private:
+    static OSCBundle decode(std::span<const std::uint8_t> bytes,
+                            std::shared_ptr<const std::uint8_t[]> owner, int depth);
+    std::size_t encodedSize(int depth) const;
+    std::uint8_t* encodeInto(std::uint8_t* out, int depth) const;
+
+    std::shared_ptr<const std::uint8_t[]> rawOwner_;
+    std::span<const std::uint8_t> rawData_;
+};
+
+}  // namespace kavrin
+
+template <>
+struct std::hash<kavrin::OSCBundle> {
+    std::size_t operator()(const kavrin::OSCBundle& bundle) const noexcept;
+};
+
+// OSCPacket completes OSCBundle's element type.
+#include "osc/codec/OSCPacket.hpp"

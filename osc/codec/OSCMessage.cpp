@@ -1,0 +1,142 @@
+#include "osc/codec/OSCMessage.hpp"
+
+#include <cstring>
+#include <functional>
+#include <string_view>
+#include <utility>
+
+#include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCRawBytes.hpp"
+#include "osc/codec/OSCSerialization.hpp"
+
+namespace kavrin {
+
+namespace {
+
+// A null-terminated chunk of `length` content bytes: at least one zero, padded to 4.
+std::size_t chunkSize(std::size_t length) {
+    return length + 4 - length % 4;
+}
+
+}  // namespace
+
+OSCMessage::OSCMessage(OSCAddressPattern pattern, std::vector<OSCValue> values)
+    : addressPattern(std::move(pattern)), values(std::move(values)) {}
+
+std::size_t OSCMessage::encodedSize() const {
+    return layout().total();
+}
+
+std::uint8_t* OSCMessage::encodeInto(std::uint8_t* out) const {
+    return write(layout(), out);
+}
+
+std::vector<std::uint8_t> OSCMessage::rawData() const {
+    const auto sizes = layout();
+    std::vector<std::uint8_t> bytes(sizes.total());
+    write(sizes, bytes.data());
+    return bytes;
+}
+
+// The measuring pass: the sizes of the three parts.
+OSCMessage::Layout OSCMessage::layout() const {
+    OSCValueEncoder measure(OSCSerialization::shared());
+    for (const auto& value : values) measure.serialization().encodeValue(value, measure);
+    return {chunkSize(addressPattern.rawAddress().size()), chunkSize(1 + measure.tagCount()),
+            measure.argumentByteCount()};
+}
+
+// The writing pass into zero-filled bytes, each part at its place.
+std::uint8_t* OSCMessage::write(const Layout& sizes, std::uint8_t* out) const {
+    const auto& address = addressPattern.rawAddress();
+    std::memcpy(out, address.data(), address.size());
+    std::uint8_t* tags = out + sizes.address;
+    *tags = ',';
+    std::uint8_t* arguments = tags + sizes.tags;
+    OSCValueEncoder writer(OSCSerialization::shared(), tags + 1, arguments);
+    for (const auto& value : values) writer.serialization().encodeValue(value, writer);
+    return arguments + sizes.arguments;
+}
+
+OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes) {
+    return decode(bytes, rawBytes::shareCopy(bytes));
+}
+
+OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes,
+                              std::shared_ptr<const std::uint8_t[]> owner) {
+    if (bytes.size() % 4 != 0) throw OSCDecodeError::malformed("Length not a multiple of 4 bytes.");
+    if (!rawBytes::startsWithMessageHeader(bytes)) {
+        throw OSCDecodeError::malformed("Does not start with an address pattern.");
+    }
+    PassiveDataReader reader(bytes);
+    OSCMessage message;
+    try {
+        const auto address = reader.readNullTerminatedChunk();
+        for (const auto byte : address) {
+            if (byte >= 0x80) throw OSCDecodeError::malformed("");
+        }
+        message.addressPattern = OSCAddressPattern(
+            std::string_view(reinterpret_cast<const char*>(address.data()), address.size()));
+    } catch (const OSCDecodeError&) {
+        throw OSCDecodeError::malformed("Address pattern string could not be parsed.");
+    }
+    std::string_view tags;
+    try {
+        const auto chunk = reader.readNullTerminatedChunk();
+        for (const auto byte : chunk) {
+            if (byte >= 0x80) throw OSCDecodeError::malformed("");
+        }
+        tags = std::string_view(reinterpret_cast<const char*>(chunk.data()), chunk.size());
+    } catch (const OSCDecodeError&) {
+        throw OSCDecodeError::malformed("Couldn't extract OSC-type chunk.");
+    }
+
+    const auto& serialization = OSCSerialization::shared();
+    OSCValueDecoder decoder{reader, serialization};
+    message.values.reserve(tags.size());
+    std::size_t index = 0;
+    while (index < tags.size()) {
+        // Deliberately lenient: a comma (leading or not) is skipped wherever it stands.
+        if (tags[index] == ',' || tags[index] == 0) {
+            ++index;
+            continue;
+        }
+        serialization.decodeValue(tags, index, decoder, message.values);
+    }
+    // Whatever follows the last argument is ignored.
+    message.rawOwner_ = std::move(owner);
+    message.rawData_ = bytes;
+    return message;
+}
+
+std::optional<std::span<const std::uint8_t>> OSCMessage::decodedFrom() const {
+    if (!rawOwner_) return std::nullopt;
+    return rawData_;
+}
+
+std::string OSCMessage::description() const {
+    std::string text = "OSCMessage(\"" + addressPattern.rawAddress() + "\")";
+    if (values.empty()) return text;
+    std::string lines;
+    for (const auto& value : values) {
+        if (!lines.empty()) lines += "\n  ";
+        lines += describe(value);
+    }
+    return text + " with values:\n  " + rawBytes::trimmed(lines);
+}
+
+bool operator==(const OSCMessage& lhs, const OSCMessage& rhs) {
+    return lhs.addressPattern == rhs.addressPattern && lhs.values == rhs.values;
+}
+
+}  // namespace kavrin
+
+std::size_t std::hash<kavrin::OSCMessage>::operator()(
+    const kavrin::OSCMessage& message) const noexcept {
+    std::size_t seed = std::hash<kavrin::OSCAddressPattern>{}(message.addressPattern);
+    for (const auto& value : message.values) {
+        seed ^= std::hash<kavrin::OSCValue>{}(value) + 0x9e3779b97f4a7c15ULL + (seed << 6) +
+                (seed >> 2);
+    }
+    return seed;
+}

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "osc/addressing/OSCAddressPattern.hpp"
+#include "osc/codec/OSCValue.hpp"
+#include "osc/codec/OSCValueMask.hpp"
+
+namespace kavrin {
+
+// One OSC message: an address pattern and its argument values, plus the bytes it was decoded
+// from (kept for the receiver, but no part of equality or hashing). A plain value: distinct
+// objects from any thread, a shared one for reading only.
+//
+// Wire form: the address, the tag string ("," and one tag per value) and the argument bytes,
+// each a whole number of 4-byte words. Decoding is lenient about the tag string: "," and zero
+// characters are skipped wherever they stand, so a missing leading comma is accepted. Arrays
+// nest at most OSCSerialization::maximumArrayDepth (128) levels; deeper ones are refused with
+// OSCDecodeError::malformed("Array nesting exceeds the maximum depth of 128 levels.").
+struct OSCMessage {
+    OSCAddressPattern addressPattern;
+    std::vector<OSCValue> values;
+
+    OSCMessage() = default;
+    OSCMessage(OSCAddressPattern pattern, std::vector<OSCValue> values = {});
+
+    // Encodes; throws OSCEncodeError only for a value kind without an encoder or a too deep array.
+    std::vector<std::uint8_t> rawData() const;
+    // Throws OSCDecodeError with one of the fixed texts; never reads outside `bytes`.
+    static OSCMessage decode(std::span<const std::uint8_t> bytes);
+    // The bytes this message was decoded from (shared with its bundle, if any); nothing for a
+    // message built in code.
+    std::optional<std::span<const std::uint8_t>> decodedFrom() const;
+
+    // `OSCMessage("/a")`, or `OSCMessage("/a") with values:` and one "Kind: value" line per value.
+    std::string description() const;
+
+    // The values as the given kinds (see OSCValueMask.hpp); throws OSCValueMaskError.
+    template <class... Kinds>
+    std::tuple<Kinds...> masked() const {
+        return maskValues<Kinds...>(values);
+    }
+
+    // For framing code: the size of the encoding, and the encoding written at `out` (which
+    // must hold encodedSize() zero bytes); returns the end of what was written.
+    std::size_t encodedSize() const;
+    std::uint8_t* encodeInto(std::uint8_t* out) const;
+
+    friend bool operator==(const OSCMessage& lhs, const OSCMessage& rhs);
+
+  private:
+    friend struct OSCBundle;
+    struct Layout {
+        std::size_t address, tags, arguments;
+        std::size_t total() const { return address + tags + arguments; }
+    };
+    Layout layout() const;
+    std::uint8_t* write(const Layout& sizes, std::uint8_t* out) const;
+
+    // Decodes `bytes`, a part of the buffer `owner`, which the message keeps.
+    static OSCMessage decode(std::span<const std::uint8_t> bytes,
+                             std::shared_ptr<const std::uint8_t[]> owner);
+
+    std::shared_ptr<const std::uint8_t[]> rawOwner_;
+    std::span<const std::uint8_t> rawData_;
+};
+
+}  // namespace kavrin
+
+template <>
+struct std::hash<kavrin::OSCMessage> {
+    std::size_t operator()(const kavrin::OSCMessage& message) const noexcept;
+};

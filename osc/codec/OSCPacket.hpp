@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "osc/codec/OSCBundle.hpp"
+#include "osc/codec/OSCMessage.hpp"
+
+namespace kavrin {
+
+// What one datagram holds: a message or a bundle. A plain value.
+struct OSCPacket : std::variant<OSCMessage, OSCBundle> {
+    using variant::variant;
+    const variant& base() const { return *this; }
+
+    std::vector<std::uint8_t> rawData() const;
+    std::string description() const;
+    // Nothing when the bytes are neither a bundle nor a message (the caller drops them);
+    // throws OSCDecodeError when they are one of them but malformed.
+    static std::optional<OSCPacket> decode(std::span<const std::uint8_t> bytes);
+};
+
+enum class OSCObjectType { message, bundle };
+
+// By the first bytes: the whole "#bundle\0" header first, then "/"; nothing for anything else.
+std::optional<OSCObjectType> classifyPacket(std::span<const std::uint8_t> bytes);
+
+}  // namespace kavrin
+
+template <>
+struct std::hash<kavrin::OSCPacket> {
+    std::size_t operator()(const kavrin::OSCPacket& packet) const noexcept;
+};

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <span>
+#include <string>
+
+namespace kavrin::rawBytes {
+
+// One shared copy of a received datagram: the decoded message or bundle and all of its nested
+// elements keep views into it instead of copies of their own.
+inline std::shared_ptr<const std::uint8_t[]> shareCopy(std::span<const std::uint8_t> bytes) {
+    auto buffer = std::make_shared_for_overwrite<std::uint8_t[]>(bytes.size());
+    if (!bytes.empty()) std::memcpy(buffer.get(), bytes.data(), bytes.size());
+    return buffer;
+}
+
+inline constexpr std::uint8_t bundleHeader[8] = {'#', 'b', 'u', 'n', 'd', 'l', 'e', 0};
+
+inline bool startsWithBundleHeader(std::span<const std::uint8_t> bytes) {
+    return bytes.size() >= 8 && std::memcmp(bytes.data(), bundleHeader, 8) == 0;
+}
+
+inline bool startsWithMessageHeader(std::span<const std::uint8_t> bytes) {
+    return !bytes.empty() && bytes[0] == '/';
+}
+
+// Trims blanks, tabs and line ends at both ends.
+inline std::string trimmed(const std::string& text) {
+    const auto first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string::npos) return {};
+    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+}  // namespace kavrin::rawBytes

@@ -1,0 +1,124 @@
+#include "osc/codec/OSCSerialization.hpp"
+
+#include <string>
+
+#include "osc/codec/OSCBuiltInValueKinds.hpp"
+#include "osc/codec/OSCError.hpp"
+
+namespace kavrin {
+
+OSCSerialization::OSCSerialization() {
+    byTag_.fill(-1);
+    byKind_.fill(-1);
+}
+
+OSCSerialization OSCSerialization::withBuiltInKinds() {
+    OSCSerialization serialization;
+    registerBuiltInValueKinds(serialization);
+    return serialization;
+}
+
+const OSCSerialization& OSCSerialization::shared() {
+    static const OSCSerialization instance = withBuiltInKinds();
+    return instance;
+}
+
+void OSCSerialization::registerKind(Registration registration) {
+    const auto claimed = registration.identity.claimedTags();
+    for (const char tag : claimed) {
+        if (byTag_[static_cast<unsigned char>(tag)] >= 0) {
+            throw OSCSerializationError(OSCSerializationError::Case::tagAlreadyRegistered,
+                                        std::string("OSC type tag is already registered: ") + tag);
+        }
+    }
+    const auto index = static_cast<std::int16_t>(registrations_.size());
+    for (const char tag : claimed) byTag_[static_cast<unsigned char>(tag)] = index;
+    auto& byKind = byKind_[static_cast<std::size_t>(registration.kind)];
+    if (byKind < 0) byKind = index;
+    registrations_.push_back(std::move(registration));
+}
+
+const OSCSerialization::Registration* OSCSerialization::registration(char tag) const {
+    const auto index = byTag_[static_cast<unsigned char>(tag)];
+    return index < 0 ? nullptr : &registrations_[index];
+}
+
+const OSCSerialization::Registration* OSCSerialization::registration(OSCValueKind kind) const {
+    const auto index = byKind_[static_cast<std::size_t>(kind)];
+    return index < 0 ? nullptr : &registrations_[index];
+}
+
+// Each tag character has at most one owner (registration refuses a second claim), so the
+// candidates for a character are at most the one registration in the table.
+void OSCSerialization::decodeValue(std::string_view tags, std::size_t& index,
+                                   OSCValueDecoder& decoder, std::vector<OSCValue>& values) const {
+    const char tag = tags[index];
+    const Registration* candidate = registration(tag);
+    if (candidate == nullptr || std::holds_alternative<std::monostate>(candidate->decoder)) {
+        throw OSCDecodeError::malformed(
+            std::string("No concrete type found to decode OSC type tag: ") + tag);
+    }
+    const auto noDecoder = [tag] {
+        return OSCDecodeError::malformed(
+            std::string("No decoder is implemented for OSC type tag: ") + tag);
+    };
+    auto& value = values.emplace_back();
+    std::size_t used = 0;
+    switch (candidate->identity.identity.index()) {
+        case 0:
+            if (const auto* atomic = std::get_if<OSCValueAtomicDecoder>(&candidate->decoder)) {
+                used = atomic->block(decoder, value) ? 1 : 0;
+            } else {
+                throw noDecoder();
+            }
+            break;
+        case 1:
+            if (const auto* variable = std::get_if<OSCValueVariableDecoder>(&candidate->decoder)) {
+                used = variable->block(tag, decoder, value) ? 1 : 0;
+            } else {
+                throw noDecoder();
+            }
+            break;
+        default:
+            if (const auto* variadic = std::get_if<OSCValueVariadicDecoder>(&candidate->decoder)) {
+                used = variadic->block(tags.substr(index), decoder, value);
+            } else {
+                throw noDecoder();
+            }
+            break;
+    }
+    if (used == 0) {
+        values.pop_back();
+        throw OSCDecodeError::malformed(std::string("No decoder found to decode OSC type tag: ") +
+                                        tag);
+    }
+    index += used;
+}
+
+void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const {
+    const auto kind = kindOf(value);
+    const Registration* found = registration(kind);
+    if (found == nullptr || std::holds_alternative<std::monostate>(found->encoder)) {
+        throw OSCEncodeError(
+            OSCEncodeError::Case::general,
+            "No encoder is registered for OSC value kind: " + std::string(kindName(kind)));
+    }
+    const auto& identity = found->identity.identity;
+    if (const auto* atomic = std::get_if<OSCValueAtomicEncoder>(&found->encoder);
+        atomic != nullptr && identity.index() == 0) {
+        encoder.tag(std::get<OSCValueTagIdentity::Atomic>(identity).tag);
+        atomic->block(value, encoder);
+    } else if (const auto* variable = std::get_if<OSCValueVariableEncoder>(&found->encoder);
+               variable != nullptr && identity.index() == 1) {
+        encoder.tag(variable->block(value, encoder));
+    } else if (const auto* variadic = std::get_if<OSCValueVariadicEncoder>(&found->encoder);
+               variadic != nullptr && identity.index() == 2) {
+        variadic->block(value, encoder);
+    } else {
+        throw OSCEncodeError(OSCEncodeError::Case::unexpectedEncoder,
+                             "The encoder registered for OSC value kind " +
+                                 std::string(kindName(kind)) + " does not fit its type tags.");
+    }
+}
+
+}  // namespace kavrin

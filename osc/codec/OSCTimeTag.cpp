@@ -1,0 +1,101 @@
+#include "osc/codec/OSCTimeTag.hpp"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+
+namespace kavrin {
+
+namespace {
+
+constexpr double secondsPerEra = 4294967296.0;  // 2^32
+constexpr double fractionPerSecond = 4294967296.0;
+
+}  // namespace
+
+OSCTimeTag OSCTimeTag::immediate() {
+    return OSCTimeTag{0, 1};
+}
+
+OSCTimeTag OSCTimeTag::fromSeconds(double seconds) {
+    if (!(seconds > 0)) return OSCTimeTag{0, 0};
+    if (seconds <= 4294967295.0) {
+        return OSCTimeTag{0, static_cast<std::uint64_t>(seconds * fractionPerSecond)};
+    }
+    const double era = std::trunc(seconds / secondsPerEra);
+    // A time this far out is a programming error, not data: stop rather than wrap.
+    if (!(era < 9223372036854775807.0)) std::abort();
+    // Both steps are exact in binary floating point, so the product stays below 2^64.
+    const double within = seconds - era * secondsPerEra;
+    return OSCTimeTag{static_cast<std::int64_t>(era),
+                      static_cast<std::uint64_t>(within * fractionPerSecond)};
+}
+
+std::chrono::system_clock::time_point OSCTimeTag::localEpochDate() {
+    std::tm start{};
+    start.tm_year = 0;  // 1900
+    start.tm_mon = 0;
+    start.tm_mday = 1;
+    start.tm_isdst = -1;
+    // Negative (before 1970), which a 64-bit time_t holds fine.
+    const std::time_t epoch = std::mktime(&start);
+    return std::chrono::system_clock::from_time_t(epoch);
+}
+
+std::chrono::system_clock::time_point OSCTimeTag::epochDate() {
+    static const auto epoch = localEpochDate();
+    return epoch;
+}
+
+OSCTimeTag OSCTimeTag::fromDate(std::chrono::system_clock::time_point date) {
+    const std::chrono::duration<double> since = date - epochDate();
+    return fromSeconds(since.count());
+}
+
+OSCTimeTag OSCTimeTag::now() {
+    return fromDate(std::chrono::system_clock::now());
+}
+
+bool OSCTimeTag::isFuture() const {
+    return *this > now();
+}
+
+double OSCTimeTag::seconds() const {
+    return static_cast<double>(era) * secondsPerEra +
+           static_cast<double>(rawValue) / fractionPerSecond;
+}
+
+std::chrono::system_clock::time_point OSCTimeTag::date() const {
+    const std::chrono::duration<double> since(seconds());
+    return epochDate() + std::chrono::duration_cast<std::chrono::system_clock::duration>(since);
+}
+
+std::string OSCTimeTag::description() const {
+    std::string text =
+        "OSCTimeTag(era: " + std::to_string(era) + ", rawValue: " + std::to_string(rawValue);
+    if (isImmediate()) return text + ", immediate)";
+    using namespace std::chrono;
+    const auto when = time_point_cast<milliseconds>(date());
+    auto secondsPart = floor<std::chrono::seconds>(when);
+    const auto millis = (when - secondsPart).count();
+    const std::time_t whole = system_clock::to_time_t(secondsPart);
+    std::tm utc{};
+    char buffer[64] = "?";
+    if (gmtime_r(&whole, &utc) != nullptr) {
+        std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02d %02d:%02d:%02d.%03d UTC",
+                      utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min,
+                      utc.tm_sec, static_cast<int>(millis));
+    }
+    return text + ", date: " + buffer + ")";
+}
+
+}  // namespace kavrin
+
+std::size_t std::hash<kavrin::OSCTimeTag>::operator()(
+    const kavrin::OSCTimeTag& tag) const noexcept {
+    const std::size_t h = std::hash<std::int64_t>{}(tag.era);
+    return h ^
+           (std::hash<std::uint64_t>{}(tag.rawValue) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2));
+}

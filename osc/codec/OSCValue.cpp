@@ -1,0 +1,144 @@
+#include "osc/codec/OSCValue.hpp"
+
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <functional>
+
+namespace kavrin {
+
+namespace {
+
+void hashCombine(std::size_t& seed, std::size_t value) {
+    seed ^= value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2);
+}
+
+template <class Floating>
+std::string floatingText(Floating value) {
+    std::array<char, 64> buffer;
+    const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
+    std::string text(buffer.data(), result.ptr);
+    // Integral values read as floating point: "1.0", not "1". Exponent forms, nan and inf stay.
+    if (text.find_first_not_of("-0123456789") == std::string::npos) text += ".0";
+    return text;
+}
+
+void appendUTF8(std::string& text, char32_t scalar) {
+    const auto c = static_cast<std::uint32_t>(scalar);
+    if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) {
+        text += "\xEF\xBF\xBD";  // U+FFFD for a value that is no scalar
+    } else if (c < 0x80) {
+        text += static_cast<char>(c);
+    } else if (c < 0x800) {
+        text += static_cast<char>(0xC0 | c >> 6);
+        text += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+        text += static_cast<char>(0xE0 | c >> 12);
+        text += static_cast<char>(0x80 | (c >> 6 & 0x3F));
+        text += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+        text += static_cast<char>(0xF0 | c >> 18);
+        text += static_cast<char>(0x80 | (c >> 12 & 0x3F));
+        text += static_cast<char>(0x80 | (c >> 6 & 0x3F));
+        text += static_cast<char>(0x80 | (c & 0x3F));
+    }
+}
+
+struct Printer {
+    std::string operator()(const OSCBlob& blob) const {
+        return std::to_string(blob.size()) + " bytes";
+    }
+    std::string operator()(float value) const { return floatingText(value); }
+    std::string operator()(double value) const { return floatingText(value); }
+    std::string operator()(std::int32_t value) const { return std::to_string(value); }
+    std::string operator()(std::int64_t value) const { return std::to_string(value); }
+    std::string operator()(const std::string& value) const { return value; }
+    std::string operator()(bool value) const { return value ? "true" : "false"; }
+    std::string operator()(char32_t value) const {
+        std::string text;
+        appendUTF8(text, value);
+        return text;
+    }
+    std::string operator()(const OSCArrayValue& array) const {
+        std::string text = "[";
+        for (std::size_t i = 0; i < array.elements.size(); ++i) {
+            if (i > 0) text += ", ";
+            text += describe(array.elements[i]);
+        }
+        return text + "]";
+    }
+    std::string operator()(OSCImpulseValue) const { return "impulse"; }
+    std::string operator()(OSCNullValue) const { return "null"; }
+    std::string operator()(const OSCMIDIValue& midi) const {
+        char buffer[80];
+        std::snprintf(buffer, sizeof buffer, "portID %u, status 0x%02X, data1 %u, data2 %u",
+                      unsigned{midi.portID}, unsigned{midi.status}, unsigned{midi.data1},
+                      unsigned{midi.data2});
+        return buffer;
+    }
+    std::string operator()(const OSCStringAltValue& value) const { return value.string; }
+    std::string operator()(const OSCTimeTag& tag) const { return tag.description(); }
+};
+
+}  // namespace
+
+bool operator==(const OSCArrayValue& lhs, const OSCArrayValue& rhs) {
+    return lhs.elements == rhs.elements;
+}
+
+std::string_view kindName(OSCValueKind kind) {
+    static constexpr std::array<std::string_view, oscValueKindCount> names = {"Blob",
+                                                                              "Float32",
+                                                                              "Int32",
+                                                                              "String",
+                                                                              "Bool",
+                                                                              "Character",
+                                                                              "Double",
+                                                                              "Int64",
+                                                                              "OSCArrayValue",
+                                                                              "OSCImpulseValue",
+                                                                              "OSCMIDIValue",
+                                                                              "OSCNullValue",
+                                                                              "OSCStringAltValue",
+                                                                              "OSCTimeTag"};
+    return names[static_cast<std::size_t>(kind)];
+}
+
+std::string printedForm(const OSCValue& value) {
+    return std::visit(Printer{}, value.base());
+}
+
+std::string describe(const OSCValue& value) {
+    std::string text(kindName(kindOf(value)));
+    text += ": ";
+    text += printedForm(value);
+    return text;
+}
+
+}  // namespace kavrin
+
+std::size_t std::hash<kavrin::OSCValue>::operator()(const kavrin::OSCValue& value) const noexcept {
+    std::size_t seed = value.index();
+    const std::size_t payload = std::visit(
+        [](const auto& alternative) -> std::size_t {
+            using T = std::decay_t<decltype(alternative)>;
+            if constexpr (std::is_same_v<T, kavrin::OSCBlob>) {
+                return std::hash<std::string_view>{}(std::string_view(
+                    reinterpret_cast<const char*>(alternative.data()), alternative.size()));
+            } else {
+                return std::hash<T>{}(alternative);
+            }
+        },
+        value.base());
+    kavrin::hashCombine(seed, payload);
+    return seed;
+}
+
+std::size_t std::hash<kavrin::OSCArrayValue>::operator()(
+    const kavrin::OSCArrayValue& array) const noexcept {
+    std::size_t seed = array.elements.size();
+    for (const auto& element : array.elements) {
+        kavrin::hashCombine(seed, std::hash<kavrin::OSCValue>{}(element));
+    }
+    return seed;
+}

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <bit>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "osc/codec/BigEndian.hpp"
+#include "osc/codec/OSCError.hpp"
+
+namespace kavrin {
+
+// A forward-only read cursor over bytes it does not own; the bytes must outlive the reader.
+// Every failed read throws OSCDecodeError and leaves readOffset() where it was (except the blob
+// read, which keeps its length word consumed). One decoding pass on one thread; no locking.
+class PassiveDataReader {
+  public:
+    explicit PassiveDataReader(std::span<const std::uint8_t> data) : data_(data) {}
+
+    // Bytes consumed so far, counted from the first byte of the span.
+    std::int64_t readOffset() const { return offset_; }
+    std::int64_t remainingByteCount() const {
+        return static_cast<std::int64_t>(data_.size()) - offset_;
+    }
+    // The bytes not yet consumed (a view, nothing is consumed).
+    std::span<const std::uint8_t> remainingData() const { return data_.subspan(offset_); }
+
+    // A copy of the next `count` bytes.
+    std::vector<std::uint8_t> readBytes(std::int64_t count);
+    void advance(std::int64_t count);
+
+    // The content of a null-terminated chunk padded with zeros to a multiple of 4 bytes (always
+    // at least one zero). The view points into the reader's bytes.
+    std::span<const std::uint8_t> readNullTerminatedChunk();
+    // A null-terminated chunk whose content must be ASCII.
+    std::string readString();
+    // An Int32 length, the bytes, zero padding to a multiple of 4 (none when already aligned).
+    std::vector<std::uint8_t> readBlob();
+
+    std::int32_t readInt32() {
+        return static_cast<std::int32_t>(
+            load32("Not enough bytes while reading Int32 data chunk."));
+    }
+    float readFloat32() {
+        return std::bit_cast<float>(load32("Not enough bytes while reading Float32 data chunk."));
+    }
+    std::int64_t readInt64() {
+        return static_cast<std::int64_t>(
+            load64("Not enough bytes while reading Int64 data chunk."));
+    }
+    std::uint64_t readUInt64() {
+        return load64("Not enough bytes while reading UInt64 data chunk.");
+    }
+    double readDouble() {
+        return std::bit_cast<double>(load64("Not enough bytes while reading Double data chunk."));
+    }
+
+  protected:
+    PassiveDataReader(std::span<const std::uint8_t> data, std::int64_t offset)
+        : data_(data), offset_(offset) {}
+    void rebind(std::span<const std::uint8_t> data, std::int64_t offset) {
+        data_ = data;
+        offset_ = offset;
+    }
+
+  private:
+    std::uint32_t load32(const char* shortMessage) {
+        if (remainingByteCount() < 4) throw OSCDecodeError::malformed(shortMessage);
+        const auto value = bigEndian::load32(data_.data() + offset_);
+        offset_ += 4;
+        return value;
+    }
+    std::uint64_t load64(const char* shortMessage) {
+        if (remainingByteCount() < 8) throw OSCDecodeError::malformed(shortMessage);
+        const auto value = bigEndian::load64(data_.data() + offset_);
+        offset_ += 8;
+        return value;
+    }
+
+    std::span<const std::uint8_t> data_;
+    std::int64_t offset_ = 0;
+};
+
+}  // namespace kavrin
