@@ -1,0 +1,81 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "osc/codec/OSCMessage.hpp"
+#include "osc/codec/OSCPacket.hpp"
+#include "osc/codec/OSCTimeTag.hpp"
+#include "osc/dispatch/DispatchQueue.hpp"
+#include "osc/dispatch/SerialQueue.hpp"
+
+namespace kavrin {
+
+class UdpSocket;
+class OSCServerDelegate;
+
+/// Receives OSC packets on one UDP port (IPv4 and IPv6, all interfaces, port reuse on) and hands
+/// every message in them, bundles opened depth first, to one handler on the dispatch queue.
+///
+/// Thread safety: every operation may be called from any thread. Datagrams are decoded on the
+/// receive queue; the handler runs on the dispatch queue, never inside a call to the server.
+class OSCServer : public std::enable_shared_from_this<OSCServer> {
+    struct Private {};
+
+  public:
+    enum class TimeTagMode {
+        osc1_0,  ///< a message in a bundle tagged in the future is delivered at the tagged time
+        ignore,  ///< every message is delivered at once
+    };
+    /// Called with each message and the time tag of its innermost bundle (immediate for a message
+    /// sent on its own).
+    using Handler = std::function<void(const OSCMessage&, const OSCTimeTag&)>;
+
+    /// Makes a server that is not yet bound. Without a receive queue it makes its own serial
+    /// queue labelled "OSCServer" at user-initiated priority.
+    static std::shared_ptr<OSCServer> create(std::uint16_t port,
+                                             std::shared_ptr<SerialQueue> receiveQueue,
+                                             std::shared_ptr<DispatchQueue> dispatchQueue,
+                                             TimeTagMode mode, Handler handler = nullptr);
+    OSCServer(Private, std::uint16_t port, std::shared_ptr<SerialQueue> receiveQueue,
+              std::shared_ptr<DispatchQueue> dispatchQueue, TimeTagMode mode, Handler handler);
+    /// Closes the socket. Scheduled deliveries still pending then do nothing.
+    ~OSCServer();
+    OSCServer(const OSCServer&) = delete;
+    OSCServer& operator=(const OSCServer&) = delete;
+
+    /// The handler called by each delivery is the one in force when the delivery runs; an empty
+    /// handler makes deliveries do nothing.
+    void setHandler(Handler handler);
+    TimeTagMode timeTagMode() const;
+    void setTimeTagMode(TimeTagMode mode);
+    std::uint16_t port() const;
+
+    /// Closes the socket if open, then enables port reuse, binds the port and starts receiving.
+    /// Throws the socket's UdpSocketError unchanged at the first step that fails, leaving the
+    /// socket as that step left it. May be called again after a failure or a stop().
+    void start();
+    /// Closes the socket.
+    void stop();
+
+  private:
+    friend class OSCServerDelegate;
+    void handle(const OSCPacket& packet, const OSCTimeTag& timeTag);
+    void deliverNow(const OSCMessage& message, const OSCTimeTag& timeTag);
+    void deliverLater(const OSCMessage& message, const OSCTimeTag& timeTag);
+    std::shared_ptr<const Handler> currentHandler() const;
+
+    const std::shared_ptr<UdpSocket> udpServer;
+    const std::shared_ptr<OSCServerDelegate> udpDelegate;
+    const std::shared_ptr<SerialQueue> receiveQueue;
+    const std::shared_ptr<DispatchQueue> dispatchQueue;
+    mutable std::mutex handlerMutex;
+    std::shared_ptr<const Handler> handler;  // guarded by handlerMutex
+    std::atomic<TimeTagMode> mode;
+    const std::uint16_t port_;
+};
+
+}  // namespace kavrin

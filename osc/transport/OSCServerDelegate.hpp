@@ -1,0 +1,32 @@
+#pragma once
+
+#include <memory>
+
+#include "osc/transport/UdpSocket.hpp"
+
+namespace kavrin {
+
+class OSCServer;
+
+/// Takes an OSCServer's datagrams from its socket, so that the socket (which holds its delegate
+/// weakly and is owned by the server) never keeps the server alive. Decodes each datagram and
+/// hands the result to the server; anything that is not a valid OSC packet is dropped silently.
+///
+/// Made and pointed at its server by OSCServer only. Called on the server's receive queue.
+class OSCServerDelegate final : public UdpSocketDelegate {
+    struct Private {};
+
+  public:
+    explicit OSCServerDelegate(Private) {}
+
+    void udpSocketDidReceiveData(UdpSocket& sock, std::vector<std::uint8_t> data,
+                                 const SocketAddress& address,
+                                 const std::any& filterContext) override;
+
+  private:
+    friend class OSCServer;
+    // Set once, before the socket learns of this delegate, and read only on the receive queue.
+    std::weak_ptr<OSCServer> oscServer;
+};
+
+}  // namespace kavrin
