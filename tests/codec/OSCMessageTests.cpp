@@ -1,0 +1,287 @@
+#include "osc/codec/OSCMessage.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <unordered_set>
+
+#include "osc/codec/OSCError.hpp"
+#include "tests/codec/CodecTestSupport.hpp"
+
+namespace kavrin {
+namespace {
+
+using test::bytes;
+using test::Bytes;
+
+std::string decodeFailure(const Bytes& data) {
+    try {
+        OSCMessage::decode(data);
+    } catch (const OSCDecodeError& error) {
+        EXPECT_EQ(error.errorCase(), OSCDecodeError::Case::malformed) << error.what();
+        return error.what();
+    }
+    return "decoded";
+}
+
+OSCMessage everyKind() {
+    return OSCMessage(
+        "/every/kind",
+        {OSCBlob{1, 2, 3, 4, 5}, 1.5f, std::int32_t{-7}, std::string("text"), true, false,
+         char32_t{0x1F600}, 2.25, std::int64_t{-1234567890123}, OSCArrayValue{{1, OSCArrayValue{}}},
+         OSCImpulseValue{}, OSCMIDIValue{1, 0x90, 60, 127}, OSCNullValue{},
+         OSCStringAltValue{"alt"}, OSCTimeTag{0, 0x0102030405060708}});
+}
+
+TEST(OSCMessageEncoding, KnownMessagesEncodeByteExact) {
+    // "/eos" fills a word, so a whole word of zeros follows; no values: the tags are ",".
+    EXPECT_EQ(OSCMessage("/eos").rawData(), bytes({"/eos", 0, 0, 0, 0, ",", 0, 0, 0}));
+    const Bytes typical = bytes({
+        "/mixer/ch/12/fader/level",
+        0,
+        0,
+        0,
+        0,  // 24 characters + a word of zeros
+        ",ifs",
+        0,
+        0,
+        0,
+        0,  // 4 tags + a word of zeros
+        0,
+        0,
+        0,
+        12,  // i 12
+        0x3F,
+        0x40,
+        0,
+        0,  // f 0.75
+        "main",
+        0,
+        0,
+        0,
+        0,  // s "main"
+    });
+    const OSCMessage message("/mixer/ch/12/fader/level", {12, 0.75f, std::string("main")});
+    EXPECT_EQ(message.rawData(), typical);
+    EXPECT_EQ(typical.size(), 52u);
+    EXPECT_EQ(message.encodedSize(), 52u);
+
+    const Bytes kinds = bytes({
+        "/k",
+        0,
+        0,  // address
+        ",TF[i[]]bmNIhSct",
+        0,
+        0,
+        0,
+        0,  // 16 tags + a word of zeros
+        0,
+        0,
+        0,
+        1,  // array element i 1
+        0,
+        0,
+        0,
+        5,
+        1,
+        2,
+        3,
+        4,
+        5,
+        0,
+        0,
+        0,  // blob: length 5, padded
+        0x01,
+        0x90,
+        0x3C,
+        0x7F,  // MIDI port, status, data1, data2
+        0xFF,
+        0xFF,
+        0xFF,
+        0xFF,
+        0xFF,
+        0xFF,
+        0xFF,
+        0xFE,  // h -2
+        "ab",
+        0,
+        0,  // S "ab"
+        0,
+        0,
+        0,
+        'A',  // c 'A'
+        0,
+        0,
+        0,
+        0,
+        0,
+        0,
+        0,
+        1,  // t immediate
+    });
+    const OSCMessage mixed(
+        "/k", {true, false, OSCArrayValue{{1, OSCArrayValue{}}}, OSCBlob{1, 2, 3, 4, 5},
+               OSCMIDIValue{1, 0x90, 60, 127}, OSCNullValue{}, OSCImpulseValue{}, std::int64_t{-2},
+               OSCStringAltValue{"ab"}, char32_t{'A'}, OSCTimeTag::immediate()});
+    EXPECT_EQ(mixed.rawData(), kinds);
+    EXPECT_EQ(OSCMessage::decode(kinds), mixed);
+}
+
+TEST(OSCMessageEncoding, TextThatCannotGoOnTheWireIsMadeASCII) {
+    const OSCMessage message(
+        "/t", {std::string("caf\xC3\xA9"), std::string("a\0b", 3), OSCStringAltValue{"\xC3\xBC"}});
+    const auto decoded = OSCMessage::decode(message.rawData());
+    EXPECT_EQ(decoded.values[0], OSCValue(std::string("cafe")));
+    EXPECT_EQ(decoded.values[1], OSCValue(std::string("ab")));
+    EXPECT_EQ(decoded.values[2], OSCValue(OSCStringAltValue{"u"}));
+}
+
+TEST(OSCMessageDecoding, EveryKindRoundTripsAndKeepsItsBytes) {
+    const auto message = everyKind();
+    const auto encoded = message.rawData();
+    const auto decoded = OSCMessage::decode(encoded);
+    EXPECT_EQ(decoded, message);
+    EXPECT_EQ(std::hash<OSCMessage>{}(decoded), std::hash<OSCMessage>{}(message));
+    ASSERT_TRUE(decoded.decodedFrom().has_value());
+    EXPECT_EQ(Bytes(decoded.decodedFrom()->begin(), decoded.decodedFrom()->end()), encoded);
+    EXPECT_FALSE(message.decodedFrom().has_value());
+    EXPECT_EQ(decoded.rawData(), encoded);
+
+    // The stored bytes are no part of identity; S stays S, never s.
+    const OSCMessage built("/a", {OSCStringAltValue{"x"}});
+    const auto fromWire = OSCMessage::decode(built.rawData());
+    EXPECT_EQ(fromWire, built);
+    EXPECT_NE(fromWire, OSCMessage("/a", {std::string("x")}));
+    std::unordered_set<OSCMessage> set{built, fromWire};
+    EXPECT_EQ(set.size(), 1u);
+
+    // Extremes survive unchanged, NaN bit for bit.
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const OSCMessage extremes(
+        "/x", {std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int64_t>::max(),
+               -0.0, nan, std::numeric_limits<double>::infinity()});
+    const auto back = OSCMessage::decode(extremes.rawData());
+    EXPECT_EQ(back.rawData(), extremes.rawData());
+    EXPECT_TRUE(std::isnan(std::get<float>(back.values[3])));
+    EXPECT_TRUE(std::signbit(std::get<double>(back.values[2])));
+}
+
+TEST(OSCMessageDecoding, TagStringsAreLenientAboutCommas) {
+    const Bytes noComma = bytes({"/a", 0, 0, "if", 0, 0, /* i */ 0, 0, 0, 3, 0x3F, 0x80, 0, 0});
+    const Bytes midComma = bytes({"/a", 0, 0, "i,f", 0, 0, 0, 0, 3, 0x3F, 0x80, 0, 0});
+    const OSCMessage expected("/a", {3, 1.0f});
+    EXPECT_EQ(OSCMessage::decode(noComma), expected);
+    EXPECT_EQ(OSCMessage::decode(midComma), expected);
+    // An empty tag string and trailing bytes after the last argument are accepted.
+    EXPECT_EQ(OSCMessage::decode(bytes({"/a", 0, 0, 0, 0, 0, 0, 1, 2, 3, 4})), OSCMessage("/a"));
+    const auto nested = OSCMessage::decode(
+        bytes({"/a", 0, 0, ",[i[f]s]", 0, 0, 0, 0, 0, 0, 0, 1, 0x3F, 0x80, 0, 0, "s", 0, 0, 0}));
+    EXPECT_EQ(nested,
+              OSCMessage("/a", {OSCArrayValue{{1, OSCArrayValue{{1.0f}}, std::string("s")}}}));
+    EXPECT_EQ(
+        OSCMessage::decode(bytes({"/a", 0, 0, ",[ii]i", 0, 0, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 3})),
+        OSCMessage("/a", {OSCArrayValue{{1, 2}}, 3}));
+}
+
+TEST(OSCMessageDecoding, MalformedInputFailsWithTheFirstApplicableText) {
+    const struct {
+        Bytes data;
+        std::string text;
+    } cases[] = {
+        {bytes({"/abc", 0}), "Length not a multiple of 4 bytes."},
+        {bytes({"#bundle", 0, 0, 0, 0, 0, 0, 0, 0, 1}), "Does not start with an address pattern."},
+        {bytes({}), "Does not start with an address pattern."},
+        {bytes({"/ab", 0xC3, 0, 0, 0, 0}), "Address pattern string could not be parsed."},
+        {bytes({"/abc"}), "Address pattern string could not be parsed."},
+        {bytes({"/ab", 0}), "Couldn't extract OSC-type chunk."},
+        {bytes({"/ab", 0, ",i", 0, 'x'}), "Couldn't extract OSC-type chunk."},
+        {bytes({"/ab", 0, ",x", 0, 0}), "No concrete type found to decode OSC type tag: x"},
+        {bytes({"/ab", 0, ",i]", 0, 0, 0, 0, 1}),
+         "No concrete type found to decode OSC type tag: ]"},
+        {bytes({"/ab", 0, ",[ii", 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2}),
+         "Array termination tag ']' was not found."},
+        {bytes({"/ab", 0, ",[,]", 0, 0, 0, 0}), "No concrete type found to decode OSC type tag: ,"},
+        {bytes({"/ab", 0, ",c", 0, 0, 0, 0, 0xD8, 0}),
+         "Character value couldn't be read. Could not form a Unicode scalar from the value."},
+        {bytes({"/ab", 0, ",c", 0, 0, 0, 0x11, 0, 0}),
+         "Character value couldn't be read. Could not form a Unicode scalar from the value."},
+        {bytes({"/ab", 0, ",i", 0, 0}), "Not enough bytes while reading Int32 data chunk."},
+        {bytes({"/ab", 0, ",d", 0, 0, 0, 0, 0, 0}),
+         "Not enough bytes while reading Double data chunk."},
+        {bytes({"/ab", 0, ",s", 0, 0}),
+         "Not enough bytes in 4-byte aligned null-terminated data chunk."},
+        {bytes({"/ab", 0, ",b", 0, 0, 0, 0, 0, 8, 1, 2, 3, 4}),
+         "Not enough bytes in 4-byte aligned null-terminated blob data chunk."},
+    };
+    for (const auto& c : cases) EXPECT_EQ(decodeFailure(c.data), c.text);
+
+    EXPECT_EQ(OSCMessage::decode(bytes({"/ab", 0, ",c", 0, 0, 0, 0, 0, 'A'})).values,
+              std::vector<OSCValue>{char32_t{'A'}});
+}
+
+TEST(OSCMessageDescription, NamesEachValueKind) {
+    EXPECT_EQ(OSCMessage("/ping").description(), "OSCMessage(\"/ping\")");
+    EXPECT_EQ(OSCMessage("/a", {1, std::string("hello"), true, OSCBlob{1, 2, 3, 4}, 1.0f, 0.1,
+                                std::int64_t{5}, char32_t{'A'}})
+                  .description(),
+              "OSCMessage(\"/a\") with values:\n  Int32: 1\n  String: hello\n  Bool: true\n"
+              "  Blob: 4 bytes\n  Float32: 1.0\n  Double: 0.1\n  Int64: 5\n  Character: A");
+    EXPECT_EQ(OSCMessage("/b", {OSCArrayValue{{1, 2.5f}}, OSCImpulseValue{}, OSCNullValue{},
+                                OSCMIDIValue{1, 0x90, 60, 127}, OSCStringAltValue{"s"},
+                                OSCTimeTag::immediate()})
+                  .description(),
+              "OSCMessage(\"/b\") with values:\n  OSCArrayValue: [Int32: 1, Float32: 2.5]\n"
+              "  OSCImpulseValue: impulse\n  OSCNullValue: null\n"
+              "  OSCMIDIValue: portID 1, status 0x90, data1 60, data2 127\n"
+              "  OSCStringAltValue: s\n  OSCTimeTag: OSCTimeTag(era: 0, rawValue: 1, immediate)");
+    // The joined lines are trimmed at both ends.
+    EXPECT_EQ(OSCMessage("/c", {std::string(" x \n")}).description(),
+              "OSCMessage(\"/c\") with values:\n  String:  x");
+}
+
+TEST(OSCValueMask, ExtractsConvertsAndReportsMisfits) {
+    const OSCMessage message("/m", {12, 0.75f, std::string("main")});
+    const auto [channel, level, bus] = message.masked<std::int32_t, float, std::string>();
+    EXPECT_EQ(channel, 12);
+    EXPECT_EQ(level, 0.75f);
+    EXPECT_EQ(bus, "main");
+    // Numbers convert between i, h, f and d; int32 saturates.
+    const auto numbers = OSCMessage("/n", {2.9f, 7, -1e20, std::int64_t{1} << 40})
+                             .masked<std::int32_t, double, std::int32_t, OSCNumberValue>();
+    EXPECT_EQ(std::get<0>(numbers), 2);
+    EXPECT_EQ(std::get<1>(numbers), 7.0);
+    EXPECT_EQ(std::get<2>(numbers), std::numeric_limits<std::int32_t>::min());
+    EXPECT_EQ(std::get<3>(numbers).base.int64Value(), std::int64_t{1} << 40);
+    // Trailing optionals take what is there.
+    const auto optional =
+        OSCMessage("/o", {1})
+            .masked<std::int32_t, std::optional<std::string>, std::optional<bool>>();
+    EXPECT_EQ(std::get<1>(optional), std::nullopt);
+    EXPECT_EQ(std::get<2>(optional), std::nullopt);
+    EXPECT_EQ((OSCMessage("/o", {1, std::string("x")})
+                   .masked<std::int32_t, std::optional<std::string>>()),
+              std::make_tuple(1, std::optional<std::string>("x")));
+
+    const auto failure = [](auto extract) -> std::pair<std::string, OSCValueMaskError::Case> {
+        try {
+            extract();
+        } catch (const OSCValueMaskError& error) {
+            return {error.what(), error.errorCase()};
+        }
+        return {"extracted", {}};
+    };
+    EXPECT_EQ(failure([&] { message.masked<std::int32_t, float>(); }),
+              std::make_pair(std::string("Expected 2 values but found 3."),
+                             OSCValueMaskError::Case::wrongCount));
+    EXPECT_EQ(failure([] { OSCMessage("/e").masked<std::int32_t, std::optional<float>>(); }).first,
+              "Expected 1 to 2 values but found 0.");
+    EXPECT_EQ(failure([&] { message.masked<std::int32_t, float, OSCBlob>(); }),
+              std::make_pair(std::string("Value at index 2 is String but Blob was expected."),
+                             OSCValueMaskError::Case::typeMismatch));
+    EXPECT_EQ(failure([&] { message.masked<OSCValue, std::int32_t, std::int32_t>(); }).first,
+              "Value at index 2 is String but Int32 (or any number) was expected.");
+}
+
+}  // namespace
+}  // namespace kavrin
