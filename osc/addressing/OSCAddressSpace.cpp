@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <random>
 
+#include "osc/addressing/OSCCompiledComponent.hpp"
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/dispatch/DispatchQueue.hpp"
 
@@ -142,29 +143,23 @@ bool OSCAddressSpace::unregister(const MethodID& id) {
 
 std::vector<const OSCAddressSpace::Node*> OSCAddressSpace::matchingMethods(
     const OSCAddressPattern& pattern) const {
-    const auto components = OSCAddressPattern::components(pattern.rawAddress());
     std::vector<const Node*> level;
+    auto components = OSCAddressPattern::components(pattern.rawAddress());
     if (components.empty()) return level;
     level.push_back(root_.get());
     std::vector<const Node*> next;
-    for (const auto& component : components) {
+    for (auto& component : components) {
+        // Prepared once per level instead of once per child; the answers are matchComponent's.
+        const OSCCompiledComponent compiled(std::move(component.tokens));
         next.clear();
-        const auto& tokens = component.tokens;
-        const bool isLiteral =
-            tokens.empty() ||
-            (tokens.size() == 1 && tokens[0].kind == OSCAddressPattern::Token::Kind::literal);
         for (const Node* node : level) {
-            if (isLiteral) {
-                // A literal (or empty) component matches exactly one name, so at most one child.
-                if (const Node* child =
-                        node->child(tokens.empty() ? std::string_view() : tokens[0].text)) {
-                    next.push_back(child);
-                }
+            if (compiled.isPlainText()) {
+                // Plain text matches only its own name, and sibling names are unique.
+                if (const Node* child = node->child(compiled.text())) next.push_back(child);
                 continue;
             }
             for (const auto& child : node->children_) {
-                if (OSCAddressPattern::matchComponent(child->name_, tokens))
-                    next.push_back(child.get());
+                if (compiled.matches(child->name_)) next.push_back(child.get());
             }
         }
         level.swap(next);

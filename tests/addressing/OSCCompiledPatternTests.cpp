@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "osc/addressing/OSCCompiledComponent.hpp"
 #include "osc/addressing/OSCCompiledPattern.hpp"
 
 namespace kavrin {
@@ -49,16 +50,21 @@ TEST(OSCCompiledPattern, AnswersLikeTheUncompiledPatternOnRandomInput) {
         for (std::size_t i = 0; i < length; ++i) text += pick();
         return text;
     };
+    const auto patternCharacter = [&] {
+        return std::string(1, patternAlphabet[generator() % patternAlphabet.size()]);
+    };
+    const auto addressCharacter = [&] {
+        return addressAlphabet[generator() % addressAlphabet.size()];
+    };
     for (int round = 0; round < 3000; ++round) {
-        const std::string pattern =
-            "/" + randomText(6, [&] {
-                return std::string(1, patternAlphabet[generator() % patternAlphabet.size()]);
-            });
+        const std::string component = randomText(6, patternCharacter);
+        const OSCCompiledComponent compiled(OSCAddressPattern::tokens(component));
         for (int i = 0; i < 8; ++i) {
-            const std::string address =
-                "/" + randomText(
-                          8, [&] { return addressAlphabet[generator() % addressAlphabet.size()]; });
-            expectSameAnswers(pattern, address);
+            const std::string text = randomText(5, addressCharacter);
+            expectSameAnswers("/" + component, "/" + text);
+            EXPECT_EQ(compiled.matches(text),
+                      OSCAddressPattern::matchComponent(text, compiled.tokens()))
+                << "component " << component << " text " << text;
         }
     }
 }
