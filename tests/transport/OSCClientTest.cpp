@@ -1,0 +1,97 @@
+#include "osc/transport/OSCClient.hpp"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "osc/codec/OSCBundle.hpp"
+#include "osc/codec/OSCError.hpp"
+
+using namespace kavrin;
+
+namespace {
+
+// A raw IPv4 receiver on 127.0.0.1 with a kernel-chosen port.
+class Receiver {
+  public:
+    Receiver() : fd_(::socket(AF_INET, SOCK_DGRAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (fd_ >= 0 && ::bind(fd_, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+            ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+            port_ = ntohs(address.sin_port);
+        }
+    }
+    ~Receiver() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    Receiver(const Receiver&) = delete;
+    Receiver& operator=(const Receiver&) = delete;
+
+    std::uint16_t port() const { return port_; }
+    // The next datagram within timeoutMs, or nothing.
+    std::optional<std::vector<std::uint8_t>> receive(int timeoutMs) const {
+        pollfd entry{fd_, POLLIN, 0};
+        if (::poll(&entry, 1, timeoutMs) != 1) return std::nullopt;
+        std::vector<std::uint8_t> buffer(65536);
+        const ssize_t size = ::recv(fd_, buffer.data(), buffer.size(), 0);
+        if (size < 0) return std::nullopt;
+        buffer.resize(static_cast<std::size_t>(size));
+        return buffer;
+    }
+
+  private:
+    int fd_;
+    std::uint16_t port_ = 0;
+};
+
+}  // namespace
+
+TEST(OSCClient, SendsExactlyOneDatagramHoldingThePacketsEncoding) {
+    Receiver receiver;
+    ASSERT_NE(receiver.port(), 0);
+    OSCClient client;
+    client.send(OSCMessage("/eos/ping"), "127.0.0.1", receiver.port());
+    const std::vector<std::uint8_t> ping = {
+        '/', 'e', 'o', 's', '/', 'p', 'i', 'n', 'g', 0, 0, 0,  // address, padded to 12
+        ',', 0,   0,   0,                                      // empty type tag string
+    };
+    const auto datagram = receiver.receive(5000);
+    ASSERT_TRUE(datagram);
+    EXPECT_EQ(*datagram, ping);
+    EXPECT_FALSE(receiver.receive(100)) << "more than one datagram";
+
+    // Bundles go out the same way, and "localhost" is resolved by the socket.
+    const OSCBundle bundle(OSCTimeTag::immediate(), {OSCMessage("/a"), OSCMessage("/b")});
+    client.send(bundle, "localhost", receiver.port());
+    const auto second = receiver.receive(5000);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(*second, bundle.rawData());
+}
+
+TEST(OSCClient, ReportsOnlyEncodingErrors) {
+    Receiver receiver;
+    OSCClient client;
+    EXPECT_NO_THROW(client.send(OSCMessage("/lost"), "no-such-host.invalid", receiver.port()));
+
+    OSCBundle tooDeep(OSCTimeTag::immediate());
+    for (int depth = 0; depth <= OSCBundle::maximumDepth + 1; ++depth) {
+        tooDeep = OSCBundle(OSCTimeTag::immediate(), {std::move(tooDeep)});
+    }
+    EXPECT_THROW(client.send(tooDeep, "127.0.0.1", receiver.port()), OSCEncodeError);
+
+    // The failed lookup and the refused packet did not stop the client.
+    client.send(OSCMessage("/after"), "127.0.0.1", receiver.port());
+    const auto datagram = receiver.receive(5000);
+    ASSERT_TRUE(datagram);
+    EXPECT_EQ(*datagram, OSCMessage("/after").rawData());
+    EXPECT_FALSE(receiver.receive(100));
+}

@@ -1,0 +1,223 @@
+#include "osc/transport/OSCServer.hpp"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "osc/codec/OSCBundle.hpp"
+#include "osc/dispatch/ManualQueue.hpp"
+#include "osc/transport/UdpSocketError.hpp"
+
+using namespace kavrin;
+using namespace std::chrono_literals;
+
+namespace {
+
+// A plain IPv4 UDP socket on 127.0.0.1; port 0 lets the kernel pick.
+class RawSocket {
+  public:
+    explicit RawSocket(std::uint16_t port = 0) : fd_(::socket(AF_INET, SOCK_DGRAM, 0)) {
+        sockaddr_in address = loopback(port);
+        bound_ =
+            fd_ >= 0 && ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+    ~RawSocket() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    RawSocket(const RawSocket&) = delete;
+    RawSocket& operator=(const RawSocket&) = delete;
+
+    bool bound() const { return bound_; }
+    std::uint16_t port() const {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+        return ntohs(address.sin_port);
+    }
+    bool sendTo(std::uint16_t port, const std::vector<std::uint8_t>& bytes) const {
+        sockaddr_in address = loopback(port);
+        return ::sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&address),
+                        sizeof address) == static_cast<ssize_t>(bytes.size());
+    }
+
+  private:
+    static sockaddr_in loopback(std::uint16_t port) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return address;
+    }
+    int fd_;
+    bool bound_ = false;
+};
+
+struct Delivery {
+    std::string address;
+    OSCTimeTag timeTag;
+    DispatchQueue::Clock::time_point at;
+};
+
+// A started server on a free port whose handler records deliveries made on a ManualQueue.
+struct Fixture {
+    std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>();
+    std::shared_ptr<OSCServer> server;
+    std::vector<Delivery> deliveries;
+    bool offQueue = false;
+
+    explicit Fixture(OSCServer::TimeTagMode mode) {
+        // The kernel's free port may be taken between our probe and the bind: try a few.
+        for (int attempt = 0; attempt < 5 && !server; ++attempt) {
+            const std::uint16_t port = RawSocket().port();
+            auto candidate = OSCServer::create(port, nullptr, main, mode);
+            try {
+                candidate->start();
+                server = candidate;
+            } catch (const UdpSocketError&) {
+            }
+        }
+        if (server) server->setHandler(recorder());
+    }
+
+    OSCServer::Handler recorder() {
+        return [this](const OSCMessage& message, const OSCTimeTag& timeTag) {
+            if (!main->isCurrent()) offQueue = true;
+            deliveries.push_back(
+                {message.addressPattern.rawAddress(), timeTag, DispatchQueue::Clock::now()});
+        };
+    }
+
+    bool waitFor(std::size_t count, std::chrono::milliseconds bound = 5000ms) {
+        return main->drainUntil([&] { return deliveries.size() >= count; }, bound);
+    }
+
+    std::vector<std::string> addresses() const {
+        std::vector<std::string> result;
+        for (const auto& delivery : deliveries) result.push_back(delivery.address);
+        return result;
+    }
+};
+
+std::vector<std::uint8_t> bytes(const OSCPacket& packet) {
+    return packet.rawData();
+}
+
+}  // namespace
+
+TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
+    Fixture fixture(OSCServer::TimeTagMode::ignore);
+    ASSERT_TRUE(fixture.server) << "no free port";
+    EXPECT_EQ(fixture.server->timeTagMode(), OSCServer::TimeTagMode::ignore);
+    RawSocket sender;
+    const auto port = fixture.server->port();
+
+    const auto outer = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 100s);
+    const auto inner = OSCTimeTag::fromSeconds(12345.5);
+    const OSCBundle bundle(
+        outer, {OSCMessage("/b"), OSCBundle(inner, {OSCMessage("/c")}), OSCMessage("/d")});
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCMessage("/a"))));
+    ASSERT_TRUE(sender.sendTo(port, bytes(bundle)));
+    ASSERT_TRUE(sender.sendTo(port, {'h', 'e', 'l', 'l', 'o'}));         // not OSC
+    ASSERT_TRUE(sender.sendTo(port, {'/', 'x', 0, 0, ',', 'i', 0, 0}));  // int missing
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCMessage("/e"))));
+
+    // Ignore mode delivers a far-future bundle at once, with the tag it carried.
+    ASSERT_TRUE(fixture.waitFor(5));
+    EXPECT_EQ(fixture.addresses(), (std::vector<std::string>{"/a", "/b", "/c", "/d", "/e"}));
+    EXPECT_TRUE(fixture.deliveries[0].timeTag.isImmediate());
+    EXPECT_EQ(fixture.deliveries[1].timeTag, outer);
+    EXPECT_EQ(fixture.deliveries[2].timeTag, inner);  // a nested bundle passes its own tag
+    EXPECT_EQ(fixture.deliveries[3].timeTag, outer);
+    EXPECT_TRUE(fixture.deliveries[4].timeTag.isImmediate());
+    EXPECT_FALSE(fixture.offQueue);
+
+    // Nothing else arrives from the bad datagrams.
+    EXPECT_FALSE(fixture.waitFor(6, 100ms));
+
+    // The handler in force when a delivery runs is the one called; none makes it a no-op.
+    fixture.server->setHandler(nullptr);
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCMessage("/late-bound"))));
+    std::vector<std::string> replaced;
+    fixture.main->drainUntil([&] { return fixture.main->pending() > 0; }, 5s);
+    fixture.server->setHandler([&](const OSCMessage& message, const OSCTimeTag&) {
+        replaced.push_back(message.addressPattern.rawAddress());
+    });
+    EXPECT_TRUE(fixture.main->drainUntil([&] { return replaced.size() == 1; }, 5s));
+    EXPECT_EQ(replaced, std::vector<std::string>{"/late-bound"});
+    EXPECT_EQ(fixture.deliveries.size(), 5u);
+}
+
+TEST(OSCServer, HonoursFutureTimeTagsOnlyInOSC1_0Mode) {
+    Fixture fixture(OSCServer::TimeTagMode::osc1_0);
+    ASSERT_TRUE(fixture.server) << "no free port";
+    RawSocket sender;
+    const auto port = fixture.server->port();
+
+    const auto sent = DispatchQueue::Clock::now();
+    const auto future = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 300ms);
+    const auto past = OSCTimeTag::fromDate(std::chrono::system_clock::now() - 10s);
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCBundle(future, {OSCMessage("/later")}))));
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCBundle(past, {OSCMessage("/past")}))));
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCMessage("/now"))));
+
+    ASSERT_TRUE(fixture.waitFor(3));
+    EXPECT_EQ(fixture.addresses(), (std::vector<std::string>{"/past", "/now", "/later"}));
+    EXPECT_LT(fixture.deliveries[1].at - sent, 250ms);
+    const auto delay = fixture.deliveries[2].at - sent;
+    EXPECT_GE(delay, 280ms);  // the tag's 32-bit fraction and two clocks allow a little slack
+    EXPECT_LT(delay, 2s);
+    EXPECT_EQ(fixture.deliveries[2].timeTag, future);
+    EXPECT_FALSE(fixture.offQueue);
+
+    // A scheduled delivery does not keep a released server alive, and then does nothing.
+    ASSERT_TRUE(sender.sendTo(
+        port, bytes(OSCBundle(OSCTimeTag::fromDate(std::chrono::system_clock::now() + 200ms),
+                              {OSCMessage("/orphan")}))));
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCMessage("/marker"))));
+    ASSERT_TRUE(fixture.waitFor(4));  // the marker came after the orphan was scheduled
+    fixture.server.reset();
+    EXPECT_FALSE(fixture.waitFor(5, 500ms));
+    EXPECT_EQ(fixture.main->pending(), 0u);
+}
+
+TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried) {
+    auto holder = std::make_unique<RawSocket>();  // bound without SO_REUSEPORT
+    ASSERT_TRUE(holder->bound());
+    auto main = std::make_shared<ManualQueue>();
+    std::vector<std::string> received;
+    auto server = OSCServer::create(holder->port(), nullptr, main, OSCServer::TimeTagMode::ignore,
+                                    [&](const OSCMessage& message, const OSCTimeTag&) {
+                                        received.push_back(message.addressPattern.rawAddress());
+                                    });
+    EXPECT_EQ(server->port(), holder->port());
+    try {
+        server->start();
+        FAIL() << "start() succeeded on a port held exclusively";
+    } catch (const UdpSocketError& error) {
+        EXPECT_EQ(error.domain(), UdpSocketError::posixDomain) << error.what();
+        EXPECT_EQ(error.code(), EADDRINUSE) << error.what();
+        EXPECT_EQ(error.description(), std::strerror(EADDRINUSE));
+        EXPECT_EQ(error.failureReason().value_or(""), "Error in bind() function");
+    }
+
+    // Once the port is free the same server starts (twice: start closes first) and receives.
+    holder.reset();
+    ASSERT_NO_THROW(server->start());
+    ASSERT_NO_THROW(server->start());
+    RawSocket sender;
+    ASSERT_TRUE(sender.sendTo(server->port(), bytes(OSCMessage("/again"))));
+    EXPECT_TRUE(main->drainUntil([&] { return received.size() == 1; }, 5s));
+
+    server->stop();
+    ASSERT_TRUE(sender.sendTo(server->port(), bytes(OSCMessage("/stopped"))));
+    EXPECT_FALSE(main->drainUntil([&] { return received.size() > 1; }, 100ms));
+}
