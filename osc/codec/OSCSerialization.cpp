@@ -58,34 +58,27 @@ void OSCSerialization::decodeValue(std::string_view tags, std::size_t& index,
         throw OSCDecodeError::malformed(
             std::string("No concrete type found to decode OSC type tag: ") + tag);
     }
-    const auto noDecoder = [tag] {
-        return OSCDecodeError::malformed(
+    // The decoder must be of the sort that the identity asks for.
+    const auto sort = candidate->identity.identity.index() + 1;
+    if (candidate->decoder.index() != sort) {
+        throw OSCDecodeError::malformed(
             std::string("No decoder is implemented for OSC type tag: ") + tag);
-    };
+    }
     auto& value = values.emplace_back();
     std::size_t used = 0;
-    switch (candidate->identity.identity.index()) {
-        case 0:
-            if (const auto* atomic = std::get_if<OSCValueAtomicDecoder>(&candidate->decoder)) {
-                used = atomic->block(decoder, value) ? 1 : 0;
-            } else {
-                throw noDecoder();
-            }
-            break;
-        case 1:
-            if (const auto* variable = std::get_if<OSCValueVariableDecoder>(&candidate->decoder)) {
-                used = variable->block(tag, decoder, value) ? 1 : 0;
-            } else {
-                throw noDecoder();
-            }
-            break;
-        default:
-            if (const auto* variadic = std::get_if<OSCValueVariadicDecoder>(&candidate->decoder)) {
-                used = variadic->block(tags.substr(index), decoder, value);
-            } else {
-                throw noDecoder();
-            }
-            break;
+    try {
+        if (const auto* atomic = std::get_if<OSCValueAtomicDecoder>(&candidate->decoder)) {
+            used = atomic->block(decoder, value) ? 1 : 0;
+        } else if (const auto* variable =
+                       std::get_if<OSCValueVariableDecoder>(&candidate->decoder)) {
+            used = variable->block(tag, decoder, value) ? 1 : 0;
+        } else {
+            used = std::get<OSCValueVariadicDecoder>(candidate->decoder)
+                       .block(tags.substr(index), decoder, value);
+        }
+    } catch (...) {
+        values.pop_back();  // nothing of a failed value is left behind
+        throw;
     }
     if (used == 0) {
         values.pop_back();

@@ -77,7 +77,7 @@ std::string OSCTimeTag::description() const {
         "OSCTimeTag(era: " + std::to_string(era) + ", rawValue: " + std::to_string(rawValue);
     if (isImmediate()) return text + ", immediate)";
     using namespace std::chrono;
-    const auto when = time_point_cast<milliseconds>(date());
+    const auto when = round<milliseconds>(date());
     auto secondsPart = floor<std::chrono::seconds>(when);
     const auto millis = (when - secondsPart).count();
     const std::time_t whole = system_clock::to_time_t(secondsPart);

@@ -1,0 +1,66 @@
+#include "osc/codec/OSCTimeTag.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <optional>
+#include <string>
+
+namespace kavrin {
+namespace {
+
+using namespace std::chrono;
+
+TEST(OSCTimeTag, FromSecondsSplitsErasAndFractions) {
+    EXPECT_EQ(OSCTimeTag::fromSeconds(0), (OSCTimeTag{0, 0}));
+    EXPECT_EQ(OSCTimeTag::fromSeconds(-5), (OSCTimeTag{0, 0}));
+    EXPECT_EQ(OSCTimeTag::fromSeconds(1.5), (OSCTimeTag{0, 0x180000000ull}));
+    EXPECT_EQ(OSCTimeTag::fromSeconds(4294967295.0), (OSCTimeTag{0, 0xFFFFFFFF00000000ull}));
+    EXPECT_EQ(OSCTimeTag::fromSeconds(4294967296.0 * 3 + 0.5), (OSCTimeTag{3, 0x80000000ull}));
+    EXPECT_EQ((OSCTimeTag{3, 0x80000000ull}).seconds(), 4294967296.0 * 3 + 0.5);
+    EXPECT_EQ(OSCTimeTag::immediate(), (OSCTimeTag{0, 1}));
+    EXPECT_TRUE(OSCTimeTag::immediate().isImmediate());
+    EXPECT_FALSE((OSCTimeTag{1, 0}).isImmediate());
+}
+
+TEST(OSCTimeTag, DatesCountFromTheLocalEpochBothWays) {
+    const auto epoch = OSCTimeTag::epochDate();
+    EXPECT_EQ(OSCTimeTag::fromDate(epoch), (OSCTimeTag{0, 0}));
+    EXPECT_EQ(OSCTimeTag::fromDate(epoch + seconds(1)), (OSCTimeTag{0, 1ull << 32}));
+    const auto date = system_clock::from_time_t(1'700'000'000) + milliseconds(250);
+    const auto tag = OSCTimeTag::fromDate(date);
+    EXPECT_LT(abs(duration_cast<microseconds>(tag.date() - date).count()), 2);
+    EXPECT_EQ(tag.description(), "OSCTimeTag(era: 0, rawValue: " + std::to_string(tag.rawValue) +
+                                     ", date: 2023-11-14 22:13:20.250 UTC)");
+
+    const auto now = system_clock::now();
+    EXPECT_TRUE(OSCTimeTag::fromDate(now + hours(1)).isFuture());
+    EXPECT_FALSE(OSCTimeTag::fromDate(now - hours(1)).isFuture());
+    const auto current = OSCTimeTag::now();
+    EXPECT_LT(std::abs(current.seconds() - OSCTimeTag::fromDate(system_clock::now()).seconds()),
+              1.0);
+}
+
+TEST(OSCTimeTag, TheEpochIsMidnightInTheLocalTimeZone) {
+    const char* saved = std::getenv("TZ");
+    const std::optional<std::string> previous =
+        saved ? std::optional<std::string>(saved) : std::nullopt;
+    const auto epochIn = [](const char* zone) {
+        setenv("TZ", zone, 1);
+        tzset();
+        return system_clock::to_time_t(OSCTimeTag::localEpochDate());
+    };
+    const std::time_t utc = epochIn("UTC0");
+    const std::time_t newYork = epochIn("EST5");  // five hours behind, no summer time
+    if (previous)
+        setenv("TZ", previous->c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
+    EXPECT_EQ(utc, -2208988800);
+    EXPECT_EQ(newYork - utc, 5 * 3600);
+}
+
+}  // namespace
+}  // namespace kavrin
