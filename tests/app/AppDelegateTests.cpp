@@ -85,21 +85,25 @@ TEST_F(AppDelegateTest, AFailedSaveAtQuitShowsTheErrorThenAsksWhetherToQuitAnywa
     context().setValue("key", "unsaved");
     StoreLock lock(environment.storeFile());
 
-    test::DialogAnswerer cancelling({"OK", "Cancel"});
-    EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::cancel);
-    ASSERT_EQ(cancelling.seen.size(), 2u);
-    EXPECT_THAT(cancelling.seen[0].text.toStdString(), HasSubstr("database is locked"));
-    const auto& question = cancelling.seen[1];
-    EXPECT_EQ(question.text, "Could not save changes while quitting. Quit anyway?");
-    EXPECT_EQ(question.informativeText,
-              "Quitting now will lose any changes you have made since the last successful save");
-    EXPECT_THAT(question.buttons, ElementsAre("Quit anyway", "Cancel"));
-    EXPECT_TRUE(question.applicationModal);
-    EXPECT_TRUE(context().hasChanges()) << "cancelling keeps the edits for a later save";
-
-    test::DialogAnswerer quitting({"OK", "Quit anyway"});
-    EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::now);
-    EXPECT_EQ(quitting.seen.size(), 2u);
+    {
+        test::DialogAnswerer cancelling({"OK", "Cancel"});
+        EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::cancel);
+        ASSERT_EQ(cancelling.seen.size(), 2u);
+        EXPECT_THAT(cancelling.seen[0].text.toStdString(), HasSubstr("database is locked"));
+        const auto& question = cancelling.seen[1];
+        EXPECT_EQ(question.text, "Could not save changes while quitting. Quit anyway?");
+        EXPECT_EQ(question.informativeText,
+                  "Quitting now will lose any changes you have made since the last successful "
+                  "save");
+        EXPECT_THAT(question.buttons, ElementsAre("Quit anyway", "Cancel"));
+        EXPECT_TRUE(question.applicationModal);
+        EXPECT_TRUE(context().hasChanges()) << "cancelling keeps the edits for a later save";
+    }
+    {
+        test::DialogAnswerer quitting({"OK", "Quit anyway"});
+        EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::now);
+        EXPECT_EQ(quitting.seen.size(), 2u);
+    }
 
     lock.release();
     test::DialogAnswerer nobody;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QWidget>
+#include <QWindow>
 
 #include "app/MyWindow.hpp"
 
@@ -13,7 +14,8 @@ TEST(MyWindow, MakesATranslucentFloatingWindowThatCannotBeClosed) {
     controller.windowDidLoad();
     window.show();
 
-    EXPECT_DOUBLE_EQ(window.windowOpacity(), 0.85);
+    ASSERT_NE(window.windowHandle(), nullptr);
+    EXPECT_DOUBLE_EQ(window.windowHandle()->opacity(), 0.85);
     EXPECT_TRUE(window.testAttribute(Qt::WA_TranslucentBackground));
     const Qt::WindowFlags flags = window.windowFlags();
     EXPECT_TRUE(flags.testFlag(Qt::WindowStaysOnTopHint));
