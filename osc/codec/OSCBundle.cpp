@@ -21,6 +21,7 @@ std::string tooDeep() {
 }  // namespace
 
 OSCBundle::OSCBundle() = default;
+OSCBundle::OSCBundle(OSCTimeTag timeTag) : timeTag(timeTag) {}
 OSCBundle::OSCBundle(OSCTimeTag timeTag, std::vector<OSCPacket> elements)
     : timeTag(timeTag), elements(std::move(elements)) {}
 OSCBundle::OSCBundle(const OSCBundle&) = default;

@@ -31,7 +31,8 @@ struct OSCBundle {
     std::vector<OSCPacket> elements;
 
     OSCBundle();
-    OSCBundle(OSCTimeTag timeTag, std::vector<OSCPacket> elements = {});
+    explicit OSCBundle(OSCTimeTag timeTag);
+    OSCBundle(OSCTimeTag timeTag, std::vector<OSCPacket> elements);
     OSCBundle(const OSCBundle&);
     OSCBundle(OSCBundle&&) noexcept;
     OSCBundle& operator=(const OSCBundle&);
