@@ -29,6 +29,11 @@ std::size_t ManualQueue::pending() const {
     return items_.size();
 }
 
+bool ManualQueue::waitForWork(Clock::duration timeout) {
+    std::unique_lock lock(mutex_);
+    return posted_.wait_for(lock, timeout, [&] { return !items_.empty(); });
+}
+
 void ManualQueue::runOne(Work& work) {
     const ManualQueue* outer = currentManual;
     currentManual = this;

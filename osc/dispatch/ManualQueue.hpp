@@ -31,6 +31,9 @@ class ManualQueue final : public DispatchQueue {
     bool drainUntil(std::function<bool()> done, Clock::duration timeout);
     /// Number of items posted and not yet run (due or not).
     std::size_t pending() const;
+    /// Waits, without running anything, until an item is pending or timeout passes; returns
+    /// whether one is.
+    bool waitForWork(Clock::duration timeout);
 
   private:
     void runOne(Work& work);

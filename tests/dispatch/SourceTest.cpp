@@ -190,6 +190,7 @@ TEST(ManualQueue, RunsDueWorkOnTheDrainingThreadInDeadlineOrder) {
     EXPECT_EQ(order.back(), 3);
 
     // Work posted from another thread wakes a waiting drain; a bound that passes returns false.
+    EXPECT_FALSE(queue.waitForWork(10ms));
     std::thread poster([&] { queue.async([&] { order.push_back(4); }); });
     EXPECT_TRUE(queue.drainUntil([&] { return order.size() == 4; }, 5s));
     poster.join();
