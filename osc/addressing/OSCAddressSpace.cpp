@@ -9,15 +9,6 @@
 
 namespace kavrin {
 
-namespace {
-
-// Splits an address as registration sees it: converted to ASCII first, no wildcards.
-std::vector<std::string_view> registrationPath(const OSCAddressPattern& address) {
-    return OSCAddressPattern::pathComponents(address.rawAddress());
-}
-
-}  // namespace
-
 // MARK: MethodID
 
 OSCAddressSpace::MethodID OSCAddressSpace::MethodID::random() {
@@ -78,8 +69,9 @@ OSCAddressSpace::OSCAddressSpace() : root_(new Node(NodeType::container, std::st
 OSCAddressSpace::~OSCAddressSpace() = default;
 
 OSCAddressSpace::MethodID OSCAddressSpace::registerMethod(std::string_view address, Block block) {
+    // Converted to ASCII like any pattern, then taken literally; `path` views `pattern`.
     const OSCAddressPattern pattern(address);
-    const auto path = registrationPath(pattern);
+    const auto path = OSCAddressPattern::pathComponents(pattern.rawAddress());
     // Deliberate: the root cannot hold a method; the id returned is stored nowhere.
     if (path.empty()) return MethodID::random();
 
@@ -117,7 +109,9 @@ bool OSCAddressSpace::removeMethod(Node& parent, Node& target) {
 }
 
 bool OSCAddressSpace::unregister(std::string_view address) {
-    const auto path = registrationPath(OSCAddressPattern(address));
+    // Converted to ASCII like any pattern, then taken literally; `path` views `pattern`.
+    const OSCAddressPattern pattern(address);
+    const auto path = OSCAddressPattern::pathComponents(pattern.rawAddress());
     if (path.empty()) return false;
     Node* parent = nullptr;
     Node* target = root_.get();

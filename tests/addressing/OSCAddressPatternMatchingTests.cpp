@@ -144,7 +144,8 @@ TEST(OSCAddressPatternMatching, MatchComponentAgreesForTextAndSlices) {
     const auto tokens = Pattern::tokens("a*[0-9]{x,y}");
     for (const std::string component : {"a1x", "abc9y", "a1z", "", "a9"}) {
         std::vector<std::uint32_t> storage;
-        const auto view = CharacterView::segment("/" + component + "/", storage);
+        const std::string address = "/" + component + "/";
+        const auto view = CharacterView::segment(address, storage);
         EXPECT_EQ(Pattern::matchComponent(component, tokens),
                   Pattern::matchComponent(view.slice(1, view.size() - 1), tokens))
             << component;
