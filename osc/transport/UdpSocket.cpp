@@ -802,7 +802,15 @@ bool UdpSocket::getAddress(SocketAddress* address, int* family, UdpSocketError* 
     }
     bool use4;
     if (first4 && first6) {
-        use4 = prefer4 || (!prefer6 && ipv4First);
+        // A family that was disabled or deactivated has no descriptor to send on, whatever the
+        // preference or the resolver's order say.
+        const bool usable4 = !(config_ & kIPv4Disabled) && !(flags_ & kIPv4Deactivated);
+        const bool usable6 = !(config_ & kIPv6Disabled) && !(flags_ & kIPv6Deactivated);
+        if (usable4 != usable6) {
+            use4 = usable4;
+        } else {
+            use4 = prefer4 || (!prefer6 && ipv4First);
+        }
     } else {
         use4 = first4 != nullptr;
     }

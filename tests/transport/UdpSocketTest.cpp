@@ -361,6 +361,30 @@ TEST(UdpSocketSend, DestinationRulesAndFamilies) {
     ASSERT_TRUE(receiver.waitForReceived(1));
 }
 
+TEST(UdpSocketSend, FamilyLeftOutByBindIsNeverChosen) {
+    Peer receiver;
+    receiver.listen();
+    // Bound to IPv4 only: IPv6 is deactivated and has no descriptor, so even a preference for
+    // IPv6 sends "localhost" over IPv4.
+    Peer sender;
+    UdpSocketError error;
+    ASSERT_TRUE(sender.socket->bindToPort(0, "127.0.0.1", &error)) << error.description();
+    EXPECT_EQ(sender.socket->socket6FD(), -1);
+    sender.socket->setPreferIPv6();
+    sender.socket->sendData(bytes("v4"), "localhost", receiver.socket->localPortIPv4(), 1.0, 1);
+    sender.socket->sendData(bytes("v6"), "::1", receiver.socket->localPortIPv6(), 1.0, 2);
+    ASSERT_TRUE(sender.recorder->waitFor(
+        [&] { return !sender.recorder->sent.empty() && !sender.recorder->notSent.empty(); }));
+    sender.recorder->read([&] {
+        EXPECT_EQ(sender.recorder->sent, (std::vector<std::int64_t>{1}));
+        EXPECT_EQ(sender.recorder->notSent[0].second.description(),
+                  "IPv6 has been deactivated due to bind/connect, and DNS lookup found no IPv4 "
+                  "address(es).");
+    });
+    ASSERT_TRUE(receiver.waitForReceived(1));
+    EXPECT_FALSE(sender.socket->isClosed());
+}
+
 TEST(UdpSocketSend, EmptyDatagramsAreIgnoredWithoutReport) {
     Peer receiver;
     receiver.socket->setIPv6Enabled(false);
