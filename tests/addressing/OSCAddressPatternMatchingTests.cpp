@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "osc/addressing/OSCAddressPattern.hpp"
@@ -165,6 +166,23 @@ TEST(OSCAddressPatternMatching, ManyStarsStayPolynomial) {
     EXPECT_FALSE(pattern.matches("/aaaab"));
     const Pattern longer("/*?*?*?*?*?*?*?*?*?*?*x");
     EXPECT_FALSE(longer.matches("/" + std::string(200, 'y')));
+}
+
+TEST(OSCAddressPatternMatching, IsSafeFromSeveralThreadsAtOnce) {
+    const Pattern pattern("/*a*[!x]?/{b,c}");
+    const std::string address = "/\xC3\xA9" + std::string("a\xF0\x9F\x91\x8Dz/c");  // "/éa👍z/c"
+    std::vector<std::thread> threads;
+    std::vector<int> failures(4, 0);
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 500; ++i) {
+                if (!pattern.matches(address)) ++failures[t];
+                if (Pattern("/caf\xC3\xA9").rawAddress() != "/cafe") ++failures[t];
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(failures, std::vector<int>(4, 0));
 }
 
 }  // namespace
