@@ -249,7 +249,7 @@ std::vector<OSCAddressPattern::Token> OSCAddressPattern::tokens(const CharacterV
     // The characters strictly between an opening character at `open` and its closer at `close`;
     // a two-character "[]" or "{}" has none.
     const auto contents = [&](std::size_t open, std::size_t close) {
-        return close - open + 1 < 3 ? std::string_view() : component.slice(open + 1, close).text();
+        return close - open + 1 < 3 ? CharacterView() : component.slice(open + 1, close);
     };
 
     while (i < component.size()) {
@@ -270,7 +270,7 @@ std::vector<OSCAddressPattern::Token> OSCAddressPattern::tokens(const CharacterV
         }
         if (character == "[") {
             if (const auto close = component.find("]", i)) {
-                auto [isExclusion, groups] = characterGroups(contents(i, *close));
+                auto [isExclusion, groups] = characterGroups(contents(i, *close).text());
                 flush();
                 result.push_back(Token::singleChar(isExclusion, std::move(groups)));
                 literalStart = i = *close + 1;
@@ -281,13 +281,10 @@ std::vector<OSCAddressPattern::Token> OSCAddressPattern::tokens(const CharacterV
         if (character == "{" || character == "[") {
             if (const auto close = component.find("}", i)) {
                 std::set<std::string> alternatives;
-                const std::string_view list = contents(i, *close);
-                std::size_t begin = 0;
-                for (;;) {
-                    const std::size_t comma = list.find(',', begin);
-                    const std::string_view piece = list.substr(begin, comma - begin);
-                    if (!piece.empty()) alternatives.emplace(piece);
-                    if (comma == std::string_view::npos) break;
+                const CharacterView list = contents(i, *close);
+                for (std::size_t begin = 0; begin <= list.size();) {
+                    const std::size_t comma = list.find(",", begin).value_or(list.size());
+                    if (comma > begin) alternatives.emplace(list.slice(begin, comma).text());
                     begin = comma + 1;
                 }
                 flush();

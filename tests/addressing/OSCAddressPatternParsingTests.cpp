@@ -8,6 +8,31 @@
 #include "osc/addressing/OSCAddressPattern.hpp"
 
 namespace kavrin {
+
+// Readable failure messages for token lists.
+void PrintTo(const OSCAddressPattern::Token& token, std::ostream* out) {
+    using Kind = OSCAddressPattern::Token::Kind;
+    switch (token.kind) {
+        case Kind::literal:
+            *out << "literal(" << ::testing::PrintToString(token.text) << ")";
+            return;
+        case Kind::zeroOrMoreWildcard:
+            *out << "*";
+            return;
+        case Kind::singleCharWildcard:
+            *out << "?";
+            return;
+        case Kind::singleChar:
+            *out << "singleChar(" << (token.isExclusion ? "!" : "");
+            for (const auto& group : token.groups) *out << " " << group.start << "-" << group.end;
+            *out << ")";
+            return;
+        case Kind::strings:
+            *out << "strings(" << ::testing::PrintToString(token.alternatives) << ")";
+            return;
+    }
+}
+
 namespace {
 
 using Pattern = OSCAddressPattern;
@@ -132,6 +157,8 @@ TEST(OSCAddressPatternParsing, TokensSplitLiteralsAndWildcards) {
         {"[a]*[b]",
          {Token::singleChar(false, {Group::single("a")}), star,
           Token::singleChar(false, {Group::single("b")})}},
+        // A comma with a combining mark is one character, not a separator.
+        {"{a,\xCC\x81z}", {Token::strings({"a,\xCC\x81z"})}},
         // CR LF is one character inside a bracket.
         {"[\r\n]", {Token::singleChar(false, {Group::single("\r\n")})}},
     };
