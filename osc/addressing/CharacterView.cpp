@@ -88,27 +88,25 @@ void graphemeBoundaries(std::string_view text, std::vector<std::uint32_t>& bound
 }  // namespace
 
 bool CharacterView::isOneBytePerCharacter(std::string_view text) {
-    // Eight bytes at a time (the last word zero-filled): only a byte with its top bit set or
-    // a CR needs a closer look.
+    // A quick pass, eight bytes at a time: only a byte with its top bit set or a CR needs the
+    // exact check below.
     constexpr std::uint64_t ones = 0x0101010101010101ULL;
     constexpr std::uint64_t highBits = 0x8080808080808080ULL;
-    const auto suspicious = [](std::uint64_t word) {
-        const std::uint64_t carriageReturns = word ^ (ones * '\r');
-        return ((word | ((carriageReturns - ones) & ~carriageReturns)) & highBits) != 0;
-    };
-    bool clean = true;
+    std::uint64_t flags = 0;
     std::size_t i = 0;
-    for (; i + 8 <= text.size() && clean; i += 8) {
+    for (; i + 8 <= text.size(); i += 8) {
         std::uint64_t word;
         std::memcpy(&word, text.data() + i, 8);
-        clean = !suspicious(word);
+        const std::uint64_t carriageReturns = word ^ (ones * '\r');
+        flags |= word | ((carriageReturns - ones) & ~carriageReturns);
     }
-    if (clean && i < text.size()) {
-        std::uint64_t word = 0;
-        std::memcpy(&word, text.data() + i, text.size() - i);
-        clean = !suspicious(word);
+    bool sawCarriageReturn = false;
+    for (; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        flags |= byte;
+        sawCarriageReturn |= byte == '\r';
     }
-    if (clean) return true;
+    if ((flags & highBits) == 0 && !sawCarriageReturn) return true;
     for (std::size_t at = 0; at < text.size(); ++at) {
         const auto byte = static_cast<unsigned char>(text[at]);
         if (byte >= 0x80) return false;
