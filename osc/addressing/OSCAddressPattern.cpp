@@ -225,10 +225,10 @@ std::vector<std::string_view> OSCAddressPattern::pathComponents(std::string_view
 
 std::vector<OSCAddressPattern::Component> OSCAddressPattern::components(std::string_view pattern) {
     std::vector<std::uint32_t> storage;
+    const auto parts = pathComponents(CharacterView::segment(pattern, storage));
     std::vector<Component> result;
-    for (const auto& component : pathComponents(CharacterView::segment(pattern, storage))) {
-        result.push_back(Component{tokens(component)});
-    }
+    result.reserve(parts.size());
+    for (const auto& component : parts) result.push_back(Component{tokens(component)});
     return result;
 }
 
