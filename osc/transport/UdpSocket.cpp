@@ -220,6 +220,13 @@ void UdpSocket::runSoon(std::function<void()> work) {
 }
 
 template <class F>
+auto UdpSocket::query(F&& read) const {
+    std::optional<decltype(read())> result;
+    runSync([&] { result = read(); });
+    return *result;
+}
+
+template <class F>
 void UdpSocket::notifyDelegate(F&& call) {
     auto delegate = delegate_.lock();
     auto self = weak_from_this().lock();  // none while being destroyed: nothing to report to
@@ -244,9 +251,7 @@ bool UdpSocket::preCheck(UdpSocketError* error) const {
 // Delegate
 
 std::weak_ptr<UdpSocketDelegate> UdpSocket::delegate() const {
-    std::weak_ptr<UdpSocketDelegate> result;
-    runSync([&] { result = delegate_; });
-    return result;
+    return query([&] { return delegate_; });
 }
 
 void UdpSocket::setDelegate(std::weak_ptr<UdpSocketDelegate> delegate) {
@@ -258,9 +263,7 @@ void UdpSocket::synchronouslySetDelegate(std::weak_ptr<UdpSocketDelegate> delega
 }
 
 std::shared_ptr<DispatchQueue> UdpSocket::delegateQueue() const {
-    std::shared_ptr<DispatchQueue> result;
-    runSync([&] { result = delegateQueue_; });
-    return result;
+    return query([&] { return delegateQueue_; });
 }
 
 void UdpSocket::setDelegateQueue(std::shared_ptr<DispatchQueue> delegateQueue) {
@@ -303,9 +306,7 @@ void UdpSocket::synchronouslySetDelegate(std::weak_ptr<UdpSocketDelegate> delega
 // Configuration
 
 bool UdpSocket::isIPv4Enabled() const {
-    bool result = false;
-    runSync([&] { result = (config_ & kIPv4Disabled) == 0; });
-    return result;
+    return query([&] { return (config_ & kIPv4Disabled) == 0; });
 }
 
 void UdpSocket::setIPv4Enabled(bool flag) {
@@ -313,9 +314,7 @@ void UdpSocket::setIPv4Enabled(bool flag) {
 }
 
 bool UdpSocket::isIPv6Enabled() const {
-    bool result = false;
-    runSync([&] { result = (config_ & kIPv6Disabled) == 0; });
-    return result;
+    return query([&] { return (config_ & kIPv6Disabled) == 0; });
 }
 
 void UdpSocket::setIPv6Enabled(bool flag) {
@@ -323,21 +322,15 @@ void UdpSocket::setIPv6Enabled(bool flag) {
 }
 
 bool UdpSocket::isIPv4Preferred() const {
-    bool result = false;
-    runSync([&] { result = (config_ & kPreferIPv4) != 0; });
-    return result;
+    return query([&] { return (config_ & kPreferIPv4) != 0; });
 }
 
 bool UdpSocket::isIPv6Preferred() const {
-    bool result = false;
-    runSync([&] { result = (config_ & kPreferIPv6) != 0; });
-    return result;
+    return query([&] { return (config_ & kPreferIPv6) != 0; });
 }
 
 bool UdpSocket::isIPVersionNeutral() const {
-    bool result = false;
-    runSync([&] { result = (config_ & (kPreferIPv4 | kPreferIPv6)) == 0; });
-    return result;
+    return query([&] { return (config_ & (kPreferIPv4 | kPreferIPv6)) == 0; });
 }
 
 void UdpSocket::setPreferIPv4() {
@@ -353,9 +346,7 @@ void UdpSocket::setIPVersionNeutral() {
 }
 
 std::uint16_t UdpSocket::maxReceiveIPv4BufferSize() const {
-    std::uint16_t result = 0;
-    runSync([&] { result = max4ReceiveSize_; });
-    return result;
+    return query([&] { return max4ReceiveSize_; });
 }
 
 void UdpSocket::setMaxReceiveIPv4BufferSize(std::uint16_t max) {
@@ -363,9 +354,7 @@ void UdpSocket::setMaxReceiveIPv4BufferSize(std::uint16_t max) {
 }
 
 std::uint32_t UdpSocket::maxReceiveIPv6BufferSize() const {
-    std::uint32_t result = 0;
-    runSync([&] { result = max6ReceiveSize_; });
-    return result;
+    return query([&] { return max6ReceiveSize_; });
 }
 
 void UdpSocket::setMaxReceiveIPv6BufferSize(std::uint32_t max) {
@@ -373,9 +362,7 @@ void UdpSocket::setMaxReceiveIPv6BufferSize(std::uint32_t max) {
 }
 
 std::uint16_t UdpSocket::maxSendBufferSize() const {
-    std::uint16_t result = 0;
-    runSync([&] { result = maxSendSize_; });
-    return result;
+    return query([&] { return maxSendSize_; });
 }
 
 void UdpSocket::setMaxSendBufferSize(std::uint16_t max) {
@@ -383,9 +370,7 @@ void UdpSocket::setMaxSendBufferSize(std::uint16_t max) {
 }
 
 std::any UdpSocket::userData() const {
-    std::any result;
-    runSync([&] { result = userData_; });
-    return result;
+    return query([&] { return userData_; });
 }
 
 void UdpSocket::setUserData(std::any userData) {
@@ -393,44 +378,40 @@ void UdpSocket::setUserData(std::any userData) {
 }
 
 bool UdpSocket::enableReusePort(bool flag, UdpSocketError* error) {
-    bool result = false;
-    runSync([&] {
+    return query([&] {
         if (!preCheck(error) || !ensureSockets(error)) {
-            return;
+            return false;
         }
         const int value = flag ? 1 : 0;
+        bool anySet = false;
         for (Family* f : {&socket4_, &socket6_}) {
             if (f->fd == -1) {
                 continue;
             }
             if (::setsockopt(f->fd, SOL_SOCKET, SO_REUSEPORT, &value, sizeof value) != 0) {
-                result = fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
-                return;
+                return fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
             }
-            result = true;
+            anySet = true;
         }
+        return anySet;
     });
-    return result;
 }
 
 bool UdpSocket::enableBroadcast(bool flag, UdpSocketError* error) {
-    bool result = false;
-    runSync([&] {
+    return query([&] {
         if (!preCheck(error) || !ensureSockets(error)) {
-            return;
+            return false;
         }
         // Broadcast is an IPv4 notion.
         if (socket4_.fd == -1) {
-            return;
+            return false;
         }
         const int value = flag ? 1 : 0;
         if (::setsockopt(socket4_.fd, SOL_SOCKET, SO_BROADCAST, &value, sizeof value) != 0) {
-            fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
-            return;
+            return fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
         }
-        result = true;
+        return true;
     });
-    return result;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -828,27 +809,23 @@ bool UdpSocket::bindToPort(std::uint16_t port, UdpSocketError* error) {
 
 bool UdpSocket::bindToPort(std::uint16_t port, const std::optional<std::string>& interface,
                            UdpSocketError* error) {
-    bool result = false;
-    runSync([&] {
+    return query([&] {
         if (!bindPreCheck(error)) {
-            return;
+            return false;
         }
         auto [address4, address6] = convertInterface(interface, port);
-        result = bindAddresses(address4, address6, error);
+        return bindAddresses(address4, address6, error);
     });
-    return result;
 }
 
 bool UdpSocket::bindToAddress(const SocketAddress& address, UdpSocketError* error) {
-    bool result = false;
-    runSync([&] {
+    return query([&] {
         if (!bindPreCheck(error)) {
-            return;
+            return false;
         }
-        result = bindAddresses(isValidIPv4(address) ? address : SocketAddress{},
-                               isValidIPv6(address) ? address : SocketAddress{}, error);
+        return bindAddresses(isValidIPv4(address) ? address : SocketAddress{},
+                             isValidIPv6(address) ? address : SocketAddress{}, error);
     });
-    return result;
 }
 
 bool UdpSocket::bindPreCheck(UdpSocketError* error) const {
@@ -931,10 +908,9 @@ bool UdpSocket::connectPreCheck(UdpSocketError* error) const {
 }
 
 bool UdpSocket::connectToHost(const std::string& host, std::uint16_t port, UdpSocketError* error) {
-    bool result = false;
-    runSync([&] {
+    return query([&] {
         if (!connectPreCheck(error)) {
-            return;
+            return false;
         }
         flags_ |= kConnecting;
         auto packet = std::make_shared<UdpSpecialPacket>();
@@ -951,34 +927,29 @@ bool UdpSocket::connectToHost(const std::string& host, std::uint16_t port, UdpSo
                          });
         sendQueue_.push_back(packet);
         maybeDequeueSend();
-        result = true;
+        return true;
     });
-    return result;
 }
 
 bool UdpSocket::connectToAddress(const SocketAddress& address, UdpSocketError* error) {
-    bool result = false;
-    runSync([&] {
+    return query([&] {
         if (!connectPreCheck(error)) {
-            return;
+            return false;
         }
         if (address.empty()) {
-            fail(error, UdpSocketError::badParamError(
-                            "The address param is nil. Should be a valid address."));
-            return;
+            return fail(error, UdpSocketError::badParamError(
+                                   "The address param is nil. Should be a valid address."));
         }
         if (!isValidIPv4(address) && !isValidIPv6(address)) {
-            fail(error, UdpSocketError::badParamError(kInvalidAddress));
-            return;
+            return fail(error, UdpSocketError::badParamError(kInvalidAddress));
         }
         flags_ |= kConnecting;
         auto packet = std::make_shared<UdpSpecialPacket>();
         packet->addresses = {address};
         sendQueue_.push_back(packet);
         maybeDequeueSend();
-        result = true;
+        return true;
     });
-    return result;
 }
 
 void UdpSocket::maybeConnect() {
@@ -1055,29 +1026,25 @@ bool UdpSocket::leaveMulticastGroup(const std::string& group,
 bool UdpSocket::changeMulticastMembership(const std::string& group,
                                           const std::optional<std::string>& interface, bool join,
                                           UdpSocketError* error) {
-    bool result = false;
-    runSync([&] {
+    return query([&] {
         if (!preCheck(error)) {
-            return;
+            return false;
         }
         if (!(flags_ & kBound)) {
-            fail(error, UdpSocketError::badConfigError(
-                            "Must bind a socket before joining a multicast group."));
-            return;
+            return fail(error, UdpSocketError::badConfigError(
+                                   "Must bind a socket before joining a multicast group."));
         }
         if (flags_ & (kConnecting | kConnected)) {
-            fail(error,
-                 UdpSocketError::badConfigError("Cannot join a multicast group if connected."));
-            return;
+            return fail(error, UdpSocketError::badConfigError(
+                                   "Cannot join a multicast group if connected."));
         }
         in_addr group4{};
         in6_addr group6{};
         const bool isGroup4 = ::inet_pton(AF_INET, group.c_str(), &group4) == 1;
         const bool isGroup6 = !isGroup4 && ::inet_pton(AF_INET6, group.c_str(), &group6) == 1;
         if (!isGroup4 && !isGroup6) {
-            fail(error,
-                 UdpSocketError::badConfigError("Unknown group. Specify valid group IP address."));
-            return;
+            return fail(error, UdpSocketError::badConfigError(
+                                   "Unknown group. Specify valid group IP address."));
         }
         auto [interface4, interface6] = convertInterface(interface, 0);
         int status = 0;
@@ -1098,62 +1065,53 @@ bool UdpSocket::changeMulticastMembership(const std::string& group,
                 ::setsockopt(socket6_.fd, IPPROTO_IPV6, join ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP,
                              &request, sizeof request);
         } else {
-            fail(error, UdpSocketError::badParamError(
+            return fail(error,
+                        UdpSocketError::badParamError(
                             "Socket, group, and interface do not have matching IP versions"));
-            return;
         }
         if (status != 0) {
-            fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
-            return;
+            return fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
         }
-        result = true;
+        return true;
     });
-    return result;
 }
 
 bool UdpSocket::sendIPv4MulticastOnInterface(const std::string& interface, UdpSocketError* error) {
-    bool result = false;
-    runSync([&] {
+    return query([&] {
         if (!preCheck(error) || !ensureSockets(error)) {
-            return;
+            return false;
         }
         const SocketAddress local = convertInterface(interface, 0).first;
         if (local.empty() || socket4_.fd == -1) {
-            fail(error, UdpSocketError::badParamError(
-                            "Unknown interface. Specify valid interface by IP address."));
-            return;
+            return fail(error, UdpSocketError::badParamError(
+                                   "Unknown interface. Specify valid interface by IP address."));
         }
         sockaddr_in in{};
         std::memcpy(&in, local.data(), sizeof in);
         if (::setsockopt(socket4_.fd, IPPROTO_IP, IP_MULTICAST_IF, &in.sin_addr,
                          sizeof in.sin_addr) != 0) {
-            fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
-            return;
+            return fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
         }
-        result = true;
+        return true;
     });
-    return result;
 }
 
 bool UdpSocket::sendIPv6MulticastOnInterface(const std::string& interface, UdpSocketError* error) {
-    bool result = false;
-    runSync([&] {
+    return query([&] {
         if (!preCheck(error) || !ensureSockets(error)) {
-            return;
+            return false;
         }
         const unsigned index = ::if_nametoindex(interface.c_str());
         if (index == 0 || socket6_.fd == -1) {
-            fail(error, UdpSocketError::badParamError(
+            return fail(error,
+                        UdpSocketError::badParamError(
                             "Unknown interface. Specify valid interface by name (e.g. \"en1\")."));
-            return;
         }
         if (::setsockopt(socket6_.fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index) != 0) {
-            fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
-            return;
+            return fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
         }
-        result = true;
+        return true;
     });
-    return result;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -1435,24 +1393,21 @@ bool UdpSocket::beginReceiving(UdpSocketError* error) {
 bool UdpSocket::startReceiving(bool continuous, UdpSocketError* error) {
     const std::uint32_t mode = continuous ? kReceiveContinuous : kReceiveOnce;
     const std::uint32_t other = continuous ? kReceiveOnce : kReceiveContinuous;
-    bool result = false;
-    runSync([&] {
+    return query([&] {
         if (flags_ & mode) {
-            result = true;
-            return;
+            return true;
         }
         // Deliberately tested on the descriptors, not on Bound: after port reuse they exist.
         if (!(flags_ & kSocketsCreated)) {
-            fail(error, UdpSocketError::badConfigError(
+            return fail(error,
+                        UdpSocketError::badConfigError(
                             "Must bind socket before you can receive data. You can do this "
                             "explicitly via bind, or implicitly via connect or by sending data."));
-            return;
         }
         flags_ = (flags_ | mode) & ~other;
         socketQueue_->async([self = shared_from_this()] { self->doReceive(); });
-        result = true;
+        return true;
     });
-    return result;
 }
 
 void UdpSocket::pauseReceiving() {
@@ -1614,21 +1569,15 @@ void UdpSocket::closeAfterSending() {
 // Inspection
 
 SocketAddress UdpSocket::localAddressIPv4() const {
-    SocketAddress result;
-    runSync([&] { result = localAddressOf(true); });
-    return result;
+    return query([&] { return localAddressOf(true); });
 }
 
 SocketAddress UdpSocket::localAddressIPv6() const {
-    SocketAddress result;
-    runSync([&] { result = localAddressOf(false); });
-    return result;
+    return query([&] { return localAddressOf(false); });
 }
 
 SocketAddress UdpSocket::localAddress() const {
-    SocketAddress result;
-    runSync([&] { result = localAddressOf(socket4_.fd != -1); });
-    return result;
+    return query([&] { return localAddressOf(socket4_.fd != -1); });
 }
 
 SocketAddress UdpSocket::localAddressOf(bool isIPv4) const {
@@ -1669,49 +1618,35 @@ std::uint16_t UdpSocket::localPortIPv6() const {
 }
 
 SocketAddress UdpSocket::connectedAddress() const {
-    SocketAddress result;
-    runSync([&] { result = cachedConnectedAddress_; });
-    return result;
+    return query([&] { return cachedConnectedAddress_; });
 }
 
 std::string UdpSocket::connectedHost() const {
-    std::string result;
-    runSync([&] { result = cachedConnectedHost_; });
-    return result;
+    return query([&] { return cachedConnectedHost_; });
 }
 
 std::uint16_t UdpSocket::connectedPort() const {
-    std::uint16_t result = 0;
-    runSync([&] { result = cachedConnectedPort_; });
-    return result;
+    return query([&] { return cachedConnectedPort_; });
 }
 
 bool UdpSocket::isConnected() const {
-    bool result = false;
-    runSync([&] { result = (flags_ & kConnected) != 0; });
-    return result;
+    return query([&] { return (flags_ & kConnected) != 0; });
 }
 
 bool UdpSocket::isClosed() const {
-    bool result = false;
-    runSync([&] { result = (flags_ & kSocketsCreated) == 0; });
-    return result;
+    return query([&] { return (flags_ & kSocketsCreated) == 0; });
 }
 
 bool UdpSocket::isIPv4() const {
-    bool result = false;
-    runSync([&] {
-        result = (flags_ & kConnected) ? cachedConnectedFamily_ == AF_INET : socket4_.fd != -1;
+    return query([&] {
+        return (flags_ & kConnected) ? cachedConnectedFamily_ == AF_INET : socket4_.fd != -1;
     });
-    return result;
 }
 
 bool UdpSocket::isIPv6() const {
-    bool result = false;
-    runSync([&] {
-        result = (flags_ & kConnected) ? cachedConnectedFamily_ == AF_INET6 : socket6_.fd != -1;
+    return query([&] {
+        return (flags_ & kConnected) ? cachedConnectedFamily_ == AF_INET6 : socket6_.fd != -1;
     });
-    return result;
 }
 
 int UdpSocket::socketFD() const {
@@ -1726,15 +1661,11 @@ int UdpSocket::socketFD() const {
 }
 
 int UdpSocket::socket4FD() const {
-    int result = -1;
-    runSync([&] { result = socket4_.fd; });
-    return result;
+    return query([&] { return socket4_.fd; });
 }
 
 int UdpSocket::socket6FD() const {
-    int result = -1;
-    runSync([&] { result = socket6_.fd; });
-    return result;
+    return query([&] { return socket6_.fd; });
 }
 
 void UdpSocket::performBlock(const std::function<void()>& block) const {

@@ -232,6 +232,8 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     void runSync(const std::function<void()>& work) const;
     void runSoon(std::function<void()> work);  // inline on the socket queue, else async
     template <class F>
+    auto query(F&& read) const;  // read's result, read on the socket queue
+    template <class F>
     void notifyDelegate(F&& call);
     bool preCheck(UdpSocketError* error) const;
 
