@@ -1,6 +1,7 @@
 #include "osc/dispatch/ReadinessSource.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -18,7 +19,9 @@ namespace kavrin {
 // cancel, so the caller's descriptor is the only one left open for its cancel handler to close.
 //
 // A generation number identifies the one wait that may be outstanding; a completion from an
-// older wait (cancelled by suspend or cancel) is ignored.
+// older wait (cancelled by suspend or cancel) is ignored. At most one event is on the queue at a
+// time. When the descriptor is still ready after the handler returns, the next event is posted
+// straight to the queue: under load that saves a trip through the event loop per event.
 struct ReadinessSource::Impl : std::enable_shared_from_this<Impl> {
     Impl(int duplicate, Kind kind, std::shared_ptr<SerialQueue> queue)
         : kind(kind), queue(std::move(queue)), descriptor(DispatchRuntime::serialContext()) {
@@ -27,7 +30,7 @@ struct ReadinessSource::Impl : std::enable_shared_from_this<Impl> {
 
     // Called with mutex held.
     void startWait() {
-        if (waiting || !resumed || cancelled) return;
+        if (waiting || eventPosted || !resumed || cancelled) return;
         waiting = true;
         const auto wait = kind == Kind::read ? asio::posix::stream_descriptor::wait_read
                                              : asio::posix::stream_descriptor::wait_write;
@@ -54,7 +57,20 @@ struct ReadinessSource::Impl : std::enable_shared_from_this<Impl> {
             // The loop could not watch the descriptor (it was closed under us): wait no more.
             return;
         }
+        postEvent();
+    }
+
+    // Called with mutex held.
+    void postEvent() {
+        if (eventPosted) return;
+        eventPosted = true;
         queue->async([self = shared_from_this()] { self->deliver(); });
+    }
+
+    bool readyNow() {
+        pollfd entry{descriptor.native_handle(),
+                     static_cast<short>(kind == Kind::read ? POLLIN : POLLOUT), 0};
+        return ::poll(&entry, 1, 0) == 1;
     }
 
     // On the queue.
@@ -62,6 +78,7 @@ struct ReadinessSource::Impl : std::enable_shared_from_this<Impl> {
         std::function<void()> handler;
         {
             std::lock_guard lock(mutex);
+            eventPosted = false;
             if (cancelled || !resumed) return;
             if (kind == Kind::read) {
                 int count = 0;
@@ -73,7 +90,12 @@ struct ReadinessSource::Impl : std::enable_shared_from_this<Impl> {
         }
         if (handler) handler();
         std::lock_guard lock(mutex);
-        startWait();
+        if (cancelled || !resumed || waiting) return;
+        if (readyNow()) {
+            postEvent();
+        } else {
+            startWait();
+        }
     }
 
     const Kind kind;
@@ -85,6 +107,7 @@ struct ReadinessSource::Impl : std::enable_shared_from_this<Impl> {
     std::uint64_t generation = 0;
     std::size_t available = 0;
     bool waiting = false;
+    bool eventPosted = false;
     bool resumed = false;
     bool cancelled = false;
 };
