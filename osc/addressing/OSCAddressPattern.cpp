@@ -204,7 +204,7 @@ std::vector<CharacterView> OSCAddressPattern::pathComponents(const CharacterView
     if (rest[0] == "/") rest = rest.suffix(1);
     if (!rest.empty() && rest[rest.size() - 1] == "/") rest = rest.slice(0, rest.size() - 1);
     if (rest.empty()) return result;
-    // Only one leading and one trailing "/" are stripped: "//a" keeps an empty first component.
+    // Deliberate: only one leading and one trailing "/" go, so "//a" keeps an empty component.
     std::size_t begin = 0;
     while (const auto slash = rest.find("/", begin)) {
         result.push_back(rest.slice(begin, *slash));

@@ -52,7 +52,8 @@ class OSCAddressPatternToken::Literal final : public OSCAddressPatternToken {
     CharacterView view_;
 };
 
-// "*": tries 0, 1, ... characters, shortest first.
+// "*": tries 0, 1, ... characters, shortest first; deliberately lazy, as the first full match
+// ends the search.
 class OSCAddressPatternToken::ZeroOrMoreWildcard final : public OSCAddressPatternToken {
   public:
     std::optional<std::size_t> match(const CharacterView& rest) override;

@@ -100,7 +100,7 @@ OSCAddressSpace::MethodID OSCAddressSpace::registerMethod(std::string_view addre
 bool OSCAddressSpace::removeMethod(Node& parent, Node& target) {
     if (target.nodeType_ == NodeType::container) return false;
     if (target.children_.empty()) {
-        parent.removeChild(&target);
+        parent.removeChild(&target);  // deliberately leaves an emptied parent in place
     } else {
         target.nodeType_ = NodeType::container;
         target.block_.reset();
