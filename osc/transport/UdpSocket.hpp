@@ -151,7 +151,8 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     void sendData(std::vector<std::uint8_t> data, double timeout, std::int64_t tag);
     void sendData(std::vector<std::uint8_t> data, std::int64_t tag);  ///< no timeout
 
-    /// A null filter removes it; a filter without a queue stops the program.
+    /// A null filter removes it; a filter without a queue stops the program. A synchronous
+    /// filter holds the socket queue while it runs, so it must not call into the socket.
     void setSendFilter(SendFilter filter, std::shared_ptr<DispatchQueue> queue);  ///< async
     void setSendFilter(SendFilter filter, std::shared_ptr<DispatchQueue> queue,
                        bool isAsynchronous);
@@ -160,6 +161,7 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     bool receiveOnce(UdpSocketError* error = nullptr);
     bool beginReceiving(UdpSocketError* error = nullptr);
     void pauseReceiving();
+    /// Same rules as the send filter.
     void setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQueue> queue);  ///< async
     void setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQueue> queue,
                           bool isAsynchronous);
@@ -193,6 +195,7 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     /// Runs block on the socket queue and waits for it (inline when already there).
     void performBlock(const std::function<void()>& block) const;
     /// Mark a queue that runs work "as" the socket queue, so calls from it run inline.
+    /// Unmark it before the socket goes away.
     void markSocketQueueTargetQueue(SerialQueue& queue);
     void unmarkSocketQueueTargetQueue(SerialQueue& queue);
 
