@@ -114,7 +114,8 @@ void AppDelegate::terminate() {
     const TerminateReply reply = applicationShouldTerminate();
     terminating_ = false;
     if (reply == TerminateReply::now) {
-        QCoreApplication::quit();
+        // exit(), not quit(): quit() first asks every window to close, and ours refuse.
+        QCoreApplication::exit(0);
     }
 }
 

@@ -96,9 +96,7 @@ TEST_F(MonitorProcessTest, PingsEveryTwoSecondsAndLogsTheRepliesOfAResponder) {
     EXPECT_EQ(nextLine(),
               "Sent OSC ping to 127.0.0.1:" + pingPort + " \xE2\x86\x92 pattern /eos/ping");
 
-#ifndef KAVRIN_RESPONDER_PATH
-    GTEST_SKIP() << "osc_ping_responder is not built";
-#else
+#ifdef KAVRIN_RESPONDER_PATH
     pingSink.reset();  // the responder takes over its port
     responder.start(KAVRIN_RESPONDER_PATH,
                     {"--listen", QString::fromStdString(pingPort), "--reply-port",
@@ -126,6 +124,9 @@ TEST_F(MonitorProcessTest, PingsEveryTwoSecondsAndLogsTheRepliesOfAResponder) {
     EXPECT_TRUE(QFileInfo::exists(environment.storeFile()));
     EXPECT_EQ(QSettings(environment.settingsFile(), QSettings::IniFormat).value("InPort").toInt(),
               inPort);
+#ifndef KAVRIN_RESPONDER_PATH
+    GTEST_SKIP() << "osc_ping_responder is not built: replies were not checked";
+#endif
 }
 
 TEST_F(MonitorProcessTest, AStoredPortOutOfRangeStopsTheProgramAtTheFirstTick) {
