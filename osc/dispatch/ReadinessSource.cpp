@@ -129,26 +129,28 @@ ReadinessSource::ReadinessSource(Private, int fd, Kind kind, std::shared_ptr<Ser
 }
 
 // A source dropped without cancel() stops waiting and closes its duplicate; no handler runs.
+// Handlers are always destroyed outside the lock: what they capture may call back into us.
 ReadinessSource::~ReadinessSource() {
+    std::function<void()> event, cancelled;
     std::lock_guard lock(impl_->mutex);
     if (!impl_->cancelled) {
         impl_->cancelled = true;
         impl_->stopWait();
         std::error_code ignored;
         impl_->descriptor.close(ignored);
-        impl_->eventHandler = nullptr;
-        impl_->cancelHandler = nullptr;
+        event.swap(impl_->eventHandler);
+        cancelled.swap(impl_->cancelHandler);
     }
 }
 
 void ReadinessSource::setEventHandler(std::function<void()> handler) {
     std::lock_guard lock(impl_->mutex);
-    if (!impl_->cancelled) impl_->eventHandler = std::move(handler);
+    if (!impl_->cancelled) impl_->eventHandler.swap(handler);
 }
 
 void ReadinessSource::setCancelHandler(std::function<void()> handler) {
     std::lock_guard lock(impl_->mutex);
-    if (!impl_->cancelled) impl_->cancelHandler = std::move(handler);
+    if (!impl_->cancelled) impl_->cancelHandler.swap(handler);
 }
 
 void ReadinessSource::resume() {
@@ -174,12 +176,11 @@ void ReadinessSource::cancel() {
     }
     // Posted after any event already on the queue, so it runs after the last event handler.
     impl_->queue->async([impl = impl_] {
-        std::function<void()> handler;
+        std::function<void()> handler, event;
         {
             std::lock_guard lock(impl->mutex);
-            handler = std::move(impl->cancelHandler);
-            impl->cancelHandler = nullptr;
-            impl->eventHandler = nullptr;
+            handler.swap(impl->cancelHandler);
+            event.swap(impl->eventHandler);
         }
         if (handler) handler();
     });

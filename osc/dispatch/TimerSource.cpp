@@ -62,7 +62,7 @@ TimerSource::~TimerSource() {
 
 void TimerSource::setEventHandler(std::function<void()> handler) {
     std::lock_guard lock(impl_->mutex);
-    if (!impl_->cancelled) impl_->eventHandler = std::move(handler);
+    if (!impl_->cancelled) impl_->eventHandler.swap(handler);  // old one dies outside the lock
 }
 
 void TimerSource::schedule(DispatchQueue::Clock::duration after) {
@@ -80,12 +80,13 @@ void TimerSource::resume() {
 }
 
 void TimerSource::cancel() {
+    std::function<void()> handler;  // destroyed outside the lock: its captures may call back
     std::lock_guard lock(impl_->mutex);
     if (impl_->cancelled) return;
     impl_->cancelled = true;
     ++impl_->generation;
     impl_->timer.cancel();
-    impl_->eventHandler = nullptr;
+    handler.swap(impl_->eventHandler);
 }
 
 }  // namespace kavrin
