@@ -68,8 +68,18 @@ double OSCTimeTag::seconds() const {
 }
 
 std::chrono::system_clock::time_point OSCTimeTag::date() const {
-    const std::chrono::duration<double> since(seconds());
-    return epochDate() + std::chrono::duration_cast<std::chrono::system_clock::duration>(since);
+    using namespace std::chrono;
+    using Clock = system_clock;
+    // Far eras lie outside what the clock can hold: clamp instead of overflowing.
+    const double fromClockZero =
+        seconds() + duration<double>(epochDate().time_since_epoch()).count();
+    if (fromClockZero >= duration<double>(Clock::duration::max()).count()) {
+        return Clock::time_point::max();
+    }
+    if (fromClockZero <= duration<double>(Clock::duration::min()).count()) {
+        return Clock::time_point::min();
+    }
+    return Clock::time_point(duration_cast<Clock::duration>(duration<double>(fromClockZero)));
 }
 
 std::string OSCTimeTag::description() const {

@@ -34,6 +34,10 @@ TEST(OSCTimeTag, DatesCountFromTheLocalEpochBothWays) {
     EXPECT_EQ(tag.description(), "OSCTimeTag(era: 0, rawValue: " + std::to_string(tag.rawValue) +
                                      ", date: 2023-11-14 22:13:20.250 UTC)");
 
+    // Eras beyond the clock's range clamp rather than overflow.
+    EXPECT_EQ((OSCTimeTag{std::int64_t{1} << 40, 0}).date(), system_clock::time_point::max());
+    EXPECT_EQ((OSCTimeTag{-(std::int64_t{1} << 40), 0}).date(), system_clock::time_point::min());
+
     const auto now = system_clock::now();
     EXPECT_TRUE(OSCTimeTag::fromDate(now + hours(1)).isFuture());
     EXPECT_FALSE(OSCTimeTag::fromDate(now - hours(1)).isFuture());
