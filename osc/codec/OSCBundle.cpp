@@ -18,6 +18,18 @@ std::string tooDeep() {
            std::to_string(OSCBundle::maximumDepth) + " levels.";
 }
 
+// How many elements the size words announce, counted up to the first one that does not fit,
+// so that the element list is allocated once.
+std::size_t elementCount(std::span<const std::uint8_t> bytes) {
+    std::size_t count = 0;
+    for (std::size_t offset = 16; bytes.size() - offset >= 4; ++count) {
+        const std::size_t size = bigEndian::load32(bytes.data() + offset);
+        if (size > bytes.size() - offset - 4) break;
+        offset += 4 + size;
+    }
+    return count;
+}
+
 }  // namespace
 
 OSCBundle::OSCBundle() = default;
@@ -95,6 +107,7 @@ OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes,
     PassiveDataReader reader(bytes);
     reader.advance(8);
     OSCBundle bundle(OSCTimeTag{0, reader.readUInt64()});
+    bundle.elements.reserve(elementCount(bytes));
     while (reader.remainingByteCount() > 0) {
         if (reader.remainingByteCount() < 4) {
             throw OSCDecodeError::malformed("Could not convert element size to Int32.");
