@@ -1,0 +1,6 @@
+#pragma once
+// The whole OSC library.
+#include "osc/addressing.hpp"
+#include "osc/codec.hpp"
+#include "osc/dispatch.hpp"
+#include "osc/transport.hpp"
