@@ -8,16 +8,11 @@
 #include <unicode/utext.h>
 #include <unicode/utf8.h>
 
+#include "osc/addressing/LossyASCII.hpp"
+
 namespace kavrin {
 
 namespace {
-
-bool isASCII(std::string_view text) {
-    for (unsigned char byte : text) {
-        if (byte >= 0x80) return false;
-    }
-    return true;
-}
 
 // ASCII text: every byte is a character except that CR LF is one.
 void asciiBoundaries(std::string_view text, std::vector<std::uint32_t>& bounds) {

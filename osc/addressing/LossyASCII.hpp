@@ -11,4 +11,7 @@ namespace kavrin {
 // its bytes are dropped. Callable from any thread (the shared transliterator is locked).
 std::string lossyASCII(std::string_view utf8);
 
+// True when every byte is below 0x80: such text needs no conversion.
+bool isASCII(std::string_view text);
+
 }  // namespace kavrin

@@ -9,13 +9,6 @@ namespace kavrin {
 
 namespace {
 
-bool isASCII(std::string_view text) {
-    for (unsigned char byte : text) {
-        if (byte >= 0x80) return false;
-    }
-    return true;
-}
-
 void hashCombine(std::size_t& seed, std::size_t value) {
     seed ^= value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2);
 }
