@@ -63,6 +63,11 @@ std::uint16_t OSCServer::port() const {
     return port_;
 }
 
+void OSCServer::setKernelReceiveBufferSize(std::size_t bytes) {
+    // Best effort: a refused size leaves the kernel's previous one, and receiving goes on.
+    udpServer->setKernelReceiveBufferSize(bytes);
+}
+
 void OSCServer::start() {
     udpServer->close();
     UdpSocketError error;
@@ -76,37 +81,54 @@ void OSCServer::stop() {
 }
 
 // A bundle's own tag governs its elements, whatever tag it was reached with.
-void OSCServer::handle(const OSCPacket& packet, const OSCTimeTag& timeTag) {
-    if (const auto* bundle = std::get_if<OSCBundle>(&packet)) {
-        for (const auto& element : bundle->elements) handle(element, bundle->timeTag);
+void OSCServer::handle(OSCPacket&& packet, const OSCTimeTag& timeTag) {
+    if (auto* bundle = std::get_if<OSCBundle>(&packet)) {
+        for (auto& element : bundle->elements) handle(std::move(element), bundle->timeTag);
         return;
     }
-    const auto& message = std::get<OSCMessage>(packet);
+    auto& message = std::get<OSCMessage>(packet);
     if (mode.load() == TimeTagMode::osc1_0 && !timeTag.isImmediate() && timeTag.isFuture()) {
-        deliverLater(message, timeTag);
+        deliverLater(std::move(message), timeTag);
     } else {
-        deliverNow(message, timeTag);
+        deliverNow(std::move(message), timeTag);
     }
 }
 
+// Deliveries are gathered while the receive queue works through the datagrams the socket read
+// in one go, and handed to the dispatch queue as one block after them: a hop per message would
+// cost more than decoding it. The order of deliveries is unchanged.
+void OSCServer::deliverNow(OSCMessage&& message, const OSCTimeTag& timeTag) {
+    if (undelivered.empty()) {
+        receiveQueue->async([self = shared_from_this()] { self->flushDeliveries(); });
+    }
+    undelivered.push_back({std::move(message), timeTag});
+}
+
 // Holds the server strongly: a delivery already decided runs even if the owner lets go.
-void OSCServer::deliverNow(const OSCMessage& message, const OSCTimeTag& timeTag) {
-    dispatchQueue->async([self = shared_from_this(), message, timeTag] {
-        if (auto current = self->currentHandler()) (*current)(message, timeTag);
+void OSCServer::flushDeliveries() {
+    if (undelivered.empty()) return;
+    dispatchQueue->async([self = shared_from_this(), batch = std::move(undelivered)] {
+        for (const auto& delivery : batch) {
+            if (auto current = self->currentHandler())
+                (*current)(delivery.message, delivery.timeTag);
+        }
     });
+    undelivered.clear();
 }
 
 // Holds the server weakly, deliberately unlike deliverNow: a scheduled delivery must not keep a
 // released server alive until its time comes.
-void OSCServer::deliverLater(const OSCMessage& message, const OSCTimeTag& timeTag) {
+void OSCServer::deliverLater(OSCMessage&& message, const OSCTimeTag& timeTag) {
     const std::chrono::duration<double> delay = timeTag.date() - std::chrono::system_clock::now();
     const auto deadline = DispatchQueue::Clock::now() +
                           std::chrono::duration_cast<DispatchQueue::Clock::duration>(delay);
-    dispatchQueue->asyncAfter(deadline, [weak = weak_from_this(), message, timeTag] {
-        auto self = weak.lock();
-        if (!self) return;
-        if (auto current = self->currentHandler()) (*current)(message, timeTag);
-    });
+    dispatchQueue->asyncAfter(deadline,
+                              [weak = weak_from_this(), message = std::move(message), timeTag] {
+                                  auto self = weak.lock();
+                                  if (!self) return;
+                                  if (auto current = self->currentHandler())
+                                      (*current)(message, timeTag);
+                              });
 }
 
 }  // namespace kavrin

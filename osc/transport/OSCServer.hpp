@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/codec/OSCPacket.hpp"
@@ -53,6 +54,10 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     TimeTagMode timeTagMode() const;
     void setTimeTagMode(TimeTagMode mode);
     std::uint16_t port() const;
+    /// The kernel's receive buffer of the socket (see UdpSocket::setKernelReceiveBufferSize):
+    /// enlarge it to ride out bursts of thousands of datagrams. Takes effect at once, also on a
+    /// running server; 0 restores the default.
+    void setKernelReceiveBufferSize(std::size_t bytes);
 
     /// Closes the socket if open, then enables port reuse, binds the port and starts receiving.
     /// Throws the socket's UdpSocketError unchanged at the first step that fails, leaving the
@@ -63,9 +68,14 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
 
   private:
     friend class OSCServerDelegate;
-    void handle(const OSCPacket& packet, const OSCTimeTag& timeTag);
-    void deliverNow(const OSCMessage& message, const OSCTimeTag& timeTag);
-    void deliverLater(const OSCMessage& message, const OSCTimeTag& timeTag);
+    struct Delivery {
+        OSCMessage message;
+        OSCTimeTag timeTag;
+    };
+    void handle(OSCPacket&& packet, const OSCTimeTag& timeTag);
+    void deliverNow(OSCMessage&& message, const OSCTimeTag& timeTag);
+    void deliverLater(OSCMessage&& message, const OSCTimeTag& timeTag);
+    void flushDeliveries();
     std::shared_ptr<const Handler> currentHandler() const;
 
     const std::shared_ptr<UdpSocket> udpServer;
@@ -76,6 +86,9 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     std::shared_ptr<const Handler> handler;  // guarded by handlerMutex
     std::atomic<TimeTagMode> mode;
     const std::uint16_t port_;
+    // Immediate deliveries decided on the receive queue and not yet handed to the dispatch
+    // queue; touched only on the receive queue.
+    std::vector<Delivery> undelivered;
 };
 
 }  // namespace kavrin

@@ -19,7 +19,7 @@ void OSCServerDelegate::udpSocketDidReceiveData(UdpSocket&, std::vector<std::uin
         return;
     }
     if (!packet) return;
-    if (auto server = oscServer.lock()) server->handle(*packet, OSCTimeTag::immediate());
+    if (auto server = oscServer.lock()) server->handle(std::move(*packet), OSCTimeTag::immediate());
 }
 
 }  // namespace kavrin

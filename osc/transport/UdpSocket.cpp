@@ -9,8 +9,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <future>
 #include <system_error>
@@ -228,6 +230,7 @@ auto UdpSocket::query(F&& read) const {
 
 template <class F>
 void UdpSocket::notifyDelegate(F&& call) {
+    flushDeliveries();  // datagrams read before this event are reported before it
     auto delegate = delegate_.lock();
     auto self = weak_from_this().lock();  // none while being destroyed: nothing to report to
     if (!delegate || !delegateQueue_ || !self) {
@@ -369,6 +372,34 @@ void UdpSocket::setMaxSendBufferSize(std::uint16_t max) {
     runSync([&] { maxSendSize_ = max; });
 }
 
+bool UdpSocket::setKernelReceiveBufferSize(std::size_t bytes, UdpSocketError* error) {
+    return query([&] {
+        kernelReceiveSize_ = bytes;
+        for (const Family* f : {&socket4_, &socket6_}) {
+            if (f->fd != -1 && !applyKernelReceiveBufferSize(f->fd)) {
+                return fail(error, UdpSocketError::errnoError(
+                                       "Error setting receive buffer size (setsockopt)"));
+            }
+        }
+        return true;
+    });
+}
+
+std::size_t UdpSocket::kernelReceiveBufferSize() const {
+    return query([&] { return kernelReceiveSize_; });
+}
+
+// A privileged process may pass the system's cap; anyone else gets at most the cap.
+bool UdpSocket::applyKernelReceiveBufferSize(int fd) const {
+    const std::size_t bytes = kernelReceiveSize_ != 0 ? kernelReceiveSize_ : maxSendSize_;
+    const int size = static_cast<int>(std::min<std::size_t>(bytes, INT_MAX / 2));
+    if (kernelReceiveSize_ != 0 &&
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) == 0) {
+        return true;
+    }
+    return ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) == 0;
+}
+
 std::any UdpSocket::userData() const {
     return query([&] { return userData_; });
 }
@@ -452,8 +483,8 @@ int UdpSocket::createSocket(int domain, UdpSocketError* error) {
     if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bufferSize, sizeof bufferSize) != 0) {
         return failWith("Error setting send buffer size (setsockopt)");
     }
-    // Deliberately sized from the send limit as well.
-    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bufferSize, sizeof bufferSize) != 0) {
+    // Deliberately sized from the send limit as well, unless the user chose a size.
+    if (!applyKernelReceiveBufferSize(fd)) {
         return failWith("Error setting receive buffer size (setsockopt)");
     }
     return fd;
@@ -550,6 +581,8 @@ void UdpSocket::closeSocket(Family& f, bool isIPv4) {
     f.fd = -1;
     f.bytesAvailable = 0;
     f.scratch = {};
+    f.slots.reset();
+    f.slotSize = 0;
     f.cachedLocalAddress = {};
 }
 
@@ -603,6 +636,15 @@ void UdpSocket::resumeReceiveSource(bool isIPv4) {
     if (f.receiveSource && (flags_ & receiveSuspendedBit(isIPv4))) {
         f.receiveSource->resume();
         flags_ &= ~receiveSuspendedBit(isIPv4);
+    }
+}
+
+void UdpSocket::resumeDrainedReceiveSources() {
+    if (socket4_.bytesAvailable == 0) {
+        resumeReceiveSource(true);
+    }
+    if (socket6_.bytesAvailable == 0) {
+        resumeReceiveSource(false);
     }
 }
 
@@ -1433,23 +1475,26 @@ void UdpSocket::setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQ
     });
 }
 
+// Reads until the descriptors are drained or a batch is full. The datagrams of one turn go to
+// the delegate queue as one block: a hop per datagram would cost more than reading it. A full
+// batch yields the socket queue to other work; the read sources, resumed, bring us back.
 void UdpSocket::doReceive() {
-    // A loop rather than recursion: each turn reads one datagram.
-    for (;;) {
+    constexpr int kBatch = 64;
+    for (int read = 0;; ++read) {
         if (!(flags_ & (kReceiveOnce | kReceiveContinuous))) {
             suspendReceiveSourcesWithData();
-            return;
+            break;
         }
         if ((flags_ & kReceiveOnce) && pendingFilterOperations_ > 0) {
             suspendReceiveSourcesWithData();
-            return;
+            break;
         }
         const bool has4 = socket4_.bytesAvailable > 0;
         const bool has6 = socket6_.bytesAvailable > 0;
-        if (!has4 && !has6) {
+        if ((!has4 && !has6) || read == kBatch) {
             resumeReceiveSource(true);
             resumeReceiveSource(false);
-            return;
+            break;
         }
         bool useIPv4 = has4;
         if (has4 && has6) {
@@ -1461,10 +1506,12 @@ void UdpSocket::doReceive() {
                 useIPv4 = !wasClear;
             }
         }
-        if (!receiveOne(useIPv4)) {
-            return;
+        const bool batched = (flags_ & kReceiveContinuous) && !receiveFilter_;
+        if (!(batched ? receiveMany(useIPv4) : receiveOne(useIPv4))) {
+            break;
         }
     }
+    flushDeliveries();
 }
 
 bool UdpSocket::receiveOne(bool isIPv4) {
@@ -1483,16 +1530,13 @@ bool UdpSocket::receiveOne(bool isIPv4) {
     if (result < 1) {
         f.bytesAvailable = 0;
     } else {
+        // The kernel reports the size of the next datagram only, not of all that wait: keep
+        // reading until it says there is nothing left.
         const auto size = static_cast<std::uint64_t>(result);
-        f.bytesAvailable = f.bytesAvailable > size ? f.bytesAvailable - size : 0;
+        f.bytesAvailable = f.bytesAvailable > size ? f.bytesAvailable - size : 1;
     }
     if (result == 0 || (result < 0 && (receiveErrno == EAGAIN || receiveErrno == EWOULDBLOCK))) {
-        if (socket4_.bytesAvailable == 0) {
-            resumeReceiveSource(true);
-        }
-        if (socket6_.bytesAvailable == 0) {
-            resumeReceiveSource(false);
-        }
+        resumeDrainedReceiveSources();
         return false;
     }
     if (result < 0) {
@@ -1528,6 +1572,7 @@ bool UdpSocket::receiveOne(bool isIPv4) {
             --self->pendingFilterOperations_;
             if (allowed) {
                 self->deliver(std::move(data), address, std::move(context));
+                self->flushDeliveries();
             }
             // In once-mode the read waited for this verdict.
             if (self->flags_ & kReceiveOnce) {
@@ -1538,15 +1583,94 @@ bool UdpSocket::receiveOne(bool isIPv4) {
     return true;
 }
 
+// Continuous receiving without a filter takes every datagram it reads, so it may read several
+// per system call: a call costs more than copying a small datagram. Each slot holds the largest
+// datagram allowed, as one recvfrom buffer would; pages of a slot that no datagram reaches are
+// never touched.
+bool UdpSocket::receiveMany(bool isIPv4) {
+    constexpr unsigned kSlots = 16;
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    const std::size_t limit = isIPv4 ? max4ReceiveSize_ : max6ReceiveSize_;
+    if (limit == 0) {
+        return receiveOne(isIPv4);
+    }
+    if (f.slotSize != limit) {
+        f.slots.reset(new std::uint8_t[kSlots * limit]);
+        f.slotSize = limit;
+    }
+    mmsghdr messages[kSlots];
+    iovec buffers[kSlots];
+    sockaddr_in6 sources[kSlots];
+    for (unsigned i = 0; i < kSlots; ++i) {
+        buffers[i] = {f.slots.get() + i * limit, limit};
+        messages[i] = {};
+        messages[i].msg_hdr.msg_name = &sources[i];
+        messages[i].msg_hdr.msg_namelen = isIPv4 ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+        messages[i].msg_hdr.msg_iov = &buffers[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    const int count = ::recvmmsg(f.fd, messages, kSlots, 0, nullptr);
+    if (count < 0) {
+        const int receiveErrno = errno;
+        f.bytesAvailable = 0;
+        if (receiveErrno == EAGAIN || receiveErrno == EWOULDBLOCK) {
+            resumeDrainedReceiveSources();
+            return false;
+        }
+        errno = receiveErrno;
+        closeWithError(UdpSocketError::errnoError("Error in recvfrom() function"));
+        return false;
+    }
+    for (int i = 0; i < count; ++i) {
+        const std::size_t size = messages[i].msg_len;
+        if (size == 0) {
+            continue;  // an empty datagram carries nothing to report
+        }
+        const std::uint8_t* bytes = f.slots.get() + i * limit;
+        const SocketAddress address(
+            &sources[i],
+            std::min<std::size_t>(messages[i].msg_hdr.msg_namelen, sizeof(sockaddr_in6)));
+        if ((flags_ & kConnected) && !sameEndpoint(address, cachedConnectedAddress_)) {
+            continue;  // not from the peer: dropped
+        }
+        deliver(std::vector<std::uint8_t>(bytes, bytes + size), address, {});
+    }
+    // Fewer than asked for: the descriptor is drained for now.
+    if (count < static_cast<int>(kSlots)) {
+        f.bytesAvailable = 0;
+        resumeDrainedReceiveSources();
+        return false;
+    }
+    f.bytesAvailable = 1;
+    return true;
+}
+
 void UdpSocket::deliver(std::vector<std::uint8_t> data, const SocketAddress& address,
                         std::any context) {
-    notifyDelegate([data = std::move(data), address, context = std::move(context)](
-                       UdpSocketDelegate& d, UdpSocket& s) mutable {
-        d.udpSocketDidReceiveData(s, std::move(data), address, context);
-    });
+    undelivered_.push_back({std::move(data), address, std::move(context)});
     if (flags_ & kReceiveOnce) {
         flags_ &= ~(kReceiveOnce | kReceiveContinuous);
     }
+}
+
+void UdpSocket::flushDeliveries() {
+    if (undelivered_.empty()) {
+        return;
+    }
+    auto batch = std::move(undelivered_);
+    undelivered_.clear();
+    auto delegate = delegate_.lock();
+    auto self = weak_from_this().lock();
+    if (!delegate || !delegateQueue_ || !self) {
+        return;
+    }
+    delegateQueue_->async([self = std::move(self), delegate = std::move(delegate),
+                           batch = std::move(batch)]() mutable {
+        for (auto& datagram : batch) {
+            delegate->udpSocketDidReceiveData(*self, std::move(datagram.data), datagram.address,
+                                              datagram.context);
+        }
+    });
 }
 
 // ---------------------------------------------------------------------------------------------

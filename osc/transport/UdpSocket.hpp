@@ -108,6 +108,14 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     std::uint16_t maxSendBufferSize() const;
     void setMaxSendBufferSize(std::uint16_t max);
 
+    /// The kernel's receive buffer for both descriptors: how much may wait unread before the
+    /// kernel drops datagrams. 0 (the default) sizes it like the send limit, which suits a
+    /// light link; a receiver of fast streams enlarges it. Above the system's cap
+    /// (net.core.rmem_max) it takes effect only for a privileged process. Applied to open
+    /// descriptors at once and to every descriptor created later.
+    bool setKernelReceiveBufferSize(std::size_t bytes, UdpSocketError* error = nullptr);
+    std::size_t kernelReceiveBufferSize() const;  ///< as asked for, 0 for the default
+
     std::any userData() const;
     void setUserData(std::any userData);
 
@@ -223,9 +231,11 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
         int fd = -1;
         std::shared_ptr<ReadinessSource> sendSource;
         std::shared_ptr<ReadinessSource> receiveSource;
-        std::uint64_t bytesAvailable = 0;   // as the read source last reported
-        std::vector<std::uint8_t> scratch;  // reused receive buffer
-        SocketAddress cachedLocalAddress;   // filled once bound
+        std::uint64_t bytesAvailable = 0;       // as the read source last reported
+        std::vector<std::uint8_t> scratch;      // reused receive buffer
+        std::unique_ptr<std::uint8_t[]> slots;  // reused buffers of receiveMany, slotSize each
+        std::size_t slotSize = 0;
+        SocketAddress cachedLocalAddress;  // filled once bound
     };
     using Packet = std::variant<std::shared_ptr<UdpSendPacket>, std::shared_ptr<UdpSpecialPacket>>;
     using ResolveCompletion = std::function<void(std::vector<SocketAddress> addresses,
@@ -243,6 +253,7 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     bool ensureSockets(UdpSocketError* error);
     bool createSockets(bool useIPv4, bool useIPv6, UdpSocketError* error);
     int createSocket(int domain, UdpSocketError* error);
+    bool applyKernelReceiveBufferSize(int fd) const;
     void setupSources(Family& f, bool isIPv4);
     void closeSocket(Family& f, bool isIPv4);
     void closeWithError(std::optional<UdpSocketError> error);
@@ -251,6 +262,7 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     void suspendReceiveSource(bool isIPv4);
     void resumeReceiveSource(bool isIPv4);
     void suspendReceiveSourcesWithData();
+    void resumeDrainedReceiveSources();
     void onWritable(bool isIPv4);
     void onReadable(bool isIPv4);
 
@@ -284,8 +296,10 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
 
     bool startReceiving(bool continuous, UdpSocketError* error);
     void doReceive();
-    bool receiveOne(bool isIPv4);  // false when the receive step stops
+    bool receiveOne(bool isIPv4);   // false when the receive step stops
+    bool receiveMany(bool isIPv4);  // the same for several datagrams at once
     void deliver(std::vector<std::uint8_t> data, const SocketAddress& address, std::any context);
+    void flushDeliveries();
 
     std::weak_ptr<UdpSocketDelegate> delegate_;
     std::shared_ptr<DispatchQueue> delegateQueue_;
@@ -300,6 +314,7 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     std::uint16_t max4ReceiveSize_ = 65535;
     std::uint32_t max6ReceiveSize_ = 65535;
     std::uint16_t maxSendSize_ = 65535;
+    std::size_t kernelReceiveSize_ = 0;
     mutable Family socket4_;  // mutable for the local-address cache
     mutable Family socket6_;
     std::shared_ptr<SerialQueue> socketQueue_;
@@ -308,6 +323,12 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     std::shared_ptr<UdpSpecialPacket> currentSpecial_;  // the head of the queue being worked on
     std::deque<Packet> sendQueue_;
     std::uint32_t pendingFilterOperations_ = 0;
+    struct Datagram {
+        std::vector<std::uint8_t> data;
+        SocketAddress address;
+        std::any context;
+    };
+    std::vector<Datagram> undelivered_;  // read in this turn, reported together at its end
     SocketAddress cachedConnectedAddress_;
     std::string cachedConnectedHost_;
     std::uint16_t cachedConnectedPort_ = 0;

@@ -224,3 +224,25 @@ TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried
     ASSERT_TRUE(sender.sendTo(server->port(), bytes(OSCMessage("/stopped"))));
     EXPECT_FALSE(main->drainUntil([&] { return received.size() > 1; }, 100ms));
 }
+
+// Deliveries are handed over in batches; a burst of many datagrams, a bad one among them, must
+// still arrive whole and in order.
+TEST(OSCServer, DeliversABurstWholeAndInOrder) {
+    Fixture fixture(OSCServer::TimeTagMode::osc1_0);
+    ASSERT_TRUE(fixture.server) << "no free port";
+    fixture.server->setKernelReceiveBufferSize(4 << 20);
+    RawSocket sender;
+    // Without privilege the kernel caps the buffer well below what a big burst needs.
+    const int count = ::geteuid() == 0 ? 2000 : 200;
+    std::vector<std::string> expected;
+    for (int i = 0; i < count; ++i) {
+        if (i == count / 2) {
+            ASSERT_TRUE(sender.sendTo(fixture.server->port(), {'/', 0, 0}));
+        }
+        expected.push_back("/n/" + std::to_string(i));
+        ASSERT_TRUE(sender.sendTo(fixture.server->port(), bytes(OSCMessage(expected.back()))));
+    }
+    ASSERT_TRUE(fixture.waitFor(count));
+    EXPECT_EQ(fixture.addresses(), expected);
+    EXPECT_FALSE(fixture.offQueue);
+}

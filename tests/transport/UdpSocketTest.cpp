@@ -464,6 +464,61 @@ TEST(UdpSocketReceive, OverlongDatagramArrivesTruncatedToTheLimit) {
     });
 }
 
+// A burst larger than one read batch, sent before reading starts so that it waits whole in the
+// kernel, arrives complete and in order; empty datagrams are skipped and overlong ones cut.
+TEST(UdpSocketReceive, BurstArrivesWholeInOrderThroughALargerKernelBuffer) {
+    Peer receiver;
+    receiver.socket->setIPv6Enabled(false);
+    receiver.socket->setMaxReceiveIPv4BufferSize(16);
+    UdpSocketError error;
+    ASSERT_TRUE(receiver.socket->setKernelReceiveBufferSize(4 << 20, &error))
+        << error.description();
+    ASSERT_TRUE(receiver.socket->bindToPort(0, "localhost", &error)) << error.description();
+    EXPECT_EQ(receiver.socket->kernelReceiveBufferSize(), 4u << 20);
+    int granted = 0;
+    socklen_t length = sizeof granted;
+    ASSERT_EQ(::getsockopt(receiver.socket->socket4FD(), SOL_SOCKET, SO_RCVBUF, &granted, &length),
+              0);
+    // Above the default (twice the send limit); without privilege the system's cap bounds it.
+    EXPECT_GT(granted, 2 * 65535);
+
+    const int sender = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(receiver.socket->localPortIPv4());
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    // Small datagrams take about a kilobyte each in the kernel's accounting.
+    const int kCount = granted >= 4 << 20 ? 3000 : 200;
+    for (int i = 0; i < kCount; ++i) {
+        std::string datagram = std::to_string(i);
+        if (i == 700) datagram.clear();
+        if (i == 701) datagram = "701-and-then-much-too-long";
+        ::sendto(sender, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&to),
+                 sizeof to);
+    }
+    ASSERT_TRUE(receiver.socket->beginReceiving(&error)) << error.description();
+    ASSERT_TRUE(receiver.waitForReceived(kCount - 1));
+    sockaddr_in from{};
+    socklen_t fromLength = sizeof from;
+    ::getsockname(sender, reinterpret_cast<sockaddr*>(&from), &fromLength);
+    ::close(sender);
+    receiver.recorder->read([&] {
+        const auto& received = receiver.recorder->received;
+        ASSERT_EQ(received.size(), static_cast<std::size_t>(kCount - 1));
+        for (int i = 0, at = 0; i < kCount; ++i) {
+            if (i == 700) continue;
+            const std::string expected = i == 701 ? "701-and-then-muc" : std::to_string(i);
+            ASSERT_EQ(text(received[at].data), expected) << "datagram " << i;
+            ++at;
+        }
+        std::string host;
+        std::uint16_t port = 0;
+        ASSERT_TRUE(UdpSocket::getHost(&host, &port, received.back().from));
+        EXPECT_EQ(host, "127.0.0.1");
+        EXPECT_EQ(port, ntohs(from.sin_port));
+    });
+}
+
 TEST(UdpSocketReceive, FiltersOnceModeAndPause) {
     Peer receiver;
     receiver.socket->setIPv6Enabled(false);
