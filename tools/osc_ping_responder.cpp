@@ -14,6 +14,7 @@
 #include "osc/dispatch/ManualQueue.hpp"
 #include "osc/transport/OSCClient.hpp"
 #include "osc/transport/OSCServer.hpp"
+#include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/UdpSocketError.hpp"
 
 using namespace kavrin;
@@ -21,15 +22,15 @@ using namespace kavrin;
 namespace {
 
 constexpr const char* usage =
-    "usage: osc_ping_responder [--listen PORT] [--reply-host HOST] [--reply-port PORT]\n"
+    "usage: osc_ping_responder [--listen PORT] [--reply-port PORT] [--reply-host HOST]\n"
     "                          [--ping ADDRESS] [--reply ADDRESS]\n"
     "\n"
     "Listens for OSC over UDP on PORT (default 8000, IPv4 and IPv6). Each message whose\n"
     "address is exactly the ping ADDRESS (default /eos/ping) is answered with a message at\n"
-    "the reply ADDRESS (default /eos/out/ping), with no values, sent to HOST (default\n"
-    "127.0.0.1) on the reply PORT (default 8001). Messages inside bundles count too; other\n"
-    "messages are ignored. Prints one line per answered ping on standard output.\n"
-    "Runs until killed.\n";
+    "the reply ADDRESS (default /eos/out/ping), with no values, sent to the ping's sender\n"
+    "(or to HOST, when given) on the reply PORT (default 8001). Messages inside bundles\n"
+    "count too; other messages are ignored. Prints one line per answered ping on standard\n"
+    "output. Runs until killed.\n";
 
 std::optional<std::uint16_t> parsePort(std::string_view text) {
     unsigned value = 0;
@@ -50,7 +51,7 @@ int fail(const std::string& message) {
 int main(int argc, char** argv) {
     std::uint16_t listenPort = 8000;
     std::uint16_t replyPort = 8001;
-    std::string replyHost = "127.0.0.1";
+    std::optional<std::string> replyHost;
     std::string pingAddress = "/eos/ping";
     std::string replyAddress = "/eos/out/ping";
 
@@ -81,16 +82,21 @@ int main(int argc, char** argv) {
     auto mainQueue = std::make_shared<ManualQueue>();
     OSCClient client;
     const OSCMessage reply(replyAddress);
-    auto server = OSCServer::create(listenPort, nullptr, mainQueue, OSCServer::TimeTagMode::ignore,
-                                    [&](const OSCMessage& message, const OSCTimeTag&) {
-                                        if (message.addressPattern.rawAddress() != pingAddress)
-                                            return;
-                                        client.send(reply, replyHost, replyPort);
-                                        std::printf("%s -> %s %s:%u\n", pingAddress.c_str(),
-                                                    replyAddress.c_str(), replyHost.c_str(),
-                                                    static_cast<unsigned>(replyPort));
-                                        std::fflush(stdout);
-                                    });
+    auto server = OSCServer::create(listenPort, nullptr, mainQueue, OSCServer::TimeTagMode::ignore);
+    server->setSourceHandler(
+        [&](const OSCMessage& message, const OSCTimeTag&, const SocketAddress& sender) {
+            if (message.addressPattern.rawAddress() != pingAddress) return;
+            std::string host;
+            if (replyHost) {
+                host = *replyHost;
+            } else if (!UdpSocket::getHost(&host, nullptr, sender)) {
+                return;
+            }
+            client.send(reply, host, replyPort);
+            std::printf("%s -> %s %s:%u\n", pingAddress.c_str(), replyAddress.c_str(), host.c_str(),
+                        static_cast<unsigned>(replyPort));
+            std::fflush(stdout);
+        });
     try {
         server->start();
     } catch (const UdpSocketError& error) {
@@ -100,7 +106,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::cerr << "osc_ping_responder: listening on port " << listenPort << " for " << pingAddress
-              << ", replying " << replyAddress << " to " << replyHost << ':' << replyPort
-              << std::endl;
+              << ", replying " << replyAddress << " to " << replyHost.value_or("the sender")
+              << " on port " << replyPort << std::endl;
     for (;;) mainQueue->drainUntil([] { return false; }, std::chrono::hours(1));
 }

@@ -9,6 +9,17 @@
 
 namespace kavrin {
 
+namespace {
+
+std::shared_ptr<const OSCServer::SourceHandler> withSource(OSCServer::Handler handler) {
+    if (!handler) return nullptr;
+    return std::make_shared<const OSCServer::SourceHandler>(
+        [handler = std::move(handler)](const OSCMessage& message, const OSCTimeTag& timeTag,
+                                       const SocketAddress&) { handler(message, timeTag); });
+}
+
+}  // namespace
+
 std::shared_ptr<OSCServer> OSCServer::create(std::uint16_t port,
                                              std::shared_ptr<SerialQueue> receiveQueue,
                                              std::shared_ptr<DispatchQueue> dispatchQueue,
@@ -31,7 +42,7 @@ OSCServer::OSCServer(Private, std::uint16_t port, std::shared_ptr<SerialQueue> r
                        ? std::move(receiveQueue)
                        : SerialQueue::create("OSCServer", QualityOfService::userInitiated)),
       dispatchQueue(std::move(dispatchQueue)),
-      handler(handler ? std::make_shared<const Handler>(std::move(handler)) : nullptr),
+      handler(withSource(std::move(handler))),
       mode(mode),
       port_(port) {}
 
@@ -40,12 +51,19 @@ OSCServer::~OSCServer() {
 }
 
 void OSCServer::setHandler(Handler newHandler) {
-    auto stored = newHandler ? std::make_shared<const Handler>(std::move(newHandler)) : nullptr;
+    auto stored = withSource(std::move(newHandler));
     std::lock_guard lock(handlerMutex);
     handler = std::move(stored);
 }
 
-std::shared_ptr<const OSCServer::Handler> OSCServer::currentHandler() const {
+void OSCServer::setSourceHandler(SourceHandler newHandler) {
+    auto stored =
+        newHandler ? std::make_shared<const SourceHandler>(std::move(newHandler)) : nullptr;
+    std::lock_guard lock(handlerMutex);
+    handler = std::move(stored);
+}
+
+std::shared_ptr<const OSCServer::SourceHandler> OSCServer::currentHandler() const {
     std::lock_guard lock(handlerMutex);
     return handler;
 }
@@ -81,27 +99,27 @@ void OSCServer::stop() {
 }
 
 // A bundle's own tag governs its elements, whatever tag it was reached with.
-void OSCServer::handle(OSCPacket&& packet, const OSCTimeTag& timeTag) {
+void OSCServer::handle(OSCPacket&& packet, const OSCTimeTag& timeTag, const SocketAddress& sender) {
     if (auto* bundle = std::get_if<OSCBundle>(&packet)) {
-        for (auto& element : bundle->elements) handle(std::move(element), bundle->timeTag);
+        for (auto& element : bundle->elements) handle(std::move(element), bundle->timeTag, sender);
         return;
     }
-    auto& message = std::get<OSCMessage>(packet);
+    Delivery delivery{std::move(std::get<OSCMessage>(packet)), timeTag, sender};
     if (mode.load() == TimeTagMode::osc1_0 && !timeTag.isImmediate() && timeTag.isFuture()) {
-        deliverLater(std::move(message), timeTag);
+        deliverLater(std::move(delivery));
     } else {
-        deliverNow(std::move(message), timeTag);
+        deliverNow(std::move(delivery));
     }
 }
 
 // Deliveries are gathered while the receive queue works through the datagrams the socket read
 // in one go, and handed to the dispatch queue as one block after them: a hop per message would
 // cost more than decoding it. The order of deliveries is unchanged.
-void OSCServer::deliverNow(OSCMessage&& message, const OSCTimeTag& timeTag) {
+void OSCServer::deliverNow(Delivery&& delivery) {
     if (undelivered.empty()) {
         receiveQueue->async([self = shared_from_this()] { self->flushDeliveries(); });
     }
-    undelivered.push_back({std::move(message), timeTag});
+    undelivered.push_back(std::move(delivery));
 }
 
 // Holds the server strongly: a delivery already decided runs even if the owner lets go.
@@ -109,8 +127,9 @@ void OSCServer::flushDeliveries() {
     if (undelivered.empty()) return;
     dispatchQueue->async([self = shared_from_this(), batch = std::move(undelivered)] {
         for (const auto& delivery : batch) {
-            if (auto current = self->currentHandler())
-                (*current)(delivery.message, delivery.timeTag);
+            if (auto current = self->currentHandler()) {
+                (*current)(delivery.message, delivery.timeTag, delivery.sender);
+            }
         }
     });
     undelivered.clear();
@@ -118,17 +137,18 @@ void OSCServer::flushDeliveries() {
 
 // Holds the server weakly, deliberately unlike deliverNow: a scheduled delivery must not keep a
 // released server alive until its time comes.
-void OSCServer::deliverLater(OSCMessage&& message, const OSCTimeTag& timeTag) {
-    const std::chrono::duration<double> delay = timeTag.date() - std::chrono::system_clock::now();
+void OSCServer::deliverLater(Delivery&& delivery) {
+    const std::chrono::duration<double> delay =
+        delivery.timeTag.date() - std::chrono::system_clock::now();
     const auto deadline = DispatchQueue::Clock::now() +
                           std::chrono::duration_cast<DispatchQueue::Clock::duration>(delay);
-    dispatchQueue->asyncAfter(deadline,
-                              [weak = weak_from_this(), message = std::move(message), timeTag] {
-                                  auto self = weak.lock();
-                                  if (!self) return;
-                                  if (auto current = self->currentHandler())
-                                      (*current)(message, timeTag);
-                              });
+    dispatchQueue->asyncAfter(deadline, [weak = weak_from_this(), delivery = std::move(delivery)] {
+        auto self = weak.lock();
+        if (!self) return;
+        if (auto current = self->currentHandler()) {
+            (*current)(delivery.message, delivery.timeTag, delivery.sender);
+        }
+    });
 }
 
 }  // namespace kavrin

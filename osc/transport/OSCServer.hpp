@@ -12,6 +12,7 @@
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/dispatch/DispatchQueue.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
+#include "osc/transport/SocketAddress.hpp"
 
 namespace kavrin {
 
@@ -34,6 +35,9 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     /// Called with each message and the time tag of its innermost bundle (immediate for a message
     /// sent on its own).
     using Handler = std::function<void(const OSCMessage&, const OSCTimeTag&)>;
+    /// The same, also given the address of the datagram's sender (for a reply, say).
+    using SourceHandler =
+        std::function<void(const OSCMessage&, const OSCTimeTag&, const SocketAddress& sender)>;
 
     /// Makes a server that is not yet bound. Without a receive queue it makes its own serial
     /// queue labelled "OSCServer" at user-initiated priority.
@@ -51,6 +55,8 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     /// The handler called by each delivery is the one in force when the delivery runs; an empty
     /// handler makes deliveries do nothing.
     void setHandler(Handler handler);
+    /// Replaces the handler like setHandler, with one that learns each message's sender.
+    void setSourceHandler(SourceHandler handler);
     TimeTagMode timeTagMode() const;
     void setTimeTagMode(TimeTagMode mode);
     std::uint16_t port() const;
@@ -71,19 +77,20 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     struct Delivery {
         OSCMessage message;
         OSCTimeTag timeTag;
+        SocketAddress sender;
     };
-    void handle(OSCPacket&& packet, const OSCTimeTag& timeTag);
-    void deliverNow(OSCMessage&& message, const OSCTimeTag& timeTag);
-    void deliverLater(OSCMessage&& message, const OSCTimeTag& timeTag);
+    void handle(OSCPacket&& packet, const OSCTimeTag& timeTag, const SocketAddress& sender);
+    void deliverNow(Delivery&& delivery);
+    void deliverLater(Delivery&& delivery);
     void flushDeliveries();
-    std::shared_ptr<const Handler> currentHandler() const;
+    std::shared_ptr<const SourceHandler> currentHandler() const;
 
     const std::shared_ptr<UdpSocket> udpServer;
     const std::shared_ptr<OSCServerDelegate> udpDelegate;
     const std::shared_ptr<SerialQueue> receiveQueue;
     const std::shared_ptr<DispatchQueue> dispatchQueue;
     mutable std::mutex handlerMutex;
-    std::shared_ptr<const Handler> handler;  // guarded by handlerMutex
+    std::shared_ptr<const SourceHandler> handler;  // guarded by handlerMutex
     std::atomic<TimeTagMode> mode;
     const std::uint16_t port_;
     // Immediate deliveries decided on the receive queue and not yet handed to the dispatch

@@ -10,7 +10,7 @@
 namespace kavrin {
 
 void OSCServerDelegate::udpSocketDidReceiveData(UdpSocket&, std::vector<std::uint8_t> data,
-                                                const SocketAddress&, const std::any&) {
+                                                const SocketAddress& address, const std::any&) {
     std::optional<OSCPacket> packet;
     try {
         packet = OSCPacket::decode(data);
@@ -19,7 +19,8 @@ void OSCServerDelegate::udpSocketDidReceiveData(UdpSocket&, std::vector<std::uin
         return;
     }
     if (!packet) return;
-    if (auto server = oscServer.lock()) server->handle(std::move(*packet), OSCTimeTag::immediate());
+    if (auto server = oscServer.lock())
+        server->handle(std::move(*packet), OSCTimeTag::immediate(), address);
 }
 
 }  // namespace kavrin

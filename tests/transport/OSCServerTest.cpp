@@ -15,6 +15,7 @@
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/dispatch/ManualQueue.hpp"
+#include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/UdpSocketError.hpp"
 
 using namespace kavrin;
@@ -157,6 +158,21 @@ TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
     EXPECT_EQ(fixture.main->drain(), 1u);
     EXPECT_EQ(replaced, std::vector<std::string>{"/late-bound"});
     EXPECT_EQ(fixture.deliveries.size(), 5u);
+
+    // A source handler learns where each message came from.
+    std::vector<std::uint16_t> senders;
+    fixture.server->setSourceHandler(
+        [&](const OSCMessage&, const OSCTimeTag&, const SocketAddress& from) {
+            std::string host;
+            std::uint16_t fromPort = 0;
+            if (UdpSocket::getHost(&host, &fromPort, from) && host == "127.0.0.1") {
+                senders.push_back(fromPort);
+            }
+        });
+    ASSERT_TRUE(sender.sendTo(
+        port, bytes(OSCBundle(OSCTimeTag::immediate(), {OSCMessage("/x"), OSCMessage("/y")}))));
+    ASSERT_TRUE(fixture.main->drainUntil([&] { return senders.size() >= 2; }, 5s));
+    EXPECT_EQ(senders, (std::vector<std::uint16_t>{sender.port(), sender.port()}));
 }
 
 TEST(OSCServer, HonoursFutureTimeTagsOnlyInOSC1_0Mode) {
