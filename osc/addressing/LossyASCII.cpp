@@ -66,11 +66,4 @@ std::string lossyASCII(std::string_view utf8) {
     return result;
 }
 
-bool isASCII(std::string_view text) {
-    for (unsigned char byte : text) {
-        if (byte >= 0x80) return false;
-    }
-    return true;
-}
-
 }  // namespace kavrin

@@ -6,6 +6,7 @@
 #include "osc/addressing/LossyASCII.hpp"
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCSerialization.hpp"
+#include "osc/codec/OSCWireFormat.hpp"
 
 namespace kavrin {
 
@@ -38,11 +39,7 @@ Registration atomic(OSCValueKind kind, char tag, bool (*decode)(OSCValueDecoder&
 }
 
 std::size_t decodeArray(std::string_view tags, OSCValueDecoder& decoder, OSCValue& value) {
-    if (++decoder.arrayDepth > OSCSerialization::maximumArrayDepth) {
-        throw OSCDecodeError::malformed("Array nesting exceeds the maximum depth of " +
-                                        std::to_string(OSCSerialization::maximumArrayDepth) +
-                                        " levels.");
-    }
+    wireFormat::enterArray(decoder.arrayDepth);
     auto& elements = value.emplace<OSCArrayValue>().elements;
     std::size_t index = 1;  // past "["
     while (index < tags.size()) {
@@ -52,7 +49,7 @@ std::size_t decodeArray(std::string_view tags, OSCValueDecoder& decoder, OSCValu
         }
         decoder.serialization.decodeValue(tags, index, decoder, elements);
     }
-    throw OSCDecodeError::malformed("Array termination tag ']' was not found.");
+    throw wireFormat::arrayNotTerminated();
 }
 
 void encodeArray(const OSCValue& value, OSCValueEncoder& encoder) {
@@ -121,13 +118,8 @@ void registerBuiltInValueKinds(OSCSerialization& serialization) {
     serialization.registerKind(atomic(
         K::character, 'c',
         [](OSCValueDecoder& d, OSCValue& v) {
-            const auto scalar = static_cast<std::uint32_t>(d.reader.readInt32());
-            if (scalar > 0x10FFFF || (scalar >= 0xD800 && scalar <= 0xDFFF)) {
-                throw OSCDecodeError::malformed(
-                    "Character value couldn't be read. Could not form a Unicode scalar from the "
-                    "value.");
-            }
-            v.emplace<char32_t>(static_cast<char32_t>(scalar));
+            v.emplace<char32_t>(
+                wireFormat::unicodeScalar(static_cast<std::uint32_t>(d.reader.readInt32())));
             return true;
         },
         [](const OSCValue& v, OSCValueEncoder& e) {

@@ -7,6 +7,7 @@
 #include "osc/codec/BigEndian.hpp"
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCRawBytes.hpp"
+#include "osc/codec/OSCWireFormat.hpp"
 #include "osc/codec/PassiveDataReader.hpp"
 
 namespace kavrin {
@@ -95,37 +96,15 @@ OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes) {
 
 OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes,
                             std::shared_ptr<const std::uint8_t[]> owner, int depth) {
-    if (bytes.size() < 16) {
-        throw OSCDecodeError::malformed("Data length too short. (Length is " +
-                                        std::to_string(bytes.size()) + ")");
-    }
-    if (!rawBytes::startsWithBundleHeader(bytes)) {
-        throw OSCDecodeError::malformed("Bundle header is not present or is malformed.");
-    }
-    if (depth > maximumDepth) throw OSCDecodeError::malformed(tooDeep());
-
-    PassiveDataReader reader(bytes);
-    reader.advance(8);
-    OSCBundle bundle(OSCTimeTag{0, reader.readUInt64()});
-    bundle.elements.reserve(elementCount(bytes));
-    while (reader.remainingByteCount() > 0) {
-        if (reader.remainingByteCount() < 4) {
-            throw OSCDecodeError::malformed("Could not convert element size to Int32.");
-        }
-        const std::int64_t size = reader.readInt32();
-        if (size < 0 || size > reader.remainingByteCount()) {
-            throw OSCDecodeError::malformed("Data bytes ended earlier than expected.");
-        }
-        const auto element = reader.remainingData().first(static_cast<std::size_t>(size));
-        if (rawBytes::startsWithBundleHeader(element)) {
+    OSCBundle bundle;
+    if (bytes.size() >= 16) bundle.elements.reserve(elementCount(bytes));
+    bundle.timeTag = wireFormat::readBundle(bytes, depth, [&](auto element, bool isBundle) {
+        if (isBundle) {
             bundle.elements.emplace_back(decode(element, owner, depth + 1));
-        } else if (rawBytes::startsWithMessageHeader(element)) {
-            bundle.elements.emplace_back(OSCMessage::decode(element, owner));
         } else {
-            throw OSCDecodeError::malformed("Unrecognized bundle element encountered.");
+            bundle.elements.emplace_back(OSCMessage::decode(element, owner));
         }
-        reader.advance(size);
-    }
+    });
     bundle.rawOwner_ = std::move(owner);
     bundle.rawData_ = bytes;
     return bundle;

@@ -8,6 +8,7 @@
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCRawBytes.hpp"
 #include "osc/codec/OSCSerialization.hpp"
+#include "osc/codec/OSCWireFormat.hpp"
 
 namespace kavrin {
 
@@ -64,32 +65,11 @@ OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes) {
 
 OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes,
                               std::shared_ptr<const std::uint8_t[]> owner) {
-    if (bytes.size() % 4 != 0) throw OSCDecodeError::malformed("Length not a multiple of 4 bytes.");
-    if (!rawBytes::startsWithMessageHeader(bytes)) {
-        throw OSCDecodeError::malformed("Does not start with an address pattern.");
-    }
     PassiveDataReader reader(bytes);
+    const auto header = wireFormat::readMessageHeader(reader);
     OSCMessage message;
-    try {
-        const auto address = reader.readNullTerminatedChunk();
-        for (const auto byte : address) {
-            if (byte >= 0x80) throw OSCDecodeError::malformed("");
-        }
-        message.addressPattern = OSCAddressPattern(
-            std::string_view(reinterpret_cast<const char*>(address.data()), address.size()));
-    } catch (const OSCDecodeError&) {
-        throw OSCDecodeError::malformed("Address pattern string could not be parsed.");
-    }
-    std::string_view tags;
-    try {
-        const auto chunk = reader.readNullTerminatedChunk();
-        for (const auto byte : chunk) {
-            if (byte >= 0x80) throw OSCDecodeError::malformed("");
-        }
-        tags = std::string_view(reinterpret_cast<const char*>(chunk.data()), chunk.size());
-    } catch (const OSCDecodeError&) {
-        throw OSCDecodeError::malformed("Couldn't extract OSC-type chunk.");
-    }
+    message.addressPattern = OSCAddressPattern(header.address);
+    const auto tags = header.tags;
 
     const auto& serialization = OSCSerialization::shared();
     OSCValueDecoder decoder{reader, serialization};

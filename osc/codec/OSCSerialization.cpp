@@ -4,6 +4,7 @@
 
 #include "osc/codec/OSCBuiltInValueKinds.hpp"
 #include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCWireFormat.hpp"
 
 namespace kavrin {
 
@@ -55,8 +56,7 @@ void OSCSerialization::decodeValue(std::string_view tags, std::size_t& index,
     const char tag = tags[index];
     const Registration* candidate = registration(tag);
     if (candidate == nullptr || std::holds_alternative<std::monostate>(candidate->decoder)) {
-        throw OSCDecodeError::malformed(
-            std::string("No concrete type found to decode OSC type tag: ") + tag);
+        throw wireFormat::noConcreteType(tag);
     }
     // The decoder must be of the sort that the identity asks for.
     const auto sort = candidate->identity.identity.index() + 1;

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "osc/addressing/LossyASCII.hpp"
+
 namespace kavrin {
 
 namespace {
@@ -47,6 +49,24 @@ std::span<const std::uint8_t> PassiveDataReader::readNullTerminatedChunk() {
     const auto remaining = remainingByteCount();
     if (remaining < 4) throw OSCDecodeError::malformed(chunkTooShort);
     const auto* begin = data_.data() + offset_;
+    if (remaining % 4 == 0) {
+        // Whole words up to the end, as always inside a message: the chunk ends with the word
+        // that holds the first zero, so only that word's later bytes need to be zero padding.
+        for (std::int64_t at = 0; at < remaining; at += 4) {
+            std::uint32_t word;
+            std::memcpy(&word, begin + at, 4);
+            if (((word - 0x01010101u) & ~word & 0x80808080u) == 0) continue;
+            const auto* last = begin + at;
+            std::int64_t zero = 0;
+            while (last[zero] != 0) ++zero;
+            for (auto pad = zero + 1; pad < 4; ++pad) {
+                if (last[pad] != 0) throw OSCDecodeError::malformed(chunkNotTerminated);
+            }
+            offset_ += at + 4;
+            return {begin, static_cast<std::size_t>(at + zero)};
+        }
+        throw OSCDecodeError::malformed(chunkNotTerminated);
+    }
     const auto* zero = static_cast<const std::uint8_t*>(std::memchr(begin, 0, remaining));
     if (zero == nullptr) throw OSCDecodeError::malformed(chunkNotTerminated);
     const std::int64_t contentLength = zero - begin;
@@ -60,21 +80,20 @@ std::span<const std::uint8_t> PassiveDataReader::readNullTerminatedChunk() {
     return {begin, static_cast<std::size_t>(contentLength)};
 }
 
-std::string PassiveDataReader::readString() {
+std::string_view PassiveDataReader::readStringView() {
     const auto start = offset_;
     const auto chunk = readNullTerminatedChunk();
-    for (const auto byte : chunk) {
-        if (byte >= 0x80) {
-            offset_ = start;
-            throw OSCDecodeError::malformed(
-                "Failed to form valid ASCII string from 4-byte aligned null-terminated ASCII "
-                "string chunk. Non-ASCII characters may be present or the data is malformed.");
-        }
+    const std::string_view text(reinterpret_cast<const char*>(chunk.data()), chunk.size());
+    if (!isASCII(text)) {
+        offset_ = start;
+        throw OSCDecodeError::malformed(
+            "Failed to form valid ASCII string from 4-byte aligned null-terminated ASCII "
+            "string chunk. Non-ASCII characters may be present or the data is malformed.");
     }
-    return std::string(reinterpret_cast<const char*>(chunk.data()), chunk.size());
+    return text;
 }
 
-std::vector<std::uint8_t> PassiveDataReader::readBlob() {
+std::span<const std::uint8_t> PassiveDataReader::readBlobView() {
     std::int64_t length = 0;
     try {
         length = readInt32();
@@ -97,7 +116,7 @@ std::vector<std::uint8_t> PassiveDataReader::readBlob() {
         }
     }
     offset_ += length + padding;
-    return std::vector<std::uint8_t>(begin, begin + length);
+    return {begin, static_cast<std::size_t>(length)};
 }
 
 }  // namespace kavrin

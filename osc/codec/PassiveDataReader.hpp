@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "osc/codec/BigEndian.hpp"
@@ -34,9 +35,16 @@ class PassiveDataReader {
     // at least one zero). The view points into the reader's bytes.
     std::span<const std::uint8_t> readNullTerminatedChunk();
     // A null-terminated chunk whose content must be ASCII.
-    std::string readString();
+    std::string readString() { return std::string(readStringView()); }
+    // The same read, the text a view into the reader's bytes.
+    std::string_view readStringView();
     // An Int32 length, the bytes, zero padding to a multiple of 4 (none when already aligned).
-    std::vector<std::uint8_t> readBlob();
+    std::vector<std::uint8_t> readBlob() {
+        const auto blob = readBlobView();
+        return std::vector<std::uint8_t>(blob.begin(), blob.end());
+    }
+    // The same read, the bytes a view into the reader's bytes.
+    std::span<const std::uint8_t> readBlobView();
 
     std::int32_t readInt32() {
         return static_cast<std::int32_t>(

@@ -1,0 +1,185 @@
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "osc/codec/BigEndian.hpp"
+#include "osc/codec/OSCTimeTag.hpp"
+#include "osc/codec/OSCValue.hpp"
+
+namespace kavrin {
+
+// One argument of a checked message (OSCMessageView), read in place: its type tag and typed
+// reads straight from the datagram, which must outlive the view. Cheap to copy (two pointers).
+//
+// Each typed read accepts only its own tags and otherwise throws
+// OSCDecodeError(unexpectedType, "OSC type tag x cannot be read as Int32."):
+//   int32 i, float32 f, string s and S, blob b, int64 h, float64 d, timeTag t, character c,
+//   midi m, boolean T and F, elements [ (the array's arguments, nested arrays as nested views).
+// I (impulse) and N (null) carry nothing beyond their tag.
+// Plain values: distinct objects from any thread, a shared one for reading only.
+class OSCArgumentView {
+  public:
+    class Iterator;
+    class Range;
+
+    // The tag as on the wire: "[" for an array.
+    char tag() const { return *tag_; }
+    OSCValueKind kind() const;
+
+    std::int32_t int32() const {
+        expect('i', "Int32");
+        return static_cast<std::int32_t>(bigEndian::load32(data_));
+    }
+    float float32() const {
+        expect('f', "Float32");
+        return std::bit_cast<float>(bigEndian::load32(data_));
+    }
+    std::string_view string() const {
+        if (*tag_ != 'S') expect('s', "String");
+        return reinterpret_cast<const char*>(data_);
+    }
+    std::span<const std::uint8_t> blob() const {
+        expect('b', "Blob");
+        return {data_ + 4, bigEndian::load32(data_)};
+    }
+    std::int64_t int64() const {
+        expect('h', "Int64");
+        return static_cast<std::int64_t>(bigEndian::load64(data_));
+    }
+    double float64() const {
+        expect('d', "Double");
+        return std::bit_cast<double>(bigEndian::load64(data_));
+    }
+    OSCTimeTag timeTag() const {
+        expect('t', "OSCTimeTag");
+        return OSCTimeTag{0, bigEndian::load64(data_)};
+    }
+    char32_t character() const {
+        expect('c', "Character");
+        return static_cast<char32_t>(bigEndian::load32(data_));
+    }
+    OSCMIDIValue midi() const {
+        expect('m', "OSCMIDIValue");
+        return {data_[0], data_[1], data_[2], data_[3]};
+    }
+    bool boolean() const {
+        if (*tag_ != 'F') expect('T', "Bool");
+        return *tag_ == 'T';
+    }
+    Range elements() const;
+
+    // The argument as an owned value, as OSCMessage::decode gives it.
+    OSCValue value() const;
+
+  private:
+    friend class OSCMessageView;
+    OSCArgumentView(const char* tag, const std::uint8_t* data) : tag_(tag), data_(data) {}
+    void expect(char tag, const char* kindName) const {
+        if (*tag_ != tag) [[unlikely]]
+            wrongType(kindName);
+    }
+    [[noreturn]] void wrongType(const char* kindName) const;
+
+    // The argument bytes of a value with an atomic or variable tag (arrays are walked tag by
+    // tag). The bytes have been checked, so string and blob lengths can be trusted.
+    static std::size_t byteCount(char tag, const std::uint8_t* data) {
+        switch (tag) {
+            case 'i':
+            case 'f':
+            case 'c':
+            case 'm':
+                return 4;
+            case 'h':
+            case 'd':
+            case 't':
+                return 8;
+            case 's':
+            case 'S': {
+                const auto length =
+                    std::char_traits<char>::length(reinterpret_cast<const char*>(data));
+                return length + 4 - length % 4;
+            }
+            case 'b': {
+                const std::size_t length = bigEndian::load32(data);
+                return 4 + length + (4 - length % 4) % 4;
+            }
+            default:  // T, F, I, N carry no bytes
+                return 0;
+        }
+    }
+    // Moves past the "]" that closes the array opened at `tag`, and past its elements' bytes.
+    static void skipArray(const char*& tag, const std::uint8_t*& data);
+
+    const char* tag_;
+    const std::uint8_t* data_;
+};
+
+// Walks a run of arguments: a message's, skipping its commas, or an array's elements.
+class OSCArgumentView::Iterator {
+  public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = OSCArgumentView;
+    using difference_type = std::ptrdiff_t;
+    using pointer = void;
+    using reference = OSCArgumentView;
+
+    Iterator() = default;
+    OSCArgumentView operator*() const { return {tag_, data_}; }
+    Iterator& operator++() {
+        if (*tag_ == '[') {
+            skipArray(tag_, data_);
+        } else {
+            data_ += byteCount(*tag_, data_);
+            ++tag_;
+        }
+        skipCommas();
+        return *this;
+    }
+    Iterator operator++(int) {
+        auto before = *this;
+        ++*this;
+        return before;
+    }
+    friend bool operator==(const Iterator& lhs, const Iterator& rhs) {
+        return lhs.tag_ == rhs.tag_;
+    }
+
+  private:
+    friend class OSCArgumentView;
+    friend class OSCMessageView;
+    Iterator(const char* tag, const char* end, const std::uint8_t* data)
+        : tag_(tag), end_(end), data_(data) {
+        skipCommas();
+    }
+    // Only a message's own tag string has commas; an array's elements never do (they are
+    // refused when the message is checked).
+    void skipCommas() {
+        while (tag_ != end_ && *tag_ == ',') ++tag_;
+    }
+
+    const char* tag_ = nullptr;
+    const char* end_ = nullptr;
+    const std::uint8_t* data_ = nullptr;
+};
+
+class OSCArgumentView::Range {
+  public:
+    Iterator begin() const { return begin_; }
+    Iterator end() const { return end_; }
+    bool empty() const { return begin_ == end_; }
+
+  private:
+    friend class OSCArgumentView;
+    friend class OSCMessageView;
+    Range(Iterator begin, Iterator end) : begin_(begin), end_(end) {}
+    Iterator begin_;
+    Iterator end_;
+};
+
+}  // namespace kavrin

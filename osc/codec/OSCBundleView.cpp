@@ -1,0 +1,55 @@
+#include "osc/codec/OSCBundleView.hpp"
+
+#include "osc/codec/BigEndian.hpp"
+#include "osc/codec/OSCRawBytes.hpp"
+#include "osc/codec/OSCWireFormat.hpp"
+
+namespace kavrin {
+
+OSCBundleView::OSCBundleView(std::span<const std::uint8_t> bytes) : OSCBundleView(bytes, 1) {}
+
+OSCBundleView::OSCBundleView(std::span<const std::uint8_t> bytes, int depth) : bytes_(bytes) {
+    wireFormat::readBundle(bytes, depth, [&](std::span<const std::uint8_t> element, bool isBundle) {
+        if (isBundle) {
+            OSCBundleView(element, depth + 1);
+        } else {
+            OSCMessageView{element};
+        }
+        ++count_;
+    });
+}
+
+OSCBundleView::OSCBundleView(std::span<const std::uint8_t> bytes, Checked) : bytes_(bytes) {
+    for (auto it = begin(); it != end(); ++it) ++count_;
+}
+
+OSCTimeTag OSCBundleView::timeTag() const {
+    return {0, bigEndian::load64(bytes_.data() + 8)};
+}
+
+OSCBundleView::Iterator OSCBundleView::begin() const {
+    return Iterator(bytes_.data() + 16);
+}
+
+OSCBundleView::Iterator OSCBundleView::end() const {
+    return Iterator(bytes_.data() + bytes_.size());
+}
+
+OSCBundle OSCBundleView::bundle() const {
+    return OSCBundle::decode(bytes_);
+}
+
+OSCPacketView OSCBundleView::Iterator::operator*() const {
+    const std::span<const std::uint8_t> element(at_ + 4, bigEndian::load32(at_));
+    if (rawBytes::startsWithBundleHeader(element)) {
+        return OSCPacketView(OSCBundleView(element, Checked{}));
+    }
+    return OSCPacketView(OSCMessageView(element, OSCMessageView::Checked{}));
+}
+
+OSCBundleView::Iterator& OSCBundleView::Iterator::operator++() {
+    at_ += 4 + bigEndian::load32(at_);
+    return *this;
+}
+
+}  // namespace kavrin

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <span>
+
+#include "osc/codec/OSCBundle.hpp"
+#include "osc/codec/OSCTimeTag.hpp"
+
+namespace kavrin {
+
+class OSCPacketView;
+
+// A bundle read in place: construction checks the bundle and everything nested in it exactly as
+// OSCBundle::decode does (same order, same OSCDecodeError texts, same nesting limit) without
+// copying or allocating; iterating then gives each element as an OSCPacketView over its bytes,
+// which must outlive the views. A plain value: distinct objects from any thread, a shared one
+// for reading only.
+class OSCBundleView {
+  public:
+    class Iterator;
+
+    // Throws OSCDecodeError as OSCBundle::decode would for the same bytes.
+    explicit OSCBundleView(std::span<const std::uint8_t> bytes);
+
+    OSCTimeTag timeTag() const;
+    std::size_t elementCount() const { return count_; }
+    Iterator begin() const;
+    Iterator end() const;
+
+    std::span<const std::uint8_t> bytes() const { return bytes_; }
+    // The owned bundle, equal to OSCBundle::decode(bytes()).
+    OSCBundle bundle() const;
+
+  private:
+    friend class OSCPacketView;
+    struct Checked {};
+    OSCBundleView(std::span<const std::uint8_t> bytes, int depth);
+    OSCBundleView(std::span<const std::uint8_t> bytes, Checked);
+
+    std::span<const std::uint8_t> bytes_;
+    std::size_t count_ = 0;
+};
+
+// Walks the elements of a checked bundle in order.
+class OSCBundleView::Iterator {
+  public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = OSCPacketView;
+    using difference_type = std::ptrdiff_t;
+    using pointer = void;
+    using reference = OSCPacketView;
+
+    Iterator() = default;
+    OSCPacketView operator*() const;
+    Iterator& operator++();
+    Iterator operator++(int) {
+        auto before = *this;
+        ++*this;
+        return before;
+    }
+    friend bool operator==(const Iterator& lhs, const Iterator& rhs) { return lhs.at_ == rhs.at_; }
+
+  private:
+    friend class OSCBundleView;
+    explicit Iterator(const std::uint8_t* at) : at_(at) {}
+    const std::uint8_t* at_ = nullptr;  // the element's size word
+};
+
+}  // namespace kavrin
+
+// OSCPacketView completes the iterator's element type.
+#include "osc/codec/OSCPacketView.hpp"

@@ -1,0 +1,133 @@
+#include "osc/codec/OSCMessageView.hpp"
+
+#include <stdexcept>
+#include <string>
+
+#include "osc/codec/OSCWireFormat.hpp"
+
+namespace kavrin {
+
+namespace {
+
+// Checks the value whose tag is tags[index] as the registry's decoders read it, and moves
+// `index` past its tags.
+void checkValue(std::string_view tags, std::size_t& index, PassiveDataReader& reader,
+                int& arrayDepth) {
+    const char tag = tags[index];
+    switch (tag) {
+        case 'i':
+        case 'm':
+            reader.readInt32();
+            break;
+        case 'f':
+            reader.readFloat32();
+            break;
+        case 'h':
+            reader.readInt64();
+            break;
+        case 'd':
+            reader.readDouble();
+            break;
+        case 't':
+            reader.readUInt64();
+            break;
+        case 's':
+        case 'S':
+            reader.readStringView();
+            break;
+        case 'b':
+            reader.readBlobView();
+            break;
+        case 'c':
+            wireFormat::unicodeScalar(static_cast<std::uint32_t>(reader.readInt32()));
+            break;
+        case 'T':
+        case 'F':
+        case 'I':
+        case 'N':
+            break;
+        case '[':
+            wireFormat::enterArray(arrayDepth);
+            for (++index; index < tags.size();) {
+                if (tags[index] == ']') {
+                    --arrayDepth;
+                    ++index;
+                    return;
+                }
+                checkValue(tags, index, reader, arrayDepth);
+            }
+            throw wireFormat::arrayNotTerminated();
+        default:
+            throw wireFormat::noConcreteType(tag);
+    }
+    ++index;
+}
+
+const std::uint8_t* afterChunk(const std::uint8_t* chunk, std::size_t length) {
+    return chunk + length + 4 - length % 4;
+}
+
+}  // namespace
+
+OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(bytes) {
+    PassiveDataReader reader(bytes);
+    const auto header = wireFormat::readMessageHeader(reader);
+    address_ = header.address;
+    tags_ = header.tags;
+    arguments_ = bytes.data() + reader.readOffset();
+    int arrayDepth = 0;
+    for (std::size_t index = 0; index < tags_.size();) {
+        // Deliberately lenient, as OSCMessage::decode: commas are skipped wherever they stand.
+        if (tags_[index] == ',') {
+            ++index;
+            continue;
+        }
+        checkValue(tags_, index, reader, arrayDepth);
+        ++count_;
+    }
+}
+
+OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, Checked) : bytes_(bytes) {
+    const auto* address = bytes.data();
+    address_ = reinterpret_cast<const char*>(address);
+    const auto* tags = afterChunk(address, address_.size());
+    tags_ = reinterpret_cast<const char*>(tags);
+    arguments_ = afterChunk(tags, tags_.size());
+    int depth = 0;
+    for (const char tag : tags_) {
+        if (tag == '[') {
+            if (depth++ == 0) ++count_;
+        } else if (tag == ']') {
+            --depth;
+        } else if (tag != ',' && depth == 0) {
+            ++count_;
+        }
+    }
+}
+
+OSCArgumentView::Iterator OSCMessageView::begin() const {
+    return {tags_.data(), tags_.data() + tags_.size(), arguments_};
+}
+
+// Only the tag position takes part in comparisons, so the end needs no argument position.
+OSCArgumentView::Iterator OSCMessageView::end() const {
+    const char* end = tags_.data() + tags_.size();
+    return {end, end, nullptr};
+}
+
+OSCArgumentView OSCMessageView::argument(std::size_t index) const {
+    if (index >= count_) {
+        throw std::out_of_range("OSC argument index " + std::to_string(index) +
+                                " is beyond the message's " + std::to_string(count_) +
+                                " arguments.");
+    }
+    auto it = begin();
+    while (index-- > 0) ++it;
+    return *it;
+}
+
+OSCMessage OSCMessageView::message() const {
+    return OSCMessage::decode(bytes_);
+}
+
+}  // namespace kavrin

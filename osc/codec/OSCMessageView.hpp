@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "osc/codec/OSCArgumentView.hpp"
+#include "osc/codec/OSCMessage.hpp"
+
+namespace kavrin {
+
+// A message read in place: construction checks the whole datagram and every argument exactly as
+// OSCMessage::decode does (the same checks in the same order, the same OSCDecodeError texts, the
+// same leniency about commas in the tag string), but copies and allocates nothing; the accessors
+// then read straight from the bytes, which must outlive the view and every view taken from it.
+//
+// Only the built-in tags are known, as for OSCMessage::decode, which decodes with the shared
+// registry: a tag registered in another OSCSerialization instance is refused with
+// "No concrete type found to decode OSC type tag: " and the tag, by both.
+//
+// Arguments are walked front to back (begin()/end(), or arguments()); an array is one argument
+// whose elements() are walked the same way. argument(index) walks from the first argument.
+// A plain value: distinct objects from any thread, a shared one for reading only.
+class OSCMessageView {
+  public:
+    // Throws OSCDecodeError as OSCMessage::decode would for the same bytes.
+    explicit OSCMessageView(std::span<const std::uint8_t> bytes);
+
+    std::string_view address() const { return address_; }
+    // The tag string as on the wire, commas included.
+    std::string_view typeTags() const { return tags_; }
+    // The top-level arguments; an array counts as one.
+    std::size_t argumentCount() const { return count_; }
+
+    OSCArgumentView::Iterator begin() const;
+    OSCArgumentView::Iterator end() const;
+    OSCArgumentView::Range arguments() const { return {begin(), end()}; }
+    // Throws std::out_of_range when index >= argumentCount().
+    OSCArgumentView argument(std::size_t index) const;
+
+    std::span<const std::uint8_t> bytes() const { return bytes_; }
+    // The owned message, equal to OSCMessage::decode(bytes()).
+    OSCMessage message() const;
+
+  private:
+    friend class OSCBundleView;
+    struct Checked {};
+    // For bytes already checked as part of a bundle: only finds the parts.
+    OSCMessageView(std::span<const std::uint8_t> bytes, Checked);
+
+    std::span<const std::uint8_t> bytes_;
+    std::string_view address_;
+    std::string_view tags_;
+    const std::uint8_t* arguments_ = nullptr;
+    std::size_t count_ = 0;
+};
+
+}  // namespace kavrin

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "osc/codec/OSCBundle.hpp"
+#include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCRawBytes.hpp"
+#include "osc/codec/OSCSerialization.hpp"
+#include "osc/codec/OSCTimeTag.hpp"
+#include "osc/codec/PassiveDataReader.hpp"
+
+// The checks and error texts of the wire format that the owning decoders (OSCMessage, OSCBundle,
+// the registry's value decoders) and the view decoders (OSCMessageView, OSCBundleView) share, so
+// that both refuse the same bytes with the same text. Internal to the codec.
+namespace kavrin::wireFormat {
+
+// Where a message's arguments begin: its address and tag string, views into the bytes.
+struct MessageHeader {
+    std::string_view address;
+    std::string_view tags;
+};
+
+// Checks the length, the header, the address and the tag string in this order, and leaves
+// `reader` (at offset 0 over the whole message) at the first argument byte.
+MessageHeader readMessageHeader(PassiveDataReader& reader);
+
+OSCDecodeError noConcreteType(char tag);
+OSCDecodeError arrayNotTerminated();
+// Counts one more level of array nesting; throws beyond OSCSerialization::maximumArrayDepth.
+void enterArray(int& depth);
+// The scalar a "c" argument carries; throws when it is a surrogate or beyond U+10FFFF.
+char32_t unicodeScalar(std::uint32_t value);
+
+// Walks a bundle's header and elements with the checks, in the order and with the texts of
+// OSCBundle::decode; calls element(bytes, isBundle) for each element in order, and returns the
+// time tag. `depth` is 1 for the outermost bundle.
+template <class Element>
+OSCTimeTag readBundle(std::span<const std::uint8_t> bytes, int depth, Element&& element) {
+    if (bytes.size() < 16) {
+        throw OSCDecodeError::malformed("Data length too short. (Length is " +
+                                        std::to_string(bytes.size()) + ")");
+    }
+    if (!rawBytes::startsWithBundleHeader(bytes)) {
+        throw OSCDecodeError::malformed("Bundle header is not present or is malformed.");
+    }
+    if (depth > OSCBundle::maximumDepth) {
+        throw OSCDecodeError::malformed("Bundle nesting exceeds the maximum depth of " +
+                                        std::to_string(OSCBundle::maximumDepth) + " levels.");
+    }
+    PassiveDataReader reader(bytes);
+    reader.advance(8);
+    const OSCTimeTag timeTag{0, reader.readUInt64()};
+    while (reader.remainingByteCount() > 0) {
+        if (reader.remainingByteCount() < 4) {
+            throw OSCDecodeError::malformed("Could not convert element size to Int32.");
+        }
+        const std::int64_t size = reader.readInt32();
+        if (size < 0 || size > reader.remainingByteCount()) {
+            throw OSCDecodeError::malformed("Data bytes ended earlier than expected.");
+        }
+        const auto elementBytes = reader.remainingData().first(static_cast<std::size_t>(size));
+        if (rawBytes::startsWithBundleHeader(elementBytes)) {
+            element(elementBytes, true);
+        } else if (rawBytes::startsWithMessageHeader(elementBytes)) {
+            element(elementBytes, false);
+        } else {
+            throw OSCDecodeError::malformed("Unrecognized bundle element encountered.");
+        }
+        reader.advance(size);
+    }
+    return timeTag;
+}
+
+}  // namespace kavrin::wireFormat
