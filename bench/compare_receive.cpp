@@ -1,0 +1,724 @@
+// Loopback receive: Kavrin's OSCServer against liblo's server thread, oscpack's listening socket
+// and a bare blocking recvfrom loop (the ceiling). Sender and receiver are separate processes
+// pinned to different cores; every receiver runs all its threads on its one core.
+//
+// Drain mode measures the receiver alone: the receiver binds and reports ready, is stopped
+// (SIGSTOP), the sender fills its socket buffer with the whole run, the receiver is continued
+// and timed, inside itself, from the first to the last message it counts. The buffer is made
+// large enough to hold the run (SO_RCVBUFFORCE; ours through setKernelReceiveBufferSize).
+//
+// Paced mode offers a steady stream (bursts of sendmmsg every 100 us, paced by the clock) for a
+// fixed time and counts what each receiver delivered at its library's default buffer, plus ours
+// with a 4 MiB buffer.
+//
+// A plain program: the figures are rates and losses, not per-iteration times.
+//
+// usage: compare_receive [--runs N] [--paced-runs N] [--count N] [--rates R,R,...]
+//                        [--seconds S] [--receivers kavrin,liblo,oscpack,recvfrom] [--json FILE]
+// (internal roles: compare_receive receive KIND BUFFER EXPECTED CPU
+//                  compare_receive send PORT COUNT RATE CPU)
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <lo/lo.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ip/UdpSocket.h"
+#include "osc/OscPacketListener.h"
+#include "osc/codec/OSCMessage.hpp"
+#include "osc/dispatch/SerialQueue.hpp"
+#include "osc/transport/OSCServer.hpp"
+#include "osc/transport/UdpSocketError.hpp"
+
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// The Typical message, encoded once by our codec and sent by every sender.
+std::vector<std::uint8_t> typicalDatagram() {
+    return kavrin::OSCMessage("/mixer/ch/12/fader/level",
+                              {std::int32_t{12}, 0.75f, std::string("main")})
+        .rawData();
+}
+
+// Enough for 200,000 small datagrams: on loopback each one costs the buffer about a kilobyte.
+constexpr std::size_t drainBufferBytes = std::size_t{1} << 30;
+constexpr std::size_t enlargedBufferBytes = std::size_t{4} << 20;
+// A receiver reports once its count has not moved for this long after the sender finished.
+constexpr auto quietPeriod = std::chrono::milliseconds(300);
+
+[[noreturn]] void fail(const std::string& what) {
+    std::fprintf(stderr, "compare_receive: %s\n", what.c_str());
+    std::exit(1);
+}
+
+[[noreturn]] void failErrno(const std::string& what) {
+    fail(what + ": " + std::strerror(errno));
+}
+
+std::int64_t nanosecondsNow() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
+        .count();
+}
+
+void pinToCpu(int cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    if (::sched_setaffinity(0, sizeof set, &set) != 0) failErrno("sched_setaffinity");
+}
+
+sockaddr_in loopback(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+// A port nobody holds right now, for receivers that must be given one.
+std::uint16_t freePort() {
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0) failErrno("socket");
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        failErrno("bind");
+    }
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+// ---- receiver side --------------------------------------------------------------------------
+
+// Counts messages; written by one receiving thread at a time (a serial queue for ours), read
+// by the main thread. The first and the expected-last message take a timestamp.
+struct Counter {
+    explicit Counter(long expected) : expected(expected) {}
+    void hit() {
+        const long n = count.load(std::memory_order_relaxed) + 1;
+        if (n == 1) first.store(nanosecondsNow(), std::memory_order_relaxed);
+        if (n == expected) last.store(nanosecondsNow(), std::memory_order_relaxed);
+        count.store(n, std::memory_order_release);
+    }
+    const long expected;
+    std::atomic<long> count{0};
+    std::atomic<std::int64_t> first{0};
+    std::atomic<std::int64_t> last{0};
+};
+
+// The UDP descriptors of this process bound to `port`: the way to reach the sockets of a library
+// that does not expose them.
+std::vector<int> socketsBoundTo(std::uint16_t port) {
+    std::vector<int> found;
+    DIR* dir = ::opendir("/proc/self/fd");
+    if (!dir) failErrno("opendir /proc/self/fd");
+    while (const dirent* entry = ::readdir(dir)) {
+        char* end = nullptr;
+        const long fd = std::strtol(entry->d_name, &end, 10);
+        if (*end != '\0' || fd == ::dirfd(dir)) continue;
+        int type = 0;
+        socklen_t typeLength = sizeof type;
+        if (::getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_TYPE, &type, &typeLength) != 0 ||
+            type != SOCK_DGRAM) {
+            continue;
+        }
+        sockaddr_storage address{};
+        socklen_t length = sizeof address;
+        if (::getsockname(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&address), &length) !=
+            0) {
+            continue;
+        }
+        std::uint16_t bound = 0;
+        if (address.ss_family == AF_INET) {
+            bound = ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+        } else if (address.ss_family == AF_INET6) {
+            bound = ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+        }
+        if (bound == port) found.push_back(static_cast<int>(fd));
+    }
+    ::closedir(dir);
+    return found;
+}
+
+int receiveBufferOf(int fd) {
+    int size = 0;
+    socklen_t length = sizeof size;
+    if (::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &length) != 0) failErrno("SO_RCVBUF");
+    return size;
+}
+
+void forceReceiveBuffer(int fd, std::size_t bytes) {
+    const int size = static_cast<int>(std::min<std::size_t>(bytes, INT32_MAX / 2));
+    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0 &&
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0) {
+        failErrno("setting the receive buffer");
+    }
+}
+
+// One receiver under test: bound and receiving once constructed, stopped by its destructor.
+class Receiver {
+  public:
+    virtual ~Receiver() = default;
+    virtual std::uint16_t port() const = 0;
+    // Whether the receiver sets its buffer itself (ours, through the public option).
+    virtual bool setsOwnBuffer() const { return false; }
+};
+
+class KavrinReceiver final : public Receiver {
+  public:
+    KavrinReceiver(Counter& counter, std::size_t buffer) : port_(freePort()) {
+        server = kavrin::OSCServer::create(
+            port_, nullptr, kavrin::SerialQueue::create("handler"),
+            kavrin::OSCServer::TimeTagMode::osc1_0,
+            [&counter](const kavrin::OSCMessage&, const kavrin::OSCTimeTag&) { counter.hit(); });
+        if (buffer != 0) server->setKernelReceiveBufferSize(buffer);
+        try {
+            server->start();
+        } catch (const kavrin::UdpSocketError& error) {
+            fail(std::string("OSCServer: ") + error.what());
+        }
+    }
+    ~KavrinReceiver() override { server->stop(); }
+    std::uint16_t port() const override { return port_; }
+    bool setsOwnBuffer() const override { return true; }
+
+  private:
+    std::uint16_t port_;
+    std::shared_ptr<kavrin::OSCServer> server;
+};
+
+class LibloReceiver final : public Receiver {
+  public:
+    explicit LibloReceiver(Counter& counter) {
+        const std::string port = std::to_string(freePort());
+        thread = lo_server_thread_new(port.c_str(), nullptr);
+        if (!thread) fail("lo_server_thread_new failed");
+        lo_server_thread_add_method(thread, "/mixer/ch/12/fader/level", "ifs",
+                                    &LibloReceiver::method, &counter);
+        if (lo_server_thread_start(thread) != 0) fail("lo_server_thread_start failed");
+    }
+    ~LibloReceiver() override {
+        lo_server_thread_stop(thread);
+        lo_server_thread_free(thread);
+    }
+    std::uint16_t port() const override {
+        return static_cast<std::uint16_t>(lo_server_thread_get_port(thread));
+    }
+
+  private:
+    static int method(const char*, const char*, lo_arg**, int, lo_message, void* counter) {
+        static_cast<Counter*>(counter)->hit();
+        return 0;
+    }
+    lo_server_thread thread;
+};
+
+class OscpackReceiver final : public Receiver, private osc::OscPacketListener {
+  public:
+    explicit OscpackReceiver(Counter& counter)
+        : counter(counter),
+          port_(freePort()),
+          socket(IpEndpointName(IpEndpointName::ANY_ADDRESS, port_), this),
+          thread([this] { socket.Run(); }) {}
+    ~OscpackReceiver() override {
+        socket.AsynchronousBreak();
+        thread.join();
+    }
+    std::uint16_t port() const override { return port_; }
+
+  private:
+    void ProcessMessage(const osc::ReceivedMessage&, const IpEndpointName&) override {
+        counter.hit();
+    }
+    Counter& counter;
+    std::uint16_t port_;
+    UdpListeningReceiveSocket socket;
+    std::thread thread;
+};
+
+class RecvfromReceiver final : public Receiver {
+  public:
+    explicit RecvfromReceiver(Counter& counter) : fd(::socket(AF_INET, SOCK_DGRAM, 0)) {
+        if (fd < 0) failErrno("socket");
+        sockaddr_in address = loopback(0);
+        socklen_t length = sizeof address;
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+            ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+            failErrno("bind");
+        }
+        port_ = ntohs(address.sin_port);
+        thread = std::thread([this, &counter] {
+            std::vector<std::uint8_t> buffer(65536);
+            sockaddr_storage from{};
+            for (;;) {
+                socklen_t fromLength = sizeof from;
+                if (::recvfrom(fd, buffer.data(), buffer.size(), 0,
+                               reinterpret_cast<sockaddr*>(&from), &fromLength) <= 0) {
+                    return;  // woken by shutdown
+                }
+                counter.hit();
+            }
+        });
+    }
+    ~RecvfromReceiver() override {
+        ::shutdown(fd, SHUT_RDWR);
+        thread.join();
+        ::close(fd);
+    }
+    std::uint16_t port() const override { return port_; }
+
+  private:
+    int fd;
+    std::uint16_t port_ = 0;
+    std::thread thread;
+};
+
+std::unique_ptr<Receiver> makeReceiver(const std::string& kind, Counter& counter,
+                                       std::size_t buffer) {
+    if (kind == "kavrin") return std::make_unique<KavrinReceiver>(counter, buffer);
+    if (kind == "liblo") return std::make_unique<LibloReceiver>(counter);
+    if (kind == "oscpack") return std::make_unique<OscpackReceiver>(counter);
+    if (kind == "recvfrom") return std::make_unique<RecvfromReceiver>(counter);
+    fail("unknown receiver " + kind);
+}
+
+// Protocol on stdout: "ready PORT RCVBUF", then after "go" on stdin and a quiet count,
+// "result COUNT FIRST_NS LAST_NS".
+int receiverMain(const std::string& kind, std::size_t buffer, long expected, int cpu) {
+    pinToCpu(cpu);  // before any thread exists, so every thread of the receiver inherits it
+    Counter counter(expected);
+    auto receiver = makeReceiver(kind, counter, buffer);
+    const auto sockets = socketsBoundTo(receiver->port());
+    if (sockets.empty()) fail(kind + ": no socket bound to the port");
+    if (buffer != 0 && !receiver->setsOwnBuffer()) {
+        for (int fd : sockets) forceReceiveBuffer(fd, buffer);
+    }
+    int rcvbuf = 0;
+    for (int fd : sockets) rcvbuf = std::max(rcvbuf, receiveBufferOf(fd));
+    std::printf("ready %u %d\n", receiver->port(), rcvbuf);
+    std::fflush(stdout);
+
+    char line[16];
+    if (!std::fgets(line, sizeof line, stdin)) fail("receiver: no go");
+    long last = -1;
+    auto lastChange = Clock::now();
+    std::int64_t lastChangeNs = 0;
+    for (;;) {
+        const long now = counter.count.load(std::memory_order_acquire);
+        if (now >= expected) break;
+        if (now != last) {
+            last = now;
+            lastChange = Clock::now();
+            lastChangeNs = nanosecondsNow();
+        } else if (Clock::now() - lastChange > quietPeriod) {
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    const long count = counter.count.load(std::memory_order_acquire);
+    // Short of the expected count the last timestamp is the poll that saw the final change.
+    const std::int64_t lastNs =
+        count >= expected ? counter.last.load(std::memory_order_relaxed) : lastChangeNs;
+    std::printf("result %ld %lld %lld\n", count,
+                static_cast<long long>(counter.first.load(std::memory_order_relaxed)),
+                static_cast<long long>(lastNs));
+    std::fflush(stdout);
+    receiver.reset();
+    return 0;
+}
+
+// ---- sender side ----------------------------------------------------------------------------
+
+// Sends `count` datagrams to 127.0.0.1:port; rate 0 sends as fast as it can, otherwise in
+// bursts every 100 us so the offered rate holds over the run. Prints "sent COUNT SECONDS".
+int senderMain(std::uint16_t port, long count, double rate, int cpu) {
+    pinToCpu(cpu);
+    const auto datagram = typicalDatagram();
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0) failErrno("socket");
+    const sockaddr_in target = loopback(port);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) {
+        failErrno("connect");
+    }
+    constexpr int batch = 64;
+    iovec iov{const_cast<std::uint8_t*>(datagram.data()), datagram.size()};
+    std::vector<mmsghdr> messages(batch);
+    for (auto& m : messages) {
+        m.msg_hdr = {};
+        m.msg_hdr.msg_iov = &iov;
+        m.msg_hdr.msg_iovlen = 1;
+    }
+    const long burst = rate > 0 ? std::max(1L, static_cast<long>(rate / 10000)) : batch;
+    const auto start = Clock::now();
+    long sent = 0;
+    while (sent < count) {
+        long due = count;
+        if (rate > 0) {
+            const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+            due = std::min(count, static_cast<long>(elapsed * rate));
+            if (due - sent < burst && due < count) continue;  // spin: this core is the sender's
+        }
+        const unsigned n = static_cast<unsigned>(std::min<long>(due - sent, batch));
+        const int done = ::sendmmsg(fd, messages.data(), n, 0);
+        if (done < 0) {
+            if (errno == EINTR || errno == ENOBUFS || errno == ECONNREFUSED) continue;
+            failErrno("sendmmsg");
+        }
+        sent += done;
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    ::close(fd);
+    std::printf("sent %ld %.6f\n", sent, seconds);
+    std::fflush(stdout);
+    return 0;
+}
+
+// ---- orchestration --------------------------------------------------------------------------
+
+std::string selfPath() {
+    char path[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
+    if (n < 0) failErrno("readlink /proc/self/exe");
+    return std::string(path, static_cast<std::size_t>(n));
+}
+
+// A child running this program in another role, talking through its stdin and stdout.
+class Child {
+  public:
+    explicit Child(const std::vector<std::string>& args) {
+        int in[2], out[2];
+        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) failErrno("pipe");
+        pid = ::fork();
+        if (pid < 0) failErrno("fork");
+        if (pid == 0) {
+            ::dup2(in[0], STDIN_FILENO);
+            ::dup2(out[1], STDOUT_FILENO);
+            std::vector<char*> argv;
+            static const std::string self = selfPath();
+            argv.push_back(const_cast<char*>(self.c_str()));
+            for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            ::execv(self.c_str(), argv.data());
+            std::_Exit(127);
+        }
+        ::close(in[0]);
+        ::close(out[1]);
+        toChild = in[1];
+        fromChild = out[0];
+    }
+    ~Child() {
+        ::close(toChild);
+        ::close(fromChild);
+        if (pid > 0) {
+            // A child that does not end within 5 s of its last line is stuck: kill it.
+            for (int i = 0; i < 500; ++i) {
+                if (::waitpid(pid, nullptr, WNOHANG) == pid) return;
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+        }
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    // The next line the child prints; fails after `timeout` without one.
+    std::string readLine(std::chrono::seconds timeout) {
+        std::string line;
+        const auto deadline = Clock::now() + timeout;
+        for (;;) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+            pollfd p{fromChild, POLLIN, 0};
+            if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) == 0) {
+                fail("child timed out");
+            }
+            char c;
+            const ssize_t n = ::read(fromChild, &c, 1);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) fail("child ended early");
+            if (c == '\n') return line;
+            line += c;
+        }
+    }
+    void writeLine(const std::string& line) {
+        const std::string text = line + "\n";
+        if (::write(toChild, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+            failErrno("write to child");
+        }
+    }
+    void stop() {
+        if (::kill(pid, SIGSTOP) != 0) failErrno("SIGSTOP");
+        int status = 0;
+        if (::waitpid(pid, &status, WUNTRACED) != pid || !WIFSTOPPED(status)) {
+            fail("receiver did not stop");
+        }
+    }
+    void resume() {
+        if (::kill(pid, SIGCONT) != 0) failErrno("SIGCONT");
+    }
+
+  private:
+    pid_t pid = -1;
+    int toChild = -1;
+    int fromChild = -1;
+};
+
+struct RunResult {
+    int rcvbuf = 0;
+    long sent = 0;
+    double sendSeconds = 0;
+    long delivered = 0;
+    double receiveSeconds = 0;  // first to last counted message
+};
+
+struct Setup {
+    int receiverCpu = 0;
+    int senderCpu = 0;
+};
+
+// One receiver process and one sender process. Drain (rate 0): the receiver is stopped while
+// the sender fills its buffer.
+RunResult runOnce(const Setup& setup, const std::string& kind, std::size_t buffer, long count,
+                  double rate) {
+    const bool drain = rate == 0;
+    Child receiver({"receive", kind, std::to_string(buffer), std::to_string(count),
+                    std::to_string(setup.receiverCpu)});
+    RunResult result;
+    unsigned port = 0;
+    if (std::sscanf(receiver.readLine(std::chrono::seconds(10)).c_str(), "ready %u %d", &port,
+                    &result.rcvbuf) != 2) {
+        fail(kind + ": bad ready line");
+    }
+    if (drain) receiver.stop();
+    {
+        Child sender({"send", std::to_string(port), std::to_string(count),
+                      std::to_string(static_cast<long>(rate)), std::to_string(setup.senderCpu)});
+        if (std::sscanf(sender.readLine(std::chrono::seconds(60)).c_str(), "sent %ld %lf",
+                        &result.sent, &result.sendSeconds) != 2) {
+            fail("bad sender line");
+        }
+    }
+    if (drain) receiver.resume();
+    receiver.writeLine("go");
+    long long first = 0, last = 0;
+    if (std::sscanf(receiver.readLine(std::chrono::seconds(120)).c_str(), "result %ld %lld %lld",
+                    &result.delivered, &first, &last) != 3) {
+        fail(kind + ": bad result line");
+    }
+    result.receiveSeconds = static_cast<double>(last - first) / 1e9;
+    return result;
+}
+
+double median(std::vector<double> values) {
+    if (values.empty()) return 0;
+    std::sort(values.begin(), values.end());
+    const std::size_t n = values.size();
+    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+std::vector<std::string> split(const std::string& text) {
+    std::vector<std::string> parts;
+    std::stringstream stream(text);
+    for (std::string part; std::getline(stream, part, ',');) {
+        if (!part.empty()) parts.push_back(part);
+    }
+    return parts;
+}
+
+struct Options {
+    int runs = 5;
+    int pacedRuns = 3;
+    long count = 200000;
+    std::vector<double> rates{100000, 150000, 200000, 300000};
+    double seconds = 1.0;
+    std::vector<std::string> receivers{"kavrin", "liblo", "oscpack", "recvfrom"};
+    std::string json;
+};
+
+Options parse(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (i + 1 >= argc) fail("missing value after " + arg);
+        const std::string value = argv[++i];
+        if (arg == "--runs") {
+            options.runs = std::max(1, std::atoi(value.c_str()));
+        } else if (arg == "--paced-runs") {
+            options.pacedRuns = std::max(1, std::atoi(value.c_str()));
+        } else if (arg == "--count") {
+            options.count = std::max(1L, std::atol(value.c_str()));
+        } else if (arg == "--rates") {
+            options.rates.clear();
+            for (const auto& r : split(value)) options.rates.push_back(std::atof(r.c_str()));
+        } else if (arg == "--seconds") {
+            options.seconds = std::atof(value.c_str());
+        } else if (arg == "--receivers") {
+            options.receivers = split(value);
+        } else if (arg == "--json") {
+            options.json = value;
+        } else {
+            fail("unknown option " + arg);
+        }
+    }
+    return options;
+}
+
+// The first and the last core this process may run on: sender and receiver.
+Setup chooseCpus() {
+    cpu_set_t set;
+    if (::sched_getaffinity(0, sizeof set, &set) != 0) failErrno("sched_getaffinity");
+    std::vector<int> cpus;
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(cpu, &set)) cpus.push_back(cpu);
+    }
+    if (cpus.size() < 2)
+        std::fprintf(stderr, "warning: one core only; sender and receiver share it\n");
+    return {cpus.back(), cpus.front()};
+}
+
+std::string label(const std::string& kind, std::size_t buffer) {
+    return buffer == enlargedBufferBytes ? kind + " (4 MiB)" : kind;
+}
+
+int orchestrate(const Options& options) {
+    const Setup setup = chooseCpus();
+    pinToCpu(setup.senderCpu);  // keep this mostly idle process off the receiver's core
+    const std::size_t datagramSize = typicalDatagram().size();
+    std::printf(
+        "Loopback receive of the %zu-byte Typical message; receiver on cpu %d, sender on "
+        "cpu %d\n\n",
+        datagramSize, setup.receiverCpu, setup.senderCpu);
+    std::string json = "{\n  \"datagram_bytes\": " + std::to_string(datagramSize) +
+                       ",\n  \"receiver_cpu\": " + std::to_string(setup.receiverCpu) +
+                       ",\n  \"sender_cpu\": " + std::to_string(setup.senderCpu) +
+                       ",\n  \"drain_count\": " + std::to_string(options.count) +
+                       ",\n  \"drain_runs\": " + std::to_string(options.runs) +
+                       ",\n  \"paced_runs\": " + std::to_string(options.pacedRuns) +
+                       ",\n  \"paced_seconds\": " + std::to_string(options.seconds) +
+                       ",\n  \"drain\": [";
+    char text[512];
+
+    std::printf("Drain: %ld datagrams queued, then received; median of %d runs\n", options.count,
+                options.runs);
+    std::printf("%-16s %14s %14s %12s %10s\n", "receiver", "datagrams/s", "min..max (k/s)",
+                "delivered", "rcvbuf");
+    bool firstEntry = true;
+    for (const auto& kind : options.receivers) {
+        std::vector<double> rates;
+        long worstDelivered = options.count;
+        int rcvbuf = 0;
+        std::string runs;
+        for (int run = 0; run < options.runs; ++run) {
+            const RunResult r = runOnce(setup, kind, drainBufferBytes, options.count, 0);
+            const double rate = r.receiveSeconds > 0 ? (r.delivered - 1) / r.receiveSeconds : 0;
+            rates.push_back(rate);
+            worstDelivered = std::min(worstDelivered, r.delivered);
+            rcvbuf = r.rcvbuf;
+            runs += (run ? ", " : "") + std::to_string(static_cast<long>(rate));
+        }
+        const double med = median(rates);
+        std::snprintf(text, sizeof text, "%.0f..%.0f",
+                      *std::min_element(rates.begin(), rates.end()) / 1e3,
+                      *std::max_element(rates.begin(), rates.end()) / 1e3);
+        std::printf("%-16s %14.0f %14s %5ld/%-6ld %10d%s\n", kind.c_str(), med, text,
+                    worstDelivered, options.count, rcvbuf,
+                    worstDelivered < options.count ? "  INCOMPLETE" : "");
+        std::fflush(stdout);
+        std::snprintf(text, sizeof text,
+                      "%s\n    {\"receiver\": \"%s\", \"rcvbuf\": %d, \"median_rate\": %.0f, "
+                      "\"min_delivered\": %ld, \"complete\": %s, \"rates\": [",
+                      firstEntry ? "" : ",", kind.c_str(), rcvbuf, med, worstDelivered,
+                      worstDelivered == options.count ? "true" : "false");
+        json += text + runs + "]}";
+        firstEntry = false;
+    }
+    json += "\n  ],\n  \"paced\": [";
+
+    std::vector<std::pair<std::string, std::size_t>> paced;
+    for (const auto& kind : options.receivers) {
+        paced.emplace_back(kind, 0);
+        if (kind == "kavrin") paced.emplace_back(kind, enlargedBufferBytes);
+    }
+    std::printf("\nPaced: %.1f s at each offered rate, default buffers; median of %d runs\n",
+                options.seconds, options.pacedRuns);
+    std::printf("%-16s %10s %10s %10s %10s %8s %10s\n", "receiver", "offered", "achieved",
+                "delivered", "lost", "lost %", "rcvbuf");
+    firstEntry = true;
+    for (const auto& [kind, buffer] : paced) {
+        for (double rate : options.rates) {
+            std::vector<double> achieved, delivered, lost;
+            int rcvbuf = 0;
+            const long count = static_cast<long>(rate * options.seconds);
+            for (int run = 0; run < options.pacedRuns; ++run) {
+                const RunResult r = runOnce(setup, kind, buffer, count, rate);
+                achieved.push_back(r.sendSeconds > 0 ? r.sent / r.sendSeconds : 0);
+                delivered.push_back(static_cast<double>(r.delivered));
+                lost.push_back(static_cast<double>(r.sent - r.delivered));
+                rcvbuf = r.rcvbuf;
+            }
+            const double lostMedian = median(lost);
+            const std::string name = label(kind, buffer);
+            std::printf("%-16s %10.0f %10.0f %10.0f %10.0f %7.2f%% %10d\n", name.c_str(), rate,
+                        median(achieved), median(delivered), lostMedian,
+                        100.0 * lostMedian / static_cast<double>(count), rcvbuf);
+            std::fflush(stdout);
+            std::snprintf(text, sizeof text,
+                          "%s\n    {\"receiver\": \"%s\", \"rcvbuf\": %d, \"offered\": %.0f, "
+                          "\"achieved\": %.0f, \"sent\": %ld, \"delivered\": %.0f, \"lost\": %.0f}",
+                          firstEntry ? "" : ",", name.c_str(), rcvbuf, rate, median(achieved),
+                          count, median(delivered), lostMedian);
+            json += text;
+            firstEntry = false;
+        }
+    }
+    json += "\n  ]\n}\n";
+    if (!options.json.empty()) {
+        FILE* file = std::fopen(options.json.c_str(), "w");
+        if (!file || std::fputs(json.c_str(), file) < 0 || std::fclose(file) != 0) {
+            failErrno("writing " + options.json);
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // A receiver that goes away early must not kill the orchestrator through a write.
+    ::signal(SIGPIPE, SIG_IGN);
+    const std::string role = argc > 1 ? argv[1] : "";
+    if (role == "receive" && argc == 6) {
+        return receiverMain(argv[2], std::strtoull(argv[3], nullptr, 10), std::atol(argv[4]),
+                            std::atoi(argv[5]));
+    }
+    if (role == "send" && argc == 6) {
+        return senderMain(static_cast<std::uint16_t>(std::atoi(argv[2])), std::atol(argv[3]),
+                          std::atof(argv[4]), std::atoi(argv[5]));
+    }
+    return orchestrate(parse(argc, argv));
+}
