@@ -9,11 +9,9 @@ namespace kavrin {
 
 namespace {
 
-// Checks the value whose tag is tags[index] as the registry's decoders read it, and moves
-// `index` past its tags.
-void checkValue(std::string_view tags, std::size_t& index, PassiveDataReader& reader,
-                int& arrayDepth) {
-    const char tag = tags[index];
+// Checks the bytes of one value with an atomic or variable tag as the registry's decoders read
+// them. Kept apart from arrays so that it inlines into the loop over the tags.
+[[gnu::always_inline]] inline void checkAtomic(char tag, PassiveDataReader& reader) {
     switch (tag) {
         case 'i':
         case 'm':
@@ -46,21 +44,28 @@ void checkValue(std::string_view tags, std::size_t& index, PassiveDataReader& re
         case 'I':
         case 'N':
             break;
-        case '[':
-            wireFormat::enterArray(arrayDepth);
-            for (++index; index < tags.size();) {
-                if (tags[index] == ']') {
-                    --arrayDepth;
-                    ++index;
-                    return;
-                }
-                checkValue(tags, index, reader, arrayDepth);
-            }
-            throw wireFormat::arrayNotTerminated();
         default:
             throw wireFormat::noConcreteType(tag);
     }
-    ++index;
+}
+
+// Checks the array whose "[" is tags[index] and moves `index` past its "]".
+void checkArray(std::string_view tags, std::size_t& index, PassiveDataReader& reader,
+                int& arrayDepth) {
+    wireFormat::enterArray(arrayDepth);
+    for (++index; index < tags.size();) {
+        if (tags[index] == ']') {
+            --arrayDepth;
+            ++index;
+            return;
+        }
+        if (tags[index] == '[') {
+            checkArray(tags, index, reader, arrayDepth);
+        } else {
+            checkAtomic(tags[index++], reader);
+        }
+    }
+    throw wireFormat::arrayNotTerminated();
 }
 
 const std::uint8_t* afterChunk(const std::uint8_t* chunk, std::size_t length) {
@@ -75,16 +80,24 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(byt
     address_ = header.address;
     tags_ = header.tags;
     arguments_ = bytes.data() + reader.readOffset();
+    // Locals rather than members in the loop, so that they stay in registers.
+    const auto tags = tags_;
+    std::size_t count = 0;
     int arrayDepth = 0;
-    for (std::size_t index = 0; index < tags_.size();) {
+    for (std::size_t index = 0; index < tags.size();) {
         // Deliberately lenient, as OSCMessage::decode: commas are skipped wherever they stand.
-        if (tags_[index] == ',') {
+        if (tags[index] == ',') {
             ++index;
             continue;
         }
-        checkValue(tags_, index, reader, arrayDepth);
-        ++count_;
+        if (tags[index] == '[') {
+            checkArray(tags, index, reader, arrayDepth);
+        } else {
+            checkAtomic(tags[index++], reader);
+        }
+        ++count;
     }
+    count_ = count;
 }
 
 OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, Checked) : bytes_(bytes) {

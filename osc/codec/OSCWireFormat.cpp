@@ -2,8 +2,6 @@
 
 #include <string>
 
-#include "osc/addressing/LossyASCII.hpp"
-
 namespace kavrin::wireFormat {
 
 namespace {
@@ -22,15 +20,17 @@ MessageHeader readMessageHeader(PassiveDataReader& reader) {
     }
     MessageHeader header;
     try {
+        const auto start = reader.readOffset();
         const auto address = reader.readNullTerminatedChunk();
-        if (!isASCII(text(address))) throw OSCDecodeError::malformed("");
+        if (!reader.chunkIsASCII(start)) throw OSCDecodeError::malformed("");
         header.address = text(address);
     } catch (const OSCDecodeError&) {
         throw OSCDecodeError::malformed("Address pattern string could not be parsed.");
     }
     try {
+        const auto start = reader.readOffset();
         const auto tags = reader.readNullTerminatedChunk();
-        if (!isASCII(text(tags))) throw OSCDecodeError::malformed("");
+        if (!reader.chunkIsASCII(start)) throw OSCDecodeError::malformed("");
         header.tags = text(tags);
     } catch (const OSCDecodeError&) {
         throw OSCDecodeError::malformed("Couldn't extract OSC-type chunk.");
