@@ -4,7 +4,7 @@
 //
 // Drain mode measures the receiver alone: the receiver binds and reports ready, is stopped
 // (SIGSTOP), the sender fills its socket buffer with the whole run, the receiver is continued
-// and timed, inside itself, from the first to the last message it counts. The buffer is made
+// (SIGCONT) and timed from then to the last message it counts. The buffer is made
 // large enough to hold the run (SO_RCVBUFFORCE; ours through setKernelReceiveBufferSize).
 //
 // Paced mode offers a steady stream (bursts of sendmmsg every 100 us, paced by the clock) for a
@@ -115,18 +115,16 @@ std::uint16_t freePort() {
 // ---- receiver side --------------------------------------------------------------------------
 
 // Counts messages; written by one receiving thread at a time (a serial queue for ours), read
-// by the main thread. The first and the expected-last message take a timestamp.
+// by the main thread. The expected-last message takes a timestamp.
 struct Counter {
     explicit Counter(long expected) : expected(expected) {}
     void hit() {
         const long n = count.load(std::memory_order_relaxed) + 1;
-        if (n == 1) first.store(nanosecondsNow(), std::memory_order_relaxed);
         if (n == expected) last.store(nanosecondsNow(), std::memory_order_relaxed);
         count.store(n, std::memory_order_release);
     }
     const long expected;
     std::atomic<long> count{0};
-    std::atomic<std::int64_t> first{0};
     std::atomic<std::int64_t> last{0};
 };
 
@@ -307,7 +305,7 @@ std::unique_ptr<Receiver> makeReceiver(const std::string& kind, Counter& counter
 }
 
 // Protocol on stdout: "ready PORT RCVBUF", then after "go" on stdin and a quiet count,
-// "result COUNT FIRST_NS LAST_NS".
+// "result COUNT LAST_NS".
 int receiverMain(const std::string& kind, std::size_t buffer, long expected, int cpu) {
     pinToCpu(cpu);  // before any thread exists, so every thread of the receiver inherits it
     Counter counter(expected);
@@ -343,9 +341,7 @@ int receiverMain(const std::string& kind, std::size_t buffer, long expected, int
     // Short of the expected count the last timestamp is the poll that saw the final change.
     const std::int64_t lastNs =
         count >= expected ? counter.last.load(std::memory_order_relaxed) : lastChangeNs;
-    std::printf("result %ld %lld %lld\n", count,
-                static_cast<long long>(counter.first.load(std::memory_order_relaxed)),
-                static_cast<long long>(lastNs));
+    std::printf("result %ld %lld\n", count, static_cast<long long>(lastNs));
     std::fflush(stdout);
     receiver.reset();
     return 0;
@@ -493,7 +489,7 @@ struct RunResult {
     long sent = 0;
     double sendSeconds = 0;
     long delivered = 0;
-    double receiveSeconds = 0;  // first to last counted message
+    double receiveSeconds = 0;  // drain: from continuing the receiver to its last message
 };
 
 struct Setup {
@@ -501,11 +497,38 @@ struct Setup {
     int senderCpu = 0;
 };
 
+// Keeps a core out of its idle state with a process that runs only when nothing else wants the
+// core (SCHED_IDLE): a waking receiver preempts it at once. On a virtual machine an idle core
+// halts, and waking it again can take longer than a small socket buffer lasts.
+class CoreKeeper {
+  public:
+    explicit CoreKeeper(int cpu) : pid(::fork()) {
+        if (pid < 0) failErrno("fork");
+        if (pid == 0) {
+            pinToCpu(cpu);
+            const sched_param param{};
+            if (::sched_setscheduler(0, SCHED_IDLE, &param) != 0) std::_Exit(1);
+            for (;;) asm volatile("pause");
+        }
+    }
+    ~CoreKeeper() {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+    }
+    CoreKeeper(const CoreKeeper&) = delete;
+    CoreKeeper& operator=(const CoreKeeper&) = delete;
+
+  private:
+    pid_t pid;
+};
+
 // One receiver process and one sender process. Drain (rate 0): the receiver is stopped while
 // the sender fills its buffer.
 RunResult runOnce(const Setup& setup, const std::string& kind, std::size_t buffer, long count,
-                  double rate) {
+                  double rate, bool keepReceiverCoreAwake = false) {
     const bool drain = rate == 0;
+    std::optional<CoreKeeper> keeper;
+    if (keepReceiverCoreAwake) keeper.emplace(setup.receiverCpu);
     Child receiver({"receive", kind, std::to_string(buffer), std::to_string(count),
                     std::to_string(setup.receiverCpu)});
     RunResult result;
@@ -523,14 +546,18 @@ RunResult runOnce(const Setup& setup, const std::string& kind, std::size_t buffe
             fail("bad sender line");
         }
     }
+    // The drain is timed from here (one clock for all processes), not from the first message
+    // counted: that would leave out the first batch of a receiver that reads many datagrams
+    // before handing any on.
+    const std::int64_t resumed = nanosecondsNow();
     if (drain) receiver.resume();
     receiver.writeLine("go");
-    long long first = 0, last = 0;
-    if (std::sscanf(receiver.readLine(std::chrono::seconds(120)).c_str(), "result %ld %lld %lld",
-                    &result.delivered, &first, &last) != 3) {
+    long long last = 0;
+    if (std::sscanf(receiver.readLine(std::chrono::seconds(120)).c_str(), "result %ld %lld",
+                    &result.delivered, &last) != 2) {
         fail(kind + ": bad result line");
     }
-    result.receiveSeconds = static_cast<double>(last - first) / 1e9;
+    if (drain) result.receiveSeconds = static_cast<double>(last - resumed) / 1e9;
     return result;
 }
 
@@ -557,6 +584,7 @@ struct Options {
     std::vector<double> rates{100000, 150000, 200000, 300000};
     double seconds = 1.0;
     std::vector<std::string> receivers{"kavrin", "liblo", "oscpack", "recvfrom"};
+    std::vector<std::string> cores{"awake", "idle"};
     std::string json;
 };
 
@@ -577,6 +605,8 @@ Options parse(int argc, char** argv) {
             for (const auto& r : split(value)) options.rates.push_back(std::atof(r.c_str()));
         } else if (arg == "--seconds") {
             options.seconds = std::atof(value.c_str());
+        } else if (arg == "--paced-cores") {
+            options.cores = split(value);
         } else if (arg == "--receivers") {
             options.receivers = split(value);
         } else if (arg == "--json") {
@@ -635,7 +665,7 @@ int orchestrate(const Options& options) {
         std::string runs;
         for (int run = 0; run < options.runs; ++run) {
             const RunResult r = runOnce(setup, kind, drainBufferBytes, options.count, 0);
-            const double rate = r.receiveSeconds > 0 ? (r.delivered - 1) / r.receiveSeconds : 0;
+            const double rate = r.receiveSeconds > 0 ? r.delivered / r.receiveSeconds : 0;
             rates.push_back(rate);
             worstDelivered = std::min(worstDelivered, r.delivered);
             rcvbuf = r.rcvbuf;
@@ -664,36 +694,43 @@ int orchestrate(const Options& options) {
         paced.emplace_back(kind, 0);
         if (kind == "kavrin") paced.emplace_back(kind, enlargedBufferBytes);
     }
-    std::printf("\nPaced: %.1f s at each offered rate, default buffers; median of %d runs\n",
-                options.seconds, options.pacedRuns);
-    std::printf("%-16s %10s %10s %10s %10s %8s %10s\n", "receiver", "offered", "achieved",
-                "delivered", "lost", "lost %", "rcvbuf");
     firstEntry = true;
-    for (const auto& [kind, buffer] : paced) {
-        for (double rate : options.rates) {
-            std::vector<double> achieved, delivered, lost;
-            int rcvbuf = 0;
-            const long count = static_cast<long>(rate * options.seconds);
-            for (int run = 0; run < options.pacedRuns; ++run) {
-                const RunResult r = runOnce(setup, kind, buffer, count, rate);
-                achieved.push_back(r.sendSeconds > 0 ? r.sent / r.sendSeconds : 0);
-                delivered.push_back(static_cast<double>(r.delivered));
-                lost.push_back(static_cast<double>(r.sent - r.delivered));
-                rcvbuf = r.rcvbuf;
+    for (const auto& core : options.cores) {
+        const bool awake = core == "awake";
+        if (!awake && core != "idle") fail("unknown core state " + core);
+        std::printf(
+            "\nPaced: %.1f s at each offered rate, default buffers, receiver's core %s; "
+            "median of %d runs\n",
+            options.seconds, awake ? "kept awake" : "left to idle", options.pacedRuns);
+        std::printf("%-16s %10s %10s %10s %10s %8s %10s\n", "receiver", "offered", "achieved",
+                    "delivered", "lost", "lost %", "rcvbuf");
+        for (const auto& [kind, buffer] : paced) {
+            for (double rate : options.rates) {
+                std::vector<double> achieved, delivered, lost;
+                int rcvbuf = 0;
+                const long count = static_cast<long>(rate * options.seconds);
+                for (int run = 0; run < options.pacedRuns; ++run) {
+                    const RunResult r = runOnce(setup, kind, buffer, count, rate, awake);
+                    achieved.push_back(r.sendSeconds > 0 ? r.sent / r.sendSeconds : 0);
+                    delivered.push_back(static_cast<double>(r.delivered));
+                    lost.push_back(static_cast<double>(r.sent - r.delivered));
+                    rcvbuf = r.rcvbuf;
+                }
+                const double lostMedian = median(lost);
+                const std::string name = label(kind, buffer);
+                std::printf("%-16s %10.0f %10.0f %10.0f %10.0f %7.2f%% %10d\n", name.c_str(), rate,
+                            median(achieved), median(delivered), lostMedian,
+                            100.0 * lostMedian / static_cast<double>(count), rcvbuf);
+                std::fflush(stdout);
+                std::snprintf(text, sizeof text,
+                              "%s\n    {\"core\": \"%s\", \"receiver\": \"%s\", \"rcvbuf\": %d, "
+                              "\"offered\": %.0f, \"achieved\": %.0f, \"sent\": %ld, "
+                              "\"delivered\": %.0f, \"lost\": %.0f}",
+                              firstEntry ? "" : ",", core.c_str(), name.c_str(), rcvbuf, rate,
+                              median(achieved), count, median(delivered), lostMedian);
+                json += text;
+                firstEntry = false;
             }
-            const double lostMedian = median(lost);
-            const std::string name = label(kind, buffer);
-            std::printf("%-16s %10.0f %10.0f %10.0f %10.0f %7.2f%% %10d\n", name.c_str(), rate,
-                        median(achieved), median(delivered), lostMedian,
-                        100.0 * lostMedian / static_cast<double>(count), rcvbuf);
-            std::fflush(stdout);
-            std::snprintf(text, sizeof text,
-                          "%s\n    {\"receiver\": \"%s\", \"rcvbuf\": %d, \"offered\": %.0f, "
-                          "\"achieved\": %.0f, \"sent\": %ld, \"delivered\": %.0f, \"lost\": %.0f}",
-                          firstEntry ? "" : ",", name.c_str(), rcvbuf, rate, median(achieved),
-                          count, median(delivered), lostMedian);
-            json += text;
-            firstEntry = false;
         }
     }
     json += "\n  ]\n}\n";
