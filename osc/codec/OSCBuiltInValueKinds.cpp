@@ -1,6 +1,8 @@
 #include "osc/codec/OSCBuiltInValueKinds.hpp"
 
 #include <bit>
+#include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "osc/addressing/LossyASCII.hpp"
@@ -17,13 +19,23 @@ using Registration = OSCSerialization::Registration;
 // Text goes on the wire as it is when it is ASCII without zero bytes; anything else is first
 // made printable ASCII (the decoder accepts nothing else, and a zero would end the string).
 void putText(const std::string& text, OSCValueEncoder& encoder) {
-    for (const char c : text) {
-        if (c == 0 || static_cast<unsigned char>(c) >= 0x80) {
-            encoder.nullTerminated(lossyASCII(text));
-            return;
-        }
+    // Eight bytes at a time: a byte of 0x80 or more, or a zero, sets a high bit in `flags`.
+    std::uint64_t flags = 0;
+    std::size_t i = 0;
+    for (; i + 8 <= text.size(); i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, text.data() + i, 8);
+        flags |= word | ((word - 0x0101010101010101ULL) & ~word);
     }
-    encoder.nullTerminated(text);
+    for (; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        flags |= byte == 0 ? 0x80 : byte;
+    }
+    if ((flags & 0x8080808080808080ULL) != 0) {
+        encoder.nullTerminated(lossyASCII(text));
+    } else {
+        encoder.nullTerminated(text);
+    }
 }
 
 template <class T>
