@@ -33,40 +33,10 @@ bool OSCCompiledPattern::matches(std::string_view address) const {
     // Same as the uncompiled form: no components, no match.
     if (components_.empty()) return false;
     if (literalPath_) return strippedPath(address) == *literalPath_;
-    return CharacterView::isOneBytePerCharacter(address) ? matchesBytes(address)
-                                                         : matchesCharacters(address);
-}
-
-bool OSCCompiledPattern::matchesBytes(std::string_view address) const {
-    const std::string_view path = strippedPath(address);
-    if (path.empty()) return false;  // no components, and the pattern has some
-    const char* const end = path.data() + path.size();
-    const char* begin = path.data();
-    for (std::size_t i = 0; i < components_.size(); ++i) {
-        const OSCCompiledComponent& component = components_[i];
-        const char* slash;
-        if (component.isPlainText()) {
-            // Plain text is compared in place: it must be followed by "/" or the end.
-            const std::string& text = component.text();
-            if (static_cast<std::size_t>(end - begin) < text.size() ||
-                std::string_view(begin, text.size()) != text) {
-                return false;
-            }
-            slash = begin + text.size();
-            if (slash != end && *slash != '/') return false;
-        } else {
-            slash = begin;
-            while (slash != end && *slash != '/') ++slash;
-            if (!component.matchesBytes(
-                    std::string_view(begin, static_cast<std::size_t>(slash - begin)))) {
-                return false;
-            }
-        }
-        // The counts must agree: the last part takes the rest only if no "/" is left.
-        if ((i + 1 == components_.size()) != (slash == end)) return false;
-        begin = slash + 1;
+    if (OSCCompiledComponent::isOneBytePerCharacter(address)) {
+        return OSCCompiledComponent::matchesPath(components_, strippedPath(address));
     }
-    return true;
+    return matchesCharacters(address);
 }
 
 bool OSCCompiledPattern::matchesCharacters(std::string_view address) const {

@@ -22,7 +22,6 @@ class OSCCompiledPattern {
     bool matches(std::string_view address) const;
 
   private:
-    bool matchesBytes(std::string_view address) const;
     bool matchesCharacters(std::string_view address) const;
 
     OSCAddressPattern pattern_;
