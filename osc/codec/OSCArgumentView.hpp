@@ -42,7 +42,7 @@ class OSCArgumentView {
     }
     std::string_view string() const {
         if (*tag_ != 'S') expect('s', "String");
-        return reinterpret_cast<const char*>(data_);
+        return {reinterpret_cast<const char*>(data_), textLength(data_)};
     }
     std::span<const std::uint8_t> blob() const {
         expect('b', "Blob");
@@ -79,6 +79,7 @@ class OSCArgumentView {
 
   private:
     friend class OSCMessageView;
+    friend class OSCBundleView;
     OSCArgumentView(const char* tag, const std::uint8_t* data) : tag_(tag), data_(data) {}
     void expect(char tag, const char* kindName) const {
         if (*tag_ != tag) [[unlikely]]
@@ -100,11 +101,8 @@ class OSCArgumentView {
             case 't':
                 return 8;
             case 's':
-            case 'S': {
-                const auto length =
-                    std::char_traits<char>::length(reinterpret_cast<const char*>(data));
-                return length + 4 - length % 4;
-            }
+            case 'S':
+                return chunkSize(data);
             case 'b': {
                 const std::size_t length = bigEndian::load32(data);
                 return 4 + length + (4 - length % 4) % 4;
@@ -112,6 +110,19 @@ class OSCArgumentView {
             default:  // T, F, I, N carry no bytes
                 return 0;
         }
+    }
+    // The size of the checked null-terminated chunk at `data`, which starts on a word: its last
+    // word is the first whose last byte is zero (an earlier word holds no zero at all).
+    static std::size_t chunkSize(const std::uint8_t* data) {
+        const auto* word = data;
+        while (word[3] != 0) word += 4;
+        return static_cast<std::size_t>(word - data) + 4;
+    }
+    // The length of the text in the checked chunk at `data`.
+    static std::size_t textLength(const std::uint8_t* data) {
+        auto length = chunkSize(data) - 4;
+        while (data[length] != 0) ++length;
+        return length;
     }
     // Moves past the "]" that closes the array opened at `tag`, and past its elements' bytes.
     static void skipArray(const char*& tag, const std::uint8_t*& data);

@@ -68,10 +68,6 @@ void checkArray(std::string_view tags, std::size_t& index, PassiveDataReader& re
     throw wireFormat::arrayNotTerminated();
 }
 
-const std::uint8_t* afterChunk(const std::uint8_t* chunk, std::size_t length) {
-    return chunk + length + 4 - length % 4;
-}
-
 }  // namespace
 
 OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(bytes) {
@@ -102,10 +98,10 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(byt
 
 OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, Checked) : bytes_(bytes) {
     const auto* address = bytes.data();
-    address_ = reinterpret_cast<const char*>(address);
-    const auto* tags = afterChunk(address, address_.size());
-    tags_ = reinterpret_cast<const char*>(tags);
-    arguments_ = afterChunk(tags, tags_.size());
+    address_ = {reinterpret_cast<const char*>(address), OSCArgumentView::textLength(address)};
+    const auto* tags = address + OSCArgumentView::chunkSize(address);
+    tags_ = {reinterpret_cast<const char*>(tags), OSCArgumentView::textLength(tags)};
+    arguments_ = tags + OSCArgumentView::chunkSize(tags);
     int depth = 0;
     for (const char tag : tags_) {
         if (tag == '[') {

@@ -19,7 +19,12 @@ inline std::shared_ptr<const std::uint8_t[]> shareCopy(std::span<const std::uint
 inline constexpr std::uint8_t bundleHeader[8] = {'#', 'b', 'u', 'n', 'd', 'l', 'e', 0};
 
 inline bool startsWithBundleHeader(std::span<const std::uint8_t> bytes) {
-    return bytes.size() >= 8 && std::memcmp(bytes.data(), bundleHeader, 8) == 0;
+    if (bytes.size() < 8) return false;
+    // One word compare: this runs for every datagram received.
+    std::uint64_t head, header;
+    std::memcpy(&head, bytes.data(), 8);
+    std::memcpy(&header, bundleHeader, 8);
+    return head == header;
 }
 
 inline bool startsWithMessageHeader(std::span<const std::uint8_t> bytes) {

@@ -4,14 +4,6 @@
 
 namespace kavrin::wireFormat {
 
-namespace {
-
-std::string_view text(std::span<const std::uint8_t> bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
-}  // namespace
-
 MessageHeader readMessageHeader(PassiveDataReader& reader) {
     const auto bytes = reader.remainingData();
     if (bytes.size() % 4 != 0) throw OSCDecodeError::malformed("Length not a multiple of 4 bytes.");
@@ -20,18 +12,16 @@ MessageHeader readMessageHeader(PassiveDataReader& reader) {
     }
     MessageHeader header;
     try {
-        const auto start = reader.readOffset();
-        const auto address = reader.readNullTerminatedChunk();
-        if (!reader.chunkIsASCII(start)) throw OSCDecodeError::malformed("");
-        header.address = text(address);
+        const auto address = reader.readASCIIChunk();
+        if (!address) throw OSCDecodeError::malformed("");
+        header.address = *address;
     } catch (const OSCDecodeError&) {
         throw OSCDecodeError::malformed("Address pattern string could not be parsed.");
     }
     try {
-        const auto start = reader.readOffset();
-        const auto tags = reader.readNullTerminatedChunk();
-        if (!reader.chunkIsASCII(start)) throw OSCDecodeError::malformed("");
-        header.tags = text(tags);
+        const auto tags = reader.readASCIIChunk();
+        if (!tags) throw OSCDecodeError::malformed("");
+        header.tags = *tags;
     } catch (const OSCDecodeError&) {
         throw OSCDecodeError::malformed("Couldn't extract OSC-type chunk.");
     }

@@ -3,6 +3,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -34,36 +35,26 @@ class PassiveDataReader {
 
     // The content of a null-terminated chunk padded with zeros to a multiple of 4 bytes (always
     // at least one zero). The view points into the reader's bytes.
-    std::span<const std::uint8_t> readNullTerminatedChunk() {
-        const auto remaining = remainingByteCount();
-        if (remaining < 4) fail(chunkTooShort);
-        const auto* begin = data_.data() + offset_;
-        const std::int64_t contentLength = firstZero(begin, remaining);
-        if (contentLength == remaining) fail(chunkNotTerminated);
-        // Always at least one terminating zero: content of 4 bytes takes 8.
-        const std::int64_t chunkLength = contentLength + (4 - contentLength % 4);
-        if (chunkLength > remaining) fail(chunkTooShort);
-        // The padding after the terminator is the low bytes of the chunk's last word.
-        const auto terminator = contentLength - (chunkLength - 4);
-        const auto padding = (std::uint64_t{1} << (24 - 8 * terminator)) - 1;
-        if ((bigEndian::load32(begin + chunkLength - 4) & padding) != 0) fail(chunkNotTerminated);
-        offset_ += chunkLength;
-        return {begin, static_cast<std::size_t>(contentLength)};
+    std::span<const std::uint8_t> readNullTerminatedChunk() { return readChunk().content; }
+    // The same read for content that must be ASCII: nothing, and nothing consumed, when it is
+    // not; the chunk's own faults throw as above.
+    std::optional<std::string_view> readASCIIChunk() {
+        const auto chunk = readChunk();
+        if (!chunk.isASCII) {
+            offset_ -= chunk.size;
+            return std::nullopt;
+        }
+        return std::string_view(reinterpret_cast<const char*>(chunk.content.data()),
+                                chunk.content.size());
     }
     // A null-terminated chunk whose content must be ASCII.
     std::string readString() { return std::string(readStringView()); }
     // The same read, the text a view into the reader's bytes.
     std::string_view readStringView() {
-        const auto start = offset_;
-        const auto chunk = readNullTerminatedChunk();
-        const std::string_view text(reinterpret_cast<const char*>(chunk.data()), chunk.size());
-        if (!chunkIsASCII(start)) {
-            offset_ = start;
-            fail(
-                "Failed to form valid ASCII string from 4-byte aligned null-terminated ASCII "
-                "string chunk. Non-ASCII characters may be present or the data is malformed.");
-        }
-        return text;
+        if (const auto text = readASCIIChunk()) return *text;
+        fail(
+            "Failed to form valid ASCII string from 4-byte aligned null-terminated ASCII string "
+            "chunk. Non-ASCII characters may be present or the data is malformed.");
     }
     // An Int32 length, the bytes, zero padding to a multiple of 4 (none when already aligned).
     std::vector<std::uint8_t> readBlob() {
@@ -72,26 +63,6 @@ class PassiveDataReader {
     }
     // The same read, the bytes a view into the reader's bytes.
     std::span<const std::uint8_t> readBlobView();
-
-    // Whether the chunk just read, which began at offset `start`, is ASCII. A whole number of
-    // words whose padding is zero, so it is checked a word at a time.
-    bool chunkIsASCII(std::int64_t start) const {
-        const auto* bytes = data_.data() + start;
-        const auto size = offset_ - start;
-        std::uint64_t bits = 0;
-        std::int64_t at = 0;
-        for (; at + 8 <= size; at += 8) {
-            std::uint64_t word;
-            std::memcpy(&word, bytes + at, 8);
-            bits |= word;
-        }
-        if (at < size) {
-            std::uint32_t word;
-            std::memcpy(&word, bytes + at, 4);
-            bits |= word;
-        }
-        return (bits & 0x8080808080808080ULL) == 0;
-    }
 
     std::int32_t readInt32() {
         return static_cast<std::int32_t>(
@@ -128,25 +99,54 @@ class PassiveDataReader {
     // Throws OSCDecodeError::malformed(text); kept out of line, off the paths that succeed.
     [[noreturn]] static void fail(const char* text);
 
-    // The index of the first zero byte, or `size` when there is none. Eight bytes at a time:
-    // most chunks are short addresses and strings, where a library search costs more than it
-    // saves.
-    static std::int64_t firstZero(const std::uint8_t* bytes, std::int64_t size) {
+    struct Chunk {
+        std::span<const std::uint8_t> content;
+        std::int64_t size;  // content, terminator and padding
+        bool isASCII;
+    };
+    // Finds the terminator and looks at every content byte in one pass, eight bytes at a time:
+    // most chunks are short addresses and strings, where library searches cost more than they
+    // save.
+    Chunk readChunk() {
+        const auto remaining = remainingByteCount();
+        if (remaining < 4) fail(chunkTooShort);
+        const auto* begin = data_.data() + offset_;
+        std::uint64_t bits = 0;  // every content byte ORed in
+        std::int64_t contentLength = -1;
         std::int64_t at = 0;
-        for (; at + 8 <= size; at += 8) {
+        for (; at + 8 <= remaining; at += 8) {
             std::uint64_t word;
-            std::memcpy(&word, bytes + at, 8);
+            std::memcpy(&word, begin + at, 8);
             // Nonzero exactly when the word holds a zero byte; on a little-endian machine its
             // lowest set bit marks the first one.
             const auto zeros = (word - 0x0101010101010101ULL) & ~word & 0x8080808080808080ULL;
-            if (zeros == 0) continue;
+            if (zeros == 0) {
+                bits |= word;
+                continue;
+            }
             if constexpr (std::endian::native == std::endian::little) {
-                return at + std::countr_zero(zeros) / 8;
+                const auto zero = std::countr_zero(zeros) / 8;
+                bits |= word & ((std::uint64_t{1} << (8 * zero)) - 1);
+                contentLength = at + zero;
             }
             break;
         }
-        while (at < size && bytes[at] != 0) ++at;
-        return at;
+        for (; contentLength < 0 && at < remaining; ++at) {
+            if (begin[at] == 0) contentLength = at;
+            bits |= begin[at];
+        }
+        if (contentLength < 0) fail(chunkNotTerminated);
+        // Always at least one terminating zero: content of 4 bytes takes 8.
+        const std::int64_t chunkLength = contentLength + (4 - contentLength % 4);
+        if (chunkLength > remaining) fail(chunkTooShort);
+        // The padding after the terminator is the low bytes of the chunk's last word.
+        const auto terminator = contentLength - (chunkLength - 4);
+        const auto padding = (std::uint64_t{1} << (24 - 8 * terminator)) - 1;
+        if ((bigEndian::load32(begin + chunkLength - 4) & padding) != 0) fail(chunkNotTerminated);
+        offset_ += chunkLength;
+        return {{begin, static_cast<std::size_t>(contentLength)},
+                chunkLength,
+                (bits & 0x8080808080808080ULL) == 0};
     }
 
     std::uint32_t load32(const char* shortMessage) {
