@@ -81,10 +81,48 @@ OSCCompiledComponent::Text::Text(std::string bytes) : text(std::move(bytes)) {
     return size <= 8 || std::memcmp(at + 8, text.data() + 8, size - 8) == 0;
 }
 
+[[gnu::always_inline]] inline bool OSCCompiledComponent::Step::acceptsAt(const char* at,
+                                                                         const char* end) const {
+    if (at == end) return false;
+    const auto byte = static_cast<unsigned char>(*at);
+    return byte < 128 && (acceptBits[byte >> 6] >> (byte & 63) & 1);
+}
+
+[[gnu::always_inline]] inline std::ptrdiff_t OSCCompiledComponent::Step::takeString(
+    const char* at, const char* first, const char* end) const {
+    // "{}" takes nothing and matches, deliberately.
+    if (alternatives.empty()) return 0;
+    // Deliberate: the first alternative that is a prefix is the only one ever tried.
+    for (const auto& alternative : alternatives) {
+        if (alternative.startsAt(at, first, end)) {
+            return static_cast<std::ptrdiff_t>(alternative.text.size());
+        }
+    }
+    return -1;
+}
+
+std::ptrdiff_t OSCCompiledComponent::Step::take(const char* at, const char* first,
+                                                const char* end) const {
+    switch (kind) {
+        case Kind::text:
+            return text.startsAt(at, first, end) ? static_cast<std::ptrdiff_t>(text.text.size())
+                                                 : -1;
+        case Kind::oneOf:
+            return acceptsAt(at, end) ? 1 : -1;
+        case Kind::strings:
+            return takeString(at, first, end);
+        case Kind::star:
+        case Kind::separator:
+        case Kind::component:
+            break;
+    }
+    return -1;
+}
+
 // The backtracking search of OSCAddressPattern::matchComponent over the bytes of a component
 // that holds no "/", for components with two or more stars: each level fixes its start, a star
-// tries lengths shortest first, every other step has one way of matching and so needs no level of
-// its own. A level's answer depends only on (step, start), so failures are remembered:
+// tries lengths shortest first, every other step has one way of matching and so needs no level
+// of its own. A level's answer depends only on (step, start), so failures are remembered:
 // "*a*a*a*a*a*b" stays polynomial.
 class OSCCompiledComponent::ByteSearch {
   public:
@@ -117,7 +155,7 @@ class OSCCompiledComponent::ByteSearch {
         for (const char* at = start;; ++i) {
             const Step& step = steps_[i];
             const bool isLast = i + 1 == count_;
-            if (step.kind == Token::Kind::zeroOrMoreWildcard) {
+            if (step.kind == Step::Kind::star) {
                 if (isLast) return true;  // some length reaches the end
                 for (const char* next = at; next <= end_ && !found; ++next) {
                     found = tryFrom(i + 1, next);
@@ -150,18 +188,21 @@ OSCCompiledComponent::OSCCompiledComponent(std::vector<Token> tokens) : tokens_(
     std::vector<std::size_t> stars;
     for (const auto& token : tokens_) {
         Step step;
-        step.kind = token.kind;
         switch (token.kind) {
             case Token::Kind::literal:
-                step.literal = Text(token.text);
+                step.kind = Step::Kind::text;
+                step.text = Text(token.text);
                 break;
             case Token::Kind::zeroOrMoreWildcard:
+                step.kind = Step::Kind::star;
                 stars.push_back(steps_.size());
                 break;
             case Token::Kind::singleCharWildcard:
+                step.kind = Step::Kind::oneOf;
                 step.acceptBits[0] = step.acceptBits[1] = ~std::uint64_t{0};
                 break;
             case Token::Kind::singleChar:
+                step.kind = Step::Kind::oneOf;
                 // The verdict per byte comes from the character-wise rule itself.
                 for (int byte = 0; byte < 128; ++byte) {
                     const std::string character(1, static_cast<char>(byte));
@@ -174,11 +215,13 @@ OSCCompiledComponent::OSCCompiledComponent(std::vector<Token> tokens) : tokens_(
                 }
                 break;
             case Token::Kind::strings:
+                step.kind = Step::Kind::strings;
                 for (const auto& alternative : token.alternatives) {
                     step.alternatives.emplace_back(alternative);
                 }
                 break;
         }
+        // "/" is never part of a component of an address, and ends the one being matched.
         step.acceptBits['/' >> 6] &= ~(std::uint64_t{1} << ('/' & 63));
         steps_.push_back(std::move(step));
     }
@@ -187,11 +230,11 @@ OSCCompiledComponent::OSCCompiledComponent(std::vector<Token> tokens) : tokens_(
         shape_ = Shape::plainText;
     } else if (tokens_.size() == 1 && tokens_[0].kind == Token::Kind::literal) {
         shape_ = Shape::plainText;
-        text_ = steps_[0].literal;
+        text_ = tokens_[0].text;
     } else if (tokens_.size() == 1 && tokens_[0].kind == Token::Kind::zeroOrMoreWildcard) {
         shape_ = Shape::anything;
-    } else if (stars.empty()) {
-        shape_ = Shape::fixed;
+    } else if (stars.empty() || (stars.size() == 1 && stars[0] + 1 == steps_.size())) {
+        shape_ = Shape::linear;
     } else if (stars.size() == 1) {
         shape_ = Shape::oneStar;
         star_ = stars[0];
@@ -200,14 +243,13 @@ OSCCompiledComponent::OSCCompiledComponent(std::vector<Token> tokens) : tokens_(
         for (std::size_t i = star_ + 1; i < steps_.size() && suffixLength_ >= 0; ++i) {
             const Step& step = steps_[i];
             switch (step.kind) {
-                case Token::Kind::literal:
-                    suffixLength_ += static_cast<std::ptrdiff_t>(step.literal.text.size());
+                case Step::Kind::text:
+                    suffixLength_ += static_cast<std::ptrdiff_t>(step.text.text.size());
                     break;
-                case Token::Kind::singleCharWildcard:
-                case Token::Kind::singleChar:
+                case Step::Kind::oneOf:
                     suffixLength_ += 1;
                     break;
-                case Token::Kind::strings: {
+                case Step::Kind::strings: {
                     const auto& alternatives = step.alternatives;
                     for (const auto& alternative : alternatives) {
                         if (alternative.text.size() != alternatives.front().text.size()) {
@@ -220,7 +262,9 @@ OSCCompiledComponent::OSCCompiledComponent(std::vector<Token> tokens) : tokens_(
                     }
                     break;
                 }
-                case Token::Kind::zeroOrMoreWildcard:
+                case Step::Kind::star:
+                case Step::Kind::separator:
+                case Step::Kind::component:
                     break;
             }
         }
@@ -229,92 +273,63 @@ OSCCompiledComponent::OSCCompiledComponent(std::vector<Token> tokens) : tokens_(
     }
 }
 
-[[gnu::always_inline]] inline std::ptrdiff_t OSCCompiledComponent::Step::take(
-    const char* at, const char* first, const char* end) const {
-    switch (kind) {
-        case Kind::literal:
-            return literal.startsAt(at, first, end)
-                       ? static_cast<std::ptrdiff_t>(literal.text.size())
-                       : -1;
-        case Kind::singleCharWildcard:
-        case Kind::singleChar: {
-            if (at == end) return -1;
-            const auto byte = static_cast<unsigned char>(*at);
-            return byte < 128 && (acceptBits[byte >> 6] >> (byte & 63) & 1) ? 1 : -1;
-        }
-        case Kind::strings:
-            // "{}" takes nothing and matches, deliberately.
-            if (alternatives.empty()) return 0;
-            // Deliberate: the first alternative that is a prefix is the only one ever tried.
-            for (const auto& alternative : alternatives) {
-                if (alternative.startsAt(at, first, end)) {
-                    return static_cast<std::ptrdiff_t>(alternative.text.size());
-                }
-            }
-            return -1;
-        case Kind::zeroOrMoreWildcard:
-            break;
-    }
-    return -1;
-}
-
 [[gnu::always_inline]] inline const char* OSCCompiledComponent::follow(
-    const Step* step, const Step* last, const char* at, const char* first, const char* end) {
+    const Step* step, const Step* last, const char* at, const char* first, const char* end,
+    const OSCCompiledComponent* components) {
     for (; step != last; ++step) {
-        const std::ptrdiff_t taken = step->take(at, first, end);
-        if (taken < 0) return nullptr;
-        at += taken;
+        switch (step->kind) {
+            case Step::Kind::text:
+                if (!step->text.startsAt(at, first, end)) return nullptr;
+                at += step->text.text.size();
+                break;
+            case Step::Kind::oneOf:
+                if (!step->acceptsAt(at, end)) return nullptr;
+                ++at;
+                break;
+            case Step::Kind::strings: {
+                const std::ptrdiff_t taken = step->takeString(at, first, end);
+                if (taken < 0) return nullptr;
+                at += taken;
+                break;
+            }
+            case Step::Kind::star:
+                at = findSlash(at, first, end);
+                break;
+            case Step::Kind::separator:
+                if (at == end || *at != '/') return nullptr;
+                ++at;
+                break;
+            case Step::Kind::component:
+                at = components[step->component].searchAt(at, first, end);
+                if (!at) return nullptr;
+                break;
+        }
     }
     return at;
-}
-
-[[gnu::always_inline]] inline const char* OSCCompiledComponent::matchAt(const char* begin,
-                                                                        const char* first,
-                                                                        const char* end) const {
-    const Step* const steps = steps_.data();
-    const Step* const last = steps + steps_.size();
-    // No step takes a "/", so a component without a star can be followed in place and then
-    // needs only its end checked.
-    switch (shape_) {
-        case Shape::plainText: {
-            if (!text_.startsAt(begin, first, end)) return nullptr;
-            const char* const after = begin + text_.text.size();
-            return after == end || *after == '/' ? after : nullptr;
-        }
-        case Shape::anything:
-            return findSlash(begin, first, end);
-        case Shape::fixed: {
-            const char* const after = follow(steps, last, begin, first, end);
-            return after && (after == end || *after == '/') ? after : nullptr;
-        }
-        case Shape::oneStar: {
-            const char* const star = follow(steps, steps + star_, begin, first, end);
-            if (!star) return nullptr;
-            const char* const stop = findSlash(star, first, end);
-            const Step* const suffix = steps + star_ + 1;
-            if (suffix == last) return stop;  // the star takes the rest
-            if (suffixLength_ >= 0) {
-                // The star's only useful length leaves exactly suffixLength_ bytes.
-                return stop - star >= suffixLength_ &&
-                               follow(suffix, last, stop - suffixLength_, first, stop) == stop
-                           ? stop
-                           : nullptr;
-            }
-            // Shortest first, as the star tries them; only whether one fits matters.
-            for (const char* from = star; from <= stop; ++from) {
-                if (follow(suffix, last, from, first, stop) == stop) return stop;
-            }
-            return nullptr;
-        }
-        case Shape::search:
-            return searchAt(begin, first, end);
-    }
-    return nullptr;
 }
 
 const char* OSCCompiledComponent::searchAt(const char* begin, const char* first,
                                            const char* end) const {
     const char* const stop = findSlash(begin, first, end);
+    const Step* const steps = steps_.data();
+    if (shape_ == Shape::oneStar) {
+        const char* const star = follow(steps, steps + star_, begin, first, stop, nullptr);
+        if (!star) return nullptr;
+        const Step* const suffix = steps + star_ + 1;
+        const Step* const last = steps + steps_.size();
+        if (suffixLength_ >= 0) {
+            // The star's only useful length leaves exactly suffixLength_ bytes.
+            return stop - star >= suffixLength_ &&
+                           follow(suffix, last, stop - suffixLength_, first, stop, nullptr) == stop
+                       ? stop
+                       : nullptr;
+        }
+        // Shortest first, as the star tries them; only whether one fits matters.
+        for (const char* from = star; from <= stop; ++from) {
+            if (follow(suffix, last, from, first, stop, nullptr) == stop) return stop;
+        }
+        return nullptr;
+    }
     return ByteSearch(steps_, begin, stop, first).run() ? stop : nullptr;
 }
 
@@ -326,48 +341,89 @@ bool OSCCompiledComponent::matches(std::string_view component) const {
 bool OSCCompiledComponent::matchesBytes(std::string_view component) const {
     const char* const begin = component.data();
     const char* const end = begin + component.size();
+    const char* const stop =
+        shape_ == Shape::oneStar || shape_ == Shape::search
+            ? searchAt(begin, begin, end)
+            : follow(steps_.data(), steps_.data() + steps_.size(), begin, begin, end, nullptr);
     // Reaching the end means the component held no "/" and matched.
-    if (matchAt(begin, begin, end) == end) return true;
+    if (stop == end) return true;
     if (findSlash(begin, begin, end) == end) return false;
     return OSCAddressPattern::matchComponent(component, tokens_);
 }
 
-bool OSCCompiledComponent::matchesPath(const std::vector<OSCCompiledComponent>& components,
+std::vector<OSCCompiledComponent::Step> OSCCompiledComponent::pathSteps(
+    const std::vector<OSCCompiledComponent>& components) {
+    std::vector<Step> steps;
+    const auto appendText = [&steps](const std::string& text) {
+        // Separators and text next to each other are compared as one text.
+        if (!steps.empty() &&
+            (steps.back().kind == Step::Kind::text || steps.back().kind == Step::Kind::separator)) {
+            steps.back().kind = Step::Kind::text;
+            steps.back().text = Text(steps.back().text.text + text);
+        } else {
+            Step step;
+            step.text = Text(text);
+            steps.push_back(std::move(step));
+        }
+    };
+    for (std::size_t i = 0; i < components.size(); ++i) {
+        const OSCCompiledComponent& component = components[i];
+        if (i > 0) {
+            appendText("/");
+            if (steps.back().text.text == "/") steps.back().kind = Step::Kind::separator;
+        }
+        if (component.shape_ == Shape::oneStar || component.shape_ == Shape::search) {
+            Step step;
+            step.kind = Step::Kind::component;
+            step.component = i;
+            steps.push_back(std::move(step));
+            continue;
+        }
+        for (const Step& step : component.steps_) {
+            if (step.kind == Step::Kind::text) {
+                appendText(step.text.text);
+            } else {
+                steps.push_back(step);
+            }
+        }
+    }
+    return steps;
+}
+
+bool OSCCompiledComponent::matchesPath(const std::vector<Step>& steps,
+                                       const std::vector<OSCCompiledComponent>& components,
                                        std::string_view path) {
-    if (path.empty() || components.empty()) return false;  // the counts differ, or no pattern
+    // An empty path has no components, and the pattern has some.
+    if (path.empty()) return false;
     const char* const first = path.data();
     const char* const end = first + path.size();
-    const char* begin = first;
-    const OSCCompiledComponent* const lastComponent = &components.back();
-    for (const OSCCompiledComponent& component : components) {
-        const char* const stop = component.matchAt(begin, first, end);
-        if (!stop) return false;
-        // The counts must agree: only the last component reaches the end.
-        if (&component == lastComponent) return stop == end;
-        if (stop == end) return false;
-        begin = stop + 1;
-    }
-    return true;
+    // No step but a separator takes a "/", so ending at the end means the component counts
+    // agree and each component matched.
+    return follow(steps.data(), steps.data() + steps.size(), first, first, end,
+                  components.data()) == end;
 }
 
 bool OSCCompiledComponent::isOneBytePerCharacter(std::string_view text) {
+    // Printable ASCII is the common case and needs no closer look. A byte below 0x20 makes
+    // its byte of `word - spaces` wrap (or borrows into a higher one), so the top bits flag
+    // every byte outside 0x20..0x7F, and only then is CR LF or a multi-byte character sought.
+    constexpr std::uint64_t spaces = ones * ' ';
     const char* const begin = text.data();
     const std::size_t size = text.size();
     std::uint64_t flags = 0;
     if (size >= 8) {
         for (std::size_t i = 0; i + 8 < size; i += 8) {
             const std::uint64_t word = load(begin + i);
-            flags |= word | bytesEqual(word, '\r');
+            flags |= word | (word - spaces);
         }
         const std::uint64_t word = load(begin + size - 8);  // may overlap the previous one
-        flags |= word | bytesEqual(word, '\r');
+        flags |= word | (word - spaces);
     } else {
         for (std::size_t i = 0; i < size; ++i) {
             const auto byte = static_cast<unsigned char>(begin[i]);
-            flags |= byte | (byte == '\r' ? 0x80u : 0u);
+            flags |= byte < ' ' ? 0x80u : byte;
         }
     }
-    // Only a byte with its top bit set or a CR needs the exact check.
     return (flags & highBits) == 0 || CharacterView::isOneBytePerCharacter(text);
 }
 

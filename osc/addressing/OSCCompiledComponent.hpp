@@ -24,12 +24,6 @@ class OSCCompiledComponent {
     // holds a "/" (never a component of an address) is matched character-wise.
     bool matchesBytes(std::string_view component) const;
 
-    // Whether `path`, an address without one leading and one trailing "/" that is one byte per
-    // character, splits at "/" into as many components as `components` and each matches its
-    // own. The byte-wise core of OSCCompiledPattern::matches.
-    static bool matchesPath(const std::vector<OSCCompiledComponent>& components,
-                            std::string_view path);
-
     // CharacterView::isOneBytePerCharacter, quicker on short texts.
     static bool isOneBytePerCharacter(std::string_view text);
 
@@ -37,21 +31,24 @@ class OSCCompiledComponent {
     bool isPlainText() const { return shape_ == Shape::plainText; }
     // True when the component is a lone "*": it matches every component.
     bool isAnything() const { return shape_ == Shape::anything; }
-    const std::string& text() const { return text_.text; }
+    const std::string& text() const { return text_; }
     const std::vector<OSCAddressPattern::Token>& tokens() const { return tokens_; }
 
   private:
-    // How the byte-wise search can be cut short. Every token but "*" has one way of matching,
-    // so without a star the tokens simply follow each other (fixed); with one star the part
-    // before it is fixed and the part after it only needs a start (oneStar); two or more stars
-    // need the backtracking search (search).
-    enum class Shape : std::uint8_t { plainText, anything, fixed, oneStar, search };
+    friend class OSCCompiledPattern;
+
+    // How a component is matched in place. Every token but "*" has one way of matching, so
+    // without a star, or with one star that ends the component, the steps simply follow each
+    // other (linear: plain text and a lone star are the simplest of these); with one star
+    // elsewhere the part before it is linear and the part after it only needs a start
+    // (oneStar); two or more stars need the backtracking search (search).
+    enum class Shape : std::uint8_t { plainText, anything, linear, oneStar, search };
 
     // Text compared in place: its first eight bytes are also held as one word.
     struct Text {
-        std::string text;
         std::uint64_t head = 0;
         std::uint64_t headMask = 0;
+        std::string text;
 
         Text() = default;
         explicit Text(std::string bytes);
@@ -60,35 +57,52 @@ class OSCCompiledComponent {
         bool startsAt(const char* at, const char* first, const char* end) const;
     };
 
-    // One token for byte-wise matching, where counts are byte counts.
+    // One byte-wise matching step. A component's steps follow its tokens; a whole pattern's
+    // steps (OSCCompiledPattern) join its components' steps with "/" and merge adjacent text.
+    // No step but a separator takes a "/", which ends the component being matched.
     struct Step {
-        using Kind = OSCAddressPattern::Token::Kind;
-        Kind kind = Kind::literal;
-        Text literal;  // literal
-        // singleChar, singleCharWildcard: the verdict for each ASCII byte, never for "/", which
-        // ends the component being matched.
-        std::uint64_t acceptBits[2] = {0, 0};
-        std::vector<Text> alternatives;  // strings: in the token set's order
+        enum class Kind : std::uint8_t {
+            text,       // literal text
+            oneOf,      // "?" or "[...]": one byte that acceptBits accepts
+            strings,    // "{...}": the first alternative that is a prefix, "{}" none
+            star,       // "*"; in a linear run, one that ends its component: up to the next "/"
+            separator,  // "/" between components (a pattern's steps only)
+            component,  // a component that is not linear (a pattern's steps only)
+        };
+        Kind kind = Kind::text;
+        Text text;                             // text, separator
+        std::uint64_t acceptBits[2] = {0, 0};  // oneOf: the verdict for each ASCII byte
+        std::vector<Text> alternatives;        // strings: in the token set's order
+        std::size_t component = 0;             // component: its index in the pattern
 
-        // The bytes this step takes at `at`, or -1.
+        // The bytes a text, oneOf or strings step takes at `at`, or -1.
         std::ptrdiff_t take(const char* at, const char* first, const char* end) const;
+        bool acceptsAt(const char* at, const char* end) const;  // oneOf
+        std::ptrdiff_t takeString(const char* at, const char* first,
+                                  const char* end) const;  // strings
     };
     class ByteSearch;
 
-    // Matches this component at `begin` in the buffer [first, end), where the component runs
-    // to the first "/" or to `end`: that position if it matches, else null.
-    const char* matchAt(const char* begin, const char* first, const char* end) const;
-    // matchAt for two or more stars, kept apart so that the simple shapes need no stack frame.
+    // Runs linear `steps` [step, last) from `at` in the buffer [first, end), taking component
+    // steps from `components`: where they end, or null when one does not match.
+    static const char* follow(const Step* step, const Step* last, const char* at, const char* first,
+                              const char* end, const OSCCompiledComponent* components);
+    // The steps of a whole pattern of `components`.
+    static std::vector<Step> pathSteps(const std::vector<OSCCompiledComponent>& components);
+    // Whether the address `path`, without one leading and one trailing "/" and one byte per
+    // character, matches the pattern whose components and pathSteps are given.
+    static bool matchesPath(const std::vector<Step>& steps,
+                            const std::vector<OSCCompiledComponent>& components,
+                            std::string_view path);
+    // Matches a component that is not linear at `begin` in the buffer [first, end), the
+    // component running to the first "/" or to `end`: that position if it matches, else null.
+    // Kept out of line so that linear steps need no stack frame.
     [[gnu::noinline]] const char* searchAt(const char* begin, const char* first,
                                            const char* end) const;
-    // Takes `steps` [step, last) one after the other from `at`, each in its one way; the
-    // position reached, or null when one of them does not match. No step takes a "/".
-    static const char* follow(const Step* step, const Step* last, const char* at, const char* first,
-                              const char* end);
 
     std::vector<OSCAddressPattern::Token> tokens_;
     Shape shape_ = Shape::search;
-    Text text_;  // plainText
+    std::string text_;  // plainText
     std::vector<Step> steps_;
     std::size_t star_ = 0;              // oneStar: the index of the star step
     std::ptrdiff_t suffixLength_ = -1;  // oneStar: the bytes the steps after it take, -1 varies

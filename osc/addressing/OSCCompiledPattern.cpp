@@ -20,6 +20,7 @@ OSCCompiledPattern::OSCCompiledPattern(OSCAddressPattern pattern) : pattern_(std
         components_.emplace_back(std::move(component.tokens));
     }
     if (components_.empty()) return;
+    steps_ = OSCCompiledComponent::pathSteps(components_);
     std::string joined;
     for (const auto& component : components_) {
         if (!component.isPlainText()) return;
@@ -34,7 +35,7 @@ bool OSCCompiledPattern::matches(std::string_view address) const {
     if (components_.empty()) return false;
     if (literalPath_) return strippedPath(address) == *literalPath_;
     if (OSCCompiledComponent::isOneBytePerCharacter(address)) {
-        return OSCCompiledComponent::matchesPath(components_, strippedPath(address));
+        return OSCCompiledComponent::matchesPath(steps_, components_, strippedPath(address));
     }
     return matchesCharacters(address);
 }

@@ -26,6 +26,8 @@ class OSCCompiledPattern {
 
     OSCAddressPattern pattern_;
     std::vector<OSCCompiledComponent> components_;
+    // The components' steps joined for matching ASCII addresses in one pass.
+    std::vector<OSCCompiledComponent::Step> steps_;
     // Set when every component is plain text: the components joined by "/". Such a pattern
     // matches exactly the addresses that read the same once one leading and one trailing "/"
     // are dropped (components hold no "/", and the pattern is ASCII, so this holds for
