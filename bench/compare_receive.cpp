@@ -4,17 +4,18 @@
 //
 // Drain mode measures the receiver alone: the receiver binds and reports ready, is stopped
 // (SIGSTOP), the sender fills its socket buffer with the whole run, the receiver is continued
-// (SIGCONT) and timed from then to the last message it counts. The buffer is made
-// large enough to hold the run (SO_RCVBUFFORCE; ours through setKernelReceiveBufferSize).
+// (SIGCONT) and timed from then to the last message it counts. The buffer is made large enough
+// to hold the run (SO_RCVBUFFORCE; ours through setKernelReceiveBufferSize).
 //
 // Paced mode offers a steady stream (bursts of sendmmsg every 100 us, paced by the clock) for a
 // fixed time and counts what each receiver delivered at its library's default buffer, plus ours
-// with a 4 MiB buffer.
+// with a 4 MiB buffer; once with the receiver's core kept awake, once with it left to idle.
 //
 // A plain program: the figures are rates and losses, not per-iteration times.
 //
 // usage: compare_receive [--runs N] [--paced-runs N] [--count N] [--rates R,R,...]
-//                        [--seconds S] [--receivers kavrin,liblo,oscpack,recvfrom] [--json FILE]
+//                        [--seconds S] [--receivers kavrin,liblo,oscpack,recvfrom]
+//                        [--paced-cores awake,idle] [--json FILE]
 // (internal roles: compare_receive receive KIND BUFFER EXPECTED CPU
 //                  compare_receive send PORT COUNT RATE CPU)
 
