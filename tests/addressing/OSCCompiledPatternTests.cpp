@@ -69,6 +69,52 @@ TEST(OSCCompiledPattern, AnswersLikeTheUncompiledPatternOnRandomInput) {
     }
 }
 
+TEST(OSCCompiledPattern, AnswersLikeTheUncompiledPatternOnGeneratedPaths) {
+    // Whole paths exercise what single components cannot: separators merged with text, stars
+    // that end a component, components searched in place between others, and texts and
+    // addresses shorter and longer than the eight bytes compared at once, near either end.
+    const std::vector<std::string> patternParts = {
+        "",    "a",      "ab",    "abcdefghij", "*",      "a*",      "*a",
+        "*ab", "[a-c]*", "?",     "??*",        "{ab,a}", "{ab,a}*", "{abcdefghi,ab}",
+        "{}",  "*b*",    "a*b*c", "[!a]",       "x?",     "*{a,bc}"};
+    const std::vector<std::string> addressParts = {
+        "",   "a",    "b",          "ab",          "abc",        "aab",
+        "c",  "bc",   "abcdefghij", "abcdefghijk", "abcdefghia", "xab",
+        "x/", "\r\n", "\t",         "\xC3\xA9",    "a\xCC\x81"};
+    std::mt19937 generator(20261122);
+    const auto join = [&](const std::vector<std::string>& parts, std::size_t maxCount,
+                          std::size_t rareIndex) {
+        std::string text = generator() % 8 ? "/" : "";
+        const std::size_t count = 1 + generator() % maxCount;
+        for (std::size_t i = 0; i < count; ++i) {
+            if (i > 0) text += "/";
+            // Parts from rareIndex on are unusual bytes: keep them to one address in four.
+            const std::size_t limit = generator() % 4 ? rareIndex : parts.size();
+            text += parts[generator() % limit];
+        }
+        if (generator() % 8 == 0) text += "/";
+        return text;
+    };
+    for (int round = 0; round < 600; ++round) {
+        const std::string pattern = join(patternParts, 4, patternParts.size());
+        for (int i = 0; i < 40; ++i) {
+            expectSameAnswers(pattern, join(addressParts, 5, addressParts.size() - 5));
+        }
+    }
+}
+
+TEST(OSCCompiledComponent, AnswersLikeMatchComponentOnTextHoldingASlash) {
+    // Never a component of an address, but the answer must still be matchComponent's.
+    for (const std::string component : {"???", "a*", "*", "[!a]/b", "{a/b,c}", "a/b"}) {
+        const OSCCompiledComponent compiled(OSCAddressPattern::tokens(component));
+        for (const std::string text : {"a/b", "/", "//", "a/", "/b", "ab/c"}) {
+            EXPECT_EQ(compiled.matches(text),
+                      OSCAddressPattern::matchComponent(text, compiled.tokens()))
+                << "component " << component << " text " << text;
+        }
+    }
+}
+
 TEST(OSCCompiledPattern, StaysFastOnManyStars) {
     const OSCCompiledPattern pattern(OSCAddressPattern("/*a*a*a*a*a*b"));
     EXPECT_FALSE(pattern.matches("/" + std::string(2000, 'a')));
