@@ -42,7 +42,7 @@ class OSCArgumentView {
     }
     std::string_view string() const {
         if (*tag_ != 'S') expect('s', "String");
-        return {reinterpret_cast<const char*>(data_), textLength(data_)};
+        return {reinterpret_cast<const char*>(data_), textLength(data_, chunkSize(data_))};
     }
     std::span<const std::uint8_t> blob() const {
         expect('b', "Blob");
@@ -118,9 +118,9 @@ class OSCArgumentView {
         while (word[3] != 0) word += 4;
         return static_cast<std::size_t>(word - data) + 4;
     }
-    // The length of the text in the checked chunk at `data`.
-    static std::size_t textLength(const std::uint8_t* data) {
-        auto length = chunkSize(data) - 4;
+    // The length of the text in the checked chunk at `data` of `size` bytes.
+    static std::size_t textLength(const std::uint8_t* data, std::size_t size) {
+        auto length = size - 4;
         while (data[length] != 0) ++length;
         return length;
     }

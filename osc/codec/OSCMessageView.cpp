@@ -98,10 +98,13 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(byt
 
 OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, Checked) : bytes_(bytes) {
     const auto* address = bytes.data();
-    address_ = {reinterpret_cast<const char*>(address), OSCArgumentView::textLength(address)};
-    const auto* tags = address + OSCArgumentView::chunkSize(address);
-    tags_ = {reinterpret_cast<const char*>(tags), OSCArgumentView::textLength(tags)};
-    arguments_ = tags + OSCArgumentView::chunkSize(tags);
+    const auto addressSize = OSCArgumentView::chunkSize(address);
+    address_ = {reinterpret_cast<const char*>(address),
+                OSCArgumentView::textLength(address, addressSize)};
+    const auto* tags = address + addressSize;
+    const auto tagsSize = OSCArgumentView::chunkSize(tags);
+    tags_ = {reinterpret_cast<const char*>(tags), OSCArgumentView::textLength(tags, tagsSize)};
+    arguments_ = tags + tagsSize;
     int depth = 0;
     for (const char tag : tags_) {
         if (tag == '[') {

@@ -27,15 +27,11 @@ std::vector<std::uint8_t> PassiveDataReader::readBytes(std::int64_t count) {
     return bytes;
 }
 
-void PassiveDataReader::advance(std::int64_t count) {
-    const auto remaining = remainingByteCount();
-    if (remaining < count) {
-        throw OSCDecodeError::malformed(
-            "Attempted to advance byte read position past end of available bytes. " +
-            std::to_string(remaining) + " bytes remain but " + std::to_string(count) +
-            " were advanced.");
-    }
-    offset_ += count;
+void PassiveDataReader::failAdvance(std::int64_t count) const {
+    throw OSCDecodeError::malformed(
+        "Attempted to advance byte read position past end of available bytes. " +
+        std::to_string(remainingByteCount()) + " bytes remain but " + std::to_string(count) +
+        " were advanced.");
 }
 
 std::span<const std::uint8_t> PassiveDataReader::readBlobView() {

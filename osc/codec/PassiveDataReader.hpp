@@ -31,7 +31,10 @@ class PassiveDataReader {
 
     // A copy of the next `count` bytes.
     std::vector<std::uint8_t> readBytes(std::int64_t count);
-    void advance(std::int64_t count);
+    void advance(std::int64_t count) {
+        if (remainingByteCount() < count) failAdvance(count);
+        offset_ += count;
+    }
 
     // The content of a null-terminated chunk padded with zeros to a multiple of 4 bytes (always
     // at least one zero). The view points into the reader's bytes.
@@ -98,6 +101,7 @@ class PassiveDataReader {
 
     // Throws OSCDecodeError::malformed(text); kept out of line, off the paths that succeed.
     [[noreturn]] static void fail(const char* text);
+    [[noreturn]] void failAdvance(std::int64_t count) const;
 
     struct Chunk {
         std::span<const std::uint8_t> content;
