@@ -29,9 +29,9 @@ constexpr std::uint64_t highBits = 0x8080808080808080ULL;
     return word;
 }
 
-// Up to eight bytes from `at` in [first, end), the first in the low byte; what lies beyond
-// `end` is unspecified. Near the end of the buffer the last eight bytes are read and shifted,
-// so short texts need no byte loop.
+// Up to eight bytes from `at` (before `end`) in [first, end), the first in the low byte; what lies
+// beyond `end` is unspecified. Near the end of the buffer the last eight bytes are read and
+// shifted, so short texts need no byte loop.
 [[gnu::always_inline]] inline std::uint64_t loadAt(const char* at, const char* first,
                                                    const char* end) {
     if (end - at >= 8) return load(at);
@@ -64,6 +64,42 @@ constexpr std::uint64_t highBits = 0x8080808080808080ULL;
     return found ? at + std::countr_zero(found) / 8 : end;
 }
 
+// Whether the bytes at `at` equal `text` from its ninth byte on; `text` is longer than eight
+// bytes and [at, at + its size) readable. Word by word, the last word overlapping, so that no
+// library call makes the matcher save its registers.
+[[gnu::always_inline]] inline bool tailEquals(const char* at, const std::string& text) {
+    const char* const bytes = text.data();
+    const std::size_t size = text.size();
+    for (std::size_t i = 8; i + 8 < size; i += 8) {
+        if (load(at + i) != load(bytes + i)) return false;
+    }
+    return load(at + size - 8) == load(bytes + size - 8);
+}
+
+// Whether every byte of `text` is printable ASCII (0x20 to 0x7F), which makes it one byte per
+// character; false says nothing. A byte below 0x20 makes its byte of `word - spaces` wrap (or
+// borrows into a higher one), so the top bits flag every byte outside 0x20..0x7F.
+[[gnu::always_inline]] inline bool isPrintableASCII(std::string_view text) {
+    constexpr std::uint64_t spaces = ones * ' ';
+    const char* const begin = text.data();
+    const std::size_t size = text.size();
+    std::uint64_t flags = 0;
+    if (size >= 8) {
+        for (std::size_t i = 0; i + 8 < size; i += 8) {
+            const std::uint64_t word = load(begin + i);
+            flags |= word | (word - spaces);
+        }
+        const std::uint64_t word = load(begin + size - 8);  // may overlap the previous one
+        flags |= word | (word - spaces);
+    } else {
+        for (std::size_t i = 0; i < size; ++i) {
+            const auto byte = static_cast<unsigned char>(begin[i]);
+            flags |= byte < ' ' ? 0x80u : byte;
+        }
+    }
+    return (flags & highBits) == 0;
+}
+
 }  // namespace
 
 OSCCompiledComponent::Text::Text(std::string bytes) : text(std::move(bytes)) {
@@ -78,7 +114,7 @@ OSCCompiledComponent::Text::Text(std::string bytes) : text(std::move(bytes)) {
     const std::size_t size = text.size();
     if (static_cast<std::size_t>(end - at) < size) return false;
     if ((loadAt(at, first, end) & headMask) != head) return false;
-    return size <= 8 || std::memcmp(at + 8, text.data() + 8, size - 8) == 0;
+    return size <= 8 || tailEquals(at, text);
 }
 
 [[gnu::always_inline]] inline bool OSCCompiledComponent::Step::acceptsAt(const char* at,
@@ -92,10 +128,16 @@ OSCCompiledComponent::Text::Text(std::string bytes) : text(std::move(bytes)) {
     const char* at, const char* first, const char* end) const {
     // "{}" takes nothing and matches, deliberately.
     if (alternatives.empty()) return 0;
+    if (at == end) return -1;  // alternatives are never empty
+    // The bytes at `at` are read once for all alternatives.
+    const auto left = static_cast<std::size_t>(end - at);
+    const std::uint64_t word = loadAt(at, first, end);
     // Deliberate: the first alternative that is a prefix is the only one ever tried.
-    for (const auto& alternative : alternatives) {
-        if (alternative.startsAt(at, first, end)) {
-            return static_cast<std::ptrdiff_t>(alternative.text.size());
+    for (const Text& alternative : alternatives) {
+        const std::size_t size = alternative.text.size();
+        if (size <= left && (word & alternative.headMask) == alternative.head &&
+            (size <= 8 || tailEquals(at, alternative.text))) {
+            return static_cast<std::ptrdiff_t>(size);
         }
     }
     return -1;
@@ -112,6 +154,7 @@ std::ptrdiff_t OSCCompiledComponent::Step::take(const char* at, const char* firs
         case Kind::strings:
             return takeString(at, first, end);
         case Kind::star:
+        case Kind::starThenSeparator:
         case Kind::separator:
         case Kind::component:
             break;
@@ -263,6 +306,7 @@ OSCCompiledComponent::OSCCompiledComponent(std::vector<Token> tokens) : tokens_(
                     break;
                 }
                 case Step::Kind::star:
+                case Step::Kind::starThenSeparator:
                 case Step::Kind::separator:
                 case Step::Kind::component:
                     break;
@@ -294,6 +338,11 @@ OSCCompiledComponent::OSCCompiledComponent(std::vector<Token> tokens) : tokens_(
             }
             case Step::Kind::star:
                 at = findSlash(at, first, end);
+                break;
+            case Step::Kind::starThenSeparator:
+                at = findSlash(at, first, end);
+                if (at == end) return nullptr;
+                ++at;
                 break;
             case Step::Kind::separator:
                 if (at == end || *at != '/') return nullptr;
@@ -368,7 +417,10 @@ std::vector<OSCCompiledComponent::Step> OSCCompiledComponent::pathSteps(
     };
     for (std::size_t i = 0; i < components.size(); ++i) {
         const OSCCompiledComponent& component = components[i];
-        if (i > 0) {
+        if (i > 0 && !steps.empty() && steps.back().kind == Step::Kind::star) {
+            // The star stops at the "/" it has to find anyway.
+            steps.back().kind = Step::Kind::starThenSeparator;
+        } else if (i > 0) {
             appendText("/");
             if (steps.back().text.text == "/") steps.back().kind = Step::Kind::separator;
         }
@@ -390,41 +442,40 @@ std::vector<OSCCompiledComponent::Step> OSCCompiledComponent::pathSteps(
     return steps;
 }
 
-bool OSCCompiledComponent::matchesPath(const std::vector<Step>& steps,
-                                       const std::vector<OSCCompiledComponent>& components,
-                                       std::string_view path) {
+bool OSCCompiledComponent::matchesAddress(const std::vector<Step>& steps,
+                                          const std::vector<OSCCompiledComponent>& components,
+                                          std::string_view address) {
+    // Deliberate, as uncompiled: no components, no match, not even for "/".
+    if (components.empty()) return false;
+    if (!isPrintableASCII(address) && !CharacterView::isOneBytePerCharacter(address)) {
+        return matchesCharacters(components, address);
+    }
+    // One leading and then one trailing "/" go, as pathComponents drops them.
+    const char* first = address.data();
+    const char* end = first + address.size();
+    if (first != end && *first == '/') ++first;
+    if (first != end && end[-1] == '/') --end;
     // An empty path has no components, and the pattern has some.
-    if (path.empty()) return false;
-    const char* const first = path.data();
-    const char* const end = first + path.size();
+    if (first == end) return false;
     // No step but a separator takes a "/", so ending at the end means the component counts
     // agree and each component matched.
     return follow(steps.data(), steps.data() + steps.size(), first, first, end,
                   components.data()) == end;
 }
 
-bool OSCCompiledComponent::isOneBytePerCharacter(std::string_view text) {
-    // Printable ASCII is the common case and needs no closer look. A byte below 0x20 makes
-    // its byte of `word - spaces` wrap (or borrows into a higher one), so the top bits flag
-    // every byte outside 0x20..0x7F, and only then is CR LF or a multi-byte character sought.
-    constexpr std::uint64_t spaces = ones * ' ';
-    const char* const begin = text.data();
-    const std::size_t size = text.size();
-    std::uint64_t flags = 0;
-    if (size >= 8) {
-        for (std::size_t i = 0; i + 8 < size; i += 8) {
-            const std::uint64_t word = load(begin + i);
-            flags |= word | (word - spaces);
-        }
-        const std::uint64_t word = load(begin + size - 8);  // may overlap the previous one
-        flags |= word | (word - spaces);
-    } else {
-        for (std::size_t i = 0; i < size; ++i) {
-            const auto byte = static_cast<unsigned char>(begin[i]);
-            flags |= byte < ' ' ? 0x80u : byte;
-        }
+bool OSCCompiledComponent::matchesCharacters(const std::vector<OSCCompiledComponent>& components,
+                                             std::string_view address) {
+    std::vector<std::uint32_t> storage;
+    const auto parts = OSCAddressPattern::pathComponents(CharacterView::segment(address, storage));
+    if (parts.size() != components.size()) return false;
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        if (!OSCAddressPattern::matchComponent(parts[i], components[i].tokens_)) return false;
     }
-    return (flags & highBits) == 0 || CharacterView::isOneBytePerCharacter(text);
+    return true;
+}
+
+bool OSCCompiledComponent::isOneBytePerCharacter(std::string_view text) {
+    return isPrintableASCII(text) || CharacterView::isOneBytePerCharacter(text);
 }
 
 }  // namespace kavrin

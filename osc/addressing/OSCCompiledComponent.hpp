@@ -44,7 +44,7 @@ class OSCCompiledComponent {
     // (oneStar); two or more stars need the backtracking search (search).
     enum class Shape : std::uint8_t { plainText, anything, linear, oneStar, search };
 
-    // Text compared in place: its first eight bytes are also held as one word.
+    // Text compared in place, never empty: its first eight bytes are also held as one word.
     struct Text {
         std::uint64_t head = 0;
         std::uint64_t headMask = 0;
@@ -62,12 +62,13 @@ class OSCCompiledComponent {
     // No step but a separator takes a "/", which ends the component being matched.
     struct Step {
         enum class Kind : std::uint8_t {
-            text,       // literal text
-            oneOf,      // "?" or "[...]": one byte that acceptBits accepts
-            strings,    // "{...}": the first alternative that is a prefix, "{}" none
-            star,       // "*"; in a linear run, one that ends its component: up to the next "/"
-            separator,  // "/" between components (a pattern's steps only)
-            component,  // a component that is not linear (a pattern's steps only)
+            text,     // literal text
+            oneOf,    // "?" or "[...]": one byte that acceptBits accepts
+            strings,  // "{...}": the first alternative that is a prefix, "{}" none
+            star,     // "*"; in a linear run, one that ends its component: up to the next "/"
+            starThenSeparator,  // such a star, then the "/" after it (a pattern's steps only)
+            separator,          // "/" between components (a pattern's steps only)
+            component,          // a component that is not linear (a pattern's steps only)
         };
         Kind kind = Kind::text;
         Text text;                             // text, separator
@@ -89,11 +90,14 @@ class OSCCompiledComponent {
                               const char* end, const OSCCompiledComponent* components);
     // The steps of a whole pattern of `components`.
     static std::vector<Step> pathSteps(const std::vector<OSCCompiledComponent>& components);
-    // Whether the address `path`, without one leading and one trailing "/" and one byte per
-    // character, matches the pattern whose components and pathSteps are given.
-    static bool matchesPath(const std::vector<Step>& steps,
-                            const std::vector<OSCCompiledComponent>& components,
-                            std::string_view path);
+    // Whether `address` matches the pattern whose components and pathSteps are given, exactly
+    // as OSCAddressPattern::matches answers. The core of OSCCompiledPattern::matches.
+    static bool matchesAddress(const std::vector<Step>& steps,
+                               const std::vector<OSCCompiledComponent>& components,
+                               std::string_view address);
+    // The character-wise answer, for addresses that are not one byte per character.
+    static bool matchesCharacters(const std::vector<OSCCompiledComponent>& components,
+                                  std::string_view address);
     // Matches a component that is not linear at `begin` in the buffer [first, end), the
     // component running to the first "/" or to `end`: that position if it matches, else null.
     // Kept out of line so that linear steps need no stack frame.

@@ -1,7 +1,5 @@
 #include "osc/addressing/OSCCompiledPattern.hpp"
 
-#include "osc/addressing/CharacterView.hpp"
-
 namespace kavrin {
 
 namespace {
@@ -31,23 +29,8 @@ OSCCompiledPattern::OSCCompiledPattern(OSCAddressPattern pattern) : pattern_(std
 }
 
 bool OSCCompiledPattern::matches(std::string_view address) const {
-    // Same as the uncompiled form: no components, no match.
-    if (components_.empty()) return false;
     if (literalPath_) return strippedPath(address) == *literalPath_;
-    if (OSCCompiledComponent::isOneBytePerCharacter(address)) {
-        return OSCCompiledComponent::matchesPath(steps_, components_, strippedPath(address));
-    }
-    return matchesCharacters(address);
-}
-
-bool OSCCompiledPattern::matchesCharacters(std::string_view address) const {
-    std::vector<std::uint32_t> storage;
-    const auto parts = OSCAddressPattern::pathComponents(CharacterView::segment(address, storage));
-    if (parts.size() != components_.size()) return false;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        if (!OSCAddressPattern::matchComponent(parts[i], components_[i].tokens())) return false;
-    }
-    return true;
+    return OSCCompiledComponent::matchesAddress(steps_, components_, address);
 }
 
 }  // namespace kavrin

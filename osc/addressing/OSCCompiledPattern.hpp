@@ -22,8 +22,6 @@ class OSCCompiledPattern {
     bool matches(std::string_view address) const;
 
   private:
-    bool matchesCharacters(std::string_view address) const;
-
     OSCAddressPattern pattern_;
     std::vector<OSCCompiledComponent> components_;
     // The components' steps joined for matching ASCII addresses in one pass.
