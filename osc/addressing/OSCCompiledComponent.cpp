@@ -352,6 +352,8 @@ OSCCompiledComponent::OSCCompiledComponent(std::vector<Token> tokens) : tokens_(
                 at = components[step->component].searchAt(at, first, end);
                 if (!at) return nullptr;
                 break;
+            default:
+                __builtin_unreachable();  // every kind is handled: no range check per step
         }
     }
     return at;
@@ -445,8 +447,6 @@ std::vector<OSCCompiledComponent::Step> OSCCompiledComponent::pathSteps(
 bool OSCCompiledComponent::matchesAddress(const std::vector<Step>& steps,
                                           const std::vector<OSCCompiledComponent>& components,
                                           std::string_view address) {
-    // Deliberate, as uncompiled: no components, no match, not even for "/".
-    if (components.empty()) return false;
     if (!isPrintableASCII(address) && !CharacterView::isOneBytePerCharacter(address)) {
         return matchesCharacters(components, address);
     }
@@ -465,6 +465,9 @@ bool OSCCompiledComponent::matchesAddress(const std::vector<Step>& steps,
 
 bool OSCCompiledComponent::matchesCharacters(const std::vector<OSCCompiledComponent>& components,
                                              std::string_view address) {
+    // Deliberate, as uncompiled: no components, no match, not even for "/". (The byte-wise
+    // answer is false then too: no steps cannot reach the end of a non-empty path.)
+    if (components.empty()) return false;
     std::vector<std::uint32_t> storage;
     const auto parts = OSCAddressPattern::pathComponents(CharacterView::segment(address, storage));
     if (parts.size() != components.size()) return false;
