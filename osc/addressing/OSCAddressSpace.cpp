@@ -152,6 +152,11 @@ std::vector<const OSCAddressSpace::Node*> OSCAddressSpace::matchingMethods(
                 if (const Node* child = node->child(compiled.text())) next.push_back(child);
                 continue;
             }
+            if (compiled.isAnything()) {
+                // A lone "*" matches every name.
+                for (const auto& child : node->children_) next.push_back(child.get());
+                continue;
+            }
             for (const auto& child : node->children_) {
                 if (compiled.matches(child->name_)) next.push_back(child.get());
             }

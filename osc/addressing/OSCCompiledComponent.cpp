@@ -23,24 +23,34 @@ namespace {
 constexpr std::uint64_t ones = 0x0101010101010101ULL;
 constexpr std::uint64_t highBits = 0x8080808080808080ULL;
 
-[[gnu::always_inline]] inline std::uint64_t load(const char* at) {
-    std::uint64_t word;
+template <class Word>
+[[gnu::always_inline]] inline Word loadWord(const char* at) {
+    Word word;
     std::memcpy(&word, at, sizeof word);
     return word;
 }
 
-// Up to eight bytes from `at` (before `end`) in [first, end), the first in the low byte; what lies
-// beyond `end` is unspecified. Near the end of the buffer the last eight bytes are read and
-// shifted, so short texts need no byte loop.
+[[gnu::always_inline]] inline std::uint64_t load(const char* at) {
+    return loadWord<std::uint64_t>(at);
+}
+
+// Up to eight bytes from `at` (before `end`) in [first, end), the first in the low byte; what
+// lies beyond `end` is unspecified. Near the end of the buffer the last eight bytes are read and
+// shifted; in a buffer shorter than that, two overlapping smaller words are combined.
 [[gnu::always_inline]] inline std::uint64_t loadAt(const char* at, const char* first,
                                                    const char* end) {
-    if (end - at >= 8) return load(at);
-    if (end - first >= 8) return load(end - 8) >> (8 * (8 - (end - at)));
-    std::uint64_t word = 0;
-    for (int i = 0; at + i != end; ++i) {
-        word |= std::uint64_t{static_cast<unsigned char>(at[i])} << (8 * i);
+    const std::ptrdiff_t left = end - at;
+    if (left >= 8) return load(at);
+    if (end - first >= 8) return load(end - 8) >> (8 * (8 - left));
+    if (left >= 4) {
+        return loadWord<std::uint32_t>(at) | std::uint64_t{loadWord<std::uint32_t>(end - 4)}
+                                                 << (8 * (left - 4));
     }
-    return word;
+    if (left >= 2) {
+        return loadWord<std::uint16_t>(at) | std::uint64_t{loadWord<std::uint16_t>(end - 2)}
+                                                 << (8 * (left - 2));
+    }
+    return static_cast<unsigned char>(*at);
 }
 
 // The high bit of each byte of `word` equal to `byte`, and maybe of bytes above such a byte:
@@ -91,6 +101,11 @@ constexpr std::uint64_t highBits = 0x8080808080808080ULL;
         }
         const std::uint64_t word = load(begin + size - 8);  // may overlap the previous one
         flags |= word | (word - spaces);
+    } else if (size >= 4) {
+        constexpr std::uint32_t spaces32 = 0x20202020;
+        const std::uint32_t low = loadWord<std::uint32_t>(begin);
+        const std::uint32_t high = loadWord<std::uint32_t>(begin + size - 4);
+        flags = low | (low - spaces32) | high | (high - spaces32);
     } else {
         for (std::size_t i = 0; i < size; ++i) {
             const auto byte = static_cast<unsigned char>(begin[i]);
@@ -385,6 +400,9 @@ const char* OSCCompiledComponent::searchAt(const char* begin, const char* first,
 }
 
 bool OSCCompiledComponent::matches(std::string_view component) const {
+    // matchComponent's own short cuts: these need no characters.
+    if (shape_ == Shape::anything) return true;
+    if (shape_ == Shape::plainText) return component == text_;
     if (isOneBytePerCharacter(component)) return matchesBytes(component);
     return OSCAddressPattern::matchComponent(component, tokens_);
 }
