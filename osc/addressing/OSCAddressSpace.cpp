@@ -48,6 +48,13 @@ OSCAddressSpace::Node::Node(NodeType type, std::string name, std::shared_ptr<con
     : nodeType_(type), id_(MethodID::random()), name_(std::move(name)), block_(std::move(block)) {}
 
 OSCAddressSpace::Node* OSCAddressSpace::Node::child(std::string_view name) const {
+    // A few children are compared faster than a name is hashed.
+    if (children_.size() <= 4) {
+        for (const auto& each : children_) {
+            if (each->name_ == name) return each.get();
+        }
+        return nullptr;
+    }
     const auto found = childrenByName_.find(name);
     return found == childrenByName_.end() ? nullptr : found->second;
 }
@@ -146,6 +153,7 @@ std::vector<const OSCAddressSpace::Node*> OSCAddressSpace::matchingMethods(
         // Prepared once per level instead of once per child; the answers are matchComponent's.
         const OSCCompiledComponent compiled(std::move(component.tokens));
         next.clear();
+        if (compiled.isPlainText()) next.reserve(level.size());  // at most one child each
         for (const Node* node : level) {
             if (compiled.isPlainText()) {
                 // Plain text matches only its own name, and sibling names are unique.
@@ -183,6 +191,7 @@ std::vector<OSCAddressSpace::MethodID> OSCAddressSpace::dispatch(
     // The blocks are taken now, so a block may change the space (or a later call replace a
     // block) without disturbing this dispatch.
     std::vector<std::shared_ptr<const Block>> blocks;
+    blocks.reserve(methods.size());
     for (const Node* node : methods) {
         ids.push_back(node->id_);
         if (node->hasBlock()) blocks.push_back(node->block_);
