@@ -80,7 +80,7 @@ std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out, int depth) const {
         std::uint8_t* start = out + 4;
         std::uint8_t* end = nullptr;
         if (const auto* message = std::get_if<OSCMessage>(&element.base())) {
-            end = message->encodeInto(start);
+            end = message->writeMeasured(start);
         } else {
             end = std::get<OSCBundle>(element.base()).encodeInto(start, depth + 1);
         }

@@ -19,6 +19,17 @@ std::size_t chunkSize(std::size_t length) {
     return length + 4 - length % 4;
 }
 
+// The tags the values write: one each, an array its brackets and its elements' tags.
+std::size_t tagCount(const std::vector<OSCValue>& values) {
+    std::size_t count = values.size();
+    for (const auto& value : values) {
+        if (const auto* array = std::get_if<OSCArrayValue>(&value.base())) {
+            count += 1 + tagCount(array->elements);
+        }
+    }
+    return count;
+}
+
 }  // namespace
 
 OSCMessage::OSCMessage(OSCAddressPattern pattern, std::vector<OSCValue> values)
@@ -56,7 +67,12 @@ std::uint8_t* OSCMessage::write(const Layout& sizes, std::uint8_t* out) const {
     std::uint8_t* arguments = tags + sizes.tags;
     OSCValueEncoder writer(OSCSerialization::shared(), tags + 1, arguments);
     for (const auto& value : values) writer.serialization().encodeValue(value, writer);
-    return arguments + sizes.arguments;
+    return arguments + writer.argumentByteCount();
+}
+
+std::uint8_t* OSCMessage::writeMeasured(std::uint8_t* out) const {
+    return write(
+        {chunkSize(addressPattern.rawAddress().size()), chunkSize(1 + tagCount(values)), 0}, out);
 }
 
 OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes) {

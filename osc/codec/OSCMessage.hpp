@@ -63,6 +63,9 @@ struct OSCMessage {
     };
     Layout layout() const;
     std::uint8_t* write(const Layout& sizes, std::uint8_t* out) const;
+    // The writing pass alone, for a message whose encoding has already been measured (and so
+    // is known to succeed): the tag string's size follows from the values without a pass.
+    std::uint8_t* writeMeasured(std::uint8_t* out) const;
 
     // Decodes `bytes`, a part of the buffer `owner`, which the message keeps.
     static OSCMessage decode(std::span<const std::uint8_t> bytes,
