@@ -34,14 +34,9 @@ template <class Word>
     return loadWord<std::uint64_t>(at);
 }
 
-// Up to eight bytes from `at` (before `end`) in [first, end), the first in the low byte; what
-// lies beyond `end` is unspecified. Near the end of the buffer the last eight bytes are read and
-// shifted; in a buffer shorter than that, two overlapping smaller words are combined.
-[[gnu::always_inline]] inline std::uint64_t loadAt(const char* at, const char* first,
-                                                   const char* end) {
+// The bytes [at, end), fewer than eight, in a word: two overlapping smaller words combined.
+[[gnu::always_inline]] inline std::uint64_t loadShort(const char* at, const char* end) {
     const std::ptrdiff_t left = end - at;
-    if (left >= 8) return load(at);
-    if (end - first >= 8) return load(end - 8) >> (8 * (8 - left));
     if (left >= 4) {
         return loadWord<std::uint32_t>(at) | std::uint64_t{loadWord<std::uint32_t>(end - 4)}
                                                  << (8 * (left - 4));
@@ -51,6 +46,17 @@ template <class Word>
                                                  << (8 * (left - 2));
     }
     return static_cast<unsigned char>(*at);
+}
+
+// Up to eight bytes from `at` (before `end`) in [first, end), the first in the low byte; what
+// lies beyond `end` is unspecified. Near the end of the buffer the last eight bytes are read and
+// shifted, so short texts need no byte loop.
+[[gnu::always_inline]] inline std::uint64_t loadAt(const char* at, const char* first,
+                                                   const char* end) {
+    const std::ptrdiff_t left = end - at;
+    if (left >= 8) return load(at);
+    if (end - first >= 8) return load(end - 8) >> (8 * (8 - left));
+    return loadShort(at, end);
 }
 
 // The high bit of each byte of `word` equal to `byte`, and maybe of bytes above such a byte:

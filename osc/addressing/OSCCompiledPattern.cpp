@@ -28,9 +28,8 @@ OSCCompiledPattern::OSCCompiledPattern(OSCAddressPattern pattern) : pattern_(std
     literalPath_ = std::move(joined);
 }
 
-bool OSCCompiledPattern::matches(std::string_view address) const {
-    if (literalPath_) return strippedPath(address) == *literalPath_;
-    return OSCCompiledComponent::matchesAddress(steps_, components_, address);
+bool OSCCompiledPattern::matchesLiteralPath(std::string_view address) const {
+    return strippedPath(address) == *literalPath_;
 }
 
 }  // namespace kavrin

@@ -19,9 +19,15 @@ class OSCCompiledPattern {
     explicit OSCCompiledPattern(OSCAddressPattern pattern);
 
     const OSCAddressPattern& pattern() const { return pattern_; }
-    bool matches(std::string_view address) const;
+    bool matches(std::string_view address) const {
+        // Inline: for short addresses the call would cost as much as the literal comparison.
+        if (literalPath_) return matchesLiteralPath(address);
+        return OSCCompiledComponent::matchesAddress(steps_, components_, address);
+    }
 
   private:
+    bool matchesLiteralPath(std::string_view address) const;
+
     OSCAddressPattern pattern_;
     std::vector<OSCCompiledComponent> components_;
     // The components' steps joined for matching ASCII addresses in one pass.
