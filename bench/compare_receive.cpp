@@ -1,6 +1,6 @@
 // Loopback receive: Kavrin's OSCServer against liblo's server thread, oscpack's listening socket
-// and a bare blocking recvfrom loop (the ceiling). Sender and receiver are separate processes
-// pinned to different cores; every receiver runs all its threads on its one core.
+// and bare blocking recvfrom and recvmmsg loops (the ceilings). Sender and receiver are separate
+// processes pinned to different cores; every receiver runs all its threads on its one core.
 //
 // Drain mode measures the receiver alone: the receiver binds and reports ready, is stopped
 // (SIGSTOP), the sender fills its socket buffer with the whole run, the receiver is continued
@@ -14,7 +14,7 @@
 // A plain program: the figures are rates and losses, not per-iteration times.
 //
 // usage: compare_receive [--runs N] [--paced-runs N] [--count N] [--rates R,R,...]
-//                        [--seconds S] [--receivers kavrin,liblo,oscpack,recvfrom]
+//                        [--seconds S] [--receivers kavrin,liblo,oscpack,recvfrom,recvmmsg]
 //                        [--paced-cores awake,idle] [--json FILE]
 // (internal roles: compare_receive receive KIND BUFFER EXPECTED CPU
 //                  compare_receive send PORT COUNT RATE CPU)
@@ -259,9 +259,11 @@ class OscpackReceiver final : public Receiver, private osc::OscPacketListener {
     std::thread thread;
 };
 
+// A bare blocking loop, one datagram per recvfrom call, or (batched) up to 16 per recvmmsg call:
+// the two ceilings, for a receiver that reads one at a time and for one that reads in batches.
 class RecvfromReceiver final : public Receiver {
   public:
-    explicit RecvfromReceiver(Counter& counter) : fd(::socket(AF_INET, SOCK_DGRAM, 0)) {
+    RecvfromReceiver(Counter& counter, bool batched) : fd(::socket(AF_INET, SOCK_DGRAM, 0)) {
         if (fd < 0) failErrno("socket");
         sockaddr_in address = loopback(0);
         socklen_t length = sizeof address;
@@ -270,7 +272,8 @@ class RecvfromReceiver final : public Receiver {
             failErrno("bind");
         }
         port_ = ntohs(address.sin_port);
-        thread = std::thread([this, &counter] {
+        thread = std::thread([this, &counter, batched] {
+            if (batched) return receiveBatches(counter);
             std::vector<std::uint8_t> buffer(65536);
             sockaddr_storage from{};
             for (;;) {
@@ -291,6 +294,29 @@ class RecvfromReceiver final : public Receiver {
     std::uint16_t port() const override { return port_; }
 
   private:
+    void receiveBatches(Counter& counter) {
+        constexpr unsigned kSlots = 16;
+        constexpr std::size_t kSlotSize = 2048;  // ample for the one datagram size sent here
+        std::vector<std::uint8_t> buffer(kSlots * kSlotSize);
+        mmsghdr messages[kSlots];
+        iovec slots[kSlots];
+        sockaddr_storage from[kSlots];
+        for (;;) {
+            for (unsigned i = 0; i < kSlots; ++i) {
+                slots[i] = {buffer.data() + i * kSlotSize, kSlotSize};
+                messages[i] = {};
+                messages[i].msg_hdr.msg_name = &from[i];
+                messages[i].msg_hdr.msg_namelen = sizeof from[i];
+                messages[i].msg_hdr.msg_iov = &slots[i];
+                messages[i].msg_hdr.msg_iovlen = 1;
+            }
+            // Blocks for the first datagram, then takes what else is waiting.
+            const int count = ::recvmmsg(fd, messages, kSlots, MSG_WAITFORONE, nullptr);
+            if (count <= 0 || messages[0].msg_len == 0) return;  // woken by shutdown
+            for (int i = 0; i < count; ++i) counter.hit();
+        }
+    }
+
     int fd;
     std::uint16_t port_ = 0;
     std::thread thread;
@@ -301,7 +327,8 @@ std::unique_ptr<Receiver> makeReceiver(const std::string& kind, Counter& counter
     if (kind == "kavrin") return std::make_unique<KavrinReceiver>(counter, buffer);
     if (kind == "liblo") return std::make_unique<LibloReceiver>(counter);
     if (kind == "oscpack") return std::make_unique<OscpackReceiver>(counter);
-    if (kind == "recvfrom") return std::make_unique<RecvfromReceiver>(counter);
+    if (kind == "recvfrom") return std::make_unique<RecvfromReceiver>(counter, false);
+    if (kind == "recvmmsg") return std::make_unique<RecvfromReceiver>(counter, true);
     fail("unknown receiver " + kind);
 }
 
@@ -584,7 +611,7 @@ struct Options {
     long count = 200000;
     std::vector<double> rates{100000, 150000, 200000, 300000};
     double seconds = 1.0;
-    std::vector<std::string> receivers{"kavrin", "liblo", "oscpack", "recvfrom"};
+    std::vector<std::string> receivers{"kavrin", "liblo", "oscpack", "recvfrom", "recvmmsg"};
     std::vector<std::string> cores{"awake", "idle"};
     std::string json;
 };

@@ -113,26 +113,30 @@ void OSCServer::handle(OSCPacket&& packet, const OSCTimeTag& timeTag, const Sock
 }
 
 // Deliveries are gathered while the receive queue works through the datagrams the socket read
-// in one go, and handed to the dispatch queue as one block after them: a hop per message would
-// cost more than decoding it. The order of deliveries is unchanged.
+// in one go, and handed to the dispatch queue in blocks of up to 64 (a hop per message would
+// cost more than decoding it), the rest right after that work. The order is unchanged.
 void OSCServer::deliverNow(Delivery&& delivery) {
+    constexpr std::size_t kBlock = 64;
     if (undelivered.empty()) {
         receiveQueue->async([self = shared_from_this()] { self->flushDeliveries(); });
+        undelivered.reserve(kBlock);
     }
     undelivered.push_back(std::move(delivery));
+    if (undelivered.size() == kBlock) flushDeliveries();
 }
 
 // Holds the server strongly: a delivery already decided runs even if the owner lets go.
 void OSCServer::flushDeliveries() {
     if (undelivered.empty()) return;
-    dispatchQueue->async([self = shared_from_this(), batch = std::move(undelivered)] {
+    auto batch = std::move(undelivered);
+    undelivered = {};
+    dispatchQueue->async([self = shared_from_this(), batch = std::move(batch)] {
         for (const auto& delivery : batch) {
             if (auto current = self->currentHandler()) {
                 (*current)(delivery.message, delivery.timeTag, delivery.sender);
             }
         }
     });
-    undelivered.clear();
 }
 
 // Holds the server weakly, deliberately unlike deliverNow: a scheduled delivery must not keep a

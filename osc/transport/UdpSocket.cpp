@@ -1475,9 +1475,9 @@ void UdpSocket::setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQ
     });
 }
 
-// Reads until the descriptors are drained or a batch is full. The datagrams of one turn go to
-// the delegate queue as one block: a hop per datagram would cost more than reading it. A full
-// batch yields the socket queue to other work; the read sources, resumed, bring us back.
+// Reads until the descriptors are drained or a batch is full. The datagrams read go to the
+// delegate queue in blocks of about 64: a hop per datagram would cost more than reading it. A
+// full batch yields the socket queue to other work; the read sources, resumed, bring us back.
 void UdpSocket::doReceive() {
     constexpr int kBatch = 64;
     for (int read = 0;; ++read) {
@@ -1509,6 +1509,10 @@ void UdpSocket::doReceive() {
         const bool batched = (flags_ & kReceiveContinuous) && !receiveFilter_;
         if (!(batched ? receiveMany(useIPv4) : receiveOne(useIPv4))) {
             break;
+        }
+        // A long turn reports as it goes, so the first datagrams of a flood wait little.
+        if (undelivered_.size() >= 64) {
+            flushDeliveries();
         }
     }
     flushDeliveries();
@@ -1658,7 +1662,8 @@ void UdpSocket::flushDeliveries() {
         return;
     }
     auto batch = std::move(undelivered_);
-    undelivered_.clear();
+    undelivered_ = {};
+    undelivered_.reserve(batch.size());  // the next block is likely as large: grow once
     auto delegate = delegate_.lock();
     auto self = weak_from_this().lock();
     if (!delegate || !delegateQueue_ || !self) {
