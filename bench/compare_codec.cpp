@@ -389,6 +389,15 @@ struct Case {
     Bytes bytes;  // ours, decoded by everyone
 };
 
+std::function<Bytes()> loSerialiser(lo_message message, const char* address) {
+    return [message, address] {
+        Bytes out(lo_message_length(message, address));
+        std::size_t size = out.size();
+        lo_message_serialise(message, address, out.data(), &size);
+        return out;
+    };
+}
+
 std::vector<Case>& cases() {
     static std::vector<Case> all = [] {
         std::vector<Case> list;
@@ -397,22 +406,12 @@ std::vector<Case>& cases() {
         lo_bundle bundle = loBundle3();
         list.push_back({"Typical",
                         typicalMessage(),
-                        [typical] {
-                            Bytes out(lo_message_length(typical, typicalAddress));
-                            std::size_t size = out.size();
-                            lo_message_serialise(typical, typicalAddress, out.data(), &size);
-                            return out;
-                        },
+                        loSerialiser(typical, typicalAddress),
                         oscpackTypical,
                         {}});
         list.push_back({"TenArgs",
                         tenArgsMessage(),
-                        [tenArgs] {
-                            Bytes out(lo_message_length(tenArgs, tenArgsAddress));
-                            std::size_t size = out.size();
-                            lo_message_serialise(tenArgs, tenArgsAddress, out.data(), &size);
-                            return out;
-                        },
+                        loSerialiser(tenArgs, tenArgsAddress),
                         oscpackTenArgs,
                         {}});
         list.push_back({"Bundle3",
