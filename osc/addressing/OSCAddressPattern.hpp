@@ -115,6 +115,11 @@ class OSCAddressPattern {
     friend bool operator==(const OSCAddressPattern&, const OSCAddressPattern&) = default;
 
   private:
+    friend struct OSCMessage;
+    struct ASCII {};
+    // For text already known to be ASCII (a decoded address): no second look at each byte.
+    OSCAddressPattern(std::string_view text, ASCII) : rawAddress_(text) {}
+
     std::string rawAddress_;
 };
 

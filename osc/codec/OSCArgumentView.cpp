@@ -1,6 +1,8 @@
 #include "osc/codec/OSCArgumentView.hpp"
 
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "osc/codec/OSCError.hpp"
 
@@ -66,46 +68,81 @@ OSCArgumentView::Range OSCArgumentView::elements() const {
     const std::uint8_t* data = data_;
     skipArray(close, data);
     --close;  // back onto the "]"
-    return {Iterator(tag_ + 1, close, data_), Iterator(close, close, data)};
+    return {Iterator(tag_ + 1, data_), Iterator(close, data)};
 }
 
-OSCValue OSCArgumentView::value() const {
-    switch (*tag_) {
+namespace {
+
+// Makes the argument's value with make(std::in_place_type<Kind>, constructor arguments...),
+// which puts it where it belongs and returns it; an array is then filled in place.
+template <class Make>
+void makeValue(const OSCArgumentView& argument, Make&& make) {
+    switch (argument.tag()) {
         case 'b': {
-            const auto bytes = blob();
-            return OSCBlob(bytes.begin(), bytes.end());
+            const auto bytes = argument.blob();
+            make(std::in_place_type<OSCBlob>, bytes.begin(), bytes.end());
+            return;
         }
         case 'f':
-            return float32();
+            make(std::in_place_type<float>, argument.float32());
+            return;
         case 'i':
-            return int32();
+            make(std::in_place_type<std::int32_t>, argument.int32());
+            return;
         case 's':
-            return std::string(string());
+            make(std::in_place_type<std::string>, argument.string());
+            return;
         case 'T':
         case 'F':
-            return boolean();
+            make(std::in_place_type<bool>, argument.boolean());
+            return;
         case 'c':
-            return character();
+            make(std::in_place_type<char32_t>, argument.character());
+            return;
         case 'd':
-            return float64();
+            make(std::in_place_type<double>, argument.float64());
+            return;
         case 'h':
-            return int64();
+            make(std::in_place_type<std::int64_t>, argument.int64());
+            return;
         case '[': {
-            OSCArrayValue array;
-            for (const auto element : elements()) array.elements.push_back(element.value());
-            return array;
+            auto& array = std::get<OSCArrayValue>(make(std::in_place_type<OSCArrayValue>));
+            for (const auto element : argument.elements()) element.appendTo(array.elements);
+            return;
         }
         case 'I':
-            return OSCImpulseValue{};
+            make(std::in_place_type<OSCImpulseValue>);
+            return;
         case 'm':
-            return midi();
+            make(std::in_place_type<OSCMIDIValue>, argument.midi());
+            return;
         case 'N':
-            return OSCNullValue{};
+            make(std::in_place_type<OSCNullValue>);
+            return;
         case 'S':
-            return OSCStringAltValue{std::string(string())};
-        default:
-            return timeTag();
+            make(std::in_place_type<OSCStringAltValue>,
+                 OSCStringAltValue{std::string(argument.string())});
+            return;
+        default:  // 't', the last tag a checked message may hold
+            make(std::in_place_type<OSCTimeTag>, argument.timeTag());
     }
+}
+
+}  // namespace
+
+OSCValue OSCArgumentView::value() const {
+    std::optional<OSCValue> value;
+    makeValue(*this, [&](auto kind, auto&&... arguments) -> OSCValue& {
+        return value.emplace(kind, std::forward<decltype(arguments)>(arguments)...);
+    });
+    return std::move(*value);
+}
+
+// In place in the vector: decoding a message makes one value per argument.
+void OSCArgumentView::appendTo(std::vector<OSCValue>& values) const {
+    makeValue(*this, [&](auto kind, auto&&... arguments) -> OSCValue& {
+        return values.emplace_back(kind, std::forward<decltype(arguments)>(arguments)...);
+    });
 }
 
 }  // namespace kavrin

@@ -7,8 +7,10 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "osc/codec/BigEndian.hpp"
+#include "osc/codec/OSCArgumentWidths.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/codec/OSCValue.hpp"
 
@@ -76,6 +78,8 @@ class OSCArgumentView {
 
     // The argument as an owned value, as OSCMessage::decode gives it.
     OSCValue value() const;
+    // The same value made in place at the end of `values`, without a move.
+    void appendTo(std::vector<OSCValue>& values) const;
 
   private:
     friend class OSCMessageView;
@@ -90,26 +94,13 @@ class OSCArgumentView {
     // The argument bytes of a value with an atomic or variable tag (arrays are walked tag by
     // tag). The bytes have been checked, so string and blob lengths can be trusted.
     static std::size_t byteCount(char tag, const std::uint8_t* data) {
-        switch (tag) {
-            case 'i':
-            case 'f':
-            case 'c':
-            case 'm':
-                return 4;
-            case 'h':
-            case 'd':
-            case 't':
-                return 8;
-            case 's':
-            case 'S':
-                return chunkSize(data);
-            case 'b': {
-                const std::size_t length = bigEndian::load32(data);
-                return 4 + length + (4 - length % 4) % 4;
-            }
-            default:  // T, F, I, N carry no bytes
-                return 0;
+        const auto width = wireFormat::argumentWidths[static_cast<std::uint8_t>(tag)];
+        if (width != wireFormat::variableWidth) return width;
+        if (tag == 'b') {
+            const std::size_t length = bigEndian::load32(data);
+            return 4 + length + (4 - length % 4) % 4;
         }
+        return chunkSize(data);  // s, S
     }
     // The size of the checked null-terminated chunk at `data`, which starts on a word: its last
     // word is the first whose last byte is zero (an earlier word holds no zero at all).
@@ -164,18 +155,15 @@ class OSCArgumentView::Iterator {
   private:
     friend class OSCArgumentView;
     friend class OSCMessageView;
-    Iterator(const char* tag, const char* end, const std::uint8_t* data)
-        : tag_(tag), end_(end), data_(data) {
-        skipCommas();
-    }
-    // Only a message's own tag string has commas; an array's elements never do (they are
-    // refused when the message is checked).
+    Iterator(const char* tag, const std::uint8_t* data) : tag_(tag), data_(data) { skipCommas(); }
+    // Only a message's own tag string has commas, and the zero that ends it in the datagram
+    // stops the walk; an array's elements never have any (they are refused when the message is
+    // checked), and its "]" stops it.
     void skipCommas() {
-        while (tag_ != end_ && *tag_ == ',') ++tag_;
+        while (*tag_ == ',') ++tag_;
     }
 
     const char* tag_ = nullptr;
-    const char* end_ = nullptr;
     const std::uint8_t* data_ = nullptr;
 };
 

@@ -91,7 +91,9 @@ std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out, int depth) const {
 }
 
 OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes) {
-    return decode(bytes, rawBytes::shareCopy(bytes), 1);
+    auto copy = rawBytes::shareCopy(bytes);
+    const std::span<const std::uint8_t> kept(copy.get(), bytes.size());
+    return decode(kept, std::move(copy), 1);
 }
 
 OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes,

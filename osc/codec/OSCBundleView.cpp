@@ -42,9 +42,11 @@ OSCBundle OSCBundleView::bundle() const {
 OSCPacketView OSCBundleView::Iterator::operator*() const {
     const std::span<const std::uint8_t> element(at_ + 4, bigEndian::load32(at_));
     if (rawBytes::startsWithBundleHeader(element)) {
-        return OSCPacketView(OSCBundleView(element, Checked{}));
+        return OSCPacketView(OSCPacketView::Key(), std::in_place_type<OSCBundleView>, element,
+                             Checked());
     }
-    return OSCPacketView(OSCMessageView(element, OSCMessageView::Checked{}));
+    return OSCPacketView(OSCPacketView::Key(), std::in_place_type<OSCMessageView>, element,
+                         OSCMessageView::Checked());
 }
 
 OSCBundleView::Iterator& OSCBundleView::Iterator::operator++() {

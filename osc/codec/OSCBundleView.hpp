@@ -33,11 +33,17 @@ class OSCBundleView {
     // The owned bundle, equal to OSCBundle::decode(bytes()).
     OSCBundle bundle() const;
 
+    // For bytes already checked as part of an enclosing bundle; the key is this class's own,
+    // the constructor public so that a view can be made in place.
+    class Checked {
+        friend class OSCBundleView;
+        explicit Checked() = default;
+    };
+    OSCBundleView(std::span<const std::uint8_t> bytes, Checked);
+
   private:
     friend class OSCPacketView;
-    struct Checked {};
     OSCBundleView(std::span<const std::uint8_t> bytes, int depth);
-    OSCBundleView(std::span<const std::uint8_t> bytes, Checked);
 
     std::span<const std::uint8_t> bytes_;
     std::size_t count_ = 0;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCMessageView.hpp"
 #include "osc/codec/OSCRawBytes.hpp"
 #include "osc/codec/OSCSerialization.hpp"
 #include "osc/codec/OSCWireFormat.hpp"
@@ -76,29 +77,20 @@ std::uint8_t* OSCMessage::writeMeasured(std::uint8_t* out) const {
 }
 
 OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes) {
-    return decode(bytes, rawBytes::shareCopy(bytes));
+    auto copy = rawBytes::shareCopy(bytes);
+    const std::span<const std::uint8_t> kept(copy.get(), bytes.size());
+    return decode(kept, std::move(copy));
 }
 
 OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes,
                               std::shared_ptr<const std::uint8_t[]> owner) {
-    PassiveDataReader reader(bytes);
-    const auto header = wireFormat::readMessageHeader(reader);
+    // The view makes every check of the format, in its order and with its texts, and finds the
+    // arguments; what is left is to copy them out.
+    const OSCMessageView view(bytes);
     OSCMessage message;
-    message.addressPattern = OSCAddressPattern(header.address);
-    const auto tags = header.tags;
-
-    const auto& serialization = OSCSerialization::shared();
-    OSCValueDecoder decoder{reader, serialization};
-    message.values.reserve(tags.size());
-    std::size_t index = 0;
-    while (index < tags.size()) {
-        // Deliberately lenient: a comma (leading or not) is skipped wherever it stands.
-        if (tags[index] == ',' || tags[index] == 0) {
-            ++index;
-            continue;
-        }
-        serialization.decodeValue(tags, index, decoder, message.values);
-    }
+    message.addressPattern = OSCAddressPattern(view.address(), OSCAddressPattern::ASCII{});
+    message.values.reserve(view.argumentCount());
+    for (const auto argument : view) argument.appendTo(message.values);
     // Whatever follows the last argument is ignored.
     message.rawOwner_ = std::move(owner);
     message.rawData_ = bytes;

@@ -3,7 +3,10 @@
 #include <stdexcept>
 #include <string>
 
+#include "osc/codec/OSCArgumentWidths.hpp"
+#include "osc/codec/OSCRawBytes.hpp"
 #include "osc/codec/OSCWireFormat.hpp"
+#include "osc/codec/ZeroByteScan.hpp"
 
 namespace kavrin {
 
@@ -71,66 +74,104 @@ void checkArray(std::string_view tags, std::size_t& index, PassiveDataReader& re
 }  // namespace
 
 OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(bytes) {
-    PassiveDataReader reader(bytes);
-    const auto header = wireFormat::readMessageHeader(reader);
-    address_ = header.address;
-    tags_ = header.tags;
-    arguments_ = bytes.data() + reader.readOffset();
+    const auto* const begin = bytes.data();
+    const auto* const end = begin + bytes.size();
+    // The header's usual case here; any fault goes through the reader, which knows the texts.
+    zeroByteScan::Chunk address, tags;
+    if (bytes.size() % 4 == 0 && rawBytes::startsWithMessageHeader(bytes)) {
+        address = zeroByteScan::asciiChunk(begin, end - begin);
+        if (address.length > 0)
+            tags = zeroByteScan::asciiChunk(begin + address.length, end - begin - address.length);
+    }
+    if (tags.length > 0) {
+        address_ = {reinterpret_cast<const char*>(begin),
+                    static_cast<std::size_t>(address.textLength)};
+        tags_ = {reinterpret_cast<const char*>(begin + address.length),
+                 static_cast<std::size_t>(tags.textLength)};
+        arguments_ = begin + address.length + tags.length;
+    } else {
+        PassiveDataReader reader(bytes);
+        const auto header = wireFormat::readMessageHeader(reader);
+        address_ = header.address;
+        tags_ = header.tags;
+        arguments_ = begin + reader.readOffset();
+    }
     // Locals rather than members in the loop, so that they stay in registers.
-    const auto tags = tags_;
+    const auto tagString = tags_;
+    const char* tag = tagString.data();
+    const char* const tagsEnd = tag + tagString.size();
+    const auto* at = arguments_;
     std::size_t count = 0;
     int arrayDepth = 0;
-    for (std::size_t index = 0; index < tags.size();) {
-        // Deliberately lenient, as OSCMessage::decode: commas are skipped wherever they stand.
-        if (tags[index] == ',') {
-            ++index;
+    while (tag != tagsEnd) {
+        // Fixed widths and well-formed strings are checked here; everything else, and every
+        // fault, goes through the reader, which knows the texts.
+        const auto width = wireFormat::checkedWidths[static_cast<std::uint8_t>(*tag)];
+        if (width != wireFormat::variableWidth && end - at >= width) {
+            at += width;
+            ++tag;
+            ++count;
             continue;
         }
-        if (tags[index] == '[') {
-            checkArray(tags, index, reader, arrayDepth);
-        } else {
-            checkAtomic(tags[index++], reader);
+        // Deliberately lenient, as OSCMessage::decode: commas are skipped wherever they stand.
+        if (*tag == ',') {
+            ++tag;
+            continue;
         }
+        if (*tag == 's' || *tag == 'S') {
+            if (const auto length = zeroByteScan::asciiChunk(at, end - at).length; length > 0) {
+                at += length;
+                ++tag;
+                ++count;
+                continue;
+            }
+        }
+        PassiveDataReader reader({at, end});
+        auto index = static_cast<std::size_t>(tag - tagString.data());
+        if (*tag == '[') {
+            checkArray(tagString, index, reader, arrayDepth);
+        } else {
+            checkAtomic(tagString[index++], reader);
+        }
+        tag = tagString.data() + index;
+        at += reader.readOffset();
         ++count;
     }
     count_ = count;
 }
 
 OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, Checked) : bytes_(bytes) {
+    const auto* const end = bytes.data() + bytes.size();
     const auto* address = bytes.data();
-    const auto addressSize = OSCArgumentView::chunkSize(address);
-    address_ = {reinterpret_cast<const char*>(address),
-                OSCArgumentView::textLength(address, addressSize)};
-    const auto* tags = address + addressSize;
-    const auto tagsSize = OSCArgumentView::chunkSize(tags);
-    tags_ = {reinterpret_cast<const char*>(tags), OSCArgumentView::textLength(tags, tagsSize)};
-    arguments_ = tags + tagsSize;
+    const auto addressLength = zeroByteScan::scan(address, end - address).zero;
+    address_ = {reinterpret_cast<const char*>(address), static_cast<std::size_t>(addressLength)};
+    const auto* tags = address + zeroByteScan::chunkLength(addressLength);
+    const auto tagsLength = zeroByteScan::scan(tags, end - tags).zero;
+    tags_ = {reinterpret_cast<const char*>(tags), static_cast<std::size_t>(tagsLength)};
+    arguments_ = tags + zeroByteScan::chunkLength(tagsLength);
+}
+
+std::size_t OSCMessageView::argumentCount() const {
+    if (count_ != countUnknown) return count_;
+    // A view made inside a bundle counts only when asked: most readers just walk.
+    std::size_t count = 0;
     int depth = 0;
     for (const char tag : tags_) {
         if (tag == '[') {
-            if (depth++ == 0) ++count_;
+            if (depth++ == 0) ++count;
         } else if (tag == ']') {
             --depth;
         } else if (tag != ',' && depth == 0) {
-            ++count_;
+            ++count;
         }
     }
-}
-
-OSCArgumentView::Iterator OSCMessageView::begin() const {
-    return {tags_.data(), tags_.data() + tags_.size(), arguments_};
-}
-
-// Only the tag position takes part in comparisons, so the end needs no argument position.
-OSCArgumentView::Iterator OSCMessageView::end() const {
-    const char* end = tags_.data() + tags_.size();
-    return {end, end, nullptr};
+    return count;
 }
 
 OSCArgumentView OSCMessageView::argument(std::size_t index) const {
-    if (index >= count_) {
+    if (const auto count = argumentCount(); index >= count) {
         throw std::out_of_range("OSC argument index " + std::to_string(index) +
-                                " is beyond the message's " + std::to_string(count_) +
+                                " is beyond the message's " + std::to_string(count) +
                                 " arguments.");
     }
     auto it = begin();

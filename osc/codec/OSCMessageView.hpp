@@ -31,10 +31,11 @@ class OSCMessageView {
     // The tag string as on the wire, commas included.
     std::string_view typeTags() const { return tags_; }
     // The top-level arguments; an array counts as one.
-    std::size_t argumentCount() const { return count_; }
+    std::size_t argumentCount() const;
 
-    OSCArgumentView::Iterator begin() const;
-    OSCArgumentView::Iterator end() const;
+    OSCArgumentView::Iterator begin() const { return {tags_.data(), arguments_}; }
+    // Only the tag position takes part in comparisons, so the end needs no argument position.
+    OSCArgumentView::Iterator end() const { return {tags_.data() + tags_.size(), nullptr}; }
     OSCArgumentView::Range arguments() const { return {begin(), end()}; }
     // Throws std::out_of_range when index >= argumentCount().
     OSCArgumentView argument(std::size_t index) const;
@@ -43,17 +44,21 @@ class OSCMessageView {
     // The owned message, equal to OSCMessage::decode(bytes()).
     OSCMessage message() const;
 
-  private:
-    friend class OSCBundleView;
-    struct Checked {};
-    // For bytes already checked as part of a bundle: only finds the parts.
+    // For bytes already checked as part of a bundle: only finds the parts. Only OSCBundleView
+    // can make the key; the constructor is public so that a view can be made in place.
+    class Checked {
+        friend class OSCBundleView;
+        explicit Checked() = default;
+    };
     OSCMessageView(std::span<const std::uint8_t> bytes, Checked);
 
+  private:
     std::span<const std::uint8_t> bytes_;
     std::string_view address_;
     std::string_view tags_;
     const std::uint8_t* arguments_ = nullptr;
-    std::size_t count_ = 0;
+    static constexpr std::size_t countUnknown = -1;
+    std::size_t count_ = countUnknown;
 };
 
 }  // namespace kavrin

@@ -1,24 +1,22 @@
 #include "osc/codec/OSCPacketView.hpp"
 
 #include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCRawBytes.hpp"
 
 namespace kavrin {
 
 std::optional<OSCPacketView> OSCPacketView::decode(std::span<const std::uint8_t> bytes) {
-    const auto type = classifyPacket(bytes);
-    if (!type) return std::nullopt;
-    if (*type == OSCObjectType::bundle) return OSCPacketView(OSCBundleView(bytes));
-    return OSCPacketView(OSCMessageView(bytes));
+    std::optional<OSCPacketView> packet;
+    if (rawBytes::startsWithBundleHeader(bytes)) {
+        packet.emplace(Key(), std::in_place_type<OSCBundleView>, bytes);
+    } else if (rawBytes::startsWithMessageHeader(bytes)) {
+        packet.emplace(Key(), std::in_place_type<OSCMessageView>, bytes);
+    }
+    return packet;
 }
 
-const OSCMessageView& OSCPacketView::message() const {
-    if (const auto* message = std::get_if<OSCMessageView>(&view_)) return *message;
-    throw OSCDecodeError(OSCDecodeError::Case::unexpectedType, "The OSC packet is a bundle.");
-}
-
-const OSCBundleView& OSCPacketView::bundle() const {
-    if (const auto* bundle = std::get_if<OSCBundleView>(&view_)) return *bundle;
-    throw OSCDecodeError(OSCDecodeError::Case::unexpectedType, "The OSC packet is a message.");
+void OSCPacketView::wrongKind(const char* text) {
+    throw OSCDecodeError(OSCDecodeError::Case::unexpectedType, text);
 }
 
 std::span<const std::uint8_t> OSCPacketView::bytes() const {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <utility>
 #include <variant>
 
 #include "osc/codec/OSCBundleView.hpp"
@@ -22,17 +23,34 @@ class OSCPacketView {
     bool isMessage() const { return view_.index() == 0; }
     bool isBundle() const { return view_.index() == 1; }
     // Throw OSCDecodeError(unexpectedType) when the packet is the other kind.
-    const OSCMessageView& message() const;
-    const OSCBundleView& bundle() const;
+    const OSCMessageView& message() const {
+        if (const auto* message = std::get_if<OSCMessageView>(&view_)) [[likely]]
+            return *message;
+        wrongKind("The OSC packet is a bundle.");
+    }
+    const OSCBundleView& bundle() const {
+        if (const auto* bundle = std::get_if<OSCBundleView>(&view_)) [[likely]]
+            return *bundle;
+        wrongKind("The OSC packet is a message.");
+    }
 
     std::span<const std::uint8_t> bytes() const;
     // The owned packet, equal to OSCPacket::decode(bytes()).
     OSCPacket packet() const;
 
+    // For std::optional::emplace, which makes the view in place, without a copy; only this
+    // class and OSCBundleView can make the key.
+    class Key {
+        friend class OSCPacketView;
+        friend class OSCBundleView;
+        explicit Key() = default;
+    };
+    template <class View, class... Arguments>
+    OSCPacketView(Key, std::in_place_type_t<View> type, Arguments&&... arguments)
+        : view_(type, std::forward<Arguments>(arguments)...) {}
+
   private:
-    friend class OSCBundleView;
-    explicit OSCPacketView(OSCMessageView message) : view_(message) {}
-    explicit OSCPacketView(OSCBundleView bundle) : view_(bundle) {}
+    [[noreturn]] static void wrongKind(const char* text);
 
     std::variant<OSCMessageView, OSCBundleView> view_;
 };

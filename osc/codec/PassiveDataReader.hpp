@@ -11,6 +11,7 @@
 
 #include "osc/codec/BigEndian.hpp"
 #include "osc/codec/OSCError.hpp"
+#include "osc/codec/ZeroByteScan.hpp"
 
 namespace kavrin {
 
@@ -108,37 +109,13 @@ class PassiveDataReader {
         std::int64_t size;  // content, terminator and padding
         bool isASCII;
     };
-    // Finds the terminator and looks at every content byte in one pass, eight bytes at a time:
-    // most chunks are short addresses and strings, where library searches cost more than they
-    // save.
+    // Finds the terminator and looks at every content byte in one pass.
     Chunk readChunk() {
         const auto remaining = remainingByteCount();
         if (remaining < 4) fail(chunkTooShort);
         const auto* begin = data_.data() + offset_;
-        std::uint64_t bits = 0;  // every content byte ORed in
-        std::int64_t contentLength = -1;
-        std::int64_t at = 0;
-        for (; at + 8 <= remaining; at += 8) {
-            std::uint64_t word;
-            std::memcpy(&word, begin + at, 8);
-            // Nonzero exactly when the word holds a zero byte; on a little-endian machine its
-            // lowest set bit marks the first one.
-            const auto zeros = (word - 0x0101010101010101ULL) & ~word & 0x8080808080808080ULL;
-            if (zeros == 0) {
-                bits |= word;
-                continue;
-            }
-            if constexpr (std::endian::native == std::endian::little) {
-                const auto zero = std::countr_zero(zeros) / 8;
-                bits |= word & ((std::uint64_t{1} << (8 * zero)) - 1);
-                contentLength = at + zero;
-            }
-            break;
-        }
-        for (; contentLength < 0 && at < remaining; ++at) {
-            if (begin[at] == 0) contentLength = at;
-            bits |= begin[at];
-        }
+        const auto found = zeroByteScan::scan(begin, remaining);
+        const auto contentLength = found.zero;
         if (contentLength < 0) fail(chunkNotTerminated);
         // Always at least one terminating zero: content of 4 bytes takes 8.
         const std::int64_t chunkLength = contentLength + (4 - contentLength % 4);
@@ -150,7 +127,7 @@ class PassiveDataReader {
         offset_ += chunkLength;
         return {{begin, static_cast<std::size_t>(contentLength)},
                 chunkLength,
-                (bits & 0x8080808080808080ULL) == 0};
+                !found.highBitBeforeZero};
     }
 
     std::uint32_t load32(const char* shortMessage) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <string>
@@ -52,6 +53,14 @@ TEST(OSCBundleEncoding, KnownBundlesEncodeByteExact) {
     EXPECT_EQ(Bytes(message.decodedFrom()->begin(), message.decodedFrom()->end()),
               Bytes(encoded.begin() + 20, encoded.begin() + 32));
     EXPECT_EQ(decoded.decodedFrom()->size(), encoded.size());
+    // Those views are into the bundle's own copy, not into the caller's buffer.
+    Bytes scratch = encoded;
+    const auto kept = OSCBundle::decode(scratch);
+    std::fill(scratch.begin(), scratch.end(), 0);
+    const auto& keptMessage = std::get<OSCMessage>(kept.elements[0].base());
+    EXPECT_EQ(Bytes(keptMessage.decodedFrom()->begin(), keptMessage.decodedFrom()->end()),
+              Bytes(encoded.begin() + 20, encoded.begin() + 32));
+    EXPECT_EQ(Bytes(kept.decodedFrom()->begin(), kept.decodedFrom()->end()), encoded);
 }
 
 TEST(OSCBundleDecoding, NestedBundlesDecodeToEveryLevel) {

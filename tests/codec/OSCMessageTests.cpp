@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <unordered_set>
@@ -147,6 +148,11 @@ TEST(OSCMessageDecoding, EveryKindRoundTripsAndKeepsItsBytes) {
     EXPECT_EQ(Bytes(decoded.decodedFrom()->begin(), decoded.decodedFrom()->end()), encoded);
     EXPECT_FALSE(message.decodedFrom().has_value());
     EXPECT_EQ(decoded.rawData(), encoded);
+    // The kept bytes are the message's own copy, whatever becomes of the caller's buffer.
+    Bytes scratch = encoded;
+    const auto kept = OSCMessage::decode(scratch);
+    std::fill(scratch.begin(), scratch.end(), 0);
+    EXPECT_EQ(Bytes(kept.decodedFrom()->begin(), kept.decodedFrom()->end()), encoded);
 
     // The stored bytes are no part of identity; S stays S, never s.
     const OSCMessage built("/a", {OSCStringAltValue{"x"}});

@@ -8,10 +8,41 @@
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCPacket.hpp"
 #include "osc/codec/OSCPacketView.hpp"
+#include "osc/codec/OSCSerialization.hpp"
+#include "osc/codec/OSCWireFormat.hpp"
+#include "osc/codec/PassiveDataReader.hpp"
 
-// Shared by the codec tests and the view fuzz target: the owning decoders and the view decoders
-// must refuse the same bytes with the same error, and read the same values from the rest.
+// Shared by the codec tests and the view fuzz target: the reference decoder below, the owning
+// decoders and the view decoders must refuse the same bytes with the same error, and read the
+// same values from the rest.
 namespace kavrin::test {
+
+// The reference: a message read value by value through the registry's tag walk, a bundle element
+// by element. The fast checks of the views (on which the owning decoders are built) must agree
+// with it on every input.
+inline OSCPacket registryDecode(std::span<const std::uint8_t> bytes, int depth = 1) {
+    if (rawBytes::startsWithBundleHeader(bytes)) {
+        OSCBundle bundle;
+        bundle.timeTag = wireFormat::readBundle(bytes, depth, [&](auto element, bool isBundle) {
+            bundle.elements.push_back(isBundle ? registryDecode(element, depth + 1)
+                                               : registryDecode(element));
+        });
+        return bundle;
+    }
+    PassiveDataReader reader(bytes);
+    const auto header = wireFormat::readMessageHeader(reader);
+    const auto& serialization = OSCSerialization::shared();
+    OSCValueDecoder decoder{reader, serialization};
+    std::vector<OSCValue> values;
+    for (std::size_t index = 0; index < header.tags.size();) {
+        if (header.tags[index] == ',' || header.tags[index] == 0) {
+            ++index;
+            continue;
+        }
+        serialization.decodeValue(header.tags, index, decoder, values);
+    }
+    return OSCMessage(OSCAddressPattern(header.address), std::move(values));
+}
 
 // Built from the view's typed reads alone, never through the owning decoder.
 inline OSCPacket ownedCopy(const OSCPacketView& view) {
@@ -38,9 +69,13 @@ std::string outcome(Decode decode) {
     }
 }
 
-// Empty when both decoders agree about `bytes`, otherwise what each made of them.
+// Empty when the three decoders agree about `bytes`, otherwise what each made of them.
 inline std::string viewDisagreement(std::span<const std::uint8_t> bytes) {
     using Encoded = std::optional<std::vector<std::uint8_t>>;
+    const auto reference = outcome([&]() -> Encoded {
+        if (!classifyPacket(bytes)) return std::nullopt;
+        return registryDecode(bytes).rawData();
+    });
     const auto owning = outcome([&]() -> Encoded {
         const auto packet = OSCPacket::decode(bytes);
         if (!packet) return std::nullopt;
@@ -51,8 +86,8 @@ inline std::string viewDisagreement(std::span<const std::uint8_t> bytes) {
         if (!view) return std::nullopt;
         return ownedCopy(*view).rawData();
     });
-    if (owning == viewed) return {};
-    return "owning: " + owning + "\nview: " + viewed;
+    if (reference == owning && owning == viewed) return {};
+    return "reference: " + reference + "\nowning: " + owning + "\nview: " + viewed;
 }
 
 }  // namespace kavrin::test
