@@ -19,17 +19,34 @@ using Registration = OSCSerialization::Registration;
 // Text goes on the wire as it is when it is ASCII without zero bytes; anything else is first
 // made printable ASCII (the decoder accepts nothing else, and a zero would end the string).
 void putText(const std::string& text, OSCValueEncoder& encoder) {
-    // Eight bytes at a time: a byte of 0x80 or more, or a zero, sets a high bit in `flags`.
+    // A byte of 0x80 or more, or a zero, sets a high bit in `flags`. Whole words, the last one
+    // overlapping the one before: encoding looks at every string twice (measuring, writing).
+    const auto flagsOf = [](auto word) {
+        using Word = decltype(word);
+        constexpr Word ones = static_cast<Word>(0x0101010101010101ULL);
+        return static_cast<std::uint64_t>(word | ((word - ones) & ~word));
+    };
+    const char* const data = text.data();
+    const std::size_t size = text.size();
     std::uint64_t flags = 0;
-    std::size_t i = 0;
-    for (; i + 8 <= text.size(); i += 8) {
+    if (size >= 8) {
         std::uint64_t word;
-        std::memcpy(&word, text.data() + i, 8);
-        flags |= word | ((word - 0x0101010101010101ULL) & ~word);
-    }
-    for (; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        flags |= byte == 0 ? 0x80 : byte;
+        for (std::size_t i = 0; i + 8 < size; i += 8) {
+            std::memcpy(&word, data + i, 8);
+            flags |= flagsOf(word);
+        }
+        std::memcpy(&word, data + size - 8, 8);
+        flags |= flagsOf(word);
+    } else if (size >= 4) {
+        std::uint32_t low, high;
+        std::memcpy(&low, data, 4);
+        std::memcpy(&high, data + size - 4, 4);
+        flags = flagsOf(low) | flagsOf(high);
+    } else {
+        for (std::size_t i = 0; i < size; ++i) {
+            const auto byte = static_cast<unsigned char>(data[i]);
+            flags |= byte == 0 ? 0x80 : byte;
+        }
     }
     if ((flags & 0x8080808080808080ULL) != 0) {
         encoder.nullTerminated(lossyASCII(text));

@@ -35,8 +35,37 @@ void OSCSerialization::registerKind(Registration registration) {
     const auto index = static_cast<std::int16_t>(registrations_.size());
     for (const char tag : claimed) byTag_[static_cast<unsigned char>(tag)] = index;
     auto& byKind = byKind_[static_cast<std::size_t>(registration.kind)];
-    if (byKind < 0) byKind = index;
+    if (byKind < 0) {
+        byKind = index;
+        encodePlans_[static_cast<std::size_t>(registration.kind)] = planFor(registration);
+    }
     registrations_.push_back(std::move(registration));
+}
+
+// The encoder must be of the sort that the identity asks for.
+OSCSerialization::EncodePlan OSCSerialization::planFor(const Registration& registration) {
+    using Sort = EncodePlan::Sort;
+    EncodePlan plan;
+    const auto& identity = registration.identity.identity;
+    if (std::holds_alternative<std::monostate>(registration.encoder)) {
+        plan.sort = Sort::none;
+    } else if (const auto* atomic = std::get_if<OSCValueAtomicEncoder>(&registration.encoder);
+               atomic != nullptr && identity.index() == 0) {
+        plan.sort = Sort::atomic;
+        plan.tag = std::get<OSCValueTagIdentity::Atomic>(identity).tag;
+        plan.atomic = *atomic;
+    } else if (const auto* variable = std::get_if<OSCValueVariableEncoder>(&registration.encoder);
+               variable != nullptr && identity.index() == 1) {
+        plan.sort = Sort::variable;
+        plan.variable = *variable;
+    } else if (const auto* variadic = std::get_if<OSCValueVariadicEncoder>(&registration.encoder);
+               variadic != nullptr && identity.index() == 2) {
+        plan.sort = Sort::variadic;
+        plan.variadic = *variadic;
+    } else {
+        plan.sort = Sort::mismatched;
+    }
+    return plan;
 }
 
 const OSCSerialization::Registration* OSCSerialization::registration(char tag) const {
@@ -89,29 +118,32 @@ void OSCSerialization::decodeValue(std::string_view tags, std::size_t& index,
 }
 
 void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const {
-    const auto kind = kindOf(value);
-    const Registration* found = registration(kind);
-    if (found == nullptr || std::holds_alternative<std::monostate>(found->encoder)) {
+    const auto& plan = encodePlans_[value.index()];
+    switch (plan.sort) {
+        case EncodePlan::Sort::atomic:
+            encoder.tag(plan.tag);
+            plan.atomic.block(value, encoder);
+            return;
+        case EncodePlan::Sort::variable:
+            encoder.tag(plan.variable.block(value, encoder));
+            return;
+        case EncodePlan::Sort::variadic:
+            plan.variadic.block(value, encoder);
+            return;
+        default:
+            failEncoding(plan.sort, kindOf(value));
+    }
+}
+
+void OSCSerialization::failEncoding(EncodePlan::Sort sort, OSCValueKind kind) {
+    if (sort == EncodePlan::Sort::none) {
         throw OSCEncodeError(
             OSCEncodeError::Case::general,
             "No encoder is registered for OSC value kind: " + std::string(kindName(kind)));
     }
-    const auto& identity = found->identity.identity;
-    if (const auto* atomic = std::get_if<OSCValueAtomicEncoder>(&found->encoder);
-        atomic != nullptr && identity.index() == 0) {
-        encoder.tag(std::get<OSCValueTagIdentity::Atomic>(identity).tag);
-        atomic->block(value, encoder);
-    } else if (const auto* variable = std::get_if<OSCValueVariableEncoder>(&found->encoder);
-               variable != nullptr && identity.index() == 1) {
-        encoder.tag(variable->block(value, encoder));
-    } else if (const auto* variadic = std::get_if<OSCValueVariadicEncoder>(&found->encoder);
-               variadic != nullptr && identity.index() == 2) {
-        variadic->block(value, encoder);
-    } else {
-        throw OSCEncodeError(OSCEncodeError::Case::unexpectedEncoder,
-                             "The encoder registered for OSC value kind " +
-                                 std::string(kindName(kind)) + " does not fit its type tags.");
-    }
+    throw OSCEncodeError(OSCEncodeError::Case::unexpectedEncoder,
+                         "The encoder registered for OSC value kind " +
+                             std::string(kindName(kind)) + " does not fit its type tags.");
 }
 
 }  // namespace kavrin

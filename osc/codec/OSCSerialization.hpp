@@ -149,10 +149,24 @@ class OSCSerialization {
     void encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const;
 
   private:
+    // How each kind is encoded, decided when it is registered: encoding a message looks up one
+    // plan per value instead of walking the registration's variants.
+    struct EncodePlan {
+        enum class Sort : std::uint8_t { none, atomic, variable, variadic, mismatched };
+        Sort sort = Sort::none;
+        char tag = 0;  // atomic
+        OSCValueAtomicEncoder atomic{};
+        OSCValueVariableEncoder variable{};
+        OSCValueVariadicEncoder variadic{};
+    };
+    static EncodePlan planFor(const Registration& registration);
+    [[noreturn]] static void failEncoding(EncodePlan::Sort sort, OSCValueKind kind);
+
     std::vector<Registration> registrations_;
     // Registration index per tag character and per kind, -1 when none: lookups are one index.
     std::array<std::int16_t, 256> byTag_;
     std::array<std::int16_t, oscValueKindCount> byKind_;
+    std::array<EncodePlan, oscValueKindCount> encodePlans_{};
 };
 
 }  // namespace kavrin
