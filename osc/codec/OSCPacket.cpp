@@ -2,8 +2,6 @@
 
 #include <functional>
 
-#include "osc/codec/OSCRawBytes.hpp"
-
 namespace kavrin {
 
 std::vector<std::uint8_t> OSCPacket::rawData() const {
@@ -19,12 +17,6 @@ std::optional<OSCPacket> OSCPacket::decode(std::span<const std::uint8_t> bytes) 
     if (!type) return std::nullopt;
     if (*type == OSCObjectType::bundle) return OSCPacket(OSCBundle::decode(bytes));
     return OSCPacket(OSCMessage::decode(bytes));
-}
-
-std::optional<OSCObjectType> classifyPacket(std::span<const std::uint8_t> bytes) {
-    if (rawBytes::startsWithBundleHeader(bytes)) return OSCObjectType::bundle;
-    if (rawBytes::startsWithMessageHeader(bytes)) return OSCObjectType::message;
-    return std::nullopt;
 }
 
 }  // namespace kavrin

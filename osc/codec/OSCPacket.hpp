@@ -9,6 +9,7 @@
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCMessage.hpp"
+#include "osc/codec/OSCRawBytes.hpp"
 
 namespace kavrin {
 
@@ -27,7 +28,12 @@ struct OSCPacket : std::variant<OSCMessage, OSCBundle> {
 enum class OSCObjectType { message, bundle };
 
 // By the first bytes: the whole "#bundle\0" header first, then "/"; nothing for anything else.
-std::optional<OSCObjectType> classifyPacket(std::span<const std::uint8_t> bytes);
+// Inline: every datagram received is classified.
+inline std::optional<OSCObjectType> classifyPacket(std::span<const std::uint8_t> bytes) {
+    if (rawBytes::startsWithBundleHeader(bytes)) return OSCObjectType::bundle;
+    if (rawBytes::startsWithMessageHeader(bytes)) return OSCObjectType::message;
+    return std::nullopt;
+}
 
 }  // namespace kavrin
 

@@ -1,15 +1,15 @@
 #include "osc/codec/OSCPacketView.hpp"
 
 #include "osc/codec/OSCError.hpp"
-#include "osc/codec/OSCRawBytes.hpp"
 
 namespace kavrin {
 
 std::optional<OSCPacketView> OSCPacketView::decode(std::span<const std::uint8_t> bytes) {
     std::optional<OSCPacketView> packet;
-    if (rawBytes::startsWithBundleHeader(bytes)) {
+    const auto type = classifyPacket(bytes);
+    if (type == OSCObjectType::bundle) {
         packet.emplace(Key(), std::in_place_type<OSCBundleView>, bytes);
-    } else if (rawBytes::startsWithMessageHeader(bytes)) {
+    } else if (type == OSCObjectType::message) {
         packet.emplace(Key(), std::in_place_type<OSCMessageView>, bytes);
     }
     return packet;

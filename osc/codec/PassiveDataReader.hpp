@@ -118,7 +118,7 @@ class PassiveDataReader {
         const auto contentLength = found.zero;
         if (contentLength < 0) fail(chunkNotTerminated);
         // Always at least one terminating zero: content of 4 bytes takes 8.
-        const std::int64_t chunkLength = contentLength + (4 - contentLength % 4);
+        const std::int64_t chunkLength = zeroByteScan::chunkLength(contentLength);
         if (chunkLength > remaining) fail(chunkTooShort);
         // The padding after the terminator is the low bytes of the chunk's last word.
         const auto terminator = contentLength - (chunkLength - 4);
