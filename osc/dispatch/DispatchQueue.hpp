@@ -28,6 +28,12 @@ class DispatchQueue {
     }
     /// True when called from work running on this queue.
     virtual bool isCurrent() const = 0;
+
+    /// Runs work on this queue and waits for it; at once when already on this queue. An
+    /// exception thrown by the work propagates to the caller. Waiting from a queue's work never
+    /// starves the queues it waits for (the pools add threads); waiting on a queue that nobody
+    /// drains (a ManualQueue, say) waits until someone does.
+    virtual void sync(const Work& work);
 };
 
 }  // namespace kavrin

@@ -4,6 +4,7 @@
 #include <asio/steady_timer.hpp>
 #include <condition_variable>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <unordered_map>
 
@@ -107,12 +108,49 @@ struct SerialQueue::Impl : std::enable_shared_from_this<Impl> {
         }
     }
 
+    // Delayed work waits in deadline order under one timer, armed for the earliest: separate
+    // timers with equal deadlines would fire in no particular order.
+    void enqueueAt(Clock::time_point deadline, Work work) {
+        std::lock_guard lock(mutex);
+        delayed.emplace(deadline, std::move(work));  // equal deadlines keep posting order
+        if (deadline < armedFor) arm(deadline);
+    }
+
+    // Called with mutex held.
+    void arm(Clock::time_point deadline) {
+        if (!timer) timer = std::make_unique<asio::steady_timer>(DispatchRuntime::serialContext());
+        armedFor = deadline;
+        timer->expires_at(deadline);
+        timer->async_wait([self = shared_from_this(), deadline](const std::error_code& error) {
+            if (!error) self->expired(deadline);
+        });
+    }
+
+    void expired(Clock::time_point deadline) {
+        std::lock_guard lock(mutex);
+        if (deadline != armedFor) return;  // re-armed for an earlier deadline meanwhile
+        armedFor = Clock::time_point::max();
+        const auto due = delayed.upper_bound(Clock::now());
+        for (auto it = delayed.begin(); it != due; ++it) {
+            items.push_back({std::move(it->second), nullptr});
+        }
+        delayed.erase(delayed.begin(), due);
+        if (!delayed.empty()) arm(delayed.begin()->first);
+        if (!active && !items.empty()) {
+            active = true;
+            postDrain();
+        }
+    }
+
     const SerialQueue* owner;  // valid while any work of the queue can run: it owns the Impl
     const std::string label;
     const QualityOfService qos;
     std::mutex mutex;
     std::deque<Item> items;
     bool active = false;
+    std::multimap<Clock::time_point, Work> delayed;
+    std::unique_ptr<asio::steady_timer> timer;
+    Clock::time_point armedFor = Clock::time_point::max();
 
     mutable std::mutex specificsMutex;
     std::unordered_map<const void*, void*> specifics;
@@ -142,13 +180,8 @@ void SerialQueue::async(Work work) {
 }
 
 void SerialQueue::asyncAfter(Clock::time_point deadline, Work work) {
-    if (deadline <= Clock::now()) {
-        async(std::move(work));
-        return;
-    }
-    auto timer = std::make_shared<asio::steady_timer>(DispatchRuntime::serialContext(), deadline);
-    timer->async_wait([timer, self = shared_from_this(), work = std::move(work)](
-                          const std::error_code&) mutable { self->async(std::move(work)); });
+    impl_->enqueueAt(deadline,
+                     [self = shared_from_this(), work = std::move(work)] { work(); });
 }
 
 void SerialQueue::sync(const Work& work) {
@@ -168,6 +201,7 @@ void SerialQueue::sync(const Work& work) {
         }
     }
     if (handoff) {
+        DispatchRuntime::BlockingScope waiting;
         std::unique_lock lock(handoff->mutex);
         handoff->cv.wait(lock, [&] { return handoff->owned; });
     }

@@ -12,7 +12,8 @@ namespace kavrin {
 enum class QualityOfService { background, utility, defaultQoS, userInitiated, userInteractive };
 
 /// A serial queue: work items run one at a time, in the order they were posted, on a shared pool
-/// of threads kept for the life of the process.
+/// of threads kept for the life of the process. Delayed work runs in deadline order, and work
+/// with equal deadlines in the order it was posted.
 ///
 /// Thread safety: every operation may be called from any thread. Work runs on a pool thread,
 /// except sync(), which runs its work on the calling thread once the queue is free.
@@ -37,7 +38,7 @@ class SerialQueue final : public DispatchQueue, public std::enable_shared_from_t
     /// Runs work on this queue and waits for it. The work runs on the calling thread: at once when
     /// the calling thread already holds this queue (no deadlock), otherwise after the work posted
     /// before it. An exception thrown by the work propagates to the caller.
-    void sync(const Work& work);
+    void sync(const Work& work) override;
 
     /// True when the calling thread is running work of this queue, including from inside a
     /// sync() onto another queue made by such work.

@@ -14,7 +14,6 @@
 #include <chrono>
 #include <climits>
 #include <cstring>
-#include <future>
 #include <system_error>
 
 #include "osc/dispatch/GlobalQueue.hpp"
@@ -132,16 +131,13 @@ bool sameEndpoint(const SocketAddress& a, const SocketAddress& b) {
     return false;
 }
 
-// Runs a filter on its queue and waits for the verdict; inline when already on that queue.
+// Runs a filter on its queue and waits for the verdict. A serial filter queue that is free runs
+// it right here; a busy one is waited for without starving the queues it waits on.
 template <class F>
 bool runFilterAndWait(DispatchQueue& queue, F&& filter) {
-    if (queue.isCurrent()) {
-        return filter();
-    }
-    std::promise<bool> verdict;
-    auto result = verdict.get_future();
-    queue.async([&] { verdict.set_value(filter()); });
-    return result.get();
+    bool verdict = false;
+    queue.sync([&] { verdict = filter(); });
+    return verdict;
 }
 
 const char* const kNoDelegate =

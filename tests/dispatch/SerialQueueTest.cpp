@@ -119,6 +119,45 @@ TEST(SerialQueue, ManyPoolThreadsSyncingAtOnceDoNotStarveEachOther) {
     EXPECT_EQ(done.load(), pairs);
 }
 
+TEST(SerialQueue, WorkWaitingOnABusyQueueNeverStarvesIt) {
+    // The gate's work holds the gate until every waiter has arrived at it; each waiter's work
+    // blocks in sync() on the gate. That needs a thread per waiter at once, more than the pool
+    // starts with: the pool must add them, and on this path both kinds of wait must count.
+    constexpr int waiters = 8;
+    auto gate = SerialQueue::create("gate");
+    std::atomic<int> arrived{0};
+    std::atomic<int> passed{0};
+    std::promise<bool> allArrived;
+    auto gateStarted = std::make_shared<std::promise<void>>();
+    gate->async([&, gateStarted] {
+        gateStarted->set_value();
+        const auto until = std::chrono::steady_clock::now() + 5s;
+        while (arrived.load() < waiters && std::chrono::steady_clock::now() < until) {
+            std::this_thread::sleep_for(1ms);
+        }
+        allArrived.set_value(arrived.load() == waiters);
+    });
+    gateStarted->get_future().wait();
+    std::vector<std::shared_ptr<SerialQueue>> queues;
+    for (int i = 0; i < waiters; ++i) {
+        queues.push_back(SerialQueue::create("waiter"));
+        queues.back()->async([&, i] {
+            ++arrived;
+            // Half wait through the generic hand-off, as on a queue that is no SerialQueue.
+            if (i % 2 == 0) {
+                gate->sync([&] { ++passed; });
+            } else {
+                gate->DispatchQueue::sync([&] { ++passed; });
+            }
+        });
+    }
+    EXPECT_TRUE(allArrived.get_future().get());
+    for (auto& queue : queues) ASSERT_TRUE(flush(*queue));
+    EXPECT_EQ(passed.load(), waiters);
+    EXPECT_THROW(gate->DispatchQueue::sync([] { throw std::runtime_error("boom"); }),
+                 std::runtime_error);
+}
+
 TEST(SerialQueue, AsyncAfterRunsByDeadlineNotBeforeIt) {
     auto queue = SerialQueue::create("after");
     std::mutex mutex;
@@ -135,14 +174,19 @@ TEST(SerialQueue, AsyncAfterRunsByDeadlineNotBeforeIt) {
     queue->asyncAfter(150ms, record(3));
     queue->asyncAfter(start + 50ms, record(2));
     queue->asyncAfter(start - 1s, record(1));  // past deadline: runs like async
+    // Equal deadlines run in posting order, however many.
+    const auto same = start + 100ms;
+    for (int id = 10; id < 60; ++id) queue->asyncAfter(same, record(id));
     std::unique_lock lock(mutex);
-    ASSERT_TRUE(cv.wait_for(lock, 5s, [&] { return ran.size() == 3; }));
+    ASSERT_TRUE(cv.wait_for(lock, 5s, [&] { return ran.size() == 53; }));
     EXPECT_EQ(ran[0].first, 1);
     EXPECT_EQ(ran[1].first, 2);
-    EXPECT_EQ(ran[2].first, 3);
+    for (int id = 10; id < 60; ++id) EXPECT_EQ(ran[id - 8].first, id);
+    EXPECT_EQ(ran[52].first, 3);
     EXPECT_GE(ran[1].second - start, 50ms);
-    EXPECT_GE(ran[2].second - start, 150ms);
-    EXPECT_LT(ran[2].second - start, 2s);
+    EXPECT_GE(ran[2].second - start, 100ms);
+    EXPECT_GE(ran[52].second - start, 150ms);
+    EXPECT_LT(ran[52].second - start, 2s);
 }
 
 TEST(SerialQueue, SpecificKeysBelongToTheQueueRunningOnThisThread) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -568,6 +569,52 @@ TEST(UdpSocketReceive, FiltersOnceModeAndPause) {
         receiver.recorder->waitFor([&] { return receiver.recorder->received.size() > 2; }, 100ms));
     ASSERT_TRUE(receiver.socket->beginReceiving(&error)) << error.description();
     ASSERT_TRUE(receiver.waitForReceived(3));
+}
+
+TEST(UdpSocketFilters, SynchronousFiltersOnMoreSocketsThanPoolThreadsAllDeliver) {
+    // Every socket queue waits for a filter on a serial queue of its own, all at once, and every
+    // delegate asks another socket for its port while the traffic flows.
+    constexpr int pairs = 6;
+    constexpr int datagrams = 20;
+    std::vector<std::unique_ptr<Peer>> receivers, senders;
+    std::vector<std::uint16_t> ports;
+    for (int i = 0; i < pairs; ++i) {
+        receivers.push_back(std::make_unique<Peer>());
+        Peer& receiver = *receivers.back();
+        receiver.socket->setIPv6Enabled(false);
+        receiver.socket->setReceiveFilter(
+            [](const Bytes&, const SocketAddress&, std::any&) { return true; },
+            SerialQueue::create("test.receive-filter"), false);
+        receiver.listen();
+        ports.push_back(receiver.socket->localPortIPv4());
+        senders.push_back(std::make_unique<Peer>());
+        senders.back()->socket->setSendFilter(
+            [](const Bytes&, const SocketAddress&, std::int64_t) { return true; },
+            SerialQueue::create("test.send-filter"), false);
+    }
+    auto portQueries = std::make_shared<std::atomic<int>>(0);
+    for (int n = 0; n < datagrams; ++n) {
+        for (int i = 0; i < pairs; ++i) {
+            senders[i]->socket->sendData(bytes("d" + std::to_string(n)), "127.0.0.1", ports[i],
+                                         5.0, n);
+            senders[i]->delegateQueue->async(
+                [other = receivers[(i + 1) % pairs]->socket, portQueries] {
+                    if (other->localPortIPv4() != 0) ++*portQueries;
+                });
+        }
+    }
+    for (int i = 0; i < pairs; ++i) {
+        EXPECT_TRUE(senders[i]->recorder->waitFor(
+            [&] { return senders[i]->recorder->sent.size() == datagrams; }, 10s))
+            << "sender " << i;
+        EXPECT_TRUE(receivers[i]->recorder->waitFor(
+            [&] { return receivers[i]->recorder->received.size() == datagrams; }, 10s))
+            << "receiver " << i;
+        const auto port = receivers[i]->socket->localPortIPv4();  // sync from the test thread
+        EXPECT_EQ(port, ports[i]);
+        receivers[i]->socket->close();
+    }
+    EXPECT_TRUE(senders[0]->recorder->waitFor([&] { return *portQueries == pairs * datagrams; }));
 }
 
 TEST(UdpSocketDelegate, CallbacksAreNeverInline) {
