@@ -98,18 +98,87 @@ void OSCServer::stop() {
     udpServer->close();
 }
 
-// A bundle's own tag governs its elements, whatever tag it was reached with.
-void OSCServer::handle(OSCPacket&& packet, const OSCTimeTag& timeTag, const SocketAddress& sender) {
+void OSCServer::setScheduledLimit(ScheduledLimit limit) {
+    limitMessages.store(limit.messages);
+    limitBytes.store(limit.bytes);
+}
+
+OSCServer::ScheduledLimit OSCServer::scheduledLimit() const {
+    return {limitMessages.load(), limitBytes.load()};
+}
+
+void OSCServer::receive(OSCPacket&& packet, const SocketAddress& sender) {
+    Plan steps;
+    plan(std::move(packet), OSCTimeTag::immediate(), false, {}, sender, steps);
+    if (steps.scheduledMessages > 0 && !admit(steps)) return;  // the whole datagram
+    for (auto& step : steps.steps) {
+        if (auto* now = std::get_if<Delivery>(&step)) {
+            deliverNow(std::move(*now));
+        } else {
+            deliverLater(std::move(std::get<ScheduledRun>(step)));
+        }
+    }
+}
+
+// A bundle's own tag governs its elements, whatever tag it was reached with. Whether it waits,
+// and until when, is decided once for the whole bundle: its messages then share one deadline
+// and keep their order.
+void OSCServer::plan(OSCPacket&& packet, const OSCTimeTag& timeTag, bool scheduled,
+                     DispatchQueue::Clock::time_point deadline, const SocketAddress& sender,
+                     Plan& steps) {
     if (auto* bundle = std::get_if<OSCBundle>(&packet)) {
-        for (auto& element : bundle->elements) handle(std::move(element), bundle->timeTag, sender);
+        const OSCTimeTag& tag = bundle->timeTag;
+        const bool waits =
+            mode.load() == TimeTagMode::osc1_0 && !tag.isImmediate() && tag.isFuture();
+        const auto due = waits ? deadlineOf(tag) : DispatchQueue::Clock::time_point{};
+        for (auto& element : bundle->elements) {
+            plan(std::move(element), tag, waits, due, sender, steps);
+        }
         return;
     }
-    Delivery delivery{std::move(std::get<OSCMessage>(packet)), timeTag, sender};
-    if (mode.load() == TimeTagMode::osc1_0 && !timeTag.isImmediate() && timeTag.isFuture()) {
-        deliverLater(std::move(delivery));
-    } else {
-        deliverNow(std::move(delivery));
+    auto& message = std::get<OSCMessage>(packet);
+    if (!scheduled) {
+        steps.steps.emplace_back(Delivery{std::move(message), timeTag, sender});
+        return;
     }
+    const std::size_t bytes = message.decodedFrom() ? message.decodedFrom()->size() : 0;
+    auto* last = steps.steps.empty() ? nullptr : std::get_if<ScheduledRun>(&steps.steps.back());
+    if (last == nullptr || last->deadline != deadline || last->timeTag != timeTag) {
+        steps.steps.emplace_back(ScheduledRun{deadline, timeTag, sender, {}, 0});
+        last = &std::get<ScheduledRun>(steps.steps.back());
+    }
+    last->messages.push_back(std::move(message));
+    last->bytes += bytes;
+    ++steps.scheduledMessages;
+    steps.scheduledBytes += bytes;
+}
+
+// Equal tags must give equal deadlines, so that their deliveries keep the order they came in.
+// Reading the two clocks afresh for each bundle gives an offset that jitters by a few
+// microseconds, so the offset is kept and renewed only when the wall clock has really moved
+// against the steady one (a time step).
+DispatchQueue::Clock::time_point OSCServer::deadlineOf(const OSCTimeTag& tag) {
+    using namespace std::chrono;
+    const auto offset = duration_cast<system_clock::duration>(
+        system_clock::now().time_since_epoch() -
+        duration_cast<system_clock::duration>(DispatchQueue::Clock::now().time_since_epoch()));
+    if (auto drift = offset - clockOffset; drift > 1ms || drift < -1ms) clockOffset = offset;
+    const auto due = duration_cast<DispatchQueue::Clock::duration>(
+        duration<double>(tag.date().time_since_epoch() - clockOffset));
+    return DispatchQueue::Clock::time_point(due);
+}
+
+bool OSCServer::admit(const Plan& steps) {
+    const std::size_t messages = scheduledMessages.load();
+    const std::size_t bytes = scheduledBytes.load();
+    if (messages + steps.scheduledMessages > limitMessages.load() ||
+        bytes + steps.scheduledBytes > limitBytes.load()) {
+        return false;
+    }
+    // Only the receive queue adds, so what was read cannot have grown meanwhile.
+    scheduledMessages += steps.scheduledMessages;
+    scheduledBytes += steps.scheduledBytes;
+    return true;
 }
 
 // Deliveries are gathered while the receive queue works through the datagrams the socket read
@@ -141,16 +210,15 @@ void OSCServer::flushDeliveries() {
 
 // Holds the server weakly, deliberately unlike deliverNow: a scheduled delivery must not keep a
 // released server alive until its time comes.
-void OSCServer::deliverLater(Delivery&& delivery) {
-    const std::chrono::duration<double> delay =
-        delivery.timeTag.date() - std::chrono::system_clock::now();
-    const auto deadline = DispatchQueue::Clock::now() +
-                          std::chrono::duration_cast<DispatchQueue::Clock::duration>(delay);
-    dispatchQueue->asyncAfter(deadline, [weak = weak_from_this(), delivery = std::move(delivery)] {
+void OSCServer::deliverLater(ScheduledRun&& run) {
+    const auto deadline = run.deadline;
+    dispatchQueue->asyncAfter(deadline, [weak = weak_from_this(), run = std::move(run)] {
         auto self = weak.lock();
         if (!self) return;
-        if (auto current = self->currentHandler()) {
-            (*current)(delivery.message, delivery.timeTag, delivery.sender);
+        self->scheduledMessages -= run.messages.size();
+        self->scheduledBytes -= run.bytes;
+        for (const auto& message : run.messages) {
+            if (auto current = self->currentHandler()) (*current)(message, run.timeTag, run.sender);
         }
     });
 }

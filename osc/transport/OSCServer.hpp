@@ -1,10 +1,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <variant>
 #include <vector>
 
 #include "osc/codec/OSCMessage.hpp"
@@ -65,6 +67,17 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     /// running server; 0 restores the default.
     void setKernelReceiveBufferSize(std::size_t bytes);
 
+    /// What deliveries waiting for their time tag (osc1_0 mode) may hold at once: a bound on
+    /// their messages and on those messages' encoded bytes. A datagram whose scheduled messages
+    /// would pass either is dropped whole, never half a bundle; deliveries already admitted keep
+    /// their time. The defaults allow 10,000 messages and 16 MiB.
+    struct ScheduledLimit {
+        std::size_t messages = 10'000;
+        std::size_t bytes = 16 << 20;
+    };
+    void setScheduledLimit(ScheduledLimit limit);
+    ScheduledLimit scheduledLimit() const;
+
     /// Closes the socket if open, then enables port reuse, binds the port and starts receiving.
     /// Throws the socket's UdpSocketError unchanged at the first step that fails, leaving the
     /// socket as that step left it. May be called again after a failure or a stop().
@@ -79,9 +92,29 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
         OSCTimeTag timeTag;
         SocketAddress sender;
     };
-    void handle(OSCPacket&& packet, const OSCTimeTag& timeTag, const SocketAddress& sender);
+    // Consecutive messages of one bundle that wait for its time tag: one deadline, computed
+    // when the bundle is received, and delivered together in the order met.
+    struct ScheduledRun {
+        DispatchQueue::Clock::time_point deadline;
+        OSCTimeTag timeTag;
+        SocketAddress sender;
+        std::vector<OSCMessage> messages;
+        std::size_t bytes = 0;
+    };
+    // What one datagram delivers, in the order its messages are met, depth first.
+    struct Plan {
+        std::vector<std::variant<Delivery, ScheduledRun>> steps;
+        std::size_t scheduledMessages = 0;
+        std::size_t scheduledBytes = 0;
+    };
+    void receive(OSCPacket&& packet, const SocketAddress& sender);
+    void plan(OSCPacket&& packet, const OSCTimeTag& timeTag, bool scheduled,
+              DispatchQueue::Clock::time_point deadline, const SocketAddress& sender,
+              Plan& plan);
+    bool admit(const Plan& plan);
+    DispatchQueue::Clock::time_point deadlineOf(const OSCTimeTag& tag);
     void deliverNow(Delivery&& delivery);
-    void deliverLater(Delivery&& delivery);
+    void deliverLater(ScheduledRun&& run);
     void flushDeliveries();
     std::shared_ptr<const SourceHandler> currentHandler() const;
 
@@ -96,6 +129,13 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     // Immediate deliveries decided on the receive queue and not yet handed to the dispatch
     // queue; touched only on the receive queue.
     std::vector<Delivery> undelivered;
+    // Admitted on the receive queue, released on the dispatch queue.
+    std::atomic<std::size_t> limitMessages{ScheduledLimit{}.messages};
+    std::atomic<std::size_t> limitBytes{ScheduledLimit{}.bytes};
+    std::atomic<std::size_t> scheduledMessages{0};
+    std::atomic<std::size_t> scheduledBytes{0};
+    // The wall clock's lead over the steady clock, as last renewed; receive queue only.
+    std::chrono::system_clock::duration clockOffset{};
 };
 
 }  // namespace kavrin

@@ -20,7 +20,7 @@ void OSCServerDelegate::udpSocketDidReceiveData(UdpSocket&, std::vector<std::uin
     }
     if (!packet) return;
     if (auto server = oscServer.lock())
-        server->handle(std::move(*packet), OSCTimeTag::immediate(), address);
+        server->receive(std::move(*packet), address);
 }
 
 }  // namespace kavrin

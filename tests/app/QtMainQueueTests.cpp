@@ -35,9 +35,16 @@ TEST(QtMainQueue, RunsWorkFromAnyThreadOnTheGuiThreadInOrderAndNotBeforeItsDeadl
     }).join();
     queue.async([&] { order.push_back(0); });  // posted last from here, never run inline
     EXPECT_TRUE(order.empty());
+    // Equal deadlines run in posting order, and an earlier deadline posted later runs first.
+    const auto same = postedAt + 100ms;
+    for (int i = 10; i < 30; ++i) queue.asyncAfter(same, [&, i] { order.push_back(i); });
+    queue.asyncAfter(postedAt + 50ms, [&] { order.push_back(5); });
 
-    EXPECT_TRUE(QTest::qWaitFor([&] { return order.size() == 4; }, 5000));
-    EXPECT_EQ(order, (std::vector<int>{1, 2, 0, 3}));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return order.size() == 25; }, 5000));
+    std::vector<int> expected{1, 2, 0, 5};
+    for (int i = 10; i < 30; ++i) expected.push_back(i);
+    expected.push_back(3);
+    EXPECT_EQ(order, expected);
     EXPECT_TRUE(onGuiThread);
     EXPECT_GE(delayedRanAt - postedAt, 150ms);
 }

@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <condition_variable>
+#include <mutex>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -15,6 +17,7 @@
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/dispatch/ManualQueue.hpp"
+#include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/UdpSocketError.hpp"
 
@@ -206,6 +209,87 @@ TEST(OSCServer, HonoursFutureTimeTagsOnlyInOSC1_0Mode) {
     fixture.server.reset();
     EXPECT_FALSE(fixture.waitFor(5, 500ms));
     EXPECT_EQ(fixture.main->pending(), 0u);
+}
+
+TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
+    // On a serial queue, as an application would use it: each message once had a deadline of
+    // its own, taken from two clocks at slightly different moments, and they ran shuffled.
+    auto queue = SerialQueue::create("test.handler");
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> seen;
+    std::shared_ptr<OSCServer> server;
+    for (int attempt = 0; attempt < 5 && !server; ++attempt) {
+        auto candidate = OSCServer::create(RawSocket().port(), nullptr, queue,
+                                           OSCServer::TimeTagMode::osc1_0,
+                                           [&](const OSCMessage& message, const OSCTimeTag&) {
+                                               std::lock_guard lock(mutex);
+                                               seen.push_back(message.addressPattern.rawAddress());
+                                               changed.notify_all();
+                                           });
+        try {
+            candidate->start();
+            server = candidate;
+        } catch (const UdpSocketError&) {
+        }
+    }
+    ASSERT_TRUE(server) << "no free port";
+    RawSocket sender;
+    const auto soon = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 400ms);
+    const auto later = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 600ms);
+    std::vector<std::string> expected;
+    for (int b = 0; b < 4; ++b) {
+        std::vector<OSCPacket> elements;
+        for (int m = 0; m < 8; ++m) {
+            elements.emplace_back(OSCMessage("/m/" + std::to_string(b) + "/" + std::to_string(m)));
+            expected.push_back("/m/" + std::to_string(b) + "/" + std::to_string(m));
+            // A nested bundle keeps its own tag: its message comes after all of these.
+            if (m == 3) elements.emplace_back(OSCBundle(later, {OSCMessage("/n/" + std::to_string(b))}));
+        }
+        ASSERT_TRUE(sender.sendTo(server->port(), bytes(OSCBundle(soon, std::move(elements)))));
+    }
+    for (int b = 0; b < 4; ++b) expected.push_back("/n/" + std::to_string(b));
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(changed.wait_for(lock, 5s, [&] { return seen.size() == expected.size(); }));
+    EXPECT_EQ(seen, expected);
+}
+
+TEST(OSCServer, ScheduledDeliveriesHoldBoundedMemoryAndDatagramsAreAdmittedWhole) {
+    Fixture fixture(OSCServer::TimeTagMode::osc1_0);
+    ASSERT_TRUE(fixture.server) << "no free port";
+    EXPECT_EQ(fixture.server->scheduledLimit().messages, 10'000u);
+    fixture.server->setScheduledLimit({5, 1 << 20});
+    RawSocket sender;
+    const auto port = fixture.server->port();
+    const auto soon = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 300ms);
+    const auto farAway = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 24h);
+    auto bundleOf = [](OSCTimeTag tag, std::vector<std::string> addresses,
+                       std::vector<OSCPacket> more = {}) {
+        std::vector<OSCPacket> elements;
+        for (auto& address : addresses) elements.emplace_back(OSCMessage(address));
+        for (auto& element : more) elements.push_back(std::move(element));
+        return bytes(OSCBundle(tag, std::move(elements)));
+    };
+    ASSERT_TRUE(sender.sendTo(port, bundleOf(soon, {"/a1", "/a2", "/a3"})));
+    // Would hold six: dropped whole, its part due at once included.
+    ASSERT_TRUE(sender.sendTo(
+        port, bundleOf(farAway, {"/x1", "/x2", "/x3"},
+                       {OSCBundle(OSCTimeTag::immediate(), {OSCMessage("/x-now")})})));
+    ASSERT_TRUE(sender.sendTo(port, bundleOf(soon, {"/b1", "/b2"})));  // exactly five
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCMessage("/marker"))));
+    ASSERT_TRUE(fixture.waitFor(6));
+    EXPECT_EQ(fixture.addresses(),
+              (std::vector<std::string>{"/marker", "/a1", "/a2", "/a3", "/b1", "/b2"}));
+
+    // Delivered deliveries free their room; the byte bound counts too.
+    fixture.server->setScheduledLimit({100, 64});
+    ASSERT_TRUE(sender.sendTo(port, bundleOf(farAway, {"/fits"})));
+    ASSERT_TRUE(sender.sendTo(port, bundleOf(farAway, {"/a/much/longer/address/over/the/bytes",
+                                                       "/and/another/one/that/will/not/fit"})));
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCMessage("/marker2"))));
+    ASSERT_TRUE(fixture.waitFor(7));
+    EXPECT_EQ(fixture.deliveries.back().address, "/marker2");
+    EXPECT_FALSE(fixture.waitFor(8, 200ms));
 }
 
 TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried) {
