@@ -17,7 +17,8 @@ class UdpSocket;
 class OSCClient {
   public:
     OSCClient();
-    /// Closes the socket; datagrams not yet handed to the kernel are dropped.
+    /// Closes the socket once the datagrams already sent are handed to the kernel or have
+    /// failed, and after a few seconds at the latest; returns at once.
     ~OSCClient();
     OSCClient(const OSCClient&) = delete;
     OSCClient& operator=(const OSCClient&) = delete;

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
 #include <vector>
 
 #include "osc/codec/OSCBundle.hpp"
@@ -94,4 +96,30 @@ TEST(OSCClient, ReportsOnlyEncodingErrors) {
     ASSERT_TRUE(datagram);
     EXPECT_EQ(*datagram, OSCMessage("/after").rawData());
     EXPECT_FALSE(receiver.receive(100));
+}
+
+TEST(OSCClient, AClientReleasedRightAfterSendingStillDelivers) {
+    // Resolution is asynchronous even for numeric hosts: a release that closed the socket at
+    // once lost what was still queued.
+    Receiver receiver;
+    ASSERT_NE(receiver.port(), 0);
+    std::vector<std::vector<std::uint8_t>> expected;
+    for (int i = 0; i < 10; ++i) {
+        OSCClient client;
+        const OSCMessage first("/released/" + std::to_string(i) + "/a");
+        const OSCMessage second("/released/" + std::to_string(i) + "/b");
+        client.send(first, i % 2 == 0 ? "127.0.0.1" : "localhost", receiver.port());
+        client.send(second, "127.0.0.1", receiver.port());
+        expected.push_back(first.rawData());
+        expected.push_back(second.rawData());
+    }
+    std::vector<std::vector<std::uint8_t>> received;
+    while (received.size() < expected.size()) {
+        const auto datagram = receiver.receive(5000);
+        ASSERT_TRUE(datagram) << received.size() << " of " << expected.size() << " arrived";
+        received.push_back(*datagram);
+    }
+    std::sort(received.begin(), received.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(received, expected);
 }
