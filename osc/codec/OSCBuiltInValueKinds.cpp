@@ -185,10 +185,8 @@ void registerBuiltInValueKinds(OSCSerialization& serialization) {
     serialization.registerKind(atomic(
         K::midi, 'm',
         [](OSCValueDecoder& d, OSCValue& v) {
-            const auto word = static_cast<std::uint32_t>(d.reader.readInt32());
-            v.emplace<OSCMIDIValue>(OSCMIDIValue{
-                static_cast<std::uint8_t>(word >> 24), static_cast<std::uint8_t>(word >> 16),
-                static_cast<std::uint8_t>(word >> 8), static_cast<std::uint8_t>(word)});
+            const auto bytes = d.reader.readByteView(4);
+            v.emplace<OSCMIDIValue>(OSCMIDIValue{bytes[0], bytes[1], bytes[2], bytes[3]});
             return true;
         },
         [](const OSCValue& v, OSCValueEncoder& e) {

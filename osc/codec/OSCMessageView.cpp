@@ -17,8 +17,10 @@ namespace {
 [[gnu::always_inline]] inline void checkAtomic(char tag, PassiveDataReader& reader) {
     switch (tag) {
         case 'i':
-        case 'm':
             reader.readInt32();
+            break;
+        case 'm':
+            reader.readByteView(4);  // four bytes, not a number: its own shortage text
             break;
         case 'f':
             reader.readFloat32();

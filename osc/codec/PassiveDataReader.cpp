@@ -9,6 +9,11 @@ void PassiveDataReader::fail(const char* text) {
 }
 
 std::vector<std::uint8_t> PassiveDataReader::readBytes(std::int64_t count) {
+    const auto bytes = readByteView(count);
+    return {bytes.begin(), bytes.end()};
+}
+
+std::span<const std::uint8_t> PassiveDataReader::readByteView(std::int64_t count) {
     if (count < 0) {
         throw OSCDecodeError(OSCDecodeError::Case::internalInconsistency,
                              "Negative byte count requested: " + std::to_string(count));
@@ -22,9 +27,8 @@ std::vector<std::uint8_t> PassiveDataReader::readBytes(std::int64_t count) {
             " bytes but only " + std::to_string(remaining) + " bytes bytes remain.");
     }
     const auto* begin = data_.data() + offset_;
-    std::vector<std::uint8_t> bytes(begin, begin + count);
-    advance(count);
-    return bytes;
+    offset_ += count;
+    return {begin, static_cast<std::size_t>(count)};
 }
 
 void PassiveDataReader::failAdvance(std::int64_t count) const {

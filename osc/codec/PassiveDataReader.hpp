@@ -32,6 +32,8 @@ class PassiveDataReader {
 
     // A copy of the next `count` bytes.
     std::vector<std::uint8_t> readBytes(std::int64_t count);
+    // The same read, the bytes a view into the reader's bytes.
+    std::span<const std::uint8_t> readByteView(std::int64_t count);
     void advance(std::int64_t count) {
         if (remainingByteCount() < count) failAdvance(count);
         offset_ += count;

@@ -9,6 +9,7 @@
 
 #include "osc/codec/OSCError.hpp"
 #include "tests/codec/CodecTestSupport.hpp"
+#include "tests/codec/ViewAgreement.hpp"
 
 namespace kavrin {
 namespace {
@@ -213,6 +214,13 @@ TEST(OSCMessageDecoding, MalformedInputFailsWithTheFirstApplicableText) {
         {bytes({"/ab", 0, ",c", 0, 0, 0, 0x11, 0, 0}),
          "Character value couldn't be read. Could not form a Unicode scalar from the value."},
         {bytes({"/ab", 0, ",i", 0, 0}), "Not enough bytes while reading Int32 data chunk."},
+        // MIDI is four bytes, not a number: the byte read's own text.
+        {bytes({"/m", 0, 0, ",m", 0, 0}),
+         "Not enough bytes remain in data stream. Attempted to read 4 bytes but only 0 bytes "
+         "bytes remain."},
+        {bytes({"/m", 0, 0, ",[m]", 0, 0, 0, 0}),
+         "Not enough bytes remain in data stream. Attempted to read 4 bytes but only 0 bytes "
+         "bytes remain."},
         {bytes({"/ab", 0, ",d", 0, 0, 0, 0, 0, 0}),
          "Not enough bytes while reading Double data chunk."},
         {bytes({"/ab", 0, ",s", 0, 0}),
@@ -220,7 +228,10 @@ TEST(OSCMessageDecoding, MalformedInputFailsWithTheFirstApplicableText) {
         {bytes({"/ab", 0, ",b", 0, 0, 0, 0, 0, 8, 1, 2, 3, 4}),
          "Not enough bytes in 4-byte aligned null-terminated blob data chunk."},
     };
-    for (const auto& c : cases) EXPECT_EQ(decodeFailure(c.data), c.text);
+    for (const auto& c : cases) {
+        EXPECT_EQ(decodeFailure(c.data), c.text);
+        EXPECT_EQ(test::viewDisagreement(c.data), "");  // the views and the registry agree
+    }
 
     EXPECT_EQ(OSCMessage::decode(bytes({"/ab", 0, ",c", 0, 0, 0, 0, 0, 'A'})).values,
               std::vector<OSCValue>{char32_t{'A'}});
