@@ -1,5 +1,6 @@
 #include "osc/codec/OSCValue.hpp"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
@@ -44,6 +45,93 @@ void appendUTF8(std::string& text, char32_t scalar) {
     }
 }
 
+void appendEscape(std::string& text, const char* format, std::uint32_t value) {
+    char buffer[12];
+    std::snprintf(buffer, sizeof buffer, format, value);
+    text += buffer;
+}
+
+// Appends the escape of a scalar that would break a line or hide itself in a description (C0
+// controls, DEL, C1 controls, the Unicode line and paragraph separators, the backslash that
+// starts every escape); false, and nothing appended, for any other.
+bool appendEscapeFor(std::string& text, char32_t scalar) {
+    switch (scalar) {
+        case U'\\': text += "\\\\"; return true;
+        case U'\n': text += "\\n"; return true;
+        case U'\t': text += "\\t"; return true;
+        case U'\r': text += "\\r"; return true;
+        default: break;
+    }
+    if (scalar < 0x20 || scalar == 0x7F) {
+        appendEscape(text, "\\x%02X", scalar);
+        return true;
+    }
+    if ((scalar >= 0x80 && scalar <= 0x9F) || scalar == 0x2028 || scalar == 0x2029) {
+        appendEscape(text, "\\u%04X", scalar);
+        return true;
+    }
+    return false;
+}
+
+// The length of the well-formed UTF-8 sequence at the start of `text` and its scalar; 0 when
+// the first byte starts none.
+std::size_t decodeUTF8(std::string_view text, char32_t& scalar) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(0);
+    std::size_t length;
+    std::uint32_t value;
+    if (lead < 0x80) {
+        scalar = lead;
+        return 1;
+    } else if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+        value = lead & 0x1F;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        value = lead & 0x0F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        value = lead & 0x07;
+    } else {
+        return 0;
+    }
+    if (text.size() < length) return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xC0) != 0x80) return 0;
+        value = value << 6 | (byte(i) & 0x3F);
+    }
+    const std::uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (value < smallest[length] || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) {
+        return 0;
+    }
+    scalar = static_cast<char32_t>(value);
+    return length;
+}
+
+// Text as a description shows it: printable characters as they are, controls, separators and
+// bytes that are no UTF-8 escaped, and the backslash doubled so that the escapes stay readable
+// as such. One value stays on one line.
+std::string escaped(std::string_view text) {
+    const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+        return c >= 0x20 && c < 0x7F && c != '\\';
+    });
+    if (plain) return std::string(text);
+    std::string result;
+    result.reserve(text.size() + 8);
+    while (!text.empty()) {
+        char32_t scalar = 0;
+        const std::size_t length = decodeUTF8(text, scalar);
+        if (length == 0) {
+            appendEscape(result, "\\x%02X", static_cast<unsigned char>(text[0]));
+            text.remove_prefix(1);
+            continue;
+        }
+        if (!appendEscapeFor(result, scalar)) result.append(text.substr(0, length));
+        text.remove_prefix(length);
+    }
+    return result;
+}
+
 struct Printer {
     std::string operator()(const OSCBlob& blob) const {
         return std::to_string(blob.size()) + " bytes";
@@ -52,11 +140,11 @@ struct Printer {
     std::string operator()(double value) const { return floatingText(value); }
     std::string operator()(std::int32_t value) const { return std::to_string(value); }
     std::string operator()(std::int64_t value) const { return std::to_string(value); }
-    std::string operator()(const std::string& value) const { return value; }
+    std::string operator()(const std::string& value) const { return escaped(value); }
     std::string operator()(bool value) const { return value ? "true" : "false"; }
     std::string operator()(char32_t value) const {
         std::string text;
-        appendUTF8(text, value);
+        if (!appendEscapeFor(text, value)) appendUTF8(text, value);
         return text;
     }
     std::string operator()(const OSCArrayValue& array) const {
@@ -76,7 +164,7 @@ struct Printer {
                       unsigned{midi.data2});
         return buffer;
     }
-    std::string operator()(const OSCStringAltValue& value) const { return value.string; }
+    std::string operator()(const OSCStringAltValue& value) const { return escaped(value.string); }
     std::string operator()(const OSCTimeTag& tag) const { return tag.description(); }
 };
 

@@ -253,8 +253,33 @@ TEST(OSCMessageDescription, NamesEachValueKind) {
               "  OSCMIDIValue: portID 1, status 0x90, data1 60, data2 127\n"
               "  OSCStringAltValue: s\n  OSCTimeTag: OSCTimeTag(era: 0, rawValue: 1, immediate)");
     // The joined lines are trimmed at both ends.
-    EXPECT_EQ(OSCMessage("/c", {std::string(" x \n")}).description(),
+    EXPECT_EQ(OSCMessage("/c", {std::string(" x ")}).description(),
               "OSCMessage(\"/c\") with values:\n  String:  x");
+}
+
+TEST(OSCMessageDescription, ValuesStayOnTheirLine) {
+    // Controls, separators and bytes that are no UTF-8 are escaped, the backslash doubled so
+    // that escapes stay unambiguous; printable text, non-ASCII letters included, is as it was.
+    const struct {
+        OSCValue value;
+        std::string printed;
+    } cases[] = {
+        {std::string("a\tb\nc\r"), "a\\tb\\nc\\r"},
+        {std::string("bell\x07 del\x7F nul") + '\0', "bell\\x07 del\\x7F nul\\x00"},
+        {std::string("back\\slash"), "back\\\\slash"},
+        {std::string("caf\xC3\xA9 \xC2\x85 \xE2\x80\xA8 \xE2\x80\xA9"),
+         "caf\xC3\xA9 \\u0085 \\u2028 \\u2029"},
+        {std::string("bad \xFF\xC3 end"), "bad \\xFF\\xC3 end"},
+        {OSCStringAltValue{"alt\n"}, "alt\\n"},
+        {char32_t{0x0A}, "\\n"},
+        {char32_t{0x2029}, "\\u2029"},
+        {char32_t{0xE9}, "\xC3\xA9"},
+        {OSCArrayValue{{std::string("in\narray")}}, "[String: in\\narray]"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(printedForm(c.value), c.printed);
+    // The address keeps its raw form.
+    EXPECT_EQ(OSCMessage("/a\tb", {char32_t{0x0A}}).description(),
+              "OSCMessage(\"/a\tb\") with values:\n  Character: \\n");
 }
 
 TEST(OSCValueMask, ExtractsConvertsAndReportsMisfits) {
