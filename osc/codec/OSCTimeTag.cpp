@@ -82,6 +82,33 @@ std::chrono::system_clock::time_point OSCTimeTag::date() const {
     return Clock::time_point(duration_cast<Clock::duration>(duration<double>(fromClockZero)));
 }
 
+namespace {
+
+// Says which epoch a printed date was read with, when that is not plain UTC: a tag a sender
+// meant as UTC then prints shifted by the zone's offset, and the note tells the reader why.
+const std::string& epochNote() {
+    static const std::string note = [] {
+        using namespace std::chrono;
+        const auto utcEpoch = system_clock::from_time_t(-2208988800);  // 1900-01-01 00:00 UTC
+        const auto offset = duration_cast<seconds>(utcEpoch - OSCTimeTag::epochDate()).count();
+        if (offset == 0) return std::string();
+        const long long magnitude = offset < 0 ? -offset : offset;
+        char buffer[16];
+        if (magnitude % 60 == 0) {
+            std::snprintf(buffer, sizeof buffer, "%02lld:%02lld", magnitude / 3600,
+                          magnitude / 60 % 60);
+        } else {
+            std::snprintf(buffer, sizeof buffer, "%02lld:%02lld:%02lld", magnitude / 3600,
+                          magnitude / 60 % 60, magnitude % 60);
+        }
+        return std::string(" (epoch 1900 local, UTC") + (offset < 0 ? "\u2212" : "+") + buffer +
+               ")";
+    }();
+    return note;
+}
+
+}  // namespace
+
 std::string OSCTimeTag::description() const {
     std::string text =
         "OSCTimeTag(era: " + std::to_string(era) + ", rawValue: " + std::to_string(rawValue);
@@ -98,7 +125,7 @@ std::string OSCTimeTag::description() const {
                       utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min,
                       utc.tm_sec, static_cast<int>(millis));
     }
-    return text + ", date: " + buffer + ")";
+    return text + ", date: " + buffer + epochNote() + ")";
 }
 
 }  // namespace kavrin

@@ -34,7 +34,10 @@ struct OSCTimeTag {
     double seconds() const;
     std::chrono::system_clock::time_point date() const;
     // "OSCTimeTag(era: 0, rawValue: 1, immediate)" or, for any other tag,
-    // "OSCTimeTag(era: 0, rawValue: N, date: 2026-11-22 18:47:36.250 UTC)".
+    // "OSCTimeTag(era: 0, rawValue: N, date: 2026-11-22 18:47:36.250 UTC)": the instant the tag
+    // stands for under the local epoch. Where that epoch is not UTC's, the text names it,
+    // "... 05:00:00.500 UTC (epoch 1900 local, UTC−05:00))", so a reader sees why a tag a
+    // sender meant as UTC prints shifted.
     std::string description() const;
 
     friend bool operator==(const OSCTimeTag&, const OSCTimeTag&) = default;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <optional>
@@ -64,6 +65,29 @@ TEST(OSCTimeTag, TheEpochIsMidnightInTheLocalTimeZone) {
     tzset();
     EXPECT_EQ(utc, -2208988800);
     EXPECT_EQ(newYork - utc, 5 * 3600);
+}
+
+TEST(OSCTimeTagDeathTest, ADescriptionNamesALocalEpochThatIsNotUTC) {
+    // The epoch is cached at first use, so each zone is tried in a fresh process.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // 2026-01-01 00:00:00.5 as a sender using the UTC epoch means it.
+    const OSCTimeTag tag{0, (std::uint64_t{1767225600} + 2208988800) << 32 | 0x80000000u};
+    const auto describedIn = [&](const char* zone, const std::string& expected) {
+        setenv("TZ", zone, 1);
+        tzset();
+        const std::string text = tag.description();
+        std::fprintf(stderr, "%s\n", text.c_str());
+        std::exit(text == "OSCTimeTag(era: 0, rawValue: " + std::to_string(tag.rawValue) +
+                               ", date: " + expected + ")"
+                      ? 0
+                      : 1);
+    };
+    EXPECT_EXIT(describedIn("UTC0", "2026-01-01 00:00:00.500 UTC"), testing::ExitedWithCode(0),
+                "");
+    EXPECT_EXIT(describedIn("EST5", "2026-01-01 05:00:00.500 UTC (epoch 1900 local, UTC\u221205:00)"),
+                testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(describedIn("IST-5:30", "2025-12-31 18:30:00.500 UTC (epoch 1900 local, UTC+05:30)"),
+                testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
