@@ -1,6 +1,3 @@
 #pragma once
-// Address patterns, wildcard matching and the method tree.
-#include "osc/addressing/LossyASCII.hpp"
-#include "osc/addressing/OSCAddressPattern.hpp"
+// The address space: methods registered by address, messages dispatched to them.
 #include "osc/addressing/OSCAddressSpace.hpp"
-#include "osc/addressing/OSCCompiledPattern.hpp"

@@ -3,4 +3,5 @@
 #include "osc/addressing.hpp"
 #include "osc/codec.hpp"
 #include "osc/dispatch.hpp"
+#include "osc/pattern.hpp"
 #include "osc/transport.hpp"

@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "osc/addressing/OSCAddressPattern.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
 
 namespace kavrin {
 

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "osc/addressing/LossyASCII.hpp"
+#include "osc/pattern/LossyASCII.hpp"
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCSerialization.hpp"
 #include "osc/codec/OSCWireFormat.hpp"

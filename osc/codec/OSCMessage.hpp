@@ -9,7 +9,7 @@
 #include <tuple>
 #include <vector>
 
-#include "osc/addressing/OSCAddressPattern.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
 #include "osc/codec/OSCValue.hpp"
 #include "osc/codec/OSCValueMask.hpp"
 

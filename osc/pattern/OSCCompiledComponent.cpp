@@ -1,11 +1,11 @@
-#include "osc/addressing/OSCCompiledComponent.hpp"
+#include "osc/pattern/OSCCompiledComponent.hpp"
 
 #include <algorithm>
 #include <bit>
 #include <cstring>
 #include <iterator>
 
-#include "osc/addressing/CharacterView.hpp"
+#include "osc/pattern/CharacterView.hpp"
 
 namespace kavrin {
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "osc/addressing/OSCAddressPattern.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
 
 namespace kavrin {
 

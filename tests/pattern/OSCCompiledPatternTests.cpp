@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "osc/addressing/OSCCompiledComponent.hpp"
-#include "osc/addressing/OSCCompiledPattern.hpp"
+#include "osc/pattern/OSCCompiledComponent.hpp"
+#include "osc/pattern/OSCCompiledPattern.hpp"
 
 namespace kavrin {
 namespace {

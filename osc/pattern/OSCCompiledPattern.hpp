@@ -5,8 +5,8 @@
 #include <string_view>
 #include <vector>
 
-#include "osc/addressing/OSCAddressPattern.hpp"
-#include "osc/addressing/OSCCompiledComponent.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
+#include "osc/pattern/OSCCompiledComponent.hpp"
 
 namespace kavrin {
 

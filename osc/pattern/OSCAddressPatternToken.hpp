@@ -8,8 +8,8 @@
 #include <variant>
 #include <vector>
 
-#include "osc/addressing/CharacterView.hpp"
-#include "osc/addressing/OSCAddressPattern.hpp"
+#include "osc/pattern/CharacterView.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
 
 namespace kavrin {
 

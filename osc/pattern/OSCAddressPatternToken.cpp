@@ -1,4 +1,4 @@
-#include "osc/addressing/OSCAddressPatternToken.hpp"
+#include "osc/pattern/OSCAddressPatternToken.hpp"
 
 namespace kavrin {
 

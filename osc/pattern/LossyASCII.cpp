@@ -1,4 +1,4 @@
-#include "osc/addressing/LossyASCII.hpp"
+#include "osc/pattern/LossyASCII.hpp"
 
 #include <memory>
 #include <mutex>

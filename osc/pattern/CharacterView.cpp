@@ -1,4 +1,4 @@
-#include "osc/addressing/CharacterView.hpp"
+#include "osc/pattern/CharacterView.hpp"
 
 #include <cstring>
 #include <memory>
@@ -8,7 +8,7 @@
 #include <unicode/utext.h>
 #include <unicode/utf8.h>
 
-#include "osc/addressing/LossyASCII.hpp"
+#include "osc/pattern/LossyASCII.hpp"
 
 namespace kavrin {
 

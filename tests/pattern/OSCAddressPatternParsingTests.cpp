@@ -4,8 +4,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "osc/addressing/LossyASCII.hpp"
-#include "osc/addressing/OSCAddressPattern.hpp"
+#include "osc/pattern/LossyASCII.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
 
 namespace kavrin {
 

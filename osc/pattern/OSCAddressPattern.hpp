@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "osc/addressing/CharacterView.hpp"
+#include "osc/pattern/CharacterView.hpp"
 
 namespace kavrin {
 

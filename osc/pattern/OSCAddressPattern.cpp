@@ -1,9 +1,9 @@
-#include "osc/addressing/OSCAddressPattern.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
 
 #include <variant>
 
-#include "osc/addressing/LossyASCII.hpp"
-#include "osc/addressing/OSCAddressPatternToken.hpp"
+#include "osc/pattern/LossyASCII.hpp"
+#include "osc/pattern/OSCAddressPatternToken.hpp"
 
 namespace kavrin {
 

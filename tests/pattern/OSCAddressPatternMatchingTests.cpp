@@ -4,7 +4,7 @@
 #include <thread>
 #include <vector>
 
-#include "osc/addressing/OSCAddressPattern.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
 
 namespace kavrin {
 namespace {

@@ -1,4 +1,4 @@
-#include "osc/addressing/OSCCompiledPattern.hpp"
+#include "osc/pattern/OSCCompiledPattern.hpp"
 
 namespace kavrin {
 

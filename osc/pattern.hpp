@@ -1,0 +1,5 @@
+#pragma once
+// Address patterns and wildcard matching.
+#include "osc/pattern/LossyASCII.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
+#include "osc/pattern/OSCCompiledPattern.hpp"
