@@ -5,9 +5,9 @@
 
 #include <string>
 
-#include "osc/addressing/OSCAddressPattern.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
 #include "osc/addressing/OSCAddressSpace.hpp"
-#include "osc/addressing/OSCCompiledPattern.hpp"
+#include "osc/pattern/OSCCompiledPattern.hpp"
 #include "osc/codec/OSCMessage.hpp"
 
 namespace {

@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "osc/addressing/OSCAddressPattern.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
 #include "osc/addressing/OSCAddressSpace.hpp"
-#include "osc/addressing/OSCCompiledPattern.hpp"
+#include "osc/pattern/OSCCompiledPattern.hpp"
 #include "osc/codec/OSCMessage.hpp"
 
 namespace {
