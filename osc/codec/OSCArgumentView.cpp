@@ -12,9 +12,9 @@ void OSCArgumentView::skipArray(const char*& tag, const std::uint8_t*& data) {
     int depth = 0;
     do {
         const char c = *tag++;
-        if (c == '[') {
+        if (c == oscArrayStart) {
             ++depth;
-        } else if (c == ']') {
+        } else if (c == oscArrayEnd) {
             --depth;
         } else {
             data += byteCount(c, data);
@@ -22,48 +22,18 @@ void OSCArgumentView::skipArray(const char*& tag, const std::uint8_t*& data) {
     } while (depth > 0);
 }
 
-void OSCArgumentView::wrongType(const char* kindName) const {
-    throw OSCDecodeError(
-        OSCDecodeError::Case::unexpectedType,
-        std::string("OSC type tag ") + *tag_ + " cannot be read as " + kindName + ".");
+void OSCArgumentView::wrongType(OSCValueKind kind) const {
+    throw OSCDecodeError(OSCDecodeError::Case::unexpectedType,
+                         std::string("OSC type tag ") + *tag_ + " cannot be read as " +
+                             std::string(kindName(kind)) + ".");
 }
 
 OSCValueKind OSCArgumentView::kind() const {
-    switch (*tag_) {
-        case 'b':
-            return OSCValueKind::blob;
-        case 'f':
-            return OSCValueKind::float32;
-        case 'i':
-            return OSCValueKind::int32;
-        case 's':
-            return OSCValueKind::string;
-        case 'T':
-        case 'F':
-            return OSCValueKind::boolean;
-        case 'c':
-            return OSCValueKind::character;
-        case 'd':
-            return OSCValueKind::float64;
-        case 'h':
-            return OSCValueKind::int64;
-        case '[':
-            return OSCValueKind::array;
-        case 'I':
-            return OSCValueKind::impulse;
-        case 'm':
-            return OSCValueKind::midi;
-        case 'N':
-            return OSCValueKind::null;
-        case 'S':
-            return OSCValueKind::stringAlt;
-        default:
-            return OSCValueKind::timeTag;  // 't', the last tag a checked message may hold
-    }
+    return oscTypeTag::find(*tag_)->kind;  // a checked message holds only known tags
 }
 
 OSCArgumentView::Range OSCArgumentView::elements() const {
-    expect('[', "OSCArrayValue");
+    expect<OSCValueKind::array>();
     const char* close = tag_;
     const std::uint8_t* data = data_;
     skipArray(close, data);
@@ -77,54 +47,54 @@ namespace {
 // which puts it where it belongs and returns it; an array is then filled in place.
 template <class Make>
 void makeValue(const OSCArgumentView& argument, Make&& make) {
-    switch (argument.tag()) {
-        case 'b': {
+    switch (argument.kind()) {
+        case OSCValueKind::blob: {
             const auto bytes = argument.blob();
             make(std::in_place_type<OSCBlob>, bytes.begin(), bytes.end());
             return;
         }
-        case 'f':
+        case OSCValueKind::float32:
             make(std::in_place_type<float>, argument.float32());
             return;
-        case 'i':
+        case OSCValueKind::int32:
             make(std::in_place_type<std::int32_t>, argument.int32());
             return;
-        case 's':
+        case OSCValueKind::string:
             make(std::in_place_type<std::string>, argument.string());
             return;
-        case 'T':
-        case 'F':
+        case OSCValueKind::boolean:
             make(std::in_place_type<bool>, argument.boolean());
             return;
-        case 'c':
+        case OSCValueKind::character:
             make(std::in_place_type<char32_t>, argument.character());
             return;
-        case 'd':
+        case OSCValueKind::float64:
             make(std::in_place_type<double>, argument.float64());
             return;
-        case 'h':
+        case OSCValueKind::int64:
             make(std::in_place_type<std::int64_t>, argument.int64());
             return;
-        case '[': {
+        case OSCValueKind::array: {
             auto& array = std::get<OSCArrayValue>(make(std::in_place_type<OSCArrayValue>));
             for (const auto element : argument.elements()) element.appendTo(array.elements);
             return;
         }
-        case 'I':
+        case OSCValueKind::impulse:
             make(std::in_place_type<OSCImpulseValue>);
             return;
-        case 'm':
+        case OSCValueKind::midi:
             make(std::in_place_type<OSCMIDIValue>, argument.midi());
             return;
-        case 'N':
+        case OSCValueKind::null:
             make(std::in_place_type<OSCNullValue>);
             return;
-        case 'S':
+        case OSCValueKind::stringAlt:
             make(std::in_place_type<OSCStringAltValue>,
                  OSCStringAltValue{std::string(argument.string())});
             return;
-        default:  // 't', the last tag a checked message may hold
+        case OSCValueKind::timeTag:
             make(std::in_place_type<OSCTimeTag>, argument.timeTag());
+            return;
     }
 }
 

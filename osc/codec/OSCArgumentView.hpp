@@ -9,20 +9,20 @@
 #include <string_view>
 #include <vector>
 
-#include "osc/codec/BigEndian.hpp"
-#include "osc/codec/OSCArgumentWidths.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
+#include "osc/codec/OSCTypeTag.hpp"
 #include "osc/codec/OSCValue.hpp"
+#include "osc/codec/detail/BigEndian.hpp"
+#include "osc/codec/detail/OSCPadding.hpp"
 
 namespace kavrin {
 
 // One argument of a checked message (OSCMessageView), read in place: its type tag and typed
 // reads straight from the datagram, which must outlive the view. Cheap to copy (two pointers).
 //
-// Each typed read accepts only its own tags and otherwise throws
-// OSCDecodeError(unexpectedType, "OSC type tag x cannot be read as Int32."):
-//   int32 i, float32 f, string s and S, blob b, int64 h, float64 d, timeTag t, character c,
-//   midi m, boolean T and F, elements [ (the array's arguments, nested arrays as nested views).
+// Each typed read accepts only the tags of its kind (string() also those of OSCStringAltValue)
+// and otherwise throws OSCDecodeError(unexpectedType, "OSC type tag x cannot be read as Int32.");
+// elements() reads an array's arguments, nested arrays as nested views.
 // I (impulse) and N (null) carry nothing beyond their tag.
 // Plain values: distinct objects from any thread, a shared one for reading only.
 class OSCArgumentView {
@@ -35,44 +35,46 @@ class OSCArgumentView {
     OSCValueKind kind() const;
 
     std::int32_t int32() const {
-        expect('i', "Int32");
+        expect<OSCValueKind::int32>();
         return static_cast<std::int32_t>(bigEndian::load32(data_));
     }
     float float32() const {
-        expect('f', "Float32");
+        expect<OSCValueKind::float32>();
         return std::bit_cast<float>(bigEndian::load32(data_));
     }
     std::string_view string() const {
-        if (*tag_ != 'S') expect('s', "String");
+        constexpr char altTag = oscTypeTag::tagOf(OSCValueKind::stringAlt);
+        if (*tag_ != altTag) expect<OSCValueKind::string>();
         return {reinterpret_cast<const char*>(data_), textLength(data_, chunkSize(data_))};
     }
     std::span<const std::uint8_t> blob() const {
-        expect('b', "Blob");
+        expect<OSCValueKind::blob>();
         return {data_ + 4, bigEndian::load32(data_)};
     }
     std::int64_t int64() const {
-        expect('h', "Int64");
+        expect<OSCValueKind::int64>();
         return static_cast<std::int64_t>(bigEndian::load64(data_));
     }
     double float64() const {
-        expect('d', "Double");
+        expect<OSCValueKind::float64>();
         return std::bit_cast<double>(bigEndian::load64(data_));
     }
     OSCTimeTag timeTag() const {
-        expect('t', "OSCTimeTag");
+        expect<OSCValueKind::timeTag>();
         return OSCTimeTag{0, bigEndian::load64(data_)};
     }
     char32_t character() const {
-        expect('c', "Character");
+        expect<OSCValueKind::character>();
         return static_cast<char32_t>(bigEndian::load32(data_));
     }
     OSCMIDIValue midi() const {
-        expect('m', "OSCMIDIValue");
+        expect<OSCValueKind::midi>();
         return {data_[0], data_[1], data_[2], data_[3]};
     }
     bool boolean() const {
-        if (*tag_ != 'F') expect('T', "Bool");
-        return *tag_ == 'T';
+        constexpr char falseTag = oscTypeTag::tagOf(OSCValueKind::boolean, 1);
+        if (*tag_ != falseTag) expect<OSCValueKind::boolean>();
+        return *tag_ != falseTag;
     }
     Range elements() const;
 
@@ -85,20 +87,23 @@ class OSCArgumentView {
     friend class OSCMessageView;
     friend class OSCBundleView;
     OSCArgumentView(const char* tag, const std::uint8_t* data) : tag_(tag), data_(data) {}
-    void expect(char tag, const char* kindName) const {
+    // Only the kind's first tag passes; the table is read when this is compiled.
+    template <OSCValueKind kind>
+    void expect() const {
+        constexpr char tag = oscTypeTag::tagOf(kind);
         if (*tag_ != tag) [[unlikely]]
-            wrongType(kindName);
+            wrongType(kind);
     }
-    [[noreturn]] void wrongType(const char* kindName) const;
+    [[noreturn]] void wrongType(OSCValueKind kind) const;
 
     // The argument bytes of a value with an atomic or variable tag (arrays are walked tag by
     // tag). The bytes have been checked, so string and blob lengths can be trusted.
     static std::size_t byteCount(char tag, const std::uint8_t* data) {
-        const auto width = wireFormat::argumentWidths[static_cast<std::uint8_t>(tag)];
-        if (width != wireFormat::variableWidth) return width;
-        if (tag == 'b') {
-            const std::size_t length = bigEndian::load32(data);
-            return 4 + length + (4 - length % 4) % 4;
+        const auto width = oscTypeTag::widthOf[static_cast<std::uint8_t>(tag)];
+        if (width != oscTypeTag::variableWidth) return width;
+        constexpr char blobTag = oscTypeTag::tagOf(OSCValueKind::blob);
+        if (tag == blobTag) {
+            return 4 + padding::wordAligned(bigEndian::load32(data));
         }
         return chunkSize(data);  // s, S
     }
@@ -134,7 +139,7 @@ class OSCArgumentView::Iterator {
     Iterator() = default;
     OSCArgumentView operator*() const { return {tag_, data_}; }
     Iterator& operator++() {
-        if (*tag_ == '[') {
+        if (*tag_ == oscArrayStart) {
             skipArray(tag_, data_);
         } else {
             data_ += byteCount(*tag_, data_);

@@ -4,20 +4,15 @@
 #include <string>
 #include <utility>
 
-#include "osc/codec/BigEndian.hpp"
+#include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/OSCError.hpp"
-#include "osc/codec/OSCRawBytes.hpp"
-#include "osc/codec/OSCWireFormat.hpp"
+#include "osc/codec/detail/OSCRawBytes.hpp"
+#include "osc/codec/detail/OSCWireFormat.hpp"
 #include "osc/codec/PassiveDataReader.hpp"
 
 namespace kavrin {
 
 namespace {
-
-std::string tooDeep() {
-    return "Bundle nesting exceeds the maximum depth of " +
-           std::to_string(OSCBundle::maximumDepth) + " levels.";
-}
 
 // How many elements the size words announce, counted up to the first one that does not fit,
 // so that the element list is allocated once.
@@ -58,7 +53,7 @@ std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out) const {
 }
 
 std::size_t OSCBundle::encodedSize(int depth) const {
-    if (depth > maximumDepth) throw OSCEncodeError(OSCEncodeError::Case::general, tooDeep());
+    if (depth > maximumDepth) throw OSCEncodeError(OSCEncodeError::Case::general, wireFormat::bundleTooDeep());
     std::size_t size = 16;
     for (const auto& element : elements) {
         size += 4;

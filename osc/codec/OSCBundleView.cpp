@@ -1,8 +1,8 @@
 #include "osc/codec/OSCBundleView.hpp"
 
-#include "osc/codec/BigEndian.hpp"
-#include "osc/codec/OSCRawBytes.hpp"
-#include "osc/codec/OSCWireFormat.hpp"
+#include "osc/codec/detail/BigEndian.hpp"
+#include "osc/codec/detail/OSCRawBytes.hpp"
+#include "osc/codec/detail/OSCWireFormat.hpp"
 
 namespace kavrin {
 

@@ -7,18 +7,14 @@
 
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessageView.hpp"
-#include "osc/codec/OSCRawBytes.hpp"
+#include "osc/codec/detail/OSCPadding.hpp"
+#include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/codec/OSCSerialization.hpp"
-#include "osc/codec/OSCWireFormat.hpp"
+#include "osc/codec/detail/OSCWireFormat.hpp"
 
 namespace kavrin {
 
 namespace {
-
-// A null-terminated chunk of `length` content bytes: at least one zero, padded to 4.
-std::size_t chunkSize(std::size_t length) {
-    return length + 4 - length % 4;
-}
 
 // The tags the values write: one each, an array its brackets and its elements' tags.
 std::size_t tagCount(const std::vector<OSCValue>& values) {
@@ -55,7 +51,7 @@ std::vector<std::uint8_t> OSCMessage::rawData() const {
 OSCMessage::Layout OSCMessage::layout() const {
     OSCValueEncoder measure(OSCSerialization::shared());
     for (const auto& value : values) measure.serialization().encodeValue(value, measure);
-    return {chunkSize(addressPattern.rawAddress().size()), chunkSize(1 + measure.tagCount()),
+    return {padding::nullTerminatedSize(addressPattern.rawAddress().size()), padding::nullTerminatedSize(1 + measure.tagCount()),
             measure.argumentByteCount()};
 }
 
@@ -73,7 +69,7 @@ std::uint8_t* OSCMessage::write(const Layout& sizes, std::uint8_t* out) const {
 
 std::uint8_t* OSCMessage::writeMeasured(std::uint8_t* out) const {
     return write(
-        {chunkSize(addressPattern.rawAddress().size()), chunkSize(1 + tagCount(values)), 0}, out);
+        {padding::nullTerminatedSize(addressPattern.rawAddress().size()), padding::nullTerminatedSize(1 + tagCount(values)), 0}, out);
 }
 
 OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes) {

@@ -1,56 +1,74 @@
 #include "osc/codec/OSCMessageView.hpp"
 
+#include <array>
 #include <stdexcept>
 #include <string>
 
-#include "osc/codec/OSCArgumentWidths.hpp"
-#include "osc/codec/OSCRawBytes.hpp"
-#include "osc/codec/OSCWireFormat.hpp"
-#include "osc/codec/ZeroByteScan.hpp"
+#include "osc/codec/OSCTypeTag.hpp"
+#include "osc/codec/detail/OSCRawBytes.hpp"
+#include "osc/codec/detail/OSCWireFormat.hpp"
+#include "osc/codec/detail/ZeroByteScan.hpp"
 
 namespace kavrin {
 
 namespace {
 
-// Checks the bytes of one value with an atomic or variable tag as the registry's decoders read
+// The fixed widths the fast path may take without a closer look: a "c" needs its scalar checked.
+constexpr auto checkedWidths = [] {
+    auto widths = oscTypeTag::widthOf;
+    for (const auto& entry : oscTypeTags) {
+        if (entry.format == OSCArgumentFormat::character) {
+            widths[static_cast<std::uint8_t>(entry.tag)] = oscTypeTag::variableWidth;
+        }
+    }
+    return widths;
+}();
+
+constexpr auto stringTags = [] {
+    std::array<bool, 256> strings{};
+    for (const auto& entry : oscTypeTags) {
+        strings[static_cast<std::uint8_t>(entry.tag)] = entry.format == OSCArgumentFormat::string;
+    }
+    return strings;
+}();
+
+// Checks the bytes of one value with an atomic or variable tag as the owning decoder reads
 // them. Kept apart from arrays so that it inlines into the loop over the tags.
 [[gnu::always_inline]] inline void checkAtomic(char tag, PassiveDataReader& reader) {
-    switch (tag) {
-        case 'i':
+    const OSCTypeTag* entry = oscTypeTag::find(tag);
+    if (entry == nullptr) throw wireFormat::noConcreteType(tag);
+    switch (entry->format) {
+        case OSCArgumentFormat::none:
+            break;
+        case OSCArgumentFormat::int32:
             reader.readInt32();
             break;
-        case 'm':
-            reader.readByteView(4);  // four bytes, not a number: its own shortage text
-            break;
-        case 'f':
+        case OSCArgumentFormat::float32:
             reader.readFloat32();
             break;
-        case 'h':
-            reader.readInt64();
-            break;
-        case 'd':
-            reader.readDouble();
-            break;
-        case 't':
-            reader.readUInt64();
-            break;
-        case 's':
-        case 'S':
-            reader.readStringView();
-            break;
-        case 'b':
-            reader.readBlobView();
-            break;
-        case 'c':
+        case OSCArgumentFormat::character:
             wireFormat::unicodeScalar(static_cast<std::uint32_t>(reader.readInt32()));
             break;
-        case 'T':
-        case 'F':
-        case 'I':
-        case 'N':
+        case OSCArgumentFormat::midi:
+            reader.readByteView(4);  // four bytes, not a number: its own shortage text
             break;
-        default:
-            throw wireFormat::noConcreteType(tag);
+        case OSCArgumentFormat::int64:
+            reader.readInt64();
+            break;
+        case OSCArgumentFormat::float64:
+            reader.readDouble();
+            break;
+        case OSCArgumentFormat::timeTag:
+            reader.readUInt64();
+            break;
+        case OSCArgumentFormat::string:
+            reader.readStringView();
+            break;
+        case OSCArgumentFormat::blob:
+            reader.readBlobView();
+            break;
+        case OSCArgumentFormat::array:
+            break;  // never here: arrays are walked tag by tag
     }
 }
 
@@ -59,12 +77,12 @@ void checkArray(std::string_view tags, std::size_t& index, PassiveDataReader& re
                 int& arrayDepth) {
     wireFormat::enterArray(arrayDepth);
     for (++index; index < tags.size();) {
-        if (tags[index] == ']') {
+        if (tags[index] == oscArrayEnd) {
             --arrayDepth;
             ++index;
             return;
         }
-        if (tags[index] == '[') {
+        if (tags[index] == oscArrayStart) {
             checkArray(tags, index, reader, arrayDepth);
         } else {
             checkAtomic(tags[index++], reader);
@@ -108,8 +126,8 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(byt
     while (tag != tagsEnd) {
         // Fixed widths and well-formed strings are checked here; everything else, and every
         // fault, goes through the reader, which knows the texts.
-        const auto width = wireFormat::checkedWidths[static_cast<std::uint8_t>(*tag)];
-        if (width != wireFormat::variableWidth && end - at >= width) {
+        const auto width = checkedWidths[static_cast<std::uint8_t>(*tag)];
+        if (width != oscTypeTag::variableWidth && end - at >= width) {
             at += width;
             ++tag;
             ++count;
@@ -120,7 +138,7 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(byt
             ++tag;
             continue;
         }
-        if (*tag == 's' || *tag == 'S') {
+        if (stringTags[static_cast<std::uint8_t>(*tag)]) {
             if (const auto length = zeroByteScan::asciiChunk(at, end - at).length; length > 0) {
                 at += length;
                 ++tag;
@@ -130,7 +148,7 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(byt
         }
         PassiveDataReader reader({at, end});
         auto index = static_cast<std::size_t>(tag - tagString.data());
-        if (*tag == '[') {
+        if (*tag == oscArrayStart) {
             checkArray(tagString, index, reader, arrayDepth);
         } else {
             checkAtomic(tagString[index++], reader);
@@ -159,9 +177,9 @@ std::size_t OSCMessageView::argumentCount() const {
     std::size_t count = 0;
     int depth = 0;
     for (const char tag : tags_) {
-        if (tag == '[') {
+        if (tag == oscArrayStart) {
             if (depth++ == 0) ++count;
-        } else if (tag == ']') {
+        } else if (tag == oscArrayEnd) {
             --depth;
         } else if (tag != ',' && depth == 0) {
             ++count;

@@ -15,9 +15,8 @@ namespace kavrin {
 // same leniency about commas in the tag string), but copies and allocates nothing; the accessors
 // then read straight from the bytes, which must outlive the view and every view taken from it.
 //
-// Only the built-in tags are known, as for OSCMessage::decode, which decodes with the shared
-// registry: a tag registered in another OSCSerialization instance is refused with
-// "No concrete type found to decode OSC type tag: " and the tag, by both.
+// The tags are those of the wire format's table (oscTypeTags); any other is refused with
+// "No concrete type found to decode OSC type tag: " and the tag.
 //
 // Arguments are walked front to back (begin()/end(), or arguments()); an array is one argument
 // whose elements() are walked the same way. argument(index) walks from the first argument.

@@ -9,7 +9,7 @@
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCMessage.hpp"
-#include "osc/codec/OSCRawBytes.hpp"
+#include "osc/codec/detail/OSCRawBytes.hpp"
 
 namespace kavrin {
 

@@ -1,26 +1,88 @@
 #include "osc/codec/OSCSerialization.hpp"
 
+#include <bit>
+#include <cstring>
 #include <string>
 
-#include "osc/codec/OSCBuiltInValueKinds.hpp"
 #include "osc/codec/OSCError.hpp"
-#include "osc/codec/OSCWireFormat.hpp"
+#include "osc/codec/detail/OSCWireFormat.hpp"
+#include "osc/pattern/LossyASCII.hpp"
 
 namespace kavrin {
 
-OSCSerialization::OSCSerialization() {
-    byTag_.fill(-1);
-    byKind_.fill(-1);
+namespace {
+
+// Text goes on the wire as it is when it is ASCII without zero bytes; anything else is first
+// made printable ASCII (the decoder accepts nothing else, and a zero would end the string).
+void putText(const std::string& text, OSCValueEncoder& encoder) {
+    // A byte of 0x80 or more, or a zero, sets a high bit in `flags`. Whole words, the last one
+    // overlapping the one before: encoding looks at every string twice (measuring, writing).
+    const auto flagsOf = [](auto word) {
+        using Word = decltype(word);
+        constexpr Word ones = static_cast<Word>(0x0101010101010101ULL);
+        return static_cast<std::uint64_t>(word | ((word - ones) & ~word));
+    };
+    const char* const data = text.data();
+    const std::size_t size = text.size();
+    std::uint64_t flags = 0;
+    if (size >= 8) {
+        std::uint64_t word;
+        for (std::size_t i = 0; i + 8 < size; i += 8) {
+            std::memcpy(&word, data + i, 8);
+            flags |= flagsOf(word);
+        }
+        std::memcpy(&word, data + size - 8, 8);
+        flags |= flagsOf(word);
+    } else if (size >= 4) {
+        std::uint32_t low, high;
+        std::memcpy(&low, data, 4);
+        std::memcpy(&high, data + size - 4, 4);
+        flags = flagsOf(low) | flagsOf(high);
+    } else {
+        for (std::size_t i = 0; i < size; ++i) {
+            const auto byte = static_cast<unsigned char>(data[i]);
+            flags |= byte == 0 ? 0x80 : byte;
+        }
+    }
+    if ((flags & 0x8080808080808080ULL) != 0) {
+        encoder.nullTerminated(lossyASCII(text));
+    } else {
+        encoder.nullTerminated(text);
+    }
 }
 
-OSCSerialization OSCSerialization::withBuiltInKinds() {
-    OSCSerialization serialization;
-    registerBuiltInValueKinds(serialization);
-    return serialization;
+template <class T>
+const T& as(const OSCValue& value) {
+    return *std::get_if<T>(&value.base());
+}
+
+}  // namespace
+
+OSCSerialization::OSCSerialization(std::span<const OSCTypeTag> table) {
+    byTag_.fill(-1);
+    byKind_.fill(-1);
+    std::array<std::string, oscValueKindCount> tagsOf;
+    std::vector<OSCValueKind> order;
+    std::array<OSCArgumentFormat, oscValueKindCount> formatOf{};
+    for (const auto& entry : table) {
+        auto& tags = tagsOf[static_cast<std::size_t>(entry.kind)];
+        if (tags.empty()) order.push_back(entry.kind);
+        tags += entry.tag;
+        formatOf[static_cast<std::size_t>(entry.kind)] = entry.format;
+    }
+    for (const OSCValueKind kind : order) {
+        const auto& tags = tagsOf[static_cast<std::size_t>(kind)];
+        const auto format = formatOf[static_cast<std::size_t>(kind)];
+        const auto identity = format == OSCArgumentFormat::array
+                                  ? OSCValueTagIdentity::variadic(tags[0], 2)
+                              : tags.size() == 1 ? OSCValueTagIdentity::atomic(tags[0])
+                                                 : OSCValueTagIdentity::variable(tags);
+        registerKind({kind, identity, format});
+    }
 }
 
 const OSCSerialization& OSCSerialization::shared() {
-    static const OSCSerialization instance = withBuiltInKinds();
+    static const OSCSerialization instance(oscTypeTags);
     return instance;
 }
 
@@ -35,37 +97,8 @@ void OSCSerialization::registerKind(Registration registration) {
     const auto index = static_cast<std::int16_t>(registrations_.size());
     for (const char tag : claimed) byTag_[static_cast<unsigned char>(tag)] = index;
     auto& byKind = byKind_[static_cast<std::size_t>(registration.kind)];
-    if (byKind < 0) {
-        byKind = index;
-        encodePlans_[static_cast<std::size_t>(registration.kind)] = planFor(registration);
-    }
+    if (byKind < 0) byKind = index;
     registrations_.push_back(std::move(registration));
-}
-
-// The encoder must be of the sort that the identity asks for.
-OSCSerialization::EncodePlan OSCSerialization::planFor(const Registration& registration) {
-    using Sort = EncodePlan::Sort;
-    EncodePlan plan;
-    const auto& identity = registration.identity.identity;
-    if (std::holds_alternative<std::monostate>(registration.encoder)) {
-        plan.sort = Sort::none;
-    } else if (const auto* atomic = std::get_if<OSCValueAtomicEncoder>(&registration.encoder);
-               atomic != nullptr && identity.index() == 0) {
-        plan.sort = Sort::atomic;
-        plan.tag = std::get<OSCValueTagIdentity::Atomic>(identity).tag;
-        plan.atomic = *atomic;
-    } else if (const auto* variable = std::get_if<OSCValueVariableEncoder>(&registration.encoder);
-               variable != nullptr && identity.index() == 1) {
-        plan.sort = Sort::variable;
-        plan.variable = *variable;
-    } else if (const auto* variadic = std::get_if<OSCValueVariadicEncoder>(&registration.encoder);
-               variadic != nullptr && identity.index() == 2) {
-        plan.sort = Sort::variadic;
-        plan.variadic = *variadic;
-    } else {
-        plan.sort = Sort::mismatched;
-    }
-    return plan;
 }
 
 const OSCSerialization::Registration* OSCSerialization::registration(char tag) const {
@@ -78,72 +111,71 @@ const OSCSerialization::Registration* OSCSerialization::registration(OSCValueKin
     return index < 0 ? nullptr : &registrations_[index];
 }
 
-// Each tag character has at most one owner (registration refuses a second claim), so the
-// candidates for a character are at most the one registration in the table.
-void OSCSerialization::decodeValue(std::string_view tags, std::size_t& index,
-                                   OSCValueDecoder& decoder, std::vector<OSCValue>& values) const {
-    const char tag = tags[index];
-    const Registration* candidate = registration(tag);
-    if (candidate == nullptr || std::holds_alternative<std::monostate>(candidate->decoder)) {
-        throw wireFormat::noConcreteType(tag);
-    }
-    // The decoder must be of the sort that the identity asks for.
-    const auto sort = candidate->identity.identity.index() + 1;
-    if (candidate->decoder.index() != sort) {
-        throw OSCDecodeError::malformed(
-            std::string("No decoder is implemented for OSC type tag: ") + tag);
-    }
-    auto& value = values.emplace_back();
-    std::size_t used = 0;
-    try {
-        if (const auto* atomic = std::get_if<OSCValueAtomicDecoder>(&candidate->decoder)) {
-            used = atomic->block(decoder, value) ? 1 : 0;
-        } else if (const auto* variable =
-                       std::get_if<OSCValueVariableDecoder>(&candidate->decoder)) {
-            used = variable->block(tag, decoder, value) ? 1 : 0;
-        } else {
-            used = std::get<OSCValueVariadicDecoder>(candidate->decoder)
-                       .block(tags.substr(index), decoder, value);
-        }
-    } catch (...) {
-        values.pop_back();  // nothing of a failed value is left behind
-        throw;
-    }
-    if (used == 0) {
-        values.pop_back();
-        throw OSCDecodeError::malformed(std::string("No decoder found to decode OSC type tag: ") +
-                                        tag);
-    }
-    index += used;
-}
-
 void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const {
-    const auto& plan = encodePlans_[value.index()];
-    switch (plan.sort) {
-        case EncodePlan::Sort::atomic:
-            encoder.tag(plan.tag);
-            plan.atomic.block(value, encoder);
-            return;
-        case EncodePlan::Sort::variable:
-            encoder.tag(plan.variable.block(value, encoder));
-            return;
-        case EncodePlan::Sort::variadic:
-            plan.variadic.block(value, encoder);
-            return;
-        default:
-            failEncoding(plan.sort, kindOf(value));
+    const auto index = byKind_[value.index()];
+    if (index < 0) {
+        throw OSCEncodeError(OSCEncodeError::Case::general,
+                             "No encoder is registered for OSC value kind: " +
+                                 std::string(kindName(kindOf(value))));
     }
-}
-
-void OSCSerialization::failEncoding(EncodePlan::Sort sort, OSCValueKind kind) {
-    if (sort == EncodePlan::Sort::none) {
-        throw OSCEncodeError(
-            OSCEncodeError::Case::general,
-            "No encoder is registered for OSC value kind: " + std::string(kindName(kind)));
+    const Registration& kind = registrations_[index];
+    const auto& identity = kind.identity.identity;
+    if (const auto* atomic = std::get_if<OSCValueTagIdentity::Atomic>(&identity)) {
+        encoder.tag(atomic->tag);
+    } else if (const auto* variable = std::get_if<OSCValueTagIdentity::Variable>(&identity)) {
+        encoder.tag(variable->tags[as<bool>(value) ? 0 : 1]);
     }
-    throw OSCEncodeError(OSCEncodeError::Case::unexpectedEncoder,
-                         "The encoder registered for OSC value kind " +
-                             std::string(kindName(kind)) + " does not fit its type tags.");
+    switch (kind.format) {
+        case OSCArgumentFormat::none:
+            return;
+        case OSCArgumentFormat::int32:
+            encoder.uint32(static_cast<std::uint32_t>(as<std::int32_t>(value)));
+            return;
+        case OSCArgumentFormat::float32:
+            encoder.uint32(std::bit_cast<std::uint32_t>(as<float>(value)));
+            return;
+        case OSCArgumentFormat::character:
+            encoder.uint32(static_cast<std::uint32_t>(as<char32_t>(value)));
+            return;
+        case OSCArgumentFormat::midi: {
+            const auto& midi = as<OSCMIDIValue>(value);
+            const std::uint8_t bytes[4] = {midi.portID, midi.status, midi.data1, midi.data2};
+            encoder.bytes(bytes, 4);
+            return;
+        }
+        case OSCArgumentFormat::int64:
+            encoder.uint64(static_cast<std::uint64_t>(as<std::int64_t>(value)));
+            return;
+        case OSCArgumentFormat::float64:
+            encoder.uint64(std::bit_cast<std::uint64_t>(as<double>(value)));
+            return;
+        case OSCArgumentFormat::timeTag:
+            encoder.uint64(as<OSCTimeTag>(value).rawValue);
+            return;
+        case OSCArgumentFormat::string:
+            putText(kindOf(value) == OSCValueKind::string ? as<std::string>(value)
+                                                          : as<OSCStringAltValue>(value).string,
+                    encoder);
+            return;
+        case OSCArgumentFormat::blob: {
+            const auto& blob = as<OSCBlob>(value);
+            encoder.uint32(static_cast<std::uint32_t>(blob.size()));
+            encoder.bytes(blob.data(), blob.size());
+            encoder.padToWord();
+            return;
+        }
+        case OSCArgumentFormat::array:
+            if (++encoder.arrayDepth > maximumArrayDepth) {
+                throw OSCEncodeError(OSCEncodeError::Case::general, wireFormat::arrayTooDeep());
+            }
+            encoder.tag(std::get<OSCValueTagIdentity::Variadic>(identity).openingTag);
+            for (const auto& element : as<OSCArrayValue>(value).elements) {
+                encodeValue(element, encoder);
+            }
+            encoder.tag(oscArrayEnd);
+            --encoder.arrayDepth;
+            return;
+    }
 }
 
 }  // namespace kavrin

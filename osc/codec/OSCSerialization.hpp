@@ -4,26 +4,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <string_view>
-#include <variant>
 #include <vector>
 
-#include "osc/codec/BigEndian.hpp"
+#include "osc/codec/OSCTypeTag.hpp"
 #include "osc/codec/OSCValue.hpp"
 #include "osc/codec/OSCValueTagIdentity.hpp"
-#include "osc/codec/PassiveDataReader.hpp"
+#include "osc/codec/detail/BigEndian.hpp"
+#include "osc/codec/detail/OSCPadding.hpp"
 
 namespace kavrin {
 
 class OSCSerialization;
-
-// What a decoder works with: the reader positioned at its argument bytes, the registry (for
-// kinds that hold other values) and the current array nesting. One decoding pass, one thread.
-struct OSCValueDecoder {
-    PassiveDataReader& reader;
-    const OSCSerialization& serialization;
-    int arrayDepth = 0;
-};
 
 // Where encoders put tags and argument bytes. Encoding runs twice over the same values: first
 // measuring (nothing is written, sizes are counted), then writing into a buffer sized from the
@@ -61,10 +54,11 @@ class OSCValueEncoder {
     // The bytes, one zero, zeros up to a multiple of 4 (four when already aligned).
     void nullTerminated(std::string_view text) {
         bytes(text.data(), text.size());
-        argumentBytes_ += 4 - text.size() % 4;  // the area is zero-filled
+        // The area is zero-filled: the terminator and padding need only be counted.
+        argumentBytes_ += padding::nullTerminatedSize(text.size()) - text.size();
     }
     // Zeros up to a multiple of 4, none when already aligned.
-    void padToWord() { argumentBytes_ += (4 - argumentBytes_ % 4) % 4; }
+    void padToWord() { argumentBytes_ = padding::wordAligned(argumentBytes_); }
 
     int arrayDepth = 0;
 
@@ -77,46 +71,21 @@ class OSCValueEncoder {
     bool writing_ = false;
 };
 
-// Decoders of the three sorts. A decoder returns false (or a tag count of 0) when it yields no
-// value; failures of the bytes themselves throw OSCDecodeError.
-struct OSCValueAtomicDecoder {
-    bool (*block)(OSCValueDecoder& decoder, OSCValue& value);
-};
-struct OSCValueVariableDecoder {
-    bool (*block)(char tag, OSCValueDecoder& decoder, OSCValue& value);
-};
-// Receives the tags from its opening tag to the end of the tag string; returns how many it used.
-struct OSCValueVariadicDecoder {
-    std::size_t (*block)(std::string_view tags, OSCValueDecoder& decoder, OSCValue& value);
-};
+namespace detail {
+struct OSCSerializationAccess;
+}
 
-// Encoders of the three sorts: an atomic one writes only argument bytes (the registry writes its
-// tag), a variable one writes argument bytes and returns its tag, a variadic one writes both.
-struct OSCValueAtomicEncoder {
-    void (*block)(const OSCValue& value, OSCValueEncoder& encoder);
-};
-struct OSCValueVariableEncoder {
-    char (*block)(const OSCValue& value, OSCValueEncoder& encoder);
-};
-struct OSCValueVariadicEncoder {
-    void (*block)(const OSCValue& value, OSCValueEncoder& encoder);
-};
-
-// The registry of value kinds: which kind owns each tag character and how each kind is encoded
-// and decoded. The shared instance is built once on first use and only read afterwards, so it
-// may be used from any thread; other instances follow the usual one-writer rule.
+// The registry of value kinds: which kind owns each tag character, how the kind names itself in
+// a tag string and how its argument bytes are laid out. It is built once from the wire format's
+// table (oscTypeTags) and is closed: the kinds are OSCValue's alternatives, so a kind registered
+// from elsewhere could never be encoded or decoded. Read-only after it is built, so usable from
+// any thread.
 class OSCSerialization {
   public:
-    using Decoder = std::variant<std::monostate, OSCValueAtomicDecoder, OSCValueVariableDecoder,
-                                 OSCValueVariadicDecoder>;
-    using Encoder = std::variant<std::monostate, OSCValueAtomicEncoder, OSCValueVariableEncoder,
-                                 OSCValueVariadicEncoder>;
-
     struct Registration {
         OSCValueKind kind;
         OSCValueTagIdentity identity;
-        Encoder encoder;
-        Decoder decoder;
+        OSCArgumentFormat format;
     };
 
     // Deeper arrays are refused when decoding and encoding, so that nesting never exhausts the
@@ -124,49 +93,30 @@ class OSCSerialization {
     // destroying).
     static constexpr int maximumArrayDepth = 128;
 
-    // An empty registry.
-    OSCSerialization();
-    // A registry holding every built-in kind.
-    static OSCSerialization withBuiltInKinds();
     static const OSCSerialization& shared();
 
-    // Throws OSCSerializationError(tagAlreadyRegistered) when a character the identity claims
-    // already has an owner; nothing is registered then.
-    void registerKind(Registration registration);
-
-    // In registration order.
+    // In the order of OSCValue's alternatives.
     const std::vector<Registration>& tagIdentities() const { return registrations_; }
     // The registration owning `tag`, or nullptr.
     const Registration* registration(char tag) const;
-    // The first registration of `kind`, or nullptr.
     const Registration* registration(OSCValueKind kind) const;
 
-    // Decodes the value starting at tags[index] from the decoder's reader, appends it to
-    // `values` and moves `index` past the tags it used.
-    void decodeValue(std::string_view tags, std::size_t& index, OSCValueDecoder& decoder,
-                     std::vector<OSCValue>& values) const;
-    // Puts the value's tags and argument bytes into the encoder. Throws OSCEncodeError.
+    // Puts the value's tags and argument bytes into the encoder. Throws OSCEncodeError for an
+    // array nested too deep.
     void encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const;
 
   private:
-    // How each kind is encoded, decided when it is registered: encoding a message looks up one
-    // plan per value instead of walking the registration's variants.
-    struct EncodePlan {
-        enum class Sort : std::uint8_t { none, atomic, variable, variadic, mismatched };
-        Sort sort = Sort::none;
-        char tag = 0;  // atomic
-        OSCValueAtomicEncoder atomic{};
-        OSCValueVariableEncoder variable{};
-        OSCValueVariadicEncoder variadic{};
-    };
-    static EncodePlan planFor(const Registration& registration);
-    [[noreturn]] static void failEncoding(EncodePlan::Sort sort, OSCValueKind kind);
+    friend struct detail::OSCSerializationAccess;
+    // Registers the kinds of `table` in order of first appearance: a kind with one tag is
+    // atomic, one with several is variable (Bool: its first tag for true), an array variadic.
+    // Throws OSCSerializationError(tagAlreadyRegistered) when two kinds claim one character.
+    explicit OSCSerialization(std::span<const OSCTypeTag> table);
+    void registerKind(Registration registration);
 
     std::vector<Registration> registrations_;
     // Registration index per tag character and per kind, -1 when none: lookups are one index.
     std::array<std::int16_t, 256> byTag_;
     std::array<std::int16_t, oscValueKindCount> byKind_;
-    std::array<EncodePlan, oscValueKindCount> encodePlans_{};
 };
 
 }  // namespace kavrin

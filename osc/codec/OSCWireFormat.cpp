@@ -1,6 +1,8 @@
-#include "osc/codec/OSCWireFormat.hpp"
+#include "osc/codec/detail/OSCWireFormat.hpp"
 
 #include <string>
+
+#include "osc/codec/OSCSerialization.hpp"
 
 namespace kavrin::wireFormat {
 
@@ -37,11 +39,19 @@ OSCDecodeError arrayNotTerminated() {
     return OSCDecodeError::malformed("Array termination tag ']' was not found.");
 }
 
+std::string arrayTooDeep() {
+    return "Array nesting exceeds the maximum depth of " +
+           std::to_string(OSCSerialization::maximumArrayDepth) + " levels.";
+}
+
+std::string bundleTooDeep() {
+    return "Bundle nesting exceeds the maximum depth of " +
+           std::to_string(OSCBundle::maximumDepth) + " levels.";
+}
+
 void enterArray(int& depth) {
     if (++depth > OSCSerialization::maximumArrayDepth) {
-        throw OSCDecodeError::malformed("Array nesting exceeds the maximum depth of " +
-                                        std::to_string(OSCSerialization::maximumArrayDepth) +
-                                        " levels.");
+        throw OSCDecodeError::malformed(arrayTooDeep());
     }
 }
 

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "osc/codec/detail/OSCPadding.hpp"
+
 namespace kavrin {
 
 void PassiveDataReader::fail(const char* text) {
@@ -48,19 +50,21 @@ std::span<const std::uint8_t> PassiveDataReader::readBlobView() {
             "data chunk.");
     }
     // Unlike a string, a blob whose length is a multiple of 4 carries no padding.
-    const std::int64_t padding = length % 4 == 0 ? 0 : 4 - length % 4;
-    if (length < 0 || length + padding > remainingByteCount()) {
+    const auto end = length < 0 ? -1
+                                : static_cast<std::int64_t>(
+                                      padding::wordAligned(static_cast<std::size_t>(length)));
+    if (end < 0 || end > remainingByteCount()) {
         throw OSCDecodeError::malformed(
             "Not enough bytes in 4-byte aligned null-terminated blob data chunk.");
     }
     const auto* begin = data_.data() + offset_;
-    for (std::int64_t i = length; i < length + padding; ++i) {
+    for (std::int64_t i = length; i < end; ++i) {
         if (begin[i] != 0) {
             throw OSCDecodeError::malformed(
                 "Expected 4-byte null terminated data but expected null bytes were not found.");
         }
     }
-    offset_ += length + padding;
+    offset_ += end;
     return {begin, static_cast<std::size_t>(length)};
 }
 

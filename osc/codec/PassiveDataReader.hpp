@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "osc/codec/BigEndian.hpp"
+#include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/OSCError.hpp"
-#include "osc/codec/ZeroByteScan.hpp"
+#include "osc/codec/detail/ZeroByteScan.hpp"
 
 namespace kavrin {
 

@@ -9,7 +9,7 @@
 #include "osc/codec/OSCPacket.hpp"
 #include "osc/codec/OSCPacketView.hpp"
 #include "osc/codec/OSCSerialization.hpp"
-#include "osc/codec/OSCWireFormat.hpp"
+#include "osc/codec/detail/OSCWireFormat.hpp"
 #include "osc/codec/PassiveDataReader.hpp"
 
 // Shared by the codec tests and the view fuzz target: the reference decoder below, the owning
@@ -17,9 +17,77 @@
 // same values from the rest.
 namespace kavrin::test {
 
-// The reference: a message read value by value through the registry's tag walk, a bundle element
-// by element. The fast checks of the views (on which the owning decoders are built) must agree
-// with it on every input.
+// The reference: a message read value by value with the registry's lookups and the reader's
+// chunk reads, the walk over the tag string made plainly; a bundle element by element. The
+// fast checks of the views (on which the owning decoders are built) must agree with it on
+// every input.
+inline void referenceDecodeValue(std::string_view tags, std::size_t& index,
+                                 PassiveDataReader& reader, int& arrayDepth,
+                                 std::vector<OSCValue>& values) {
+    const char tag = tags[index++];
+    const auto* registration = OSCSerialization::shared().registration(tag);
+    if (registration == nullptr) throw wireFormat::noConcreteType(tag);
+    switch (registration->format) {
+        case OSCArgumentFormat::none:
+            if (registration->kind == OSCValueKind::boolean) {
+                values.emplace_back(tag == 'T');
+            } else if (registration->kind == OSCValueKind::impulse) {
+                values.emplace_back(OSCImpulseValue{});
+            } else {
+                values.emplace_back(OSCNullValue{});
+            }
+            return;
+        case OSCArgumentFormat::int32:
+            values.emplace_back(reader.readInt32());
+            return;
+        case OSCArgumentFormat::float32:
+            values.emplace_back(reader.readFloat32());
+            return;
+        case OSCArgumentFormat::character:
+            values.emplace_back(
+                wireFormat::unicodeScalar(static_cast<std::uint32_t>(reader.readInt32())));
+            return;
+        case OSCArgumentFormat::midi: {
+            const auto bytes = reader.readBytes(4);
+            values.emplace_back(OSCMIDIValue{bytes[0], bytes[1], bytes[2], bytes[3]});
+            return;
+        }
+        case OSCArgumentFormat::int64:
+            values.emplace_back(reader.readInt64());
+            return;
+        case OSCArgumentFormat::float64:
+            values.emplace_back(reader.readDouble());
+            return;
+        case OSCArgumentFormat::timeTag:
+            values.emplace_back(OSCTimeTag{0, reader.readUInt64()});
+            return;
+        case OSCArgumentFormat::string:
+            if (registration->kind == OSCValueKind::string) {
+                values.emplace_back(reader.readString());
+            } else {
+                values.emplace_back(OSCStringAltValue{reader.readString()});
+            }
+            return;
+        case OSCArgumentFormat::blob:
+            values.emplace_back(reader.readBlob());
+            return;
+        case OSCArgumentFormat::array: {
+            wireFormat::enterArray(arrayDepth);
+            OSCArrayValue array;
+            while (index < tags.size()) {
+                if (tags[index] == ']') {
+                    ++index;
+                    --arrayDepth;
+                    values.emplace_back(std::move(array));
+                    return;
+                }
+                referenceDecodeValue(tags, index, reader, arrayDepth, array.elements);
+            }
+            throw wireFormat::arrayNotTerminated();
+        }
+    }
+}
+
 inline OSCPacket registryDecode(std::span<const std::uint8_t> bytes, int depth = 1) {
     if (rawBytes::startsWithBundleHeader(bytes)) {
         OSCBundle bundle;
@@ -31,15 +99,14 @@ inline OSCPacket registryDecode(std::span<const std::uint8_t> bytes, int depth =
     }
     PassiveDataReader reader(bytes);
     const auto header = wireFormat::readMessageHeader(reader);
-    const auto& serialization = OSCSerialization::shared();
-    OSCValueDecoder decoder{reader, serialization};
     std::vector<OSCValue> values;
+    int arrayDepth = 0;
     for (std::size_t index = 0; index < header.tags.size();) {
         if (header.tags[index] == ',' || header.tags[index] == 0) {
             ++index;
             continue;
         }
-        serialization.decodeValue(header.tags, index, decoder, values);
+        referenceDecodeValue(header.tags, index, reader, arrayDepth, values);
     }
     return OSCMessage(OSCAddressPattern(header.address), std::move(values));
 }

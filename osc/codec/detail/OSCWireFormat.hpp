@@ -8,14 +8,13 @@
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCError.hpp"
-#include "osc/codec/OSCRawBytes.hpp"
-#include "osc/codec/OSCSerialization.hpp"
+#include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/codec/PassiveDataReader.hpp"
 
-// The checks and error texts of the wire format that the owning decoders (OSCMessage, OSCBundle,
-// the registry's value decoders) and the view decoders (OSCMessageView, OSCBundleView) share, so
-// that both refuse the same bytes with the same text. Internal to the codec.
+// Internal to the codec: the checks and error texts of the wire format that the decoders share
+// (OSCMessageView and OSCBundleView, on which OSCMessage and OSCBundle decode), so that every
+// decoder refuses the same bytes with the same text.
 namespace kavrin::wireFormat {
 
 // Where a message's arguments begin: its address and tag string, views into the bytes.
@@ -30,6 +29,9 @@ MessageHeader readMessageHeader(PassiveDataReader& reader);
 
 OSCDecodeError noConcreteType(char tag);
 OSCDecodeError arrayNotTerminated();
+// The texts for nesting beyond the limits, shared by decoding and encoding.
+std::string arrayTooDeep();
+std::string bundleTooDeep();
 // Counts one more level of array nesting; throws beyond OSCSerialization::maximumArrayDepth.
 void enterArray(int& depth);
 // The scalar a "c" argument carries; throws when it is a surrogate or beyond U+10FFFF.
@@ -47,10 +49,7 @@ OSCTimeTag readBundle(std::span<const std::uint8_t> bytes, int depth, Element&& 
     if (!rawBytes::startsWithBundleHeader(bytes)) {
         throw OSCDecodeError::malformed("Bundle header is not present or is malformed.");
     }
-    if (depth > OSCBundle::maximumDepth) {
-        throw OSCDecodeError::malformed("Bundle nesting exceeds the maximum depth of " +
-                                        std::to_string(OSCBundle::maximumDepth) + " levels.");
-    }
+    if (depth > OSCBundle::maximumDepth) throw OSCDecodeError::malformed(bundleTooDeep());
     PassiveDataReader reader(bytes);
     reader.advance(8);
     const OSCTimeTag timeTag{0, reader.readUInt64()};

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "osc/codec/detail/OSCPadding.hpp"
+
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -64,9 +66,8 @@ inline Result scan(const std::uint8_t* data, std::int64_t size) {
     return {-1, (bits & 0x8080808080808080ULL) != 0};
 }
 
-// The bytes of a chunk whose text is `textLength` bytes: at least one zero, up to a whole word.
 constexpr std::int64_t chunkLength(std::int64_t textLength) {
-    return (textLength | 3) + 1;
+    return static_cast<std::int64_t>(padding::nullTerminatedSize(static_cast<std::size_t>(textLength)));
 }
 
 // A string chunk: ASCII text, a zero, zeros to the end of its word.
