@@ -26,7 +26,7 @@ struct RadixFormat {
 };
 
 namespace radixDetail {
-std::string format(std::uint64_t bits, int radix, const RadixFormat& format);
+std::string format(std::uint64_t bits, int radix, const RadixFormat& style);
 
 // The value's bits at its own width: a negative number in two's complement.
 template <RadixInteger T>
