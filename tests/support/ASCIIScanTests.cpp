@@ -81,14 +81,5 @@ TEST(ASCIIScan, AgreesWithTheDefinitionsOnMixedEdgeBytes) {
     }
 }
 
-TEST(ASCIIScan, ClassifiesSingleScalars) {
-    EXPECT_TRUE(isPrintableASCII(U' '));
-    EXPECT_TRUE(isPrintableASCII(U'~'));
-    EXPECT_FALSE(isPrintableASCII(U'\x1F'));
-    EXPECT_FALSE(isPrintableASCII(U'\x7F'));
-    EXPECT_FALSE(isPrintableASCII(U'\u00E9'));
-    EXPECT_FALSE(isPrintableASCII(char32_t{0x110020}));
-}
-
 }  // namespace
 }  // namespace kavrin
