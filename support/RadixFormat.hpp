@@ -1,0 +1,50 @@
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <type_traits>
+
+namespace kavrin {
+
+// The integers written and read in hexadecimal and binary: every width and signedness, not bool.
+template <class T>
+concept RadixInteger = std::integral<T> && !std::same_as<std::remove_cv_t<T>, bool>;
+
+enum class LetterCase { lower, upper };
+
+// How formatHex and formatBinary write a number. The defaults give "0x2a" and "0b101010";
+// {.minimumDigits = 8, .group = 4} gives "0x0000_002a".
+struct RadixFormat {
+    std::size_t minimumDigits = 1;  // zeros pad on the left up to this many digits
+    bool prefix = true;             // "0x" or "0b", always lower case
+    LetterCase letters = LetterCase::lower;
+    std::size_t group = 0;  // digits between separators, counted from the right; 0 for none
+    char separator = '_';
+};
+
+namespace radixDetail {
+std::string format(std::uint64_t bits, int radix, const RadixFormat& style);
+
+// The value's bits at its own width: a negative number in two's complement.
+template <RadixInteger T>
+std::uint64_t bitsOf(T value) {
+    return static_cast<std::make_unsigned_t<T>>(value);
+}
+}  // namespace radixDetail
+
+// A negative value is written as its two's complement at its type's width:
+// formatHex(std::int8_t{-1}) is "0xff", formatHex(-1) is "0xffffffff". Any thread.
+template <RadixInteger T>
+std::string formatHex(T value, const RadixFormat& format = {}) {
+    return radixDetail::format(radixDetail::bitsOf(value), 16, format);
+}
+
+template <RadixInteger T>
+std::string formatBinary(T value, const RadixFormat& format = {}) {
+    return radixDetail::format(radixDetail::bitsOf(value), 2, format);
+}
+
+}  // namespace kavrin

@@ -1,0 +1,46 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+
+#include "support/MemoryPreferenceStore.hpp"
+#include "support/Preference.hpp"
+
+namespace kavrin {
+namespace {
+
+TEST(Preference, StringsFallBackOnlyWhenMissing) {
+    MemoryPreferenceStore store;
+    Preference<std::string> ip(store, "ip", "localhost");
+    EXPECT_EQ(ip.value(), "localhost");
+    ip.set("");
+    EXPECT_EQ(ip.value(), "");  // a stored empty string is kept
+    EXPECT_EQ(store.readString("ip"), "");
+    ip.set("10.0.0.2");
+    EXPECT_EQ(ip.value(), "10.0.0.2");
+    // Another preference on the same key sees the store, not a copy.
+    EXPECT_EQ(Preference<std::string>(store, "ip", "x").value(), "10.0.0.2");
+}
+
+TEST(Preference, IntegersFallBackWhenTheyReadAsZero) {
+    MemoryPreferenceStore store;
+    Preference<std::int64_t> port(store, "OutPort", 8000);
+    EXPECT_EQ(port.value(), 8000);
+    port.set(9000);
+    EXPECT_EQ(port.value(), 9000);
+    EXPECT_EQ(store.readString("OutPort"), "9000");
+    port.set(-1);
+    EXPECT_EQ(port.value(), -1);
+    port.set(0);
+    EXPECT_EQ(port.value(), 8000);  // deliberately: 0 is never wanted
+    for (const char* unreadable : {"", "abc", "12abc", " 12", "99999999999999999999"}) {
+        store.writeString("OutPort", unreadable);
+        EXPECT_EQ(port.value(), 8000) << unreadable;
+    }
+    store.writeString("OutPort", "-9223372036854775808");
+    EXPECT_EQ(port.value(), std::numeric_limits<std::int64_t>::min());
+}
+
+}  // namespace
+}  // namespace kavrin

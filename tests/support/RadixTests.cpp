@@ -1,0 +1,142 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "support/HexDump.hpp"
+#include "support/RadixParse.hpp"
+
+namespace kavrin {
+namespace {
+
+TEST(RadixFormat, WritesEveryWidthWithNegativesInTwosComplement) {
+    EXPECT_EQ(formatHex(std::int8_t{-1}), "0xff");
+    EXPECT_EQ(formatHex(std::int8_t{-128}), "0x80");
+    EXPECT_EQ(formatHex(std::int16_t{-2}), "0xfffe");
+    EXPECT_EQ(formatHex(-1), "0xffffffff");
+    EXPECT_EQ(formatHex(std::numeric_limits<std::int64_t>::min()), "0x8000000000000000");
+    EXPECT_EQ(formatHex(std::numeric_limits<std::uint64_t>::max()), "0xffffffffffffffff");
+    EXPECT_EQ(formatHex(std::uint8_t{0}), "0x0");
+    EXPECT_EQ(formatBinary(std::int8_t{-3}), "0b11111101");
+    EXPECT_EQ(formatBinary(std::uint16_t{5}), "0b101");
+    EXPECT_EQ(formatBinary(std::int64_t{-1}), "0b" + std::string(64, '1'));
+}
+
+TEST(RadixFormat, PadsGroupsAndCasesAsAsked) {
+    struct Case {
+        std::uint32_t value;
+        RadixFormat format;
+        const char* hex;
+    };
+    const std::vector<Case> cases = {
+        {0x2a, {.minimumDigits = 8}, "0x0000002a"},
+        {0x2a, {.minimumDigits = 8, .group = 4}, "0x0000_002a"},
+        // Groups count from the right; a short first group stays short.
+        {0xabcde, {.group = 4}, "0xa_bcde"},
+        {0xabcde, {.prefix = false, .letters = LetterCase::upper}, "ABCDE"},
+        {0xabcde, {.letters = LetterCase::upper, .group = 2, .separator = ' '}, "0xA BC DE"},
+        // The minimum never cuts digits.
+        {0x12345, {.minimumDigits = 2}, "0x12345"},
+        {0, {.minimumDigits = 0, .prefix = false}, "0"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(formatHex(c.value, c.format), c.hex);
+    EXPECT_EQ(formatBinary(std::uint8_t{0xA5}, {.group = 4}), "0b1010_0101");
+    EXPECT_EQ(formatBinary(std::uint8_t{1}, {.minimumDigits = 4, .prefix = false}), "0001");
+}
+
+template <class T>
+void expectRoundTrips() {
+    for (const T value : {std::numeric_limits<T>::min(), std::numeric_limits<T>::max(), T{0}, T{1},
+                          static_cast<T>(std::numeric_limits<T>::max() / 3)}) {
+        EXPECT_EQ(parseHex<T>(formatHex(value)), value);
+        EXPECT_EQ(parseBinary<T>(formatBinary(value, {.group = 4})), value);
+        EXPECT_EQ(parseHex<T>(formatHex(value, {.prefix = false, .letters = LetterCase::upper})),
+                  value);
+    }
+}
+
+TEST(RadixParse, ReadsBackWhatFormatWritesForEveryWidth) {
+    expectRoundTrips<std::int8_t>();
+    expectRoundTrips<std::uint8_t>();
+    expectRoundTrips<std::int16_t>();
+    expectRoundTrips<std::uint16_t>();
+    expectRoundTrips<std::int32_t>();
+    expectRoundTrips<std::uint32_t>();
+    expectRoundTrips<std::int64_t>();
+    expectRoundTrips<std::uint64_t>();
+}
+
+TEST(RadixParse, ReadsSignsAsMagnitudesAndDigitsAsBits) {
+    EXPECT_EQ(parseHex<std::int8_t>("-0x80"), -128);
+    EXPECT_EQ(parseHex<std::int8_t>("-7f"), -127);
+    EXPECT_EQ(parseHex<std::int8_t>("0x80"), -128);
+    EXPECT_EQ(parseHex<std::int8_t>("-0"), 0);
+    EXPECT_EQ(parseHex<std::int64_t>("-0x8000000000000000"),
+              std::numeric_limits<std::int64_t>::min());
+    EXPECT_EQ(parseHex<std::uint16_t>("0XBeeF"), 0xBEEF);
+    EXPECT_EQ(parseHex<std::uint32_t>("000000000000000000ff"), 0xFFu);  // zeros are no overflow
+    EXPECT_EQ(parseBinary<std::uint8_t>("0B1'0'1", '\''), 5);
+}
+
+TEST(RadixParse, ErrorsSayWhereAndWhy) {
+    using R = RadixParseError::Reason;
+    struct Case {
+        std::string text;
+        bool binary;
+        R reason;
+        const char* message;
+    };
+    const std::vector<Case> cases = {
+        {"", false, R::empty, "Empty text at position 0"},
+        {"0x", false, R::noDigits, "No digits at position 2"},
+        {"-", false, R::noDigits, "No digits at position 1"},
+        {"0xfg", false, R::badDigit, "Bad hexadecimal digit 'g' at position 3"},
+        {"12", true, R::badDigit, "Bad binary digit '2' at position 1"},
+        {"+1", false, R::badDigit, "Bad hexadecimal digit '+' at position 0"},
+        {" 1", false, R::badDigit, "Bad hexadecimal digit ' ' at position 0"},
+        {"1\xC3\xA9", false, R::badDigit, "Bad hexadecimal digit 0xC3 at position 1"},
+        {"0x_1", false, R::misplacedSeparator, "Misplaced separator '_' at position 2"},
+        {"1__0", false, R::misplacedSeparator, "Misplaced separator '_' at position 1"},
+        {"10_", false, R::misplacedSeparator, "Misplaced separator '_' at position 2"},
+        // Out of range names the first digit too many.
+        {"0x1ff", false, R::outOfRange, "Value out of range for int8_t at position 4"},
+        {"-0x81", false, R::outOfRange, "Value out of range for int8_t at position 4"},
+        {"111111111", true, R::outOfRange, "Value out of range for int8_t at position 8"},
+    };
+    for (const auto& c : cases) {
+        try {
+            c.binary ? parseBinary<std::int8_t>(c.text) : parseHex<std::int8_t>(c.text);
+            ADD_FAILURE() << c.message << ": accepted";
+        } catch (const RadixParseError& error) {
+            EXPECT_STREQ(error.what(), c.message);
+            EXPECT_EQ(error.reason(), c.reason) << c.message;
+        }
+    }
+    try {
+        parseHex<std::uint64_t>("-1");
+        ADD_FAILURE() << "a sign accepted for an unsigned type";
+    } catch (const RadixParseError& error) {
+        EXPECT_STREQ(error.what(), "Negative value for uint64_t at position 0");
+        EXPECT_EQ(error.reason(), R::negativeUnsigned);
+    }
+    EXPECT_THROW(parseHex<std::uint64_t>("1" + std::string(16, '0')), RadixParseError);
+}
+
+TEST(HexDump, PrintsLinesAsXxdDoes) {
+    std::string bytes = "Hello, world!\n";
+    bytes += std::string("\0\x01\x7F\x80\xFF", 5) + "abc";
+    EXPECT_EQ(hexDump(bytes),
+              "00000000: 4865 6c6c 6f2c 2077 6f72 6c64 210a 0001  Hello, world!...\n"
+              "00000010: 7f80 ff61 6263                           ...abc\n");
+    EXPECT_EQ(hexDump(std::string_view("A")),
+              "00000000: 41                                       A\n");
+    EXPECT_EQ(hexDump(std::string_view()), "");
+    const std::vector<std::uint8_t> sixteen(16, 0x20);
+    EXPECT_EQ(hexDump(sixteen, 0x1'0000'0000),
+              "100000000: 2020 2020 2020 2020 2020 2020 2020 2020                  \n");
+}
+
+}  // namespace
+}  // namespace kavrin

@@ -1,0 +1,91 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <limits>
+
+#include "support/Clamped.hpp"
+#include "support/Validated.hpp"
+
+namespace kavrin {
+namespace {
+
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+TEST(Clamped, KeepsConstructionAndAssignmentWithinItsBounds) {
+    Clamped<double> level(1.5, 0.0, 1.0);
+    EXPECT_EQ(level.value(), 1.0);
+    level = -0.25;
+    EXPECT_EQ(level.value(), 0.0);
+    level = 0.5;
+    EXPECT_EQ(level.value(), 0.5);
+    level = infinity;
+    EXPECT_EQ(level.value(), 1.0);
+    level = -infinity;
+    EXPECT_EQ(level.value(), 0.0);
+
+    // Unsigned and narrow types at their limits; a one-point range.
+    Clamped<std::uint8_t> byte(255, 10, 200);
+    EXPECT_EQ(byte.value(), 200);
+    byte = 0;
+    EXPECT_EQ(byte.value(), 10);
+    Clamped<std::int64_t> fixed(std::numeric_limits<std::int64_t>::min(), 7, 7);
+    EXPECT_EQ(fixed.value(), 7);
+
+    using std::chrono::milliseconds;
+    Clamped<milliseconds> interval(milliseconds(5), milliseconds(100), milliseconds(10'000));
+    EXPECT_EQ(interval.value(), milliseconds(100));
+}
+
+TEST(Clamped, RefusesNaNAndReversedBounds) {
+    Clamped<double> level(0.5, 0.0, 1.0);
+    try {
+        level = nan;
+        FAIL() << "NaN accepted";
+    } catch (const InvalidValueError& error) {
+        EXPECT_STREQ(error.what(), "NaN cannot be clamped");
+    }
+    EXPECT_EQ(level.value(), 0.5);  // the old value stays
+    EXPECT_THROW(Clamped<double>(nan, 0.0, 1.0), InvalidValueError);
+    EXPECT_THROW(Clamped<double>(0.0, nan, 1.0), InvalidValueError);
+    EXPECT_THROW(Clamped<double>(0.0, 0.0, nan), InvalidValueError);
+    try {
+        Clamped<int>(0, 5, 1);
+        FAIL() << "reversed bounds accepted";
+    } catch (const InvalidValueError& error) {
+        EXPECT_STREQ(error.what(), "Clamped bounds out of order: low 5 is above high 1");
+    }
+}
+
+TEST(Validated, RefusesWhatThePredicateRefusesAndKeepsTheOldValue) {
+    const auto isPort = [](const std::int64_t& port) { return port >= 1 && port <= 65535; };
+    Validated<std::int64_t> port(8000, isPort, "a port from 1 to 65535");
+    port = 8001;
+    EXPECT_EQ(port.value(), 8001);
+    try {
+        port = 70000;
+        FAIL() << "70000 accepted";
+    } catch (const InvalidValueError& error) {
+        EXPECT_STREQ(error.what(), "Invalid value 70000: expected a port from 1 to 65535");
+    }
+    EXPECT_EQ(port.value(), 8001);
+    EXPECT_FALSE(port.accepts(0));
+    EXPECT_TRUE(port.accepts(65535));
+    EXPECT_THROW(Validated<std::int64_t>(0, isPort, "a port"), InvalidValueError);
+
+    // Values {fmt} cannot write are left out of the text.
+    struct Opaque {
+        bool good;
+    };
+    try {
+        Validated<Opaque>(
+            {false}, [](const Opaque& o) { return o.good; }, "a good one");
+        FAIL() << "bad initial value accepted";
+    } catch (const InvalidValueError& error) {
+        EXPECT_STREQ(error.what(), "Invalid value: expected a good one");
+    }
+}
+
+}  // namespace
+}  // namespace kavrin
