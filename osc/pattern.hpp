@@ -1,5 +1,4 @@
 #pragma once
 // Address patterns and wildcard matching.
-#include "osc/pattern/LossyASCII.hpp"
 #include "osc/pattern/OSCAddressPattern.hpp"
 #include "osc/pattern/OSCCompiledPattern.hpp"

@@ -4,11 +4,12 @@
 #include <string>
 #include <utility>
 
-#include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/OSCError.hpp"
+#include "osc/codec/PassiveDataReader.hpp"
+#include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
-#include "osc/codec/PassiveDataReader.hpp"
+#include "support/HashCombine.hpp"
 
 namespace kavrin {
 
@@ -53,7 +54,8 @@ std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out) const {
 }
 
 std::size_t OSCBundle::encodedSize(int depth) const {
-    if (depth > maximumDepth) throw OSCEncodeError(OSCEncodeError::Case::general, wireFormat::bundleTooDeep());
+    if (depth > maximumDepth)
+        throw OSCEncodeError(OSCEncodeError::Case::general, wireFormat::bundleTooDeep());
     std::size_t size = 16;
     for (const auto& element : elements) {
         size += 4;
@@ -133,8 +135,7 @@ std::size_t std::hash<kavrin::OSCBundle>::operator()(
     const kavrin::OSCBundle& bundle) const noexcept {
     std::size_t seed = std::hash<kavrin::OSCTimeTag>{}(bundle.timeTag);
     for (const auto& element : bundle.elements) {
-        seed ^= std::hash<kavrin::OSCPacket>{}(element) + 0x9e3779b97f4a7c15ULL + (seed << 6) +
-                (seed >> 2);
+        kavrin::hashCombine(seed, std::hash<kavrin::OSCPacket>{}(element));
     }
     return seed;
 }

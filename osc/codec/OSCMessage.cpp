@@ -7,10 +7,11 @@
 
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessageView.hpp"
+#include "osc/codec/OSCSerialization.hpp"
 #include "osc/codec/detail/OSCPadding.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
-#include "osc/codec/OSCSerialization.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
+#include "support/HashCombine.hpp"
 
 namespace kavrin {
 
@@ -51,8 +52,8 @@ std::vector<std::uint8_t> OSCMessage::rawData() const {
 OSCMessage::Layout OSCMessage::layout() const {
     OSCValueEncoder measure(OSCSerialization::shared());
     for (const auto& value : values) measure.serialization().encodeValue(value, measure);
-    return {padding::nullTerminatedSize(addressPattern.rawAddress().size()), padding::nullTerminatedSize(1 + measure.tagCount()),
-            measure.argumentByteCount()};
+    return {padding::nullTerminatedSize(addressPattern.rawAddress().size()),
+            padding::nullTerminatedSize(1 + measure.tagCount()), measure.argumentByteCount()};
 }
 
 // The writing pass into zero-filled bytes, each part at its place.
@@ -68,8 +69,9 @@ std::uint8_t* OSCMessage::write(const Layout& sizes, std::uint8_t* out) const {
 }
 
 std::uint8_t* OSCMessage::writeMeasured(std::uint8_t* out) const {
-    return write(
-        {padding::nullTerminatedSize(addressPattern.rawAddress().size()), padding::nullTerminatedSize(1 + tagCount(values)), 0}, out);
+    return write({padding::nullTerminatedSize(addressPattern.rawAddress().size()),
+                  padding::nullTerminatedSize(1 + tagCount(values)), 0},
+                 out);
 }
 
 OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes) {
@@ -119,8 +121,7 @@ std::size_t std::hash<kavrin::OSCMessage>::operator()(
     const kavrin::OSCMessage& message) const noexcept {
     std::size_t seed = std::hash<kavrin::OSCAddressPattern>{}(message.addressPattern);
     for (const auto& value : message.values) {
-        seed ^= std::hash<kavrin::OSCValue>{}(value) + 0x9e3779b97f4a7c15ULL + (seed << 6) +
-                (seed >> 2);
+        kavrin::hashCombine(seed, std::hash<kavrin::OSCValue>{}(value));
     }
     return seed;
 }

@@ -6,8 +6,8 @@
 
 #include "osc/codec/OSCTypeTag.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
+#include "osc/codec/detail/OSCStringChunk.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
-#include "osc/codec/detail/ZeroByteScan.hpp"
 
 namespace kavrin {
 
@@ -97,11 +97,11 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(byt
     const auto* const begin = bytes.data();
     const auto* const end = begin + bytes.size();
     // The header's usual case here; any fault goes through the reader, which knows the texts.
-    zeroByteScan::Chunk address, tags;
+    stringChunk::Chunk address, tags;
     if (bytes.size() % 4 == 0 && rawBytes::startsWithMessageHeader(bytes)) {
-        address = zeroByteScan::asciiChunk(begin, end - begin);
+        address = stringChunk::ascii(begin, end - begin);
         if (address.length > 0)
-            tags = zeroByteScan::asciiChunk(begin + address.length, end - begin - address.length);
+            tags = stringChunk::ascii(begin + address.length, end - begin - address.length);
     }
     if (tags.length > 0) {
         address_ = {reinterpret_cast<const char*>(begin),
@@ -139,7 +139,7 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(byt
             continue;
         }
         if (stringTags[static_cast<std::uint8_t>(*tag)]) {
-            if (const auto length = zeroByteScan::asciiChunk(at, end - at).length; length > 0) {
+            if (const auto length = stringChunk::ascii(at, end - at).length; length > 0) {
                 at += length;
                 ++tag;
                 ++count;
@@ -163,12 +163,12 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(byt
 OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, Checked) : bytes_(bytes) {
     const auto* const end = bytes.data() + bytes.size();
     const auto* address = bytes.data();
-    const auto addressLength = zeroByteScan::scan(address, end - address).zero;
+    const auto addressLength = scanZeroByte(address, end - address).zero;
     address_ = {reinterpret_cast<const char*>(address), static_cast<std::size_t>(addressLength)};
-    const auto* tags = address + zeroByteScan::chunkLength(addressLength);
-    const auto tagsLength = zeroByteScan::scan(tags, end - tags).zero;
+    const auto* tags = address + stringChunk::size(addressLength);
+    const auto tagsLength = scanZeroByte(tags, end - tags).zero;
     tags_ = {reinterpret_cast<const char*>(tags), static_cast<std::size_t>(tagsLength)};
-    arguments_ = tags + zeroByteScan::chunkLength(tagsLength);
+    arguments_ = tags + stringChunk::size(tagsLength);
 }
 
 std::size_t OSCMessageView::argumentCount() const {

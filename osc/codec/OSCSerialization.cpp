@@ -1,12 +1,12 @@
 #include "osc/codec/OSCSerialization.hpp"
 
 #include <bit>
-#include <cstring>
 #include <string>
 
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
-#include "osc/pattern/LossyASCII.hpp"
+#include "support/ASCIIScan.hpp"
+#include "support/LossyASCII.hpp"
 
 namespace kavrin {
 
@@ -15,36 +15,7 @@ namespace {
 // Text goes on the wire as it is when it is ASCII without zero bytes; anything else is first
 // made printable ASCII (the decoder accepts nothing else, and a zero would end the string).
 void putText(const std::string& text, OSCValueEncoder& encoder) {
-    // A byte of 0x80 or more, or a zero, sets a high bit in `flags`. Whole words, the last one
-    // overlapping the one before: encoding looks at every string twice (measuring, writing).
-    const auto flagsOf = [](auto word) {
-        using Word = decltype(word);
-        constexpr Word ones = static_cast<Word>(0x0101010101010101ULL);
-        return static_cast<std::uint64_t>(word | ((word - ones) & ~word));
-    };
-    const char* const data = text.data();
-    const std::size_t size = text.size();
-    std::uint64_t flags = 0;
-    if (size >= 8) {
-        std::uint64_t word;
-        for (std::size_t i = 0; i + 8 < size; i += 8) {
-            std::memcpy(&word, data + i, 8);
-            flags |= flagsOf(word);
-        }
-        std::memcpy(&word, data + size - 8, 8);
-        flags |= flagsOf(word);
-    } else if (size >= 4) {
-        std::uint32_t low, high;
-        std::memcpy(&low, data, 4);
-        std::memcpy(&high, data + size - 4, 4);
-        flags = flagsOf(low) | flagsOf(high);
-    } else {
-        for (std::size_t i = 0; i < size; ++i) {
-            const auto byte = static_cast<unsigned char>(data[i]);
-            flags |= byte == 0 ? 0x80 : byte;
-        }
-    }
-    if ((flags & 0x8080808080808080ULL) != 0) {
+    if (hasZeroOrNonASCII(text)) {
         encoder.nullTerminated(lossyASCII(text));
     } else {
         encoder.nullTerminated(text);
@@ -114,9 +85,9 @@ const OSCSerialization::Registration* OSCSerialization::registration(OSCValueKin
 void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const {
     const auto index = byKind_[value.index()];
     if (index < 0) {
-        throw OSCEncodeError(OSCEncodeError::Case::general,
-                             "No encoder is registered for OSC value kind: " +
-                                 std::string(kindName(kindOf(value))));
+        throw OSCEncodeError(
+            OSCEncodeError::Case::general,
+            "No encoder is registered for OSC value kind: " + std::string(kindName(kindOf(value))));
     }
     const Registration& kind = registrations_[index];
     const auto& identity = kind.identity.identity;

@@ -6,6 +6,8 @@
 #include <ctime>
 #include <functional>
 
+#include "support/HashCombine.hpp"
+
 namespace kavrin {
 
 namespace {
@@ -132,7 +134,7 @@ std::string OSCTimeTag::description() const {
 
 std::size_t std::hash<kavrin::OSCTimeTag>::operator()(
     const kavrin::OSCTimeTag& tag) const noexcept {
-    const std::size_t h = std::hash<std::int64_t>{}(tag.era);
-    return h ^
-           (std::hash<std::uint64_t>{}(tag.rawValue) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2));
+    std::size_t seed = std::hash<std::int64_t>{}(tag.era);
+    kavrin::hashCombine(seed, std::hash<std::uint64_t>{}(tag.rawValue));
+    return seed;
 }

@@ -6,13 +6,11 @@
 #include <cstdio>
 #include <functional>
 
+#include "support/HashCombine.hpp"
+
 namespace kavrin {
 
 namespace {
-
-void hashCombine(std::size_t& seed, std::size_t value) {
-    seed ^= value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2);
-}
 
 template <class Floating>
 std::string floatingText(Floating value) {
@@ -56,11 +54,20 @@ void appendEscape(std::string& text, const char* format, std::uint32_t value) {
 // starts every escape); false, and nothing appended, for any other.
 bool appendEscapeFor(std::string& text, char32_t scalar) {
     switch (scalar) {
-        case U'\\': text += "\\\\"; return true;
-        case U'\n': text += "\\n"; return true;
-        case U'\t': text += "\\t"; return true;
-        case U'\r': text += "\\r"; return true;
-        default: break;
+        case U'\\':
+            text += "\\\\";
+            return true;
+        case U'\n':
+            text += "\\n";
+            return true;
+        case U'\t':
+            text += "\\t";
+            return true;
+        case U'\r':
+            text += "\\r";
+            return true;
+        default:
+            break;
     }
     if (scalar < 0x20 || scalar == 0x7F) {
         appendEscape(text, "\\x%02X", scalar);
@@ -112,9 +119,8 @@ std::size_t decodeUTF8(std::string_view text, char32_t& scalar) {
 // bytes that are no UTF-8 escaped, and the backslash doubled so that the escapes stay readable
 // as such. One value stays on one line.
 std::string escaped(std::string_view text) {
-    const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
-        return c >= 0x20 && c < 0x7F && c != '\\';
-    });
+    const bool plain = std::all_of(text.begin(), text.end(),
+                                   [](char c) { return c >= 0x20 && c < 0x7F && c != '\\'; });
     if (plain) return std::string(text);
     std::string result;
     result.reserve(text.size() + 8);

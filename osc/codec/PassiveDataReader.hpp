@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/OSCError.hpp"
-#include "osc/codec/detail/ZeroByteScan.hpp"
+#include "osc/codec/detail/BigEndian.hpp"
+#include "osc/codec/detail/OSCStringChunk.hpp"
 
 namespace kavrin {
 
@@ -116,11 +116,11 @@ class PassiveDataReader {
         const auto remaining = remainingByteCount();
         if (remaining < 4) fail(chunkTooShort);
         const auto* begin = data_.data() + offset_;
-        const auto found = zeroByteScan::scan(begin, remaining);
+        const auto found = scanZeroByte(begin, remaining);
         const auto contentLength = found.zero;
         if (contentLength < 0) fail(chunkNotTerminated);
         // Always at least one terminating zero: content of 4 bytes takes 8.
-        const std::int64_t chunkLength = zeroByteScan::chunkLength(contentLength);
+        const std::int64_t chunkLength = stringChunk::size(contentLength);
         if (chunkLength > remaining) fail(chunkTooShort);
         // The padding after the terminator is the low bytes of the chunk's last word.
         const auto terminator = contentLength - (chunkLength - 4);

@@ -8,7 +8,7 @@
 #include <unicode/utext.h>
 #include <unicode/utf8.h>
 
-#include "osc/pattern/LossyASCII.hpp"
+#include "support/ASCIIScan.hpp"
 
 namespace kavrin {
 
@@ -82,32 +82,9 @@ void graphemeBoundaries(std::string_view text, std::vector<std::uint32_t>& bound
 
 }  // namespace
 
-bool CharacterView::isOneBytePerCharacter(std::string_view text) {
-    // A quick pass, eight bytes at a time: only a byte with its top bit set or a CR needs the
-    // exact check below.
-    constexpr std::uint64_t ones = 0x0101010101010101ULL;
-    constexpr std::uint64_t highBits = 0x8080808080808080ULL;
-    std::uint64_t flags = 0;
-    std::size_t i = 0;
-    for (; i + 8 <= text.size(); i += 8) {
-        std::uint64_t word;
-        std::memcpy(&word, text.data() + i, 8);
-        const std::uint64_t carriageReturns = word ^ (ones * '\r');
-        flags |= word | ((carriageReturns - ones) & ~carriageReturns);
-    }
-    bool sawCarriageReturn = false;
-    for (; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        flags |= byte;
-        sawCarriageReturn |= byte == '\r';
-    }
-    if ((flags & highBits) == 0 && !sawCarriageReturn) return true;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        const auto byte = static_cast<unsigned char>(text[at]);
-        if (byte >= 0x80) return false;
-        if (byte == '\r' && at + 1 < text.size() && text[at + 1] == '\n') return false;
-    }
-    return true;
+// Only ASCII text without a CR LF pair, which is one character, has a byte per character.
+bool CharacterView::isASCIIWithoutCRLF(std::string_view text) {
+    return isASCII(text) && text.find("\r\n") == std::string_view::npos;
 }
 
 CharacterView CharacterView::bytes(std::string_view text) {

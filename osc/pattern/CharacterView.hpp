@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "support/ASCIIScan.hpp"
+
 namespace kavrin {
 
 // A non-owning view of UTF-8 text as a run of user-perceived characters (extended grapheme
@@ -18,7 +20,10 @@ class CharacterView {
     CharacterView() = default;
 
     // True when every byte of `text` is one character: all bytes ASCII and no CR LF pair.
-    static bool isOneBytePerCharacter(std::string_view text);
+    // Inline: addresses are almost always printable ASCII, which one quick scan settles.
+    static bool isOneBytePerCharacter(std::string_view text) {
+        return isPrintableASCII(text) || isASCIIWithoutCRLF(text);
+    }
 
     // Views `text`, which must be one byte per character, without segmenting it.
     static CharacterView bytes(std::string_view text);
@@ -54,6 +59,7 @@ class CharacterView {
     static std::optional<std::uint8_t> asciiValue(std::string_view character);
 
   private:
+    static bool isASCIIWithoutCRLF(std::string_view text);
     CharacterView(std::string_view text, const std::uint32_t* bounds, std::size_t count)
         : text_(text), bounds_(bounds), count_(count) {}
 

@@ -2,16 +2,14 @@
 
 #include <variant>
 
-#include "osc/pattern/LossyASCII.hpp"
 #include "osc/pattern/OSCAddressPatternToken.hpp"
+#include "support/ASCIIScan.hpp"
+#include "support/HashCombine.hpp"
+#include "support/LossyASCII.hpp"
 
 namespace kavrin {
 
 namespace {
-
-void hashCombine(std::size_t& seed, std::size_t value) {
-    seed ^= value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2);
-}
 
 // The search state of one matchComponent call: one matcher per token and the shared position.
 class ComponentSearch {

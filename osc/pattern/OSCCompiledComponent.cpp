@@ -92,35 +92,6 @@ template <class Word>
     return load(at + size - 8) == load(bytes + size - 8);
 }
 
-// Whether every byte of `text` is printable ASCII (0x20 to 0x7F), which makes it one byte per
-// character; false says nothing. A byte below 0x20 makes its byte of `word - spaces` wrap (or
-// borrows into a higher one), so the top bits flag every byte outside 0x20..0x7F.
-[[gnu::always_inline]] inline bool isPrintableASCII(std::string_view text) {
-    constexpr std::uint64_t spaces = ones * ' ';
-    const char* const begin = text.data();
-    const std::size_t size = text.size();
-    std::uint64_t flags = 0;
-    if (size >= 8) {
-        for (std::size_t i = 0; i + 8 < size; i += 8) {
-            const std::uint64_t word = load(begin + i);
-            flags |= word | (word - spaces);
-        }
-        const std::uint64_t word = load(begin + size - 8);  // may overlap the previous one
-        flags |= word | (word - spaces);
-    } else if (size >= 4) {
-        constexpr std::uint32_t spaces32 = 0x20202020;
-        const std::uint32_t low = loadWord<std::uint32_t>(begin);
-        const std::uint32_t high = loadWord<std::uint32_t>(begin + size - 4);
-        flags = low | (low - spaces32) | high | (high - spaces32);
-    } else {
-        for (std::size_t i = 0; i < size; ++i) {
-            const auto byte = static_cast<unsigned char>(begin[i]);
-            flags |= byte < ' ' ? 0x80u : byte;
-        }
-    }
-    return (flags & highBits) == 0;
-}
-
 }  // namespace
 
 OSCCompiledComponent::Text::Text(std::string bytes) : text(std::move(bytes)) {
@@ -409,7 +380,7 @@ bool OSCCompiledComponent::matches(std::string_view component) const {
     // matchComponent's own short cuts: these need no characters.
     if (shape_ == Shape::anything) return true;
     if (shape_ == Shape::plainText) return component == text_;
-    if (isOneBytePerCharacter(component)) return matchesBytes(component);
+    if (CharacterView::isOneBytePerCharacter(component)) return matchesBytes(component);
     return OSCAddressPattern::matchComponent(component, tokens_);
 }
 
@@ -471,7 +442,7 @@ std::vector<OSCCompiledComponent::Step> OSCCompiledComponent::pathSteps(
 bool OSCCompiledComponent::matchesAddress(const std::vector<Step>& steps,
                                           const std::vector<OSCCompiledComponent>& components,
                                           std::string_view address) {
-    if (!isPrintableASCII(address) && !CharacterView::isOneBytePerCharacter(address)) {
+    if (!CharacterView::isOneBytePerCharacter(address)) {
         return matchesCharacters(components, address);
     }
     // One leading and then one trailing "/" go, as pathComponents drops them.
@@ -499,10 +470,6 @@ bool OSCCompiledComponent::matchesCharacters(const std::vector<OSCCompiledCompon
         if (!OSCAddressPattern::matchComponent(parts[i], components[i].tokens_)) return false;
     }
     return true;
-}
-
-bool OSCCompiledComponent::isOneBytePerCharacter(std::string_view text) {
-    return isPrintableASCII(text) || CharacterView::isOneBytePerCharacter(text);
 }
 
 }  // namespace kavrin

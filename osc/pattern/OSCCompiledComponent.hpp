@@ -20,12 +20,10 @@ class OSCCompiledComponent {
 
     // Any UTF-8 component.
     bool matches(std::string_view component) const;
-    // Only for a component that is one byte per character (isOneBytePerCharacter). One that
-    // holds a "/" (never a component of an address) is matched character-wise.
+    // Only for a component that is one byte per character (CharacterView::
+    // isOneBytePerCharacter). One that holds a "/" (never a component of an address) is matched
+    // character-wise.
     bool matchesBytes(std::string_view component) const;
-
-    // CharacterView::isOneBytePerCharacter, quicker on short texts.
-    static bool isOneBytePerCharacter(std::string_view text);
 
     // True when the component is one literal or empty: it matches only its own text().
     bool isPlainText() const { return shape_ == Shape::plainText; }

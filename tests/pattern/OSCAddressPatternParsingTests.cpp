@@ -4,7 +4,6 @@
 #include <unordered_set>
 #include <vector>
 
-#include "osc/pattern/LossyASCII.hpp"
 #include "osc/pattern/OSCAddressPattern.hpp"
 
 namespace kavrin {
@@ -72,14 +71,6 @@ TEST(OSCAddressPatternConstruction, KeepsASCIIAndConvertsTheRestLossily) {
     }
     EXPECT_EQ(Pattern().rawAddress(), "");
     EXPECT_EQ(Pattern(static_cast<const char*>(nullptr)).rawAddress(), "");
-}
-
-TEST(OSCAddressPatternConstruction, LossyASCIIDropsEverythingOutsidePrintableASCII) {
-    EXPECT_EQ(lossyASCII("plain text ~"), "plain text ~");
-    EXPECT_EQ(lossyASCII("\xC3\xA9t\xC3\xA9\n"), "ete");
-    EXPECT_EQ(lossyASCII("tab\there\x7F"), "tabhere");
-    EXPECT_EQ(lossyASCII("\xE2\x80\x9Cquoted\xE2\x80\x9D"), "\"quoted\"");
-    EXPECT_EQ(lossyASCII(""), "");
 }
 
 TEST(OSCAddressPatternConstruction, EqualityAndHashFollowTheASCIIText) {

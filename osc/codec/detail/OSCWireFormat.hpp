@@ -8,9 +8,9 @@
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCError.hpp"
-#include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/codec/PassiveDataReader.hpp"
+#include "osc/codec/detail/OSCRawBytes.hpp"
 
 // Internal to the codec: the checks and error texts of the wire format that the decoders share
 // (OSCMessageView and OSCBundleView, on which OSCMessage and OSCBundle decode), so that every
