@@ -104,25 +104,18 @@ OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes,
             bundle.elements.emplace_back(OSCMessage::decode(element, owner));
         }
     });
-    bundle.rawOwner_ = std::move(owner);
-    bundle.rawData_ = bytes;
+    bundle.decodedFrom_ = rawBytes::DecodedBytes(std::move(owner), bytes);
     return bundle;
 }
 
 std::optional<std::span<const std::uint8_t>> OSCBundle::decodedFrom() const {
-    if (!rawOwner_) return std::nullopt;
-    return rawData_;
+    return decodedFrom_.bytes();
 }
 
 std::string OSCBundle::description() const {
-    std::string text = "OSCBundle(timeTag: " + timeTag.description() + ")";
-    if (elements.empty()) return text;
-    std::string lines;
-    for (const auto& element : elements) {
-        if (!lines.empty()) lines += "\n  ";
-        lines += element.description();
-    }
-    return text + " with elements:\n  " + rawBytes::trimmed(lines);
+    return rawBytes::describedList("OSCBundle(timeTag: " + timeTag.description() + ")", "elements",
+                                   elements,
+                                   [](const OSCPacket& element) { return element.description(); });
 }
 
 bool operator==(const OSCBundle& lhs, const OSCBundle& rhs) {

@@ -10,6 +10,7 @@
 
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
+#include "osc/codec/detail/OSCRawBytes.hpp"
 
 namespace kavrin {
 
@@ -61,8 +62,7 @@ struct OSCBundle {
     std::size_t encodedSize(int depth) const;
     std::uint8_t* encodeInto(std::uint8_t* out, int depth) const;
 
-    std::shared_ptr<const std::uint8_t[]> rawOwner_;
-    std::span<const std::uint8_t> rawData_;
+    rawBytes::DecodedBytes decodedFrom_;
 };
 
 }  // namespace kavrin

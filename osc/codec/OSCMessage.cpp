@@ -90,25 +90,17 @@ OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes,
     message.values.reserve(view.argumentCount());
     for (const auto argument : view) argument.appendTo(message.values);
     // Whatever follows the last argument is ignored.
-    message.rawOwner_ = std::move(owner);
-    message.rawData_ = bytes;
+    message.decodedFrom_ = rawBytes::DecodedBytes(std::move(owner), bytes);
     return message;
 }
 
 std::optional<std::span<const std::uint8_t>> OSCMessage::decodedFrom() const {
-    if (!rawOwner_) return std::nullopt;
-    return rawData_;
+    return decodedFrom_.bytes();
 }
 
 std::string OSCMessage::description() const {
-    std::string text = "OSCMessage(\"" + addressPattern.rawAddress() + "\")";
-    if (values.empty()) return text;
-    std::string lines;
-    for (const auto& value : values) {
-        if (!lines.empty()) lines += "\n  ";
-        lines += describe(value);
-    }
-    return text + " with values:\n  " + rawBytes::trimmed(lines);
+    return rawBytes::describedList("OSCMessage(\"" + addressPattern.rawAddress() + "\")", "values",
+                                   values, describe);
 }
 
 bool operator==(const OSCMessage& lhs, const OSCMessage& rhs) {

@@ -12,6 +12,7 @@
 #include "osc/pattern/OSCAddressPattern.hpp"
 #include "osc/codec/OSCValue.hpp"
 #include "osc/codec/OSCValueMask.hpp"
+#include "osc/codec/detail/OSCRawBytes.hpp"
 
 namespace kavrin {
 
@@ -71,8 +72,7 @@ struct OSCMessage {
     static OSCMessage decode(std::span<const std::uint8_t> bytes,
                              std::shared_ptr<const std::uint8_t[]> owner);
 
-    std::shared_ptr<const std::uint8_t[]> rawOwner_;
-    std::span<const std::uint8_t> rawData_;
+    rawBytes::DecodedBytes decodedFrom_;
 };
 
 }  // namespace kavrin

@@ -12,21 +12,17 @@ MessageHeader readMessageHeader(PassiveDataReader& reader) {
     if (!rawBytes::startsWithMessageHeader(bytes)) {
         throw OSCDecodeError::malformed("Does not start with an address pattern.");
     }
+    // A chunk that cannot be read, or is no ASCII, fails with the text of its part.
+    const auto readPart = [&](const char* failure) {
+        try {
+            if (const auto text = reader.readASCIIChunk()) return *text;
+        } catch (const OSCDecodeError&) {
+        }
+        throw OSCDecodeError::malformed(failure);
+    };
     MessageHeader header;
-    try {
-        const auto address = reader.readASCIIChunk();
-        if (!address) throw OSCDecodeError::malformed("");
-        header.address = *address;
-    } catch (const OSCDecodeError&) {
-        throw OSCDecodeError::malformed("Address pattern string could not be parsed.");
-    }
-    try {
-        const auto tags = reader.readASCIIChunk();
-        if (!tags) throw OSCDecodeError::malformed("");
-        header.tags = *tags;
-    } catch (const OSCDecodeError&) {
-        throw OSCDecodeError::malformed("Couldn't extract OSC-type chunk.");
-    }
+    header.address = readPart("Address pattern string could not be parsed.");
+    header.tags = readPart("Couldn't extract OSC-type chunk.");
     return header;
 }
 

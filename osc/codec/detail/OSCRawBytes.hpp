@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -37,5 +38,38 @@ inline std::string trimmed(const std::string& text) {
     if (first == std::string::npos) return {};
     return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
 }
+
+// A description with a list: `head` alone when `items` is empty, else head, " with ", `label`,
+// ":" and each item's description on a line of its own, indented by two blanks, the lines
+// trimmed at both ends as one text.
+template <class Items, class Describe>
+std::string describedList(std::string head, const char* label, const Items& items,
+                          Describe describe) {
+    if (items.empty()) return head;
+    std::string lines;
+    for (const auto& item : items) {
+        if (!lines.empty()) lines += "\n  ";
+        lines += describe(item);
+    }
+    return head + " with " + label + ":\n  " + trimmed(lines);
+}
+
+// The bytes a message or bundle was decoded from: a view into the one shared copy of the
+// datagram that the packet and everything nested in it keep. Empty for one built in code.
+class DecodedBytes {
+  public:
+    DecodedBytes() = default;
+    DecodedBytes(std::shared_ptr<const std::uint8_t[]> owner, std::span<const std::uint8_t> bytes)
+        : owner_(std::move(owner)), bytes_(bytes) {}
+
+    std::optional<std::span<const std::uint8_t>> bytes() const {
+        if (!owner_) return std::nullopt;
+        return bytes_;
+    }
+
+  private:
+    std::shared_ptr<const std::uint8_t[]> owner_;
+    std::span<const std::uint8_t> bytes_;
+};
 
 }  // namespace kavrin::rawBytes
