@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <random>
 
-#include "osc/pattern/OSCCompiledComponent.hpp"
+#include "osc/pattern/detail/OSCCompiledComponent.hpp"
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/dispatch/DispatchQueue.hpp"
 

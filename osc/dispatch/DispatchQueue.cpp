@@ -5,7 +5,7 @@
 #include <memory>
 #include <mutex>
 
-#include "osc/dispatch/DispatchRuntime.hpp"
+#include "osc/dispatch/detail/DispatchRuntime.hpp"
 
 namespace kavrin {
 

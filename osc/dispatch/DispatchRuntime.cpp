@@ -1,4 +1,4 @@
-#include "osc/dispatch/DispatchRuntime.hpp"
+#include "osc/dispatch/detail/DispatchRuntime.hpp"
 
 #include <asio/executor_work_guard.hpp>
 #include <chrono>

@@ -4,7 +4,7 @@
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 
-#include "osc/dispatch/DispatchRuntime.hpp"
+#include "osc/dispatch/detail/DispatchRuntime.hpp"
 
 namespace kavrin {
 

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <system_error>
 
-#include "osc/dispatch/DispatchRuntime.hpp"
+#include "osc/dispatch/detail/DispatchRuntime.hpp"
 
 namespace kavrin {
 

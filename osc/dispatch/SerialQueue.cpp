@@ -8,7 +8,7 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "osc/dispatch/DispatchRuntime.hpp"
+#include "osc/dispatch/detail/DispatchRuntime.hpp"
 
 namespace kavrin {
 

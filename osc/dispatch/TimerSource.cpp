@@ -3,7 +3,7 @@
 #include <asio/steady_timer.hpp>
 #include <mutex>
 
-#include "osc/dispatch/DispatchRuntime.hpp"
+#include "osc/dispatch/detail/DispatchRuntime.hpp"
 
 namespace kavrin {
 

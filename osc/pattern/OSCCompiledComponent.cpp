@@ -1,4 +1,4 @@
-#include "osc/pattern/OSCCompiledComponent.hpp"
+#include "osc/pattern/detail/OSCCompiledComponent.hpp"
 
 #include <algorithm>
 #include <bit>

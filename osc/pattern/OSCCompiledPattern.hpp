@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "osc/pattern/OSCAddressPattern.hpp"
-#include "osc/pattern/OSCCompiledComponent.hpp"
+#include "osc/pattern/detail/OSCCompiledComponent.hpp"
 
 namespace kavrin {
 

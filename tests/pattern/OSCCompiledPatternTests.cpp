@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "osc/pattern/OSCCompiledComponent.hpp"
+#include "osc/pattern/detail/OSCCompiledComponent.hpp"
 #include "osc/pattern/OSCCompiledPattern.hpp"
 
 namespace kavrin {

@@ -10,6 +10,7 @@
 
 namespace kavrin {
 
+// Internal to the pattern layer, behind OSCCompiledPattern.
 // One pattern component prepared for matching many address components. Its answers are
 // exactly those of OSCAddressPattern::matchComponent (the same quirks included): components in
 // which every byte is a character are matched byte by byte without allocating, others go
