@@ -1,6 +1,6 @@
 #include "app/MonitorSettings.hpp"
 
-#include <QVariant>
+#include <QByteArray>
 #include <cstdlib>
 #include <limits>
 
@@ -13,38 +13,10 @@ MonitorSettings::MonitorSettings()
 
 MonitorSettings::MonitorSettings(std::unique_ptr<QSettings> store) : store_(std::move(store)) {}
 
-// QSettings writes what is still pending when it goes away.
-MonitorSettings::~MonitorSettings() = default;
-
-QString MonitorSettings::readString(const char* key, const QString& fallback) const {
-    const QVariant value = store_->value(QLatin1String(key));
-    switch (value.typeId()) {
-        case QMetaType::QString:
-            return value.toString();
-        case QMetaType::UnknownType:  // missing
-        case QMetaType::QStringList:  // "a, b" in the file reads as a list
-        case QMetaType::QVariantList:
-        case QMetaType::QVariantMap:
-            return fallback;
-        default:
-            return value.canConvert<QString>() ? value.toString() : fallback;
-    }
-}
-
-std::int64_t MonitorSettings::readPort(const char* key, std::int64_t fallback) const {
-    bool readable = false;
-    const std::int64_t port = store_->value(QLatin1String(key)).toLongLong(&readable);
-    return readable && port != 0 ? port : fallback;
-}
-
-void MonitorSettings::writeString(const char* key, const QString& value) {
-    store_->setValue(QLatin1String(key), value);
-}
-
-std::int64_t MonitorSettings::writePort(const char* key, QStringView text) {
-    const std::int64_t port = toInt32(text);
-    store_->setValue(QLatin1String(key), static_cast<qlonglong>(port));
-    return port;
+std::int64_t MonitorSettings::writePort(Preference<std::int64_t>& port, QStringView text) {
+    const std::int64_t value = toInt32(text);
+    port.set(value);
+    return value;
 }
 
 std::int32_t MonitorSettings::toInt32(QStringView text) {

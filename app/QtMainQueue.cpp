@@ -28,7 +28,8 @@ struct QtMainQueue::Delayed : std::enable_shared_from_this<Delayed> {
             return;
         }
         armedFor = items.begin()->first;
-        const auto remaining = std::chrono::ceil<std::chrono::milliseconds>(armedFor - Clock::now());
+        const auto remaining =
+            std::chrono::ceil<std::chrono::milliseconds>(armedFor - Clock::now());
         lock.unlock();
         if (timer == nullptr) {
             timer = new QTimer(QCoreApplication::instance());

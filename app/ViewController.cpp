@@ -69,15 +69,15 @@ Widget* ViewController::outlet(const char* name) const {
 }
 
 void ViewController::viewDidLoad() {
-    MyOutIP = defaults.readString(MonitorSettings::ipKey, MonitorSettings::defaultIP);
+    MyOutIP = QString::fromStdString(defaults.ip.value());
     outlet<QLineEdit>("IpText")->setText(MyOutIP);
-    MyOutPort = defaults.readPort(MonitorSettings::outPortKey, MonitorSettings::defaultOutPort);
+    MyOutPort = defaults.outPort.value();
     outlet<QLineEdit>("OutPortText")->setText(QString::number(MyOutPort));
-    MyInPort = defaults.readPort(MonitorSettings::inPortKey, MonitorSettings::defaultInPort);
+    MyInPort = defaults.inPort.value();
     outlet<QLineEdit>("InPortText")->setText(QString::number(MyInPort));
-    MyOutMsg = defaults.readString(MonitorSettings::pingKey, MonitorSettings::defaultPing);
+    MyOutMsg = QString::fromStdString(defaults.ping.value());
     outlet<QLineEdit>("OutMsgText")->setText(MyOutMsg);
-    MyInMsg = defaults.readString(MonitorSettings::replyKey, MonitorSettings::defaultReply);
+    MyInMsg = QString::fromStdString(defaults.reply.value());
     outlet<QLineEdit>("InMsgText")->setText(MyInMsg);
 
     const std::uint16_t inPort = socketPort(MyInPort, "incoming");
@@ -159,17 +159,16 @@ void ViewController::stdoutLine(const std::string& line) {
 
 void ViewController::ChangeIP() {
     MyOutIP = outlet<QLineEdit>("IpText")->text();
-    defaults.writeString(MonitorSettings::ipKey, MyOutIP);
+    defaults.ip.set(MyOutIP.toStdString());
 }
 
 void ViewController::ChangeOutPort() {
     MyOutPort =
-        defaults.writePort(MonitorSettings::outPortKey, outlet<QLineEdit>("OutPortText")->text());
+        MonitorSettings::writePort(defaults.outPort, outlet<QLineEdit>("OutPortText")->text());
 }
 
 void ViewController::ChangeInPort() {
-    MyInPort =
-        defaults.writePort(MonitorSettings::inPortKey, outlet<QLineEdit>("InPortText")->text());
+    MyInPort = MonitorSettings::writePort(defaults.inPort, outlet<QLineEdit>("InPortText")->text());
     // The running server keeps its port; the stored one is read at the next start.
     alert->setText(QStringLiteral("Restart the App to change Port."));
     alert->setInformativeText(
@@ -181,12 +180,12 @@ void ViewController::ChangeInPort() {
 
 void ViewController::ChangeOutMsg() {
     MyOutMsg = outlet<QLineEdit>("OutMsgText")->text();
-    defaults.writeString(MonitorSettings::pingKey, MyOutMsg);
+    defaults.ping.set(MyOutMsg.toStdString());
 }
 
 void ViewController::ChangeInMsgText() {
     MyInMsg = outlet<QLineEdit>("InMsgText")->text();
-    defaults.writeString(MonitorSettings::replyKey, MyInMsg);
+    defaults.reply.set(MyInMsg.toStdString());
 }
 
 }  // namespace kavrin

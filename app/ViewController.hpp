@@ -62,11 +62,11 @@ class ViewController : public QWidget {
     template <class Widget>
     Widget* outlet(const char* name) const;
 
-    QString MyOutIP = MonitorSettings::defaultIP;
+    QString MyOutIP = QString(MonitorSettings::defaultIP);
     std::int64_t MyOutPort = MonitorSettings::defaultOutPort;
     std::int64_t MyInPort = MonitorSettings::defaultInPort;
-    QString MyOutMsg = MonitorSettings::defaultPing;
-    QString MyInMsg = MonitorSettings::defaultReply;
+    QString MyOutMsg = QString(MonitorSettings::defaultPing);
+    QString MyInMsg = QString(MonitorSettings::defaultReply);
     bool OSCgood = false;  // a matching reply arrived since the last tick
 
     MonitorSettings& defaults;

@@ -25,8 +25,8 @@ class MonitorSettingsTest : public ::testing::Test {
 
 TEST_F(MonitorSettingsTest, MissingAndUnusableValuesReadAsTheDefaults) {
     EXPECT_EQ(settings->store().fileName(), environment.settingsFile());
-    EXPECT_EQ(settings->readString("ip", "localhost"), "localhost");
-    EXPECT_EQ(settings->readPort("OutPort", 8000), 8000);
+    EXPECT_EQ(settings->ip.value(), "localhost");
+    EXPECT_EQ(settings->outPort.value(), 8000);
 
     settings->store().setValue("OutPort", 0);
     settings->store().setValue("InPort", "not a number");
@@ -34,11 +34,11 @@ TEST_F(MonitorSettingsTest, MissingAndUnusableValuesReadAsTheDefaults) {
     settings->store().setValue("ip", "");
     settings->store().setValue("ping", 42);
     const auto stored = reopen();
-    EXPECT_EQ(stored->readPort("OutPort", 8000), 8000) << "0 means the default";
-    EXPECT_EQ(stored->readPort("InPort", 8001), 8001);
-    EXPECT_EQ(stored->readString("Reply", "/eos/out/ping"), "/eos/out/ping");
-    EXPECT_EQ(stored->readString("ip", "localhost"), "") << "an empty string is a value";
-    EXPECT_EQ(stored->readString("ping", "/eos/ping"), "42");
+    EXPECT_EQ(stored->outPort.value(), 8000) << "0 means the default";
+    EXPECT_EQ(stored->inPort.value(), 8001);
+    EXPECT_EQ(stored->reply.value(), "/eos/out/ping");
+    EXPECT_EQ(stored->ip.value(), "") << "an empty string is a value";
+    EXPECT_EQ(stored->ping.value(), "42");
 }
 
 TEST_F(MonitorSettingsTest, PortsAreStoredAsTheLeadingNumberWithoutRangeCheck) {
@@ -57,30 +57,31 @@ TEST_F(MonitorSettingsTest, PortsAreStoredAsTheLeadingNumberWithoutRangeCheck) {
         {"12 34", 12},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(settings->writePort("OutPort", c.typed), c.stored) << c.typed.toStdString();
+        EXPECT_EQ(MonitorSettings::writePort(settings->outPort, c.typed), c.stored)
+            << c.typed.toStdString();
         EXPECT_EQ(settings->store().value("OutPort").toLongLong(), c.stored)
             << c.typed.toStdString();
     }
 
-    settings->writePort("OutPort", u"-5");
-    settings->writePort("InPort", u"99999999999");
+    MonitorSettings::writePort(settings->outPort, u"-5");
+    MonitorSettings::writePort(settings->inPort, u"99999999999");
     const auto stored = reopen();
-    EXPECT_EQ(stored->readPort("OutPort", 8000), -5) << "loaded unchanged, checked when used";
-    EXPECT_EQ(stored->readPort("InPort", 8001), 2147483647);
+    EXPECT_EQ(stored->outPort.value(), -5) << "loaded unchanged, checked when used";
+    EXPECT_EQ(stored->inPort.value(), 2147483647);
 }
 
 TEST_F(MonitorSettingsTest, WrittenValuesSurviveARestart) {
-    settings->writeString("ip", "");
-    settings->writeString("ping", "  /with spaces, and \u2192 commas ");
-    settings->writeString("Reply", "@at sign");
-    settings->writePort("InPort", u"9001");
+    settings->ip.set("");
+    settings->ping.set("  /with spaces, and \u2192 commas ");
+    settings->reply.set("@at sign");
+    MonitorSettings::writePort(settings->inPort, u"9001");
     const auto stored = reopen();
 
     EXPECT_TRUE(QFileInfo::exists(environment.settingsFile()));
-    EXPECT_EQ(stored->readString("ip", "localhost"), "");
-    EXPECT_EQ(stored->readString("ping", "/eos/ping"), "  /with spaces, and \u2192 commas ");
-    EXPECT_EQ(stored->readString("Reply", "/eos/out/ping"), "@at sign");
-    EXPECT_EQ(stored->readPort("InPort", 8001), 9001);
+    EXPECT_EQ(stored->ip.value(), "");
+    EXPECT_EQ(stored->ping.value(), "  /with spaces, and \u2192 commas ");
+    EXPECT_EQ(stored->reply.value(), "@at sign");
+    EXPECT_EQ(stored->inPort.value(), 9001);
 }
 
 }  // namespace
