@@ -54,7 +54,10 @@ std::size_t ManualQueue::drain() {
 }
 
 bool ManualQueue::drainUntil(std::function<bool()> done, Clock::duration timeout) {
-    const auto end = Clock::now() + timeout;
+    // A timeout beyond the clock's range waits without end.
+    const auto now = Clock::now();
+    const auto end = timeout >= Clock::time_point::max() - now ? Clock::time_point::max()
+                                                                : now + timeout;
     while (!done()) {
         Work work;
         {
@@ -67,7 +70,11 @@ bool ManualQueue::drainUntil(std::function<bool()> done, Clock::duration timeout
                     return done();
                 }
                 const auto wake = items_.empty() ? end : std::min(end, items_.begin()->first);
-                posted_.wait_until(lock, wake);
+                if (wake == Clock::time_point::max()) {
+                    posted_.wait(lock);
+                } else {
+                    posted_.wait_until(lock, wake);
+                }
             }
             work = std::move(items_.begin()->second);
             items_.erase(items_.begin());

@@ -27,7 +27,8 @@ class ManualQueue final : public DispatchQueue {
     /// posted while draining waits for the next drain.
     std::size_t drain();
     /// Runs work as it becomes due until done() is true (checked before the first wait and after
-    /// each item) or timeout passes; returns done()'s last answer.
+    /// each item) or timeout passes; returns done()'s last answer. Clock::duration::max() waits
+    /// without end.
     bool drainUntil(std::function<bool()> done, Clock::duration timeout);
     /// Number of items posted and not yet run (due or not).
     std::size_t pending() const;
