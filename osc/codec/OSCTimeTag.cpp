@@ -1,5 +1,6 @@
 #include "osc/codec/OSCTimeTag.hpp"
 
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -46,9 +47,26 @@ std::chrono::system_clock::time_point OSCTimeTag::localEpochDate() {
     return std::chrono::system_clock::from_time_t(epoch);
 }
 
+namespace {
+
+std::atomic<OSCTimeTag::Epoch> chosenEpoch{OSCTimeTag::Epoch::local};
+
+const auto utcEpoch = std::chrono::system_clock::from_time_t(-2208988800);  // 1900-01-01 UTC
+
+}  // namespace
+
+void OSCTimeTag::setEpoch(Epoch epoch) {
+    chosenEpoch.store(epoch);
+}
+
+OSCTimeTag::Epoch OSCTimeTag::epoch() {
+    return chosenEpoch.load();
+}
+
 std::chrono::system_clock::time_point OSCTimeTag::epochDate() {
-    static const auto epoch = localEpochDate();
-    return epoch;
+    if (epoch() == Epoch::utc) return utcEpoch;
+    static const auto local = localEpochDate();
+    return local;
 }
 
 OSCTimeTag OSCTimeTag::fromDate(std::chrono::system_clock::time_point date) {
@@ -88,10 +106,10 @@ namespace {
 
 // Says which epoch a printed date was read with, when that is not plain UTC: a tag a sender
 // meant as UTC then prints shifted by the zone's offset, and the note tells the reader why.
-const std::string& epochNote() {
+std::string epochNote() {
+    if (OSCTimeTag::epoch() == OSCTimeTag::Epoch::utc) return {};
     static const std::string note = [] {
         using namespace std::chrono;
-        const auto utcEpoch = system_clock::from_time_t(-2208988800);  // 1900-01-01 00:00 UTC
         const auto offset = duration_cast<seconds>(utcEpoch - OSCTimeTag::epochDate()).count();
         if (offset == 0) return std::string();
         const long long magnitude = offset < 0 ? -offset : offset;

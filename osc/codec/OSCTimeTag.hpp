@@ -9,9 +9,9 @@ namespace kavrin {
 
 // An NTP-format time: `era` counts whole 2^32-second eras since 1 January 1900 and `rawValue`
 // is the time within the era (upper 32 bits seconds, lower 32 bits fraction). Only rawValue goes
-// on the wire, so a decoded tag is always in era 0. The 1900 epoch is midnight in the machine's
-// LOCAL time zone, built once on first use; it deliberately shifts with the zone.
-// A plain value, usable from any thread.
+// on the wire, so a decoded tag is always in era 0. By default the 1900 epoch is midnight in the
+// machine's LOCAL time zone, built once on first use; it deliberately shifts with the zone
+// (see Epoch for the choice of UTC). A plain value, usable from any thread.
 struct OSCTimeTag {
     std::int64_t era = 0;
     std::uint64_t rawValue = 0;
@@ -23,9 +23,21 @@ struct OSCTimeTag {
     static OSCTimeTag fromDate(std::chrono::system_clock::time_point date);
     static OSCTimeTag now();
 
-    // 1 January 1900 00:00 local time as of first use, cached for the life of the process.
+    // Where tags count from when they are turned into dates and back (fromDate, now, date,
+    // isFuture, and so an OSCServer's osc1_0 scheduling).
+    //  - local (the default): 1 January 1900 at midnight in the machine's time zone, as of first
+    //    use. Tags from a sender that counts from UTC, as NTP and most OSC senders do, then
+    //    stand for an instant shifted by the zone's offset.
+    //  - utc: 1 January 1900 at midnight UTC, NTP's own epoch. Choose it when your senders
+    //    follow NTP, so that a bundle tagged for a moment is delivered at that moment wherever
+    //    this machine is; set it once, before time tags are converted.
+    enum class Epoch { local, utc };
+    static void setEpoch(Epoch epoch);
+    static Epoch epoch();
+
+    // The date the chosen epoch stands for; the local one is cached for the life of the process.
     static std::chrono::system_clock::time_point epochDate();
-    // The same date computed afresh from the current time zone (TZ), not cached.
+    // The local epoch computed afresh from the current time zone (TZ), not cached.
     static std::chrono::system_clock::time_point localEpochDate();
 
     bool isImmediate() const { return rawValue == 1; }

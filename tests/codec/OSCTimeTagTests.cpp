@@ -88,6 +88,26 @@ TEST(OSCTimeTagDeathTest, ADescriptionNamesALocalEpochThatIsNotUTC) {
                 testing::ExitedWithCode(0), "");
     EXPECT_EXIT(describedIn("IST-5:30", "2025-12-31 18:30:00.500 UTC (epoch 1900 local, UTC+05:30)"),
                 testing::ExitedWithCode(0), "");
+    // With NTP's own epoch the zone no longer matters.
+    EXPECT_EXIT(
+        {
+            OSCTimeTag::setEpoch(OSCTimeTag::Epoch::utc);
+            describedIn("EST5", "2026-01-01 00:00:00.500 UTC");
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST(OSCTimeTag, TheUTCEpochIsNTPsWhateverTheZone) {
+    OSCTimeTag::setEpoch(OSCTimeTag::Epoch::utc);
+    const auto utc1900 = system_clock::from_time_t(-2208988800);
+    EXPECT_EQ(OSCTimeTag::epochDate(), utc1900);
+    const auto date = system_clock::from_time_t(1'767'225'600) + milliseconds(500);
+    const auto tag = OSCTimeTag::fromDate(date);
+    // Seconds pass through a double: equal to well within a microsecond.
+    EXPECT_EQ(tag.rawValue >> 32, std::uint64_t{1767225600} + 2208988800);
+    EXPECT_LT(abs(duration_cast<microseconds>(tag.date() - date).count()), 1);
+    OSCTimeTag::setEpoch(OSCTimeTag::Epoch::local);
+    EXPECT_EQ(OSCTimeTag::epochDate(), OSCTimeTag::localEpochDate());
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <mutex>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -290,6 +291,28 @@ TEST(OSCServer, ScheduledDeliveriesHoldBoundedMemoryAndDatagramsAreAdmittedWhole
     ASSERT_TRUE(fixture.waitFor(7));
     EXPECT_EQ(fixture.deliveries.back().address, "/marker2");
     EXPECT_FALSE(fixture.waitFor(8, 200ms));
+}
+
+TEST(OSCServerDeathTest, TheUTCEpochDeliversAStandardSendersBundleOnTimeWestOfUTC) {
+    // Five hours west of UTC a sender counting from UTC tags "in 200 ms" as a moment the local
+    // epoch places five hours later; with NTP's own epoch it arrives on time. In a process of
+    // its own, for the zone and the epoch.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto deliversOnTime = [] {
+        setenv("TZ", "EST5", 1);
+        tzset();
+        OSCTimeTag::setEpoch(OSCTimeTag::Epoch::utc);
+        Fixture fixture(OSCServer::TimeTagMode::osc1_0);
+        if (!fixture.server) std::exit(2);
+        const auto seconds = std::chrono::duration<double>(
+            std::chrono::system_clock::now().time_since_epoch() + std::chrono::milliseconds(200));
+        const OSCTimeTag standard{0, static_cast<std::uint64_t>((seconds.count() + 2208988800.0) *
+                                                                4294967296.0)};
+        RawSocket().sendTo(fixture.server->port(),
+                           bytes(OSCBundle(standard, {OSCMessage("/on/time")})));
+        std::exit(fixture.waitFor(1, 3000ms) ? 0 : 1);
+    };
+    EXPECT_EXIT(deliversOnTime(), testing::ExitedWithCode(0), "");
 }
 
 TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried) {
