@@ -3,6 +3,7 @@
 #include <variant>
 
 #include "osc/pattern/OSCAddressPatternToken.hpp"
+#include "osc/pattern/detail/OSCByteMatcher.hpp"
 #include "support/ASCIIScan.hpp"
 #include "support/HashCombine.hpp"
 #include "support/LossyASCII.hpp"
@@ -335,6 +336,9 @@ std::pair<bool, std::set<OSCAddressPattern::CharacterGroup>> OSCAddressPattern::
 // MARK: Matching
 
 bool OSCAddressPattern::matches(std::string_view address) const {
+    // Nearly always the texts are walked side by side, with no parsed form built and nothing
+    // allocated; only wildcards that meet multi-byte characters need the parsed form.
+    if (const auto answer = byteMatcher::matches(rawAddress_, address)) return *answer;
     const std::vector<Component> pattern = components(rawAddress_);
     // Deliberate: the empty pattern and "/" have no components and match nothing, not even "/".
     if (pattern.empty()) return false;

@@ -1,0 +1,368 @@
+#include "osc/pattern/detail/OSCByteMatcher.hpp"
+
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "osc/pattern/CharacterView.hpp"
+
+namespace kavrin::byteMatcher {
+
+namespace {
+
+// The search of matchComponent asks whether some choice of lengths for the stars lets every
+// token match in turn up to the component's end; every token but "*" has one way of matching
+// at a given position. So instead of backtracking, the matcher carries the set of positions the
+// tokens read so far can end at, token by token: the same answers, in time linear in the tokens
+// times the component, however many stars there are.
+
+// Positions 0 to 63 in one word: components shorter than 64 bytes, nearly all of them.
+class SmallPositions {
+  public:
+    explicit SmallPositions(std::size_t) {}
+    bool empty() const { return bits_ == 0; }
+    bool test(std::size_t p) const { return (bits_ >> p & 1) != 0; }
+    void set(std::size_t p) { bits_ |= std::uint64_t{1} << p; }
+    void clear() { bits_ = 0; }
+    // Every position from the lowest one set up to `last`.
+    void fillFromLowest(std::size_t last) {
+        const auto upToLast = last == 63 ? ~std::uint64_t{0} : (std::uint64_t{1} << (last + 1)) - 1;
+        bits_ = upToLast & ~((bits_ & (~bits_ + 1)) - 1);
+    }
+    template <class F>
+    void forEach(F f) const {
+        for (auto bits = bits_; bits != 0; bits &= bits - 1) {
+            f(static_cast<std::size_t>(std::countr_zero(bits)));
+        }
+    }
+
+  private:
+    std::uint64_t bits_ = 0;
+};
+
+// Any number of positions, for long components.
+class LargePositions {
+  public:
+    explicit LargePositions(std::size_t last) : words_(last / 64 + 1) {}
+    bool empty() const {
+        for (const auto word : words_) {
+            if (word != 0) return false;
+        }
+        return true;
+    }
+    bool test(std::size_t p) const { return (words_[p / 64] >> (p % 64) & 1) != 0; }
+    void set(std::size_t p) { words_[p / 64] |= std::uint64_t{1} << (p % 64); }
+    void clear() { std::fill(words_.begin(), words_.end(), 0); }
+    void fillFromLowest(std::size_t last) {
+        std::size_t lowest = 0;
+        while (!test(lowest)) ++lowest;
+        for (std::size_t p = lowest; p <= last; ++p) set(p);
+    }
+    template <class F>
+    void forEach(F f) const {
+        for (std::size_t w = 0; w < words_.size(); ++w) {
+            for (auto bits = words_[w]; bits != 0; bits &= bits - 1) {
+                f(w * 64 + static_cast<std::size_t>(std::countr_zero(bits)));
+            }
+        }
+    }
+
+  private:
+    std::vector<std::uint64_t> words_;
+};
+
+// The characters that may open a wildcard; "/" ends a component.
+constexpr auto special = [] {
+    std::array<bool, 256> table{};
+    for (const unsigned char c : {'*', '?', '[', '{'}) table[c] = true;
+    return table;
+}();
+
+bool mayStartWildcard(char c) {
+    return special[static_cast<unsigned char>(c)];
+}
+
+std::size_t findByte(std::string_view text, std::size_t from, char byte) {
+    while (from < text.size() && text[from] != byte) ++from;
+    return from;
+}
+
+// Whether the groups of a bracket expression's contents (without "[", "]" and a leading "!")
+// take `c`, worked out as the groups are made. The first "-" of what remains is a literal dash
+// when it stands first or last, else a range of its neighbours, which leave; the characters
+// before a range stay and may pair with a later dash; what is left at the end is singles. So
+// the characters read so far wait on a stack, and a dash pairs the top one with the next.
+bool groupsAccept(std::string_view contents, char c) {
+    std::array<char, 64> small;
+    std::vector<char> large;
+    char* waiting = small.data();
+    if (contents.size() > small.size()) {
+        large.resize(contents.size());
+        waiting = large.data();
+    }
+    std::size_t count = 0;
+    bool sawDash = false;
+    for (std::size_t i = 0; i < contents.size(); ++i) {
+        const char here = contents[i];
+        if (here != '-') {
+            waiting[count++] = here;
+        } else if (count == 0 || i + 1 == contents.size()) {
+            sawDash = true;
+        } else {
+            // A range takes ASCII only, by code, and a reversed one nothing; all bytes here are
+            // ASCII.
+            const char low = waiting[--count];
+            const char high = contents[++i];
+            if (low <= c && c <= high) return true;
+        }
+    }
+    if (sawDash && c == '-') return true;
+    return std::memchr(waiting, c, count) != nullptr;
+}
+
+// How a brace list's alternatives match at the start of `rest`: the first of them, in the byte
+// order of the set they make, that is a prefix of it. The alternatives that are prefixes of one
+// text are prefixes of each other, and a prefix comes first in that order, so it is the
+// shortest. An empty list matches nothing, at length 0; -1 when no alternative fits.
+std::ptrdiff_t braceLength(std::string_view contents, std::string_view rest) {
+    std::ptrdiff_t found = -1;
+    bool any = false;
+    std::size_t i = 0;
+    while (i < contents.size()) {
+        // One alternative: compared with `rest` while they agree, then skipped to its end.
+        const std::size_t start = i;
+        std::size_t k = 0;
+        while (i < contents.size() && k < rest.size() && contents[i] == rest[k] &&
+               contents[i] != ',') {
+            ++i;
+            ++k;
+        }
+        const bool prefix = i == contents.size() || contents[i] == ',';
+        while (i < contents.size() && contents[i] != ',') ++i;
+        const auto length = static_cast<std::ptrdiff_t>(i - start);
+        ++i;                        // past the comma
+        if (length == 0) continue;  // empty pieces are dropped
+        any = true;
+        if (prefix && (found < 0 || length < found)) found = length;
+    }
+    return any ? found : 0;
+}
+
+// One token of a pattern component, read where it starts.
+struct Token {
+    enum class Kind { star, any, bracket, brace, literal } kind;
+    std::string_view text;  // the bracket's or brace list's contents, or the literal
+    bool exclusion = false;
+    std::size_t end = 0;  // where the next token starts
+};
+
+Token readToken(std::string_view pattern, std::size_t i) {
+    const char c = pattern[i];
+    if (c == '*') {
+        std::size_t end = i + 1;
+        while (end < pattern.size() && pattern[end] == '*') ++end;  // a run of stars is one
+        return {Token::Kind::star, {}, false, end};
+    }
+    if (c == '?') return {Token::Kind::any, {}, false, i + 1};
+    if (c == '[' || c == '{') {
+        const auto bracketEnd = c == '[' ? findByte(pattern, i + 1, ']') : pattern.size();
+        if (bracketEnd != pattern.size()) {
+            auto contents = pattern.substr(i + 1, bracketEnd - i - 1);
+            const bool exclusion = contents.starts_with('!');
+            if (exclusion) contents.remove_prefix(1);
+            return {Token::Kind::bracket, contents, exclusion, bracketEnd + 1};
+        }
+        // Deliberately, a "[" without its "]" reads as a "{".
+        const auto braceEnd = findByte(pattern, i + 1, '}');
+        if (braceEnd != pattern.size()) {
+            return {Token::Kind::brace, pattern.substr(i + 1, braceEnd - i - 1), false,
+                    braceEnd + 1};
+        }
+    }
+    // A run of literal characters, up to the next one that may start a wildcard.
+    std::size_t end = i + 1;
+    while (end < pattern.size() && !mayStartWildcard(pattern[end])) ++end;
+    return {Token::Kind::literal, pattern.substr(i, end - i), false, end};
+}
+
+// How many characters of `component` a token other than "*" takes at p; -1 when it does not
+// match there.
+std::ptrdiff_t lengthAt(const Token& token, std::string_view component, std::size_t p) {
+    switch (token.kind) {
+        case Token::Kind::any:
+            return p < component.size() ? 1 : -1;
+        case Token::Kind::bracket:
+            if (p >= component.size()) return -1;
+            return groupsAccept(token.text, component[p]) != token.exclusion ? 1 : -1;
+        case Token::Kind::brace:
+            return braceLength(token.text, component.substr(p));
+        default:
+            return component.substr(p).starts_with(token.text)
+                       ? static_cast<std::ptrdiff_t>(token.text.size())
+                       : -1;
+    }
+}
+
+// The tokens after the first star, over sets of positions.
+template <class Positions>
+bool matchFromStarWith(std::string_view pattern, std::string_view component, std::size_t i,
+                       std::size_t start) {
+    const std::size_t last = component.size();
+    Positions at(last);
+    Positions next(last);
+    at.set(start);
+    while (i < pattern.size() && !at.empty()) {
+        const Token token = readToken(pattern, i);
+        i = token.end;
+        if (token.kind == Token::Kind::star) {
+            at.fillFromLowest(last);
+            continue;
+        }
+        next.clear();
+        at.forEach([&](std::size_t p) {
+            const std::ptrdiff_t n = lengthAt(token, component, p);
+            if (n >= 0) next.set(p + static_cast<std::size_t>(n));
+        });
+        std::swap(at, next);
+    }
+    return at.test(last);
+}
+
+bool matchFromStar(std::string_view pattern, std::string_view component, std::size_t i,
+                   std::size_t start) {
+    return component.size() < 64 ? matchFromStarWith<SmallPositions>(pattern, component, i, start)
+                                 : matchFromStarWith<LargePositions>(pattern, component, i, start);
+}
+
+// `start`: where in the component the tokens of `pattern` begin, those before having matched.
+// Up to the first star there is one position, moved on token by token.
+bool matchComponentFrom(std::string_view pattern, std::string_view component, std::size_t start) {
+    std::size_t p = start;
+    for (std::size_t i = 0; i < pattern.size();) {
+        const Token token = readToken(pattern, i);
+        if (token.kind == Token::Kind::star) {
+            // A star at the end takes whatever is left.
+            if (token.end == pattern.size()) return true;
+            return matchFromStar(pattern, component, i, p);
+        }
+        const std::ptrdiff_t n = lengthAt(token, component, p);
+        if (n < 0) return false;
+        p += static_cast<std::size_t>(n);
+        i = token.end;
+    }
+    return p == component.size();
+}
+
+// Drops one leading and then one trailing "/", as pathComponents does.
+std::string_view stripped(std::string_view text) {
+    if (text.starts_with('/')) text.remove_prefix(1);
+    if (text.ends_with('/')) text.remove_suffix(1);
+    return text;
+}
+
+// The bytes of `word` equal to `byte`, marked by their high bits.
+constexpr std::uint64_t bytesEqualTo(std::uint64_t word, unsigned char byte) {
+    constexpr std::uint64_t ones = 0x0101010101010101ULL;
+    const std::uint64_t zeroed = word ^ (ones * byte);
+    return (zeroed - ones) & ~zeroed & 0x8080808080808080ULL;
+}
+
+std::uint64_t load(const char* at) {
+    std::uint64_t word;
+    std::memcpy(&word, at, 8);
+    return word;
+}
+
+}  // namespace
+
+bool matchComponent(std::string_view patternComponent, std::string_view component) {
+    return matchComponentFrom(patternComponent, component, 0);
+}
+
+// The texts are walked side by side: literal text, the "/" between components included, is
+// compared eight bytes at a time where it can be, which is all most patterns need, and each
+// wildcard is matched where the walk has got to. Only a star with more tokens after it in its
+// component needs a search, handed the rest of that component.
+//
+// Up to the first wildcard this is exact whatever the address holds: the pattern is ASCII, and
+// a "/" that joins the character after it in the address is followed there by a byte no ASCII
+// text has. From a wildcard on, where components can line up in other ways, the address must be
+// a byte per character, and the pattern free of CR, which could pair with a LF.
+std::optional<bool> matches(std::string_view pattern, std::string_view address) {
+    pattern = stripped(pattern);
+    address = stripped(address);
+    // Deliberate: a pattern without components matches nothing, not even "/".
+    if (pattern.empty() || address.empty()) return false;
+    const char* const p = pattern.data();
+    const char* const a = address.data();
+    const std::size_t pn = pattern.size();
+    const std::size_t an = address.size();
+    std::size_t i = 0;               // in the pattern
+    std::size_t j = 0;               // in the address
+    std::size_t componentStart = 0;  // of the address component j is in
+    bool checked = false;            // whether the texts are a byte per character
+    for (;;) {
+        while (i + 8 <= pn && j + 8 <= an) {
+            const std::uint64_t word = load(p + i);
+            if ((word != load(a + j)) |
+                ((bytesEqualTo(word, '*') | bytesEqualTo(word, '?') | bytesEqualTo(word, '[') |
+                  bytesEqualTo(word, '{')) != 0)) {
+                break;
+            }
+            if (const auto slashes = bytesEqualTo(word, '/'); slashes != 0) {
+                // The last "/" of the word: on a little-endian machine its highest byte.
+                componentStart =
+                    std::endian::native == std::endian::little
+                        ? j + (63 - static_cast<std::size_t>(std::countl_zero(slashes))) / 8 + 1
+                        : address.rfind('/', j + 7) + 1;
+            }
+            i += 8;
+            j += 8;
+        }
+        for (; i < pn && j < an && !mayStartWildcard(p[i]); ++i, ++j) {
+            if (p[i] != a[j]) return false;
+            if (p[i] == '/') componentStart = j + 1;
+        }
+        if (i == pn || !mayStartWildcard(p[i])) return i == pn && j == an;
+        if (!checked) {
+            if (!CharacterView::isOneBytePerCharacter(address) ||
+                std::memchr(p, '\r', pn) != nullptr) {
+                return std::nullopt;
+            }
+            checked = true;
+        }
+        // The wildcard, within its component: the pattern's ends at the next "/".
+        const auto patternEnd = findByte(pattern, i, '/');
+        const auto componentEnd = findByte(address, j, '/');
+        const Token token = readToken(pattern.substr(0, patternEnd), i);
+        if (token.kind == Token::Kind::literal) {  // a "[" or "{" left open: plain text
+            if (j >= an || a[j] != p[i]) return false;
+            ++i;
+            ++j;
+            continue;
+        }
+        const auto component = address.substr(componentStart, componentEnd - componentStart);
+        if (token.kind == Token::Kind::star) {
+            if (token.end == patternEnd) {
+                j = componentEnd;  // a star that ends its component takes the rest of it
+            } else if (matchFromStar(pattern.substr(0, patternEnd), component, i,
+                                     j - componentStart)) {
+                j = componentEnd;
+                i = patternEnd;
+                continue;
+            } else {
+                return false;
+            }
+            i = token.end;
+            continue;
+        }
+        const std::ptrdiff_t length = lengthAt(token, component, j - componentStart);
+        if (length < 0) return false;
+        j += static_cast<std::size_t>(length);
+        i = token.end;
+    }
+}
+
+}  // namespace kavrin::byteMatcher
