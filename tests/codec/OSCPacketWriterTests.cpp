@@ -1,0 +1,156 @@
+#include "osc/codec/OSCPacketWriter.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <vector>
+
+#include "osc/codec/OSCBundle.hpp"
+#include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCPacket.hpp"
+
+// Every allocation of this test program is counted, so that a test can see it made none.
+namespace {
+std::atomic<std::size_t> allocations{0};
+}
+
+void* operator new(std::size_t size) {
+    ++allocations;
+    if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+namespace kavrin {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// Writes every kind into a message, as OSCMessage holds them.
+void writeEveryKind(OSCPacketWriter& writer, const std::uint8_t (&blob)[5]) {
+    writer.beginMessage("/every/kind")
+        .int32(-7)
+        .float32(0.75f)
+        .string("abcd")
+        .blob(blob)
+        .boolean(true)
+        .boolean(false)
+        .character(U'A')
+        .float64(-2.5)
+        .int64(std::int64_t{1} << 40)
+        .beginArray()
+        .int32(1)
+        .beginArray()
+        .string("")
+        .endArray()
+        .endArray()
+        .impulse()
+        .midi({1, 0x90, 60, 127})
+        .null()
+        .stringAlt("alt")
+        .timeTag({0, 99})
+        .endMessage();
+}
+
+OSCMessage everyKind(const std::uint8_t (&blob)[5]) {
+    return OSCMessage("/every/kind",
+                      {-7, 0.75f, std::string("abcd"), OSCBlob(std::begin(blob), std::end(blob)),
+                       true, false, char32_t{U'A'}, -2.5, std::int64_t{1} << 40,
+                       OSCArrayValue{{1, OSCArrayValue{{std::string("")}}}}, OSCImpulseValue{},
+                       OSCMIDIValue{1, 0x90, 60, 127}, OSCNullValue{}, OSCStringAltValue{"alt"},
+                       OSCTimeTag{0, 99}});
+}
+
+TEST(OSCPacketWriter, WritesTheBytesOfTheOwningEncoderWithoutAllocating) {
+    const std::uint8_t blob[5] = {1, 2, 3, 4, 5};
+    std::vector<std::uint8_t> buffer(512);
+    {
+        OSCPacketWriter writer(buffer);
+        const std::size_t before = allocations.load();
+        writeEveryKind(writer, blob);
+        EXPECT_EQ(allocations.load(), before);
+        EXPECT_TRUE(writer.isComplete());
+        EXPECT_EQ(Bytes(writer.bytes().begin(), writer.bytes().end()), everyKind(blob).rawData());
+    }
+    {
+        // Nested bundles, and text that must be made ASCII as the owning types make it.
+        OSCPacketWriter writer(buffer);
+        writer.beginBundle(OSCTimeTag::immediate())
+            .beginMessage("/a")
+            .endMessage()
+            .beginBundle({0, 5})
+            .beginMessage("/caf\xC3\xA9")
+            .string(std::string_view("z\xC3\xA9ro\0!", 7))
+            .endMessage()
+            .endBundle()
+            .endBundle();
+        const OSCBundle expected(
+            OSCTimeTag::immediate(),
+            {OSCMessage("/a"),
+             OSCBundle({0, 5}, {OSCMessage("/caf\xC3\xA9", {std::string("z\xC3\xA9ro\0!", 7)})})});
+        EXPECT_EQ(Bytes(writer.bytes().begin(), writer.bytes().end()), expected.rawData());
+        EXPECT_EQ(OSCPacket::decode(writer.bytes())->rawData(), expected.rawData());
+    }
+}
+
+TEST(OSCPacketWriter, FillsABufferToItsLastByteAndRefusesOneByteLess) {
+    const std::uint8_t blob[5] = {9, 8, 7, 6, 5};
+    const Bytes expected = everyKind(blob).rawData();
+    // An exact fit: the waiting tags meet the arguments and are turned into place.
+    Bytes exact(expected.size());
+    OSCPacketWriter fits(exact);
+    writeEveryKind(fits, blob);
+    EXPECT_EQ(exact, expected);
+
+    Bytes short_(expected.size() - 1);
+    OSCPacketWriter tooSmall(short_);
+    try {
+        writeEveryKind(tooSmall, blob);
+        ADD_FAILURE() << "a packet was written into a buffer too small for it";
+    } catch (const OSCEncodeError& error) {
+        EXPECT_EQ(error.errorCase(), OSCEncodeError::Case::general);
+        EXPECT_STREQ(error.what(), "The buffer is too small for the OSC packet.");
+    }
+    EXPECT_THROW(tooSmall.beginMessage("/again"), OSCEncodeError) << "unusable after a failure";
+}
+
+TEST(OSCPacketWriter, RefusesCallsOutOfOrderAndNestingBeyondTheLimits) {
+    Bytes buffer(8192);
+    const auto refused = [&](auto write) {
+        OSCPacketWriter writer(buffer);
+        try {
+            write(writer);
+        } catch (const OSCEncodeError& error) {
+            return std::string(error.what());
+        }
+        return std::string("written");
+    };
+    const std::string outOfOrder = "OSC packet written out of order.";
+    EXPECT_EQ(refused([](auto& w) { w.int32(1); }), outOfOrder);
+    EXPECT_EQ(refused([](auto& w) { w.endMessage(); }), outOfOrder);
+    EXPECT_EQ(refused([](auto& w) { w.beginMessage("/a").beginMessage("/b"); }), outOfOrder);
+    EXPECT_EQ(refused([](auto& w) { w.beginMessage("/a").endArray(); }), outOfOrder);
+    EXPECT_EQ(refused([](auto& w) { w.beginMessage("/a").beginArray().endMessage(); }), outOfOrder);
+    EXPECT_EQ(refused([](auto& w) { w.beginMessage("/a").endMessage().beginMessage("/b"); }),
+              outOfOrder);
+    EXPECT_EQ(refused([](auto& w) { w.beginBundle({}).endMessage(); }), outOfOrder);
+    EXPECT_EQ(refused([](auto& w) {
+                  for (int i = 0; i <= OSCBundle::maximumDepth; ++i) w.beginBundle({});
+              }),
+              "Bundle nesting exceeds the maximum depth of 128 levels.");
+    EXPECT_EQ(refused([](auto& w) {
+                  w.beginMessage("/deep");
+                  for (int i = 0; i <= 128; ++i) w.beginArray();
+              }),
+              "Array nesting exceeds the maximum depth of 128 levels.");
+}
+
+}  // namespace
+}  // namespace kavrin
