@@ -9,7 +9,7 @@
 #include <QWidget>
 #include <QtDebug>
 
-#include "app/FatalError.hpp"
+#include "support/FatalError.hpp"
 
 namespace kavrin {
 

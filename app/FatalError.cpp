@@ -3,13 +3,19 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "support/FatalError.hpp"
+
 namespace kavrin {
 
-void fatalError(std::string_view what) {
+void stopOnFatalError(std::string_view what) {
     std::fflush(stdout);
     std::fprintf(stderr, "kavrin: fatal error: %.*s\n", static_cast<int>(what.size()), what.data());
     std::fflush(stderr);
     std::_Exit(EXIT_FAILURE);
+}
+
+void installMonitorFatalErrorHandler() {
+    setFatalErrorHandler(stopOnFatalError);
 }
 
 }  // namespace kavrin

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "app/FatalError.hpp"
+#include "support/FatalError.hpp"
 
 namespace kavrin {
 namespace {

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <exception>
 
-#include "app/FatalError.hpp"
+#include "support/FatalError.hpp"
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/codec/OSCPacket.hpp"
 #include "ui_MainWindow.h"

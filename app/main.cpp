@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "app/AppDelegate.hpp"
+#include "app/FatalError.hpp"
 #include "app/MonitorSettings.hpp"
 #include "app/MyWindow.hpp"
 #include "app/QtMainQueue.hpp"
@@ -10,6 +11,7 @@
 #include "app/ViewController.hpp"
 
 int main(int argc, char* argv[]) {
+    kavrin::installMonitorFatalErrorHandler();
     QApplication app(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("Kavrin"));
     QCoreApplication::setApplicationName(QStringLiteral("Kavrin"));

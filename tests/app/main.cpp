@@ -3,7 +3,10 @@
 
 #include <QApplication>
 
+#include "app/FatalError.hpp"
+
 int main(int argc, char* argv[]) {
+    kavrin::installMonitorFatalErrorHandler();
     ::testing::InitGoogleTest(&argc, argv);
     // Death tests re-run the test binary: the GUI and the socket threads must not be forked.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
