@@ -6,6 +6,7 @@
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/codec/OSCNumberValue.hpp"
 #include "osc/codec/OSCPacket.hpp"
+#include "osc/codec/OSCPacketWriter.hpp"
 #include "osc/codec/OSCPacketView.hpp"
 #include "osc/codec/OSCSerialization.hpp"
 #include "osc/codec/OSCTimeTag.hpp"

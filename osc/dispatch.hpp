@@ -4,5 +4,6 @@
 #include "osc/dispatch/GlobalQueue.hpp"
 #include "osc/dispatch/ManualQueue.hpp"
 #include "osc/dispatch/ReadinessSource.hpp"
+#include "osc/dispatch/RunLoop.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/dispatch/TimerSource.hpp"
