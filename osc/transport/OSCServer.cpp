@@ -3,9 +3,9 @@
 #include <chrono>
 #include <variant>
 
-#include "osc/transport/OSCServerDelegate.hpp"
 #include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/UdpSocketError.hpp"
+#include "osc/transport/detail/OSCServerDelegate.hpp"
 
 namespace kavrin {
 

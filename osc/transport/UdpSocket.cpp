@@ -20,9 +20,9 @@
 #include "osc/dispatch/ReadinessSource.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/dispatch/TimerSource.hpp"
-#include "osc/transport/Fatal.hpp"
-#include "osc/transport/UdpSendPacket.hpp"
-#include "osc/transport/UdpSpecialPacket.hpp"
+#include "osc/transport/detail/Fatal.hpp"
+#include "osc/transport/detail/UdpSendPacket.hpp"
+#include "osc/transport/detail/UdpSpecialPacket.hpp"
 
 namespace kavrin {
 

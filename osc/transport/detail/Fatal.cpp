@@ -1,4 +1,4 @@
-#include "osc/transport/Fatal.hpp"
+#include "osc/transport/detail/Fatal.hpp"
 
 #include <cstdio>
 #include <cstdlib>
