@@ -69,66 +69,11 @@ bool fail(UdpSocketError* out, UdpSocketError error) {
     return false;
 }
 
-SocketAddress ipv4Address(in_addr address, std::uint16_t port) {
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(port);
-    sa.sin_addr = address;
-    return {&sa, sizeof sa};
-}
-
-SocketAddress ipv6Address(in6_addr address, std::uint16_t port, std::uint32_t scope = 0) {
-    sockaddr_in6 sa{};
-    sa.sin6_family = AF_INET6;
-    sa.sin6_port = htons(port);
-    sa.sin6_addr = address;
-    sa.sin6_scope_id = scope;
-    return {&sa, sizeof sa};
-}
-
-SocketAddress withPort(const sockaddr* sa, std::uint16_t port) {
-    if (sa->sa_family == AF_INET) {
-        sockaddr_in in{};
-        std::memcpy(&in, sa, sizeof in);
-        in.sin_port = htons(port);
-        return {&in, sizeof in};
-    }
-    sockaddr_in6 in6{};
-    std::memcpy(&in6, sa, sizeof in6);
-    in6.sin6_port = htons(port);
-    return {&in6, sizeof in6};
-}
-
-bool isValidIPv4(const SocketAddress& a) {
-    return a.size() >= sizeof(sockaddr_in) && a.family() == AF_INET;
-}
-bool isValidIPv6(const SocketAddress& a) {
-    return a.size() >= sizeof(sockaddr_in6) && a.family() == AF_INET6;
-}
-
 socklen_t lengthOf(const SocketAddress& a) {
     return static_cast<socklen_t>(a.size());
 }
 const sockaddr* sockaddrOf(const SocketAddress& a) {
     return reinterpret_cast<const sockaddr*>(a.data());
-}
-
-// Compares family, address and port only (not flow info or padding).
-bool sameEndpoint(const SocketAddress& a, const SocketAddress& b) {
-    if (isValidIPv4(a) && isValidIPv4(b)) {
-        sockaddr_in x{}, y{};
-        std::memcpy(&x, a.data(), sizeof x);
-        std::memcpy(&y, b.data(), sizeof y);
-        return x.sin_port == y.sin_port && x.sin_addr.s_addr == y.sin_addr.s_addr;
-    }
-    if (isValidIPv6(a) && isValidIPv6(b)) {
-        sockaddr_in6 x{}, y{};
-        std::memcpy(&x, a.data(), sizeof x);
-        std::memcpy(&y, b.data(), sizeof y);
-        return x.sin6_port == y.sin6_port &&
-               std::memcmp(&x.sin6_addr, &y.sin6_addr, sizeof x.sin6_addr) == 0;
-    }
-    return false;
 }
 
 // Runs a filter on its queue and waits for the verdict. A serial filter queue that is free runs
@@ -676,11 +621,12 @@ void UdpSocket::onReadable(bool isIPv4) {
 std::pair<SocketAddress, SocketAddress> UdpSocket::convertInterface(
     const std::optional<std::string>& interface, std::uint16_t port) {
     if (!interface) {
-        return {ipv4Address(in_addr{htonl(INADDR_ANY)}, port), ipv6Address(in6addr_any, port)};
+        return {SocketAddress::ipv4(in_addr{htonl(INADDR_ANY)}, port),
+                SocketAddress::ipv6(in6addr_any, port)};
     }
     if (*interface == "localhost" || *interface == "loopback") {
-        return {ipv4Address(in_addr{htonl(INADDR_LOOPBACK)}, port),
-                ipv6Address(in6addr_loopback, port)};
+        return {SocketAddress::ipv4(in_addr{htonl(INADDR_LOOPBACK)}, port),
+                SocketAddress::ipv6(in6addr_loopback, port)};
     }
     SocketAddress address4;
     SocketAddress address6;
@@ -695,21 +641,19 @@ std::pair<SocketAddress, SocketAddress> UdpSocket::convertInterface(
             if ((family != AF_INET && family != AF_INET6) || !slot.empty()) {
                 continue;
             }
-            SocketAddress candidate = withPort(ifa->ifa_addr, port);
-            if (*interface == ifa->ifa_name || *interface == hostFromAddress(candidate)) {
+            const SocketAddress candidate =
+                SocketAddress(ifa->ifa_addr,
+                              family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6))
+                    .withPort(port);
+            if (*interface == ifa->ifa_name || *interface == candidate.host()) {
                 slot = candidate;
             }
         }
         ::freeifaddrs(list);
     }
     if (address4.empty() && address6.empty()) {
-        in_addr a4{};
-        in6_addr a6{};
-        if (::inet_pton(AF_INET, interface->c_str(), &a4) == 1) {
-            address4 = ipv4Address(a4, port);
-        } else if (::inet_pton(AF_INET6, interface->c_str(), &a6) == 1) {
-            address6 = ipv6Address(a6, port);
-        }
+        const SocketAddress numeric = SocketAddress::fromNumericHost(*interface, port);
+        (numeric.isIPv4() ? address4 : address6) = numeric;
     }
     return {address4, address6};
 }
@@ -748,12 +692,8 @@ void UdpSocket::asyncResolveHost(const std::string& host, std::uint16_t port,
                         addresses.emplace_back(ai->ai_addr, sizeof(sockaddr_in));
                     } else if (ai->ai_family == AF_INET6) {
                         // Deliberately only IPv6 results get the port filled in when missing.
-                        sockaddr_in6 in6{};
-                        std::memcpy(&in6, ai->ai_addr, sizeof in6);
-                        if (in6.sin6_port == 0) {
-                            in6.sin6_port = htons(port);
-                        }
-                        addresses.emplace_back(&in6, sizeof in6);
+                        SocketAddress address(ai->ai_addr, sizeof(sockaddr_in6));
+                        addresses.push_back(address.port() == 0 ? address.withPort(port) : address);
                     }
                 }
                 ::freeaddrinfo(results);
@@ -777,9 +717,9 @@ bool UdpSocket::getAddress(SocketAddress* address, int* family, UdpSocketError* 
     bool has4 = false;
     bool has6 = false;
     for (const SocketAddress& a : addresses) {
-        if (isValidIPv4(a)) {
+        if (a.isIPv4()) {
             has4 = true;
-        } else if (isValidIPv6(a)) {
+        } else if (a.isIPv6()) {
             has6 = true;
         } else {
             fatalError("Addresses array contains invalid address");
@@ -807,10 +747,10 @@ bool UdpSocket::getAddress(SocketAddress* address, int* family, UdpSocketError* 
     const SocketAddress* first6 = nullptr;
     bool ipv4First = false;
     for (const SocketAddress& a : addresses) {
-        if (!first4 && isValidIPv4(a)) {
+        if (!first4 && a.isIPv4()) {
             first4 = &a;
             ipv4First = first6 == nullptr;
-        } else if (!first6 && isValidIPv6(a)) {
+        } else if (!first6 && a.isIPv6()) {
             first6 = &a;
         }
     }
@@ -861,8 +801,8 @@ bool UdpSocket::bindToAddress(const SocketAddress& address, UdpSocketError* erro
         if (!bindPreCheck(error)) {
             return false;
         }
-        return bindAddresses(isValidIPv4(address) ? address : SocketAddress{},
-                             isValidIPv6(address) ? address : SocketAddress{}, error);
+        return bindAddresses(address.isIPv4() ? address : SocketAddress{},
+                             address.isIPv6() ? address : SocketAddress{}, error);
     });
 }
 
@@ -978,7 +918,7 @@ bool UdpSocket::connectToAddress(const SocketAddress& address, UdpSocketError* e
             return fail(error, UdpSocketError::badParamError(
                                    "The address param is nil. Should be a valid address."));
         }
-        if (!isValidIPv4(address) && !isValidIPv6(address)) {
+        if (!address.isIPv4() && !address.isIPv6()) {
             return fail(error, UdpSocketError::badParamError(kInvalidAddress));
         }
         flags_ |= kConnecting;
@@ -1032,8 +972,8 @@ bool UdpSocket::connectWithAddress(const SocketAddress& address, int family,
     flags_ |= isIPv4 ? kIPv6Deactivated : kIPv4Deactivated;
     flags_ |= kConnected;
     cachedConnectedAddress_ = address;
-    cachedConnectedHost_ = hostFromAddress(address);
-    cachedConnectedPort_ = portFromAddress(address);
+    cachedConnectedHost_ = address.host();
+    cachedConnectedPort_ = address.port();
     cachedConnectedFamily_ = family;
     return true;
 }
@@ -1182,7 +1122,7 @@ void UdpSocket::sendData(std::vector<std::uint8_t> data, const SocketAddress& ad
         return;
     }
     auto packet = std::make_shared<UdpSendPacket>(std::move(data), timeout, tag);
-    if (isValidIPv4(address) || isValidIPv6(address)) {
+    if (address.isIPv4() || address.isIPv6()) {
         packet->address = address;
         packet->addressFamily = address.family();
     } else {
@@ -1546,7 +1486,7 @@ bool UdpSocket::receiveOne(bool isIPv4) {
     }
     std::vector<std::uint8_t> data(f.scratch.begin(), f.scratch.begin() + result);
     const SocketAddress address(&source, std::min<std::size_t>(sourceLength, sizeof source));
-    if ((flags_ & kConnected) && !sameEndpoint(address, cachedConnectedAddress_)) {
+    if ((flags_ & kConnected) && !address.sameEndpoint(cachedConnectedAddress_)) {
         return true;  // not from the peer: dropped
     }
     if (!receiveFilter_) {
@@ -1630,7 +1570,7 @@ bool UdpSocket::receiveMany(bool isIPv4) {
         const SocketAddress address(
             &sources[i],
             std::min<std::size_t>(messages[i].msg_hdr.msg_namelen, sizeof(sockaddr_in6)));
-        if ((flags_ & kConnected) && !sameEndpoint(address, cachedConnectedAddress_)) {
+        if ((flags_ & kConnected) && !address.sameEndpoint(cachedConnectedAddress_)) {
             continue;  // not from the peer: dropped
         }
         deliver(std::vector<std::uint8_t>(bytes, bytes + size), address, {});
@@ -1724,22 +1664,22 @@ SocketAddress UdpSocket::localAddressOf(bool isIPv4) const {
 }
 
 std::string UdpSocket::localHost() const {
-    return hostFromAddress(localAddress());
+    return localAddress().host();
 }
 std::uint16_t UdpSocket::localPort() const {
-    return portFromAddress(localAddress());
+    return localAddress().port();
 }
 std::string UdpSocket::localHostIPv4() const {
-    return hostFromAddress(localAddressIPv4());
+    return localAddressIPv4().host();
 }
 std::uint16_t UdpSocket::localPortIPv4() const {
-    return portFromAddress(localAddressIPv4());
+    return localAddressIPv4().port();
 }
 std::string UdpSocket::localHostIPv6() const {
-    return hostFromAddress(localAddressIPv6());
+    return localAddressIPv6().host();
 }
 std::uint16_t UdpSocket::localPortIPv6() const {
-    return portFromAddress(localAddressIPv6());
+    return localAddressIPv6().port();
 }
 
 SocketAddress UdpSocket::connectedAddress() const {
@@ -1810,36 +1750,17 @@ void UdpSocket::unmarkSocketQueueTargetQueue(SerialQueue& queue) {
 
 bool UdpSocket::getHost(std::string* host, std::uint16_t* port, int* family,
                         const SocketAddress& address) {
-    char text[INET6_ADDRSTRLEN] = {};
-    if (isValidIPv4(address)) {
-        sockaddr_in in{};
-        std::memcpy(&in, address.data(), sizeof in);
-        if (!::inet_ntop(AF_INET, &in.sin_addr, text, sizeof text)) {
-            return false;
-        }
-        if (port) {
-            *port = ntohs(in.sin_port);
-        }
-        if (family) {
-            *family = AF_INET;
-        }
-    } else if (isValidIPv6(address)) {
-        sockaddr_in6 in6{};
-        std::memcpy(&in6, address.data(), sizeof in6);
-        if (!::inet_ntop(AF_INET6, &in6.sin6_addr, text, sizeof text)) {
-            return false;
-        }
-        if (port) {
-            *port = ntohs(in6.sin6_port);
-        }
-        if (family) {
-            *family = AF_INET6;
-        }
-    } else {
+    if (!address.isIPv4() && !address.isIPv6()) {
         return false;
     }
     if (host) {
-        *host = text;
+        *host = address.host();
+    }
+    if (port) {
+        *port = address.port();
+    }
+    if (family) {
+        *family = familyFromAddress(address);
     }
     return true;
 }
@@ -1849,29 +1770,23 @@ bool UdpSocket::getHost(std::string* host, std::uint16_t* port, const SocketAddr
 }
 
 std::string UdpSocket::hostFromAddress(const SocketAddress& address) {
-    std::string host;
-    getHost(&host, nullptr, nullptr, address);
-    return host;
+    return address.host();
 }
 
 std::uint16_t UdpSocket::portFromAddress(const SocketAddress& address) {
-    std::uint16_t port = 0;
-    getHost(nullptr, &port, nullptr, address);
-    return port;
+    return address.port();
 }
 
 int UdpSocket::familyFromAddress(const SocketAddress& address) {
-    int family = AF_UNSPEC;
-    getHost(nullptr, nullptr, &family, address);
-    return family;
+    return address.isIPv4() ? AF_INET : address.isIPv6() ? AF_INET6 : AF_UNSPEC;
 }
 
 bool UdpSocket::isIPv4Address(const SocketAddress& address) {
-    return isValidIPv4(address);
+    return address.isIPv4();
 }
 
 bool UdpSocket::isIPv6Address(const SocketAddress& address) {
-    return isValidIPv6(address);
+    return address.isIPv6();
 }
 
 }  // namespace kavrin

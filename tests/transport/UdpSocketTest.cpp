@@ -339,11 +339,8 @@ TEST(UdpSocketSend, DestinationRulesAndFamilies) {
     sender.socket->setIPv4Enabled(false);
     sender.socket->sendData(bytes("a"), "127.0.0.1", receiver.socket->localPortIPv4(), -1, 1);
     sender.socket->sendData(bytes("b"), 1.0, 2);  // unconnected: no destination
-    sockaddr_in6 six{};
-    six.sin6_family = AF_INET6;
-    six.sin6_addr = in6addr_loopback;
-    six.sin6_port = htons(receiver.socket->localPortIPv6());
-    sender.socket->sendData(bytes("c"), SocketAddress(&six, sizeof six), -1, 3);
+    sender.socket->sendData(
+        bytes("c"), SocketAddress::fromNumericHost("::1", receiver.socket->localPortIPv6()), -1, 3);
     sender.socket->sendData(bytes("d"), SocketAddress(), -1, 4);
     ASSERT_TRUE(sender.recorder->waitFor(
         [&] { return sender.recorder->notSent.size() == 3 && sender.recorder->sent.size() == 1; }));
@@ -625,11 +622,9 @@ TEST(UdpSocketDelegate, CallbacksAreNeverInline) {
     UdpSocketError error;
     ASSERT_TRUE(peer.socket->bindToPort(0, "127.0.0.1", &error)) << error.description();
     ASSERT_TRUE(peer.socket->beginReceiving(&error)) << error.description();
-    sockaddr_in self{};
-    self.sin_family = AF_INET;
-    self.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    self.sin_port = htons(peer.socket->localPortIPv4());
-    peer.socket->sendData(bytes("self"), SocketAddress(&self, sizeof self), 1.0, 5);
+    peer.socket->sendData(bytes("self"),
+                          SocketAddress::fromNumericHost("127.0.0.1", peer.socket->localPortIPv4()),
+                          1.0, 5);
     peer.socket->performBlock([] {});  // the send (no lookup needed) has happened by now
     // Reported, but nothing has run while nobody drains the delegate queue.
     EXPECT_GE(mainQueue->pending(), 1u);
