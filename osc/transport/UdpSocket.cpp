@@ -2,9 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <ifaddrs.h>
 #include <net/if.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,7 +18,11 @@
 #include "osc/dispatch/ReadinessSource.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/dispatch/TimerSource.hpp"
+#include "osc/transport/detail/DestinationChoice.hpp"
+#include "osc/transport/detail/Fail.hpp"
 #include "osc/transport/detail/Fatal.hpp"
+#include "osc/transport/detail/HostResolver.hpp"
+#include "osc/transport/detail/InterfaceAddresses.hpp"
 #include "osc/transport/detail/UdpSendPacket.hpp"
 #include "osc/transport/detail/UdpSpecialPacket.hpp"
 
@@ -62,12 +64,7 @@ constexpr std::uint32_t writableBit(bool isIPv4) {
     return isIPv4 ? kSocket4Writable : kSocket6Writable;
 }
 
-bool fail(UdpSocketError* out, UdpSocketError error) {
-    if (out) {
-        *out = std::move(error);
-    }
-    return false;
-}
+constexpr HostResolver kResolver(SOCK_DGRAM, IPPROTO_UDP);
 
 socklen_t lengthOf(const SocketAddress& a) {
     return static_cast<socklen_t>(a.size());
@@ -616,169 +613,6 @@ void UdpSocket::onReadable(bool isIPv4) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Addresses
-
-std::pair<SocketAddress, SocketAddress> UdpSocket::convertInterface(
-    const std::optional<std::string>& interface, std::uint16_t port) {
-    if (!interface) {
-        return {SocketAddress::ipv4(in_addr{htonl(INADDR_ANY)}, port),
-                SocketAddress::ipv6(in6addr_any, port)};
-    }
-    if (*interface == "localhost" || *interface == "loopback") {
-        return {SocketAddress::ipv4(in_addr{htonl(INADDR_LOOPBACK)}, port),
-                SocketAddress::ipv6(in6addr_loopback, port)};
-    }
-    SocketAddress address4;
-    SocketAddress address6;
-    ifaddrs* list = nullptr;
-    if (::getifaddrs(&list) == 0) {
-        for (ifaddrs* ifa = list; ifa; ifa = ifa->ifa_next) {
-            if (!ifa->ifa_addr) {
-                continue;
-            }
-            const int family = ifa->ifa_addr->sa_family;
-            SocketAddress& slot = family == AF_INET ? address4 : address6;
-            if ((family != AF_INET && family != AF_INET6) || !slot.empty()) {
-                continue;
-            }
-            const SocketAddress candidate =
-                SocketAddress(ifa->ifa_addr,
-                              family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6))
-                    .withPort(port);
-            if (*interface == ifa->ifa_name || *interface == candidate.host()) {
-                slot = candidate;
-            }
-        }
-        ::freeifaddrs(list);
-    }
-    if (address4.empty() && address6.empty()) {
-        const SocketAddress numeric = SocketAddress::fromNumericHost(*interface, port);
-        (numeric.isIPv4() ? address4 : address6) = numeric;
-    }
-    return {address4, address6};
-}
-
-void UdpSocket::asyncResolveHost(const std::string& host, std::uint16_t port,
-                                 ResolveCompletion completion) {
-    auto self = shared_from_this();
-    if (host.empty()) {
-        socketQueue_->async([self, completion = std::move(completion)] {
-            completion({}, UdpSocketError::badParamError(
-                               "The host param is nil. Should be domain name or IP address "
-                               "string."));
-        });
-        return;
-    }
-    // Lookups block, so they never run on the socket queue.
-    GlobalQueue::get()->async([self, host, port, completion = std::move(completion)] {
-        std::vector<SocketAddress> addresses;
-        std::optional<UdpSocketError> error;
-        if (host == "localhost" || host == "loopback") {
-            auto [a4, a6] = convertInterface(host, port);
-            addresses = {a4, a6};
-        } else {
-            addrinfo hints{};
-            hints.ai_family = AF_UNSPEC;
-            hints.ai_socktype = SOCK_DGRAM;
-            hints.ai_protocol = IPPROTO_UDP;
-            addrinfo* results = nullptr;
-            const std::string service = std::to_string(port);
-            const int status = ::getaddrinfo(host.c_str(), service.c_str(), &hints, &results);
-            if (status != 0) {
-                error = UdpSocketError::gaiError(status);
-            } else {
-                for (addrinfo* ai = results; ai; ai = ai->ai_next) {
-                    if (ai->ai_family == AF_INET) {
-                        addresses.emplace_back(ai->ai_addr, sizeof(sockaddr_in));
-                    } else if (ai->ai_family == AF_INET6) {
-                        // Deliberately only IPv6 results get the port filled in when missing.
-                        SocketAddress address(ai->ai_addr, sizeof(sockaddr_in6));
-                        addresses.push_back(address.port() == 0 ? address.withPort(port) : address);
-                    }
-                }
-                ::freeaddrinfo(results);
-                if (addresses.empty()) {
-                    error = UdpSocketError::gaiError(EAI_FAIL);
-                }
-            }
-        }
-        self->socketQueue_->async([self, completion, addresses = std::move(addresses),
-                                   error = std::move(error)]() mutable {
-            completion(std::move(addresses), std::move(error));
-        });
-    });
-}
-
-bool UdpSocket::getAddress(SocketAddress* address, int* family, UdpSocketError* error,
-                           const std::vector<SocketAddress>& addresses) const {
-    if (addresses.empty()) {
-        fatalError("Expected at least one address");
-    }
-    bool has4 = false;
-    bool has6 = false;
-    for (const SocketAddress& a : addresses) {
-        if (a.isIPv4()) {
-            has4 = true;
-        } else if (a.isIPv6()) {
-            has6 = true;
-        } else {
-            fatalError("Addresses array contains invalid address");
-        }
-    }
-    if ((config_ & kIPv4Disabled) && !has6) {
-        return fail(error, UdpSocketError::otherError(
-                               "IPv4 has been disabled and DNS lookup found no IPv6 address(es)."));
-    }
-    if ((config_ & kIPv6Disabled) && !has4) {
-        return fail(error, UdpSocketError::otherError(
-                               "IPv6 has been disabled and DNS lookup found no IPv4 address(es)."));
-    }
-    if ((flags_ & kIPv4Deactivated) && !has6) {
-        return fail(error, UdpSocketError::otherError(
-                               "IPv4 has been deactivated due to bind/connect, and DNS lookup "
-                               "found no IPv6 address(es)."));
-    }
-    if ((flags_ & kIPv6Deactivated) && !has4) {
-        return fail(error, UdpSocketError::otherError(
-                               "IPv6 has been deactivated due to bind/connect, and DNS lookup "
-                               "found no IPv4 address(es)."));
-    }
-    const SocketAddress* first4 = nullptr;
-    const SocketAddress* first6 = nullptr;
-    bool ipv4First = false;
-    for (const SocketAddress& a : addresses) {
-        if (!first4 && a.isIPv4()) {
-            first4 = &a;
-            ipv4First = first6 == nullptr;
-        } else if (!first6 && a.isIPv6()) {
-            first6 = &a;
-        }
-    }
-    const bool prefer4 = (config_ & kPreferIPv4) != 0;
-    const bool prefer6 = (config_ & kPreferIPv6) != 0;
-    if (prefer4 && prefer6) {
-        fatalError("Invalid config (cannot prefer both IPv4 and IPv6)");
-    }
-    bool use4;
-    if (first4 && first6) {
-        // A family that was disabled or deactivated has no descriptor to send on, whatever the
-        // preference or the resolver's order say.
-        const bool usable4 = !(config_ & kIPv4Disabled) && !(flags_ & kIPv4Deactivated);
-        const bool usable6 = !(config_ & kIPv6Disabled) && !(flags_ & kIPv6Deactivated);
-        if (usable4 != usable6) {
-            use4 = usable4;
-        } else {
-            use4 = prefer4 || (!prefer6 && ipv4First);
-        }
-    } else {
-        use4 = first4 != nullptr;
-    }
-    *address = use4 ? *first4 : *first6;
-    *family = use4 ? AF_INET : AF_INET6;
-    return true;
-}
-
-// ---------------------------------------------------------------------------------------------
 // Binding and connecting
 
 bool UdpSocket::bindToPort(std::uint16_t port, UdpSocketError* error) {
@@ -791,8 +625,8 @@ bool UdpSocket::bindToPort(std::uint16_t port, const std::optional<std::string>&
         if (!bindPreCheck(error)) {
             return false;
         }
-        auto [address4, address6] = convertInterface(interface, port);
-        return bindAddresses(address4, address6, error);
+        const auto local = InterfaceAddresses::lookUp(interface, port);
+        return bindAddresses(local.ipv4, local.ipv6, error);
     });
 }
 
@@ -893,16 +727,16 @@ bool UdpSocket::connectToHost(const std::string& host, std::uint16_t port, UdpSo
         flags_ |= kConnecting;
         auto packet = std::make_shared<UdpSpecialPacket>();
         packet->resolveInProgress = true;
-        asyncResolveHost(host, port,
-                         [self = shared_from_this(), packet](std::vector<SocketAddress> addresses,
-                                                             std::optional<UdpSocketError> error) {
-                             packet->resolveInProgress = false;
-                             packet->addresses = std::move(addresses);
-                             packet->error = std::move(error);
-                             if (packet == self->currentSpecial_) {
-                                 self->maybeConnect();
-                             }
-                         });
+        kResolver.resolve(host, port, socketQueue_,
+                          [self = shared_from_this(), packet](std::vector<SocketAddress> addresses,
+                                                              std::optional<UdpSocketError> error) {
+                              packet->resolveInProgress = false;
+                              packet->addresses = std::move(addresses);
+                              packet->error = std::move(error);
+                              if (packet == self->currentSpecial_) {
+                                  self->maybeConnect();
+                              }
+                          });
         sendQueue_.push_back(packet);
         maybeDequeueSend();
         return true;
@@ -1024,7 +858,7 @@ bool UdpSocket::changeMulticastMembership(const std::string& group,
             return fail(error, UdpSocketError::badConfigError(
                                    "Unknown group. Specify valid group IP address."));
         }
-        auto [interface4, interface6] = convertInterface(interface, 0);
+        const auto [interface4, interface6] = InterfaceAddresses::lookUp(interface, 0);
         int status = 0;
         if (socket4_.fd != -1 && isGroup4 && !interface4.empty()) {
             sockaddr_in local{};
@@ -1059,7 +893,7 @@ bool UdpSocket::sendIPv4MulticastOnInterface(const std::string& interface, UdpSo
         if (!preCheck(error) || !ensureSockets(error)) {
             return false;
         }
-        const SocketAddress local = convertInterface(interface, 0).first;
+        const SocketAddress local = InterfaceAddresses::lookUp(interface, 0).ipv4;
         if (local.empty() || socket4_.fd == -1) {
             return fail(error, UdpSocketError::badParamError(
                                    "Unknown interface. Specify valid interface by IP address."));
@@ -1102,17 +936,16 @@ void UdpSocket::sendData(std::vector<std::uint8_t> data, const std::string& host
     }
     auto packet = std::make_shared<UdpSendPacket>(std::move(data), timeout, tag);
     packet->resolveInProgress = true;
-    auto self = shared_from_this();
-    asyncResolveHost(
-        host, port,
-        [self, packet](std::vector<SocketAddress> addresses, std::optional<UdpSocketError> error) {
-            packet->resolveInProgress = false;
-            packet->resolvedAddresses = std::move(addresses);
-            packet->resolveError = std::move(error);
-            if (packet == self->currentSend_) {
-                self->doPreSend();
-            }
-        });
+    kResolver.resolve(host, port, socketQueue_,
+                      [self = shared_from_this(), packet](std::vector<SocketAddress> addresses,
+                                                          std::optional<UdpSocketError> error) {
+                          packet->resolveInProgress = false;
+                          packet->resolvedAddresses = std::move(addresses);
+                          packet->resolveError = std::move(error);
+                          if (packet == self->currentSend_) {
+                              self->doPreSend();
+                          }
+                      });
     enqueue(std::move(packet));
 }
 
@@ -1182,6 +1015,19 @@ void UdpSocket::maybeDequeueSend() {
     if (flags_ & kCloseAfterSends) {
         closeWithError(std::nullopt);
     }
+}
+
+bool UdpSocket::getAddress(SocketAddress* address, int* family, UdpSocketError* error,
+                           const std::vector<SocketAddress>& addresses) const {
+    const FamilyAllowance ipv4{(config_ & kIPv4Disabled) != 0, (flags_ & kIPv4Deactivated) != 0,
+                               (config_ & kPreferIPv4) != 0};
+    const FamilyAllowance ipv6{(config_ & kIPv6Disabled) != 0, (flags_ & kIPv6Deactivated) != 0,
+                               (config_ & kPreferIPv6) != 0};
+    if (!chooseDestination(addresses, ipv4, ipv6, address, error)) {
+        return false;
+    }
+    *family = address->family();
+    return true;
 }
 
 void UdpSocket::doPreSend() {

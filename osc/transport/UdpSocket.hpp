@@ -238,8 +238,6 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
         SocketAddress cachedLocalAddress;  // filled once bound
     };
     using Packet = std::variant<std::shared_ptr<UdpSendPacket>, std::shared_ptr<UdpSpecialPacket>>;
-    using ResolveCompletion = std::function<void(std::vector<SocketAddress> addresses,
-                                                 std::optional<UdpSocketError> error)>;
 
     bool onSocketQueue() const;
     void runSync(const std::function<void()>& work) const;
@@ -266,10 +264,6 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     void onWritable(bool isIPv4);
     void onReadable(bool isIPv4);
 
-    static std::pair<SocketAddress, SocketAddress> convertInterface(
-        const std::optional<std::string>& interface, std::uint16_t port);
-    void asyncResolveHost(const std::string& host, std::uint16_t port,
-                          ResolveCompletion completion);
     bool getAddress(SocketAddress* address, int* family, UdpSocketError* error,
                     const std::vector<SocketAddress>& addresses) const;
     SocketAddress localAddressOf(bool isIPv4) const;
