@@ -39,10 +39,6 @@ constexpr std::uint32_t kReceiveOnce = 0x10;
 constexpr std::uint32_t kReceiveContinuous = 0x20;
 constexpr std::uint32_t kIPv4Deactivated = 0x40;
 constexpr std::uint32_t kIPv6Deactivated = 0x80;
-constexpr std::uint32_t kSend4Suspended = 0x100;
-constexpr std::uint32_t kSend6Suspended = 0x200;
-constexpr std::uint32_t kReceive4Suspended = 0x400;
-constexpr std::uint32_t kReceive6Suspended = 0x800;
 constexpr std::uint32_t kSocket4Writable = 0x1000;
 constexpr std::uint32_t kSocket6Writable = 0x2000;
 constexpr std::uint32_t kCloseAfterSends = 0x8000;
@@ -54,12 +50,6 @@ constexpr std::uint16_t kIPv6Disabled = 0x2;
 constexpr std::uint16_t kPreferIPv4 = 0x4;
 constexpr std::uint16_t kPreferIPv6 = 0x8;
 
-constexpr std::uint32_t sendSuspendedBit(bool isIPv4) {
-    return isIPv4 ? kSend4Suspended : kSend6Suspended;
-}
-constexpr std::uint32_t receiveSuspendedBit(bool isIPv4) {
-    return isIPv4 ? kReceive4Suspended : kReceive6Suspended;
-}
 constexpr std::uint32_t writableBit(bool isIPv4) {
     return isIPv4 ? kSocket4Writable : kSocket6Writable;
 }
@@ -475,8 +465,10 @@ bool UdpSocket::createSockets(bool useIPv4, bool useIPv6, UdpSocketError* error)
 void UdpSocket::setupSources(Family& f, bool isIPv4) {
     std::weak_ptr<UdpSocket> weak = weak_from_this();
     auto sendSource = ReadinessSource::create(f.fd, ReadinessSource::Kind::write, socketQueue_);
-    f.receiveSource = ReadinessSource::create(f.fd, ReadinessSource::Kind::read, socketQueue_);
-    f.sendSource = std::move(sendSource);  // set last: a send source means both exist
+    f.receiveSource =
+        SuspendableSource(ReadinessSource::create(f.fd, ReadinessSource::Kind::read, socketQueue_));
+    // Set last: a send source means both exist.
+    f.sendSource = SuspendableSource(std::move(sendSource));
     f.sendSource->setEventHandler([weak, isIPv4] {
         if (auto self = weak.lock()) {
             self->onWritable(isIPv4);
@@ -497,25 +489,16 @@ void UdpSocket::setupSources(Family& f, bool isIPv4) {
     f.sendSource->setCancelHandler(cancelHandler);
     f.receiveSource->setCancelHandler(cancelHandler);
     f.bytesAvailable = 0;
-    flags_ |= writableBit(isIPv4) | receiveSuspendedBit(isIPv4) | sendSuspendedBit(isIPv4);
+    flags_ |= writableBit(isIPv4);
 }
 
 void UdpSocket::closeSocket(Family& f, bool isIPv4) {
     if (f.fd == -1) {
         return;
     }
-    f.sendSource->cancel();
-    f.receiveSource->cancel();
-    // A suspended source cannot finish its cancellation.
-    if (flags_ & sendSuspendedBit(isIPv4)) {
-        f.sendSource->resume();
-    }
-    if (flags_ & receiveSuspendedBit(isIPv4)) {
-        f.receiveSource->resume();
-    }
-    flags_ &= ~(sendSuspendedBit(isIPv4) | receiveSuspendedBit(isIPv4) | writableBit(isIPv4));
-    f.sendSource.reset();
-    f.receiveSource.reset();
+    f.sendSource.cancel();
+    f.receiveSource.cancel();
+    flags_ &= ~writableBit(isIPv4);
     f.fd = -1;
     f.bytesAvailable = 0;
     f.scratch = {};
@@ -544,54 +527,19 @@ void UdpSocket::closeWithError(std::optional<UdpSocketError> error) {
     }
 }
 
-// Suspension is idempotent through the suspended bits.
-void UdpSocket::suspendSendSource(bool isIPv4) {
-    Family& f = isIPv4 ? socket4_ : socket6_;
-    if (f.sendSource && !(flags_ & sendSuspendedBit(isIPv4))) {
-        f.sendSource->suspend();
-        flags_ |= sendSuspendedBit(isIPv4);
-    }
-}
-
-void UdpSocket::resumeSendSource(bool isIPv4) {
-    Family& f = isIPv4 ? socket4_ : socket6_;
-    if (f.sendSource && (flags_ & sendSuspendedBit(isIPv4))) {
-        f.sendSource->resume();
-        flags_ &= ~sendSuspendedBit(isIPv4);
-    }
-}
-
-void UdpSocket::suspendReceiveSource(bool isIPv4) {
-    Family& f = isIPv4 ? socket4_ : socket6_;
-    if (f.receiveSource && !(flags_ & receiveSuspendedBit(isIPv4))) {
-        f.receiveSource->suspend();
-        flags_ |= receiveSuspendedBit(isIPv4);
-    }
-}
-
-void UdpSocket::resumeReceiveSource(bool isIPv4) {
-    Family& f = isIPv4 ? socket4_ : socket6_;
-    if (f.receiveSource && (flags_ & receiveSuspendedBit(isIPv4))) {
-        f.receiveSource->resume();
-        flags_ &= ~receiveSuspendedBit(isIPv4);
-    }
-}
-
 void UdpSocket::resumeDrainedReceiveSources() {
-    if (socket4_.bytesAvailable == 0) {
-        resumeReceiveSource(true);
-    }
-    if (socket6_.bytesAvailable == 0) {
-        resumeReceiveSource(false);
+    for (Family* f : {&socket4_, &socket6_}) {
+        if (f->bytesAvailable == 0) {
+            f->receiveSource.resume();
+        }
     }
 }
 
 void UdpSocket::suspendReceiveSourcesWithData() {
-    if (socket4_.bytesAvailable > 0) {
-        suspendReceiveSource(true);
-    }
-    if (socket6_.bytesAvailable > 0) {
-        suspendReceiveSource(false);
+    for (Family* f : {&socket4_, &socket6_}) {
+        if (f->bytesAvailable > 0) {
+            f->receiveSource.suspend();
+        }
     }
 }
 
@@ -600,7 +548,7 @@ void UdpSocket::onWritable(bool isIPv4) {
     if (currentSend_ && !currentSend_->resolveInProgress && !currentSend_->filterInProgress) {
         doSend();
     } else {
-        suspendSendSource(isIPv4);
+        (isIPv4 ? socket4_ : socket6_).sendSource.suspend();
     }
 }
 
@@ -1046,10 +994,10 @@ void UdpSocket::doPreSend() {
     } else if (packet.resolveInProgress) {
         // Nothing to write until the resolver answers; its completion comes back here.
         if (flags_ & kSocket4Writable) {
-            suspendSendSource(true);
+            socket4_.sendSource.suspend();
         }
         if (flags_ & kSocket6Writable) {
-            suspendSendSource(false);
+            socket6_.sendSource.suspend();
         }
         return;
     } else if (packet.resolveError) {
@@ -1136,10 +1084,10 @@ void UdpSocket::doSend() {
         // Full: wait for the socket to accept bytes again.
         flags_ &= ~writableBit(isIPv4);
         if (!(flags_ & kSocket4Writable)) {
-            resumeSendSource(true);
+            socket4_.sendSource.resume();
         }
         if (!(flags_ & kSocket6Writable)) {
-            resumeSendSource(false);
+            socket6_.sendSource.resume();
         }
         if (!sendTimer_ && packet.timeout >= 0.0) {
             setupSendTimer(packet.timeout);
@@ -1274,8 +1222,8 @@ void UdpSocket::doReceive() {
         const bool has4 = socket4_.bytesAvailable > 0;
         const bool has6 = socket6_.bytesAvailable > 0;
         if ((!has4 && !has6) || read == kBatch) {
-            resumeReceiveSource(true);
-            resumeReceiveSource(false);
+            socket4_.receiveSource.resume();
+            socket6_.receiveSource.resume();
             break;
         }
         bool useIPv4 = has4;

@@ -12,12 +12,12 @@
 
 #include "osc/transport/SocketAddress.hpp"
 #include "osc/transport/UdpSocketError.hpp"
+#include "osc/transport/detail/SuspendableSource.hpp"
 
 namespace kavrin {
 
 class DispatchQueue;
 class SerialQueue;
-class ReadinessSource;
 class TimerSource;
 class UdpSocket;
 class UdpSendPacket;
@@ -229,8 +229,8 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     // Everything below is touched only on the socket queue.
     struct Family {
         int fd = -1;
-        std::shared_ptr<ReadinessSource> sendSource;
-        std::shared_ptr<ReadinessSource> receiveSource;
+        SuspendableSource sendSource;
+        SuspendableSource receiveSource;
         std::uint64_t bytesAvailable = 0;       // as the read source last reported
         std::vector<std::uint8_t> scratch;      // reused receive buffer
         std::unique_ptr<std::uint8_t[]> slots;  // reused buffers of receiveMany, slotSize each
@@ -255,10 +255,6 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     void setupSources(Family& f, bool isIPv4);
     void closeSocket(Family& f, bool isIPv4);
     void closeWithError(std::optional<UdpSocketError> error);
-    void suspendSendSource(bool isIPv4);
-    void resumeSendSource(bool isIPv4);
-    void suspendReceiveSource(bool isIPv4);
-    void resumeReceiveSource(bool isIPv4);
     void suspendReceiveSourcesWithData();
     void resumeDrainedReceiveSources();
     void onWritable(bool isIPv4);
