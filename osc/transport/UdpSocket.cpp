@@ -113,7 +113,8 @@ UdpSocket::UdpSocket(Private, std::weak_ptr<UdpSocketDelegate> delegate,
                      std::shared_ptr<SerialQueue> socketQueue)
     : delegate_(std::move(delegate)),
       delegateQueue_(std::move(delegateQueue)),
-      socketQueue_(std::move(socketQueue)) {
+      socketQueue_(std::move(socketQueue)),
+      deliveries_([this](std::vector<Datagram> block) { reportDatagrams(std::move(block)); }) {
     // The socket's own address is the queue-specific key, so one queue can serve several
     // sockets and each still knows when it runs on its own queue.
     socketQueue_->setSpecific(this, this);
@@ -158,7 +159,7 @@ auto UdpSocket::query(F&& read) const {
 
 template <class F>
 void UdpSocket::notifyDelegate(F&& call) {
-    flushDeliveries();  // datagrams read before this event are reported before it
+    deliveries_.flush();  // datagrams read before this event are reported before it
     auto delegate = delegate_.lock();
     auto self = weak_from_this().lock();  // none while being destroyed: nothing to report to
     if (!delegate || !delegateQueue_ || !self) {
@@ -1206,8 +1207,8 @@ void UdpSocket::setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQ
 }
 
 // Reads until the descriptors are drained or a batch is full. The datagrams read go to the
-// delegate queue in blocks of about 64: a hop per datagram would cost more than reading it. A
-// full batch yields the socket queue to other work; the read sources, resumed, bring us back.
+// delegate queue in blocks (deliveries_), the last at the end of the turn. A full batch yields
+// the socket queue to other work; the read sources, resumed, bring us back.
 void UdpSocket::doReceive() {
     constexpr int kBatch = 64;
     for (int read = 0;; ++read) {
@@ -1240,12 +1241,8 @@ void UdpSocket::doReceive() {
         if (!(batched ? receiveMany(useIPv4) : receiveOne(useIPv4))) {
             break;
         }
-        // A long turn reports as it goes, so the first datagrams of a flood wait little.
-        if (undelivered_.size() >= 64) {
-            flushDeliveries();
-        }
     }
-    flushDeliveries();
+    deliveries_.flush();
 }
 
 bool UdpSocket::receiveOne(bool isIPv4) {
@@ -1306,7 +1303,7 @@ bool UdpSocket::receiveOne(bool isIPv4) {
             --self->pendingFilterOperations_;
             if (allowed) {
                 self->deliver(std::move(data), address, std::move(context));
-                self->flushDeliveries();
+                self->deliveries_.flush();
             }
             // In once-mode the read waited for this verdict.
             if (self->flags_ & kReceiveOnce) {
@@ -1381,19 +1378,13 @@ bool UdpSocket::receiveMany(bool isIPv4) {
 
 void UdpSocket::deliver(std::vector<std::uint8_t> data, const SocketAddress& address,
                         std::any context) {
-    undelivered_.push_back({std::move(data), address, std::move(context)});
+    deliveries_.add({std::move(data), address, std::move(context)});
     if (flags_ & kReceiveOnce) {
         flags_ &= ~(kReceiveOnce | kReceiveContinuous);
     }
 }
 
-void UdpSocket::flushDeliveries() {
-    if (undelivered_.empty()) {
-        return;
-    }
-    auto batch = std::move(undelivered_);
-    undelivered_ = {};
-    undelivered_.reserve(batch.size());  // the next block is likely as large: grow once
+void UdpSocket::reportDatagrams(std::vector<Datagram> batch) {
     auto delegate = delegate_.lock();
     auto self = weak_from_this().lock();
     if (!delegate || !delegateQueue_ || !self) {

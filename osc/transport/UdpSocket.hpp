@@ -12,6 +12,7 @@
 
 #include "osc/transport/SocketAddress.hpp"
 #include "osc/transport/UdpSocketError.hpp"
+#include "osc/transport/detail/DeliveryBatcher.hpp"
 #include "osc/transport/detail/SuspendableSource.hpp"
 
 namespace kavrin {
@@ -238,6 +239,11 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
         SocketAddress cachedLocalAddress;  // filled once bound
     };
     using Packet = std::variant<std::shared_ptr<UdpSendPacket>, std::shared_ptr<UdpSpecialPacket>>;
+    struct Datagram {
+        std::vector<std::uint8_t> data;
+        SocketAddress address;
+        std::any context;
+    };
 
     bool onSocketQueue() const;
     void runSync(const std::function<void()>& work) const;
@@ -289,7 +295,7 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     bool receiveOne(bool isIPv4);   // false when the receive step stops
     bool receiveMany(bool isIPv4);  // the same for several datagrams at once
     void deliver(std::vector<std::uint8_t> data, const SocketAddress& address, std::any context);
-    void flushDeliveries();
+    void reportDatagrams(std::vector<Datagram> block);
 
     std::weak_ptr<UdpSocketDelegate> delegate_;
     std::shared_ptr<DispatchQueue> delegateQueue_;
@@ -313,12 +319,8 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     std::shared_ptr<UdpSpecialPacket> currentSpecial_;  // the head of the queue being worked on
     std::deque<Packet> sendQueue_;
     std::uint32_t pendingFilterOperations_ = 0;
-    struct Datagram {
-        std::vector<std::uint8_t> data;
-        SocketAddress address;
-        std::any context;
-    };
-    std::vector<Datagram> undelivered_;  // read in this turn, reported together at its end
+    // Read in this turn, reported in blocks; the turn flushes at its end.
+    DeliveryBatcher<Datagram> deliveries_;
     SocketAddress cachedConnectedAddress_;
     std::string cachedConnectedHost_;
     std::uint16_t cachedConnectedPort_ = 0;
