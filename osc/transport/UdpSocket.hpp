@@ -248,6 +248,8 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     bool onSocketQueue() const;
     void runSync(const std::function<void()>& work) const;
     void runSoon(std::function<void()> work);  // inline on the socket queue, else async
+    // The two member templates are defined in detail/UdpSocketInternals.hpp, for every source
+    // file of the socket.
     template <class F>
     auto query(F&& read) const;  // read's result, read on the socket queue
     template <class F>
