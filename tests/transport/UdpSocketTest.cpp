@@ -609,10 +609,11 @@ TEST(UdpSocketFilters, SynchronousFiltersOnMoreSocketsThanPoolThreadsAllDeliver)
             << "receiver " << i;
         const auto port = receivers[i]->socket->localPortIPv4();  // sync from the test thread
         EXPECT_EQ(port, ports[i]);
-        receivers[i]->socket->close();
     }
-    for (auto& sender : senders) sender->delegateQueue->sync([] {});  // the queries ran
+    // Every query has run before any receiver closes: a closed socket has no port to report.
+    for (auto& sender : senders) sender->delegateQueue->sync([] {});
     EXPECT_EQ(*portQueries, pairs * datagrams);
+    for (auto& receiver : receivers) receiver->socket->close();
 }
 
 TEST(UdpSocketDelegate, CallbacksAreNeverInline) {
