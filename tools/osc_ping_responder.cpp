@@ -14,7 +14,6 @@
 #include "osc/dispatch/ManualQueue.hpp"
 #include "osc/transport/OSCClient.hpp"
 #include "osc/transport/OSCServer.hpp"
-#include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/UdpSocketError.hpp"
 
 using namespace kavrin;
@@ -86,12 +85,8 @@ int main(int argc, char** argv) {
     server->setSourceHandler(
         [&](const OSCMessage& message, const OSCTimeTag&, const SocketAddress& sender) {
             if (message.addressPattern.rawAddress() != pingAddress) return;
-            std::string host;
-            if (replyHost) {
-                host = *replyHost;
-            } else if (!UdpSocket::getHost(&host, nullptr, sender)) {
-                return;
-            }
+            const std::string host = replyHost ? *replyHost : sender.host();
+            if (!replyHost && host.empty()) return;
             client.send(reply, host, replyPort);
             std::printf("%s -> %s %s:%u\n", pingAddress.c_str(), replyAddress.c_str(), host.c_str(),
                         static_cast<unsigned>(replyPort));

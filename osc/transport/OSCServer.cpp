@@ -3,9 +3,9 @@
 #include <chrono>
 #include <variant>
 
-#include "osc/transport/OSCServerDelegate.hpp"
 #include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/UdpSocketError.hpp"
+#include "osc/transport/detail/OSCServerDelegate.hpp"
 
 namespace kavrin {
 
@@ -44,7 +44,14 @@ OSCServer::OSCServer(Private, std::uint16_t port, std::shared_ptr<SerialQueue> r
       dispatchQueue(std::move(dispatchQueue)),
       handler(withSource(std::move(handler))),
       mode(mode),
-      port_(port) {}
+      port_(port),
+      // The socket hands datagrams over one at a time and never says where its block ends: a
+      // flush posted behind the block marks the end.
+      deliveries(
+          [this](std::vector<Delivery> block) { deliverNow(std::move(block)); },
+          [this] {
+              this->receiveQueue->async([self = shared_from_this()] { self->deliveries.flush(); });
+          }) {}
 
 OSCServer::~OSCServer() {
     udpServer->close();
@@ -113,7 +120,7 @@ void OSCServer::receive(OSCPacket&& packet, const SocketAddress& sender) {
     if (steps.scheduledMessages > 0 && !admit(steps)) return;  // the whole datagram
     for (auto& step : steps.steps) {
         if (auto* now = std::get_if<Delivery>(&step)) {
-            deliverNow(std::move(*now));
+            deliveries.add(std::move(*now));
         } else {
             deliverLater(std::move(std::get<ScheduledRun>(step)));
         }
@@ -181,24 +188,8 @@ bool OSCServer::admit(const Plan& steps) {
     return true;
 }
 
-// Deliveries are gathered while the receive queue works through the datagrams the socket read
-// in one go, and handed to the dispatch queue in blocks of up to 64 (a hop per message would
-// cost more than decoding it), the rest right after that work. The order is unchanged.
-void OSCServer::deliverNow(Delivery&& delivery) {
-    constexpr std::size_t kBlock = 64;
-    if (undelivered.empty()) {
-        receiveQueue->async([self = shared_from_this()] { self->flushDeliveries(); });
-        undelivered.reserve(kBlock);
-    }
-    undelivered.push_back(std::move(delivery));
-    if (undelivered.size() == kBlock) flushDeliveries();
-}
-
 // Holds the server strongly: a delivery already decided runs even if the owner lets go.
-void OSCServer::flushDeliveries() {
-    if (undelivered.empty()) return;
-    auto batch = std::move(undelivered);
-    undelivered = {};
+void OSCServer::deliverNow(std::vector<Delivery> batch) {
     dispatchQueue->async([self = shared_from_this(), batch = std::move(batch)] {
         for (const auto& delivery : batch) {
             if (auto current = self->currentHandler()) {

@@ -15,6 +15,7 @@
 #include "osc/dispatch/DispatchQueue.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/SocketAddress.hpp"
+#include "osc/transport/detail/DeliveryBatcher.hpp"
 
 namespace kavrin {
 
@@ -113,9 +114,8 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
               Plan& plan);
     bool admit(const Plan& plan);
     DispatchQueue::Clock::time_point deadlineOf(const OSCTimeTag& tag);
-    void deliverNow(Delivery&& delivery);
+    void deliverNow(std::vector<Delivery> block);
     void deliverLater(ScheduledRun&& run);
-    void flushDeliveries();
     std::shared_ptr<const SourceHandler> currentHandler() const;
 
     const std::shared_ptr<UdpSocket> udpServer;
@@ -126,9 +126,9 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     std::shared_ptr<const SourceHandler> handler;  // guarded by handlerMutex
     std::atomic<TimeTagMode> mode;
     const std::uint16_t port_;
-    // Immediate deliveries decided on the receive queue and not yet handed to the dispatch
-    // queue; touched only on the receive queue.
-    std::vector<Delivery> undelivered;
+    // Immediate deliveries decided on the receive queue, on their way to the dispatch queue;
+    // touched only on the receive queue.
+    DeliveryBatcher<Delivery> deliveries;
     // Admitted on the receive queue, released on the dispatch queue.
     std::atomic<std::size_t> limitMessages{ScheduledLimit{}.messages};
     std::atomic<std::size_t> limitBytes{ScheduledLimit{}.bytes};

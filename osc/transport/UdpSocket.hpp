@@ -12,12 +12,13 @@
 
 #include "osc/transport/SocketAddress.hpp"
 #include "osc/transport/UdpSocketError.hpp"
+#include "osc/transport/detail/DeliveryBatcher.hpp"
+#include "osc/transport/detail/SuspendableSource.hpp"
 
 namespace kavrin {
 
 class DispatchQueue;
 class SerialQueue;
-class ReadinessSource;
 class TimerSource;
 class UdpSocket;
 class UdpSendPacket;
@@ -229,8 +230,8 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     // Everything below is touched only on the socket queue.
     struct Family {
         int fd = -1;
-        std::shared_ptr<ReadinessSource> sendSource;
-        std::shared_ptr<ReadinessSource> receiveSource;
+        SuspendableSource sendSource;
+        SuspendableSource receiveSource;
         std::uint64_t bytesAvailable = 0;       // as the read source last reported
         std::vector<std::uint8_t> scratch;      // reused receive buffer
         std::unique_ptr<std::uint8_t[]> slots;  // reused buffers of receiveMany, slotSize each
@@ -238,12 +239,17 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
         SocketAddress cachedLocalAddress;  // filled once bound
     };
     using Packet = std::variant<std::shared_ptr<UdpSendPacket>, std::shared_ptr<UdpSpecialPacket>>;
-    using ResolveCompletion = std::function<void(std::vector<SocketAddress> addresses,
-                                                 std::optional<UdpSocketError> error)>;
+    struct Datagram {
+        std::vector<std::uint8_t> data;
+        SocketAddress address;
+        std::any context;
+    };
 
     bool onSocketQueue() const;
     void runSync(const std::function<void()>& work) const;
     void runSoon(std::function<void()> work);  // inline on the socket queue, else async
+    // The two member templates are defined in detail/UdpSocketInternals.hpp, for every source
+    // file of the socket.
     template <class F>
     auto query(F&& read) const;  // read's result, read on the socket queue
     template <class F>
@@ -257,19 +263,11 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     void setupSources(Family& f, bool isIPv4);
     void closeSocket(Family& f, bool isIPv4);
     void closeWithError(std::optional<UdpSocketError> error);
-    void suspendSendSource(bool isIPv4);
-    void resumeSendSource(bool isIPv4);
-    void suspendReceiveSource(bool isIPv4);
-    void resumeReceiveSource(bool isIPv4);
     void suspendReceiveSourcesWithData();
     void resumeDrainedReceiveSources();
     void onWritable(bool isIPv4);
     void onReadable(bool isIPv4);
 
-    static std::pair<SocketAddress, SocketAddress> convertInterface(
-        const std::optional<std::string>& interface, std::uint16_t port);
-    void asyncResolveHost(const std::string& host, std::uint16_t port,
-                          ResolveCompletion completion);
     bool getAddress(SocketAddress* address, int* family, UdpSocketError* error,
                     const std::vector<SocketAddress>& addresses) const;
     SocketAddress localAddressOf(bool isIPv4) const;
@@ -299,7 +297,7 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     bool receiveOne(bool isIPv4);   // false when the receive step stops
     bool receiveMany(bool isIPv4);  // the same for several datagrams at once
     void deliver(std::vector<std::uint8_t> data, const SocketAddress& address, std::any context);
-    void flushDeliveries();
+    void reportDatagrams(std::vector<Datagram> block);
 
     std::weak_ptr<UdpSocketDelegate> delegate_;
     std::shared_ptr<DispatchQueue> delegateQueue_;
@@ -323,12 +321,8 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     std::shared_ptr<UdpSpecialPacket> currentSpecial_;  // the head of the queue being worked on
     std::deque<Packet> sendQueue_;
     std::uint32_t pendingFilterOperations_ = 0;
-    struct Datagram {
-        std::vector<std::uint8_t> data;
-        SocketAddress address;
-        std::any context;
-    };
-    std::vector<Datagram> undelivered_;  // read in this turn, reported together at its end
+    // Read in this turn, reported in blocks; the turn flushes at its end.
+    DeliveryBatcher<Datagram> deliveries_;
     SocketAddress cachedConnectedAddress_;
     std::string cachedConnectedHost_;
     std::uint16_t cachedConnectedPort_ = 0;

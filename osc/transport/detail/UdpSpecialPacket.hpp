@@ -9,7 +9,7 @@
 namespace kavrin {
 
 /// A connect request standing in a UdpSocket's send queue, so that it is ordered with the sends
-/// around it. Touched only on the socket queue.
+/// around it. Touched only on the socket queue; internal to the socket.
 class UdpSpecialPacket {
   public:
     bool resolveInProgress = false;

@@ -12,7 +12,8 @@ class OSCServer;
 /// weakly and is owned by the server) never keeps the server alive. Decodes each datagram and
 /// hands the result to the server; anything that is not a valid OSC packet is dropped silently.
 ///
-/// Made and pointed at its server by OSCServer only. Called on the server's receive queue.
+/// Internal to OSCServer, which alone makes it and points it at itself. Called on the server's
+/// receive queue.
 class OSCServerDelegate final : public UdpSocketDelegate {
     struct Private {};
 

@@ -9,8 +9,9 @@
 
 namespace kavrin {
 
-/// One datagram waiting in a UdpSocket's send queue. Touched only on the socket queue, except
-/// that the bytes are read (never changed) by a send filter while the packet is held.
+/// One datagram waiting in a UdpSocket's send queue; internal to the socket. Touched only on the
+/// socket queue, except that the bytes are read (never changed) by a send filter while the packet
+/// is held.
 class UdpSendPacket {
   public:
     UdpSendPacket(std::vector<std::uint8_t> data, double timeout, std::int64_t tag)

@@ -1,4 +1,4 @@
-#include "osc/transport/OSCServerDelegate.hpp"
+#include "osc/transport/detail/OSCServerDelegate.hpp"
 
 #include <exception>
 #include <optional>

@@ -1,9 +1,0 @@
-#pragma once
-
-namespace kavrin {
-
-/// Stops the program for a broken invariant (a programming error, never bad input): prints
-/// message on stderr and aborts. Safe from any thread.
-[[noreturn]] void fatalError(const char* message);
-
-}  // namespace kavrin

@@ -1,0 +1,289 @@
+#include "osc/transport/UdpSocket.hpp"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "osc/dispatch/ReadinessSource.hpp"
+#include "osc/dispatch/SerialQueue.hpp"
+#include "osc/transport/detail/Fail.hpp"
+#include "support/FatalError.hpp"
+#include "osc/transport/detail/UdpSocketInternals.hpp"
+
+// Receiving: once or continuously, through the receive filter or, without one, several
+// datagrams per system call. What is read reaches the delegate in blocks, in order.
+
+namespace kavrin {
+
+using namespace udpSocket;
+
+bool UdpSocket::receiveOnce(UdpSocketError* error) {
+    return startReceiving(false, error);
+}
+
+bool UdpSocket::beginReceiving(UdpSocketError* error) {
+    return startReceiving(true, error);
+}
+
+bool UdpSocket::startReceiving(bool continuous, UdpSocketError* error) {
+    const std::uint32_t mode = continuous ? kReceiveContinuous : kReceiveOnce;
+    const std::uint32_t other = continuous ? kReceiveOnce : kReceiveContinuous;
+    return query([&] {
+        if (flags_ & mode) {
+            return true;
+        }
+        // Deliberately tested on the descriptors, not on Bound: after port reuse they exist.
+        if (!(flags_ & kSocketsCreated)) {
+            return fail(error,
+                        UdpSocketError::badConfigError(
+                            "Must bind socket before you can receive data. You can do this "
+                            "explicitly via bind, or implicitly via connect or by sending data."));
+        }
+        flags_ = (flags_ | mode) & ~other;
+        socketQueue_->async([self = shared_from_this()] { self->doReceive(); });
+        return true;
+    });
+}
+
+void UdpSocket::pauseReceiving() {
+    runSync([&] {
+        flags_ &= ~(kReceiveOnce | kReceiveContinuous);
+        suspendReceiveSourcesWithData();
+    });
+}
+
+void UdpSocket::setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQueue> queue) {
+    setReceiveFilter(std::move(filter), std::move(queue), true);
+}
+
+void UdpSocket::setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQueue> queue,
+                                 bool isAsynchronous) {
+    if (filter && !queue) {
+        fatalError(kNoFilterQueue);
+    }
+    runSoon([this, filter = std::move(filter), queue = std::move(queue), isAsynchronous] {
+        receiveFilter_ = filter;
+        receiveFilterQueue_ = filter ? queue : nullptr;
+        receiveFilterAsync_ = isAsynchronous;
+    });
+}
+
+void UdpSocket::onReadable(bool isIPv4) {
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    // A datagram socket has no end of stream: a zero count is an empty datagram waiting, which
+    // the receive step reads and drops, so one empty datagram cannot close the socket.
+    f.bytesAvailable = std::max<std::uint64_t>(f.receiveSource->bytesAvailable(), 1);
+    doReceive();
+}
+
+void UdpSocket::resumeDrainedReceiveSources() {
+    for (Family* f : {&socket4_, &socket6_}) {
+        if (f->bytesAvailable == 0) {
+            f->receiveSource.resume();
+        }
+    }
+}
+
+void UdpSocket::suspendReceiveSourcesWithData() {
+    for (Family* f : {&socket4_, &socket6_}) {
+        if (f->bytesAvailable > 0) {
+            f->receiveSource.suspend();
+        }
+    }
+}
+
+// Reads until the descriptors are drained or a batch is full. The datagrams read go to the
+// delegate queue in blocks (deliveries_), the last at the end of the turn. A full batch yields
+// the socket queue to other work; the read sources, resumed, bring us back.
+void UdpSocket::doReceive() {
+    constexpr int kBatch = 64;
+    for (int read = 0;; ++read) {
+        if (!(flags_ & (kReceiveOnce | kReceiveContinuous))) {
+            suspendReceiveSourcesWithData();
+            break;
+        }
+        if ((flags_ & kReceiveOnce) && pendingFilterOperations_ > 0) {
+            suspendReceiveSourcesWithData();
+            break;
+        }
+        const bool has4 = socket4_.bytesAvailable > 0;
+        const bool has6 = socket6_.bytesAvailable > 0;
+        if ((!has4 && !has6) || read == kBatch) {
+            socket4_.receiveSource.resume();
+            socket6_.receiveSource.resume();
+            break;
+        }
+        bool useIPv4 = has4;
+        if (has4 && has6) {
+            if (flags_ & kConnected) {
+                useIPv4 = cachedConnectedFamily_ == AF_INET;
+            } else {
+                const bool wasClear = !(flags_ & kFlipFlop);
+                flags_ ^= kFlipFlop;
+                useIPv4 = !wasClear;
+            }
+        }
+        const bool batched = (flags_ & kReceiveContinuous) && !receiveFilter_;
+        if (!(batched ? receiveMany(useIPv4) : receiveOne(useIPv4))) {
+            break;
+        }
+    }
+    deliveries_.flush();
+}
+
+bool UdpSocket::receiveOne(bool isIPv4) {
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    const std::size_t limit = isIPv4 ? max4ReceiveSize_ : max6ReceiveSize_;
+    // One scratch buffer per descriptor, reused: each datagram costs one allocation of its
+    // own size instead of one of the largest possible size.
+    if (f.scratch.size() < limit) {
+        f.scratch.resize(limit);
+    }
+    sockaddr_in6 source{};
+    socklen_t sourceLength = isIPv4 ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    const ssize_t result = ::recvfrom(f.fd, f.scratch.data(), limit, 0,
+                                      reinterpret_cast<sockaddr*>(&source), &sourceLength);
+    const int receiveErrno = errno;
+    if (result < 1) {
+        f.bytesAvailable = 0;
+    } else {
+        // The kernel reports the size of the next datagram only, not of all that wait: keep
+        // reading until it says there is nothing left.
+        const auto size = static_cast<std::uint64_t>(result);
+        f.bytesAvailable = f.bytesAvailable > size ? f.bytesAvailable - size : 1;
+    }
+    if (result == 0 || (result < 0 && (receiveErrno == EAGAIN || receiveErrno == EWOULDBLOCK))) {
+        resumeDrainedReceiveSources();
+        return false;
+    }
+    if (result < 0) {
+        errno = receiveErrno;
+        closeWithError(UdpSocketError::errnoError("Error in recvfrom() function"));
+        return false;
+    }
+    std::vector<std::uint8_t> data(f.scratch.begin(), f.scratch.begin() + result);
+    const SocketAddress address(&source, std::min<std::size_t>(sourceLength, sizeof source));
+    if ((flags_ & kConnected) && !address.sameEndpoint(cachedConnectedAddress_)) {
+        return true;  // not from the peer: dropped
+    }
+    if (!receiveFilter_) {
+        deliver(std::move(data), address, {});
+        return true;
+    }
+    if (!receiveFilterAsync_) {
+        std::any context;
+        const bool allowed = runFilterAndWait(
+            *receiveFilterQueue_, [&] { return receiveFilter_(data, address, context); });
+        if (allowed) {
+            deliver(std::move(data), address, std::move(context));
+        }
+        return true;
+    }
+    ++pendingFilterOperations_;
+    receiveFilterQueue_->async([self = shared_from_this(), filter = receiveFilter_,
+                                data = std::move(data), address]() mutable {
+        std::any context;
+        const bool allowed = filter(data, address, context);
+        self->socketQueue_->async([self, allowed, data = std::move(data), address,
+                                   context = std::move(context)]() mutable {
+            --self->pendingFilterOperations_;
+            if (allowed) {
+                self->deliver(std::move(data), address, std::move(context));
+                self->deliveries_.flush();
+            }
+            // In once-mode the read waited for this verdict.
+            if (self->flags_ & kReceiveOnce) {
+                self->doReceive();
+            }
+        });
+    });
+    return true;
+}
+
+// Continuous receiving without a filter takes every datagram it reads, so it may read several
+// per system call: a call costs more than copying a small datagram. Each slot holds the largest
+// datagram allowed, as one recvfrom buffer would; pages of a slot that no datagram reaches are
+// never touched.
+bool UdpSocket::receiveMany(bool isIPv4) {
+    constexpr unsigned kSlots = 16;
+    Family& f = isIPv4 ? socket4_ : socket6_;
+    const std::size_t limit = isIPv4 ? max4ReceiveSize_ : max6ReceiveSize_;
+    if (limit == 0) {
+        return receiveOne(isIPv4);
+    }
+    if (f.slotSize != limit) {
+        f.slots.reset(new std::uint8_t[kSlots * limit]);
+        f.slotSize = limit;
+    }
+    mmsghdr messages[kSlots];
+    iovec buffers[kSlots];
+    sockaddr_in6 sources[kSlots];
+    for (unsigned i = 0; i < kSlots; ++i) {
+        buffers[i] = {f.slots.get() + i * limit, limit};
+        messages[i] = {};
+        messages[i].msg_hdr.msg_name = &sources[i];
+        messages[i].msg_hdr.msg_namelen = isIPv4 ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+        messages[i].msg_hdr.msg_iov = &buffers[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    const int count = ::recvmmsg(f.fd, messages, kSlots, 0, nullptr);
+    if (count < 0) {
+        const int receiveErrno = errno;
+        f.bytesAvailable = 0;
+        if (receiveErrno == EAGAIN || receiveErrno == EWOULDBLOCK) {
+            resumeDrainedReceiveSources();
+            return false;
+        }
+        errno = receiveErrno;
+        closeWithError(UdpSocketError::errnoError("Error in recvfrom() function"));
+        return false;
+    }
+    for (int i = 0; i < count; ++i) {
+        const std::size_t size = messages[i].msg_len;
+        if (size == 0) {
+            continue;  // an empty datagram carries nothing to report
+        }
+        const std::uint8_t* bytes = f.slots.get() + i * limit;
+        const SocketAddress address(
+            &sources[i],
+            std::min<std::size_t>(messages[i].msg_hdr.msg_namelen, sizeof(sockaddr_in6)));
+        if ((flags_ & kConnected) && !address.sameEndpoint(cachedConnectedAddress_)) {
+            continue;  // not from the peer: dropped
+        }
+        deliver(std::vector<std::uint8_t>(bytes, bytes + size), address, {});
+    }
+    // Fewer than asked for: the descriptor is drained for now.
+    if (count < static_cast<int>(kSlots)) {
+        f.bytesAvailable = 0;
+        resumeDrainedReceiveSources();
+        return false;
+    }
+    f.bytesAvailable = 1;
+    return true;
+}
+
+void UdpSocket::deliver(std::vector<std::uint8_t> data, const SocketAddress& address,
+                        std::any context) {
+    deliveries_.add({std::move(data), address, std::move(context)});
+    if (flags_ & kReceiveOnce) {
+        flags_ &= ~(kReceiveOnce | kReceiveContinuous);
+    }
+}
+
+void UdpSocket::reportDatagrams(std::vector<Datagram> batch) {
+    auto delegate = delegate_.lock();
+    auto self = weak_from_this().lock();
+    if (!delegate || !delegateQueue_ || !self) {
+        return;
+    }
+    delegateQueue_->async([self = std::move(self), delegate = std::move(delegate),
+                           batch = std::move(batch)]() mutable {
+        for (auto& datagram : batch) {
+            delegate->udpSocketDidReceiveData(*self, std::move(datagram.data), datagram.address,
+                                              datagram.context);
+        }
+    });
+}
+
+}  // namespace kavrin

@@ -1,0 +1,105 @@
+#include "osc/transport/SocketAddress.hpp"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace kavrin {
+namespace {
+
+TEST(SocketAddress, NumericHostsRoundTripThroughTheirTextForms) {
+    struct Case {
+        std::string host;
+        std::uint16_t port;
+        int family;
+        std::size_t size;
+        std::string description;
+    };
+    const std::vector<Case> cases = {
+        {"127.0.0.1", 8000, AF_INET, sizeof(sockaddr_in), "127.0.0.1:8000"},
+        {"0.0.0.0", 0, AF_INET, sizeof(sockaddr_in), "0.0.0.0:0"},
+        {"::1", 8000, AF_INET6, sizeof(sockaddr_in6), "[::1]:8000"},
+        {"fe80::1", 65535, AF_INET6, sizeof(sockaddr_in6), "[fe80::1]:65535"},
+        {"::ffff:1.2.3.4", 9, AF_INET6, sizeof(sockaddr_in6), "[::ffff:1.2.3.4]:9"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.host);
+        const SocketAddress address = SocketAddress::fromNumericHost(c.host, c.port);
+        EXPECT_EQ(address.family(), c.family);
+        EXPECT_EQ(address.size(), c.size);
+        EXPECT_EQ(address.isIPv4(), c.family == AF_INET);
+        EXPECT_EQ(address.isIPv6(), c.family == AF_INET6);
+        EXPECT_EQ(address.host(), c.host);
+        EXPECT_EQ(address.port(), c.port);
+        EXPECT_EQ(address.description(), c.description);
+    }
+    // The in_addr and in6_addr forms make the same bytes as the text.
+    EXPECT_EQ(SocketAddress::ipv4(in_addr{htonl(INADDR_LOOPBACK)}, 7),
+              SocketAddress::fromNumericHost("127.0.0.1", 7));
+    EXPECT_EQ(SocketAddress::ipv6(in6addr_loopback, 7), SocketAddress::fromNumericHost("::1", 7));
+}
+
+TEST(SocketAddress, ABlobThatIsNoIPAddressHasNoHostOrPort) {
+    sockaddr_in6 six{};
+    six.sin6_family = AF_INET6;
+    six.sin6_port = htons(8001);
+    sockaddr_un local{};
+    local.sun_family = AF_UNIX;
+    const std::vector<SocketAddress> blobs = {
+        SocketAddress(),
+        SocketAddress(&six, 10),  // too short for its family
+        SocketAddress(&local, SocketAddress::maxSize),
+    };
+    for (const SocketAddress& blob : blobs) {
+        SCOPED_TRACE(blob.size());
+        EXPECT_FALSE(blob.isIPv4());
+        EXPECT_FALSE(blob.isIPv6());
+        EXPECT_EQ(blob.host(), "");
+        EXPECT_EQ(blob.port(), 0);
+        EXPECT_EQ(blob.description(), "");
+        EXPECT_EQ(blob.withPort(9), blob);
+        EXPECT_FALSE(blob.sameEndpoint(blob));
+    }
+    // Names are not numeric text, not even the loopback ones.
+    EXPECT_TRUE(SocketAddress::fromNumericHost("localhost", 9).empty());
+    EXPECT_TRUE(SocketAddress::fromNumericHost("", 9).empty());
+    EXPECT_TRUE(SocketAddress::fromNumericHost("1.2.3.4:5", 9).empty());
+}
+
+TEST(SocketAddress, EndpointsCompareFamilyAddressAndPortOnly) {
+    sockaddr_in6 scoped{};
+    scoped.sin6_family = AF_INET6;
+    scoped.sin6_port = htons(8000);
+    scoped.sin6_flowinfo = htonl(5);
+    scoped.sin6_scope_id = 3;
+    ASSERT_EQ(::inet_pton(AF_INET6, "fe80::1", &scoped.sin6_addr), 1);
+    const SocketAddress withScope(&scoped, sizeof scoped);
+    const SocketAddress plain = SocketAddress::fromNumericHost("fe80::1", 8000);
+
+    EXPECT_TRUE(withScope.sameEndpoint(plain));
+    EXPECT_FALSE(withScope == plain) << "== compares every byte";
+    EXPECT_FALSE(plain.sameEndpoint(plain.withPort(8001)));
+    EXPECT_FALSE(plain.sameEndpoint(SocketAddress::fromNumericHost("fe80::2", 8000)));
+    EXPECT_FALSE(SocketAddress::fromNumericHost("::ffff:127.0.0.1", 8000)
+                     .sameEndpoint(SocketAddress::fromNumericHost("127.0.0.1", 8000)));
+    EXPECT_TRUE(SocketAddress::fromNumericHost("127.0.0.1", 8000)
+                    .sameEndpoint(SocketAddress::fromNumericHost("127.0.0.1", 8000)));
+
+    // Another port changes the port alone: scope and flow info stay.
+    const SocketAddress moved = withScope.withPort(9000);
+    EXPECT_EQ(moved.port(), 9000);
+    sockaddr_in6 read{};
+    std::memcpy(&read, moved.data(), sizeof read);
+    EXPECT_EQ(read.sin6_scope_id, 3u);
+    EXPECT_EQ(read.sin6_flowinfo, htonl(5));
+    EXPECT_EQ(moved.withPort(8000), withScope);
+}
+
+}  // namespace
+}  // namespace kavrin
