@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <random>
 
-#include "osc/pattern/detail/OSCCompiledComponent.hpp"
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/dispatch/DispatchQueue.hpp"
+#include "osc/pattern/detail/OSCCompiledComponent.hpp"
 
 namespace kavrin {
 
@@ -115,19 +115,31 @@ bool OSCAddressSpace::removeMethod(Node& parent, Node& target) {
     return true;
 }
 
-bool OSCAddressSpace::unregister(std::string_view address) {
+std::pair<OSCAddressSpace::Node*, OSCAddressSpace::Node*> OSCAddressSpace::nodeAt(
+    std::string_view address) const {
     // Converted to ASCII like any pattern, then taken literally; `path` views `pattern`.
     const OSCAddressPattern pattern(address);
     const auto path = OSCAddressPattern::pathComponents(pattern.rawAddress());
-    if (path.empty()) return false;
+    if (path.empty()) return {nullptr, nullptr};
     Node* parent = nullptr;
     Node* target = root_.get();
     for (const auto component : path) {
         parent = target;
         target = target->child(component);
-        if (!target) return false;
+        if (!target) return {nullptr, nullptr};
     }
-    return removeMethod(*parent, *target);
+    return {parent, target};
+}
+
+bool OSCAddressSpace::unregister(std::string_view address) {
+    const auto [parent, target] = nodeAt(address);
+    return target != nullptr && removeMethod(*parent, *target);
+}
+
+std::optional<OSCAddressSpace::MethodID> OSCAddressSpace::methodID(std::string_view address) const {
+    const auto [parent, target] = nodeAt(address);
+    if (target == nullptr || target->nodeType_ != NodeType::method) return std::nullopt;
+    return target->id_;
 }
 
 bool OSCAddressSpace::unregister(const MethodID& id) {

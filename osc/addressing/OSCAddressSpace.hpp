@@ -5,9 +5,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "osc/pattern/OSCAddressPattern.hpp"
@@ -91,6 +93,9 @@ class OSCAddressSpace {
     // The same by id, searching the whole tree.
     bool unregister(const MethodID& id);
 
+    // The id of the method registered at exactly this concrete address, if one is.
+    std::optional<MethodID> methodID(std::string_view address) const;
+
     // The ids of the methods whose addresses match `pattern`, level by level in creation order.
     std::vector<MethodID> methodIDs(const OSCAddressPattern& pattern) const;
 
@@ -106,6 +111,8 @@ class OSCAddressSpace {
   private:
     // Removes a leaf method or turns a method with children into a container.
     static bool removeMethod(Node& parent, Node& target);
+    // The node at a concrete address and its parent; nulls when there is none.
+    std::pair<Node*, Node*> nodeAt(std::string_view address) const;
     std::vector<const Node*> matchingMethods(const OSCAddressPattern& pattern) const;
 
     std::unique_ptr<Node> root_;

@@ -57,6 +57,7 @@ struct OSCBundle {
     friend bool operator==(const OSCBundle& lhs, const OSCBundle& rhs);
 
   private:
+    friend struct OSCPacket;
     static OSCBundle decode(std::span<const std::uint8_t> bytes,
                             std::shared_ptr<const std::uint8_t[]> owner, int depth);
     std::size_t encodedSize(int depth) const;

@@ -58,6 +58,7 @@ struct OSCMessage {
 
   private:
     friend struct OSCBundle;
+    friend struct OSCPacket;
     struct Layout {
         std::size_t address, tags, arguments;
         std::size_t total() const { return address + tags + arguments; }

@@ -19,6 +19,17 @@ std::optional<OSCPacket> OSCPacket::decode(std::span<const std::uint8_t> bytes) 
     return OSCPacket(OSCMessage::decode(bytes));
 }
 
+std::optional<OSCPacket> OSCPacket::decode(std::vector<std::uint8_t>&& bytes) {
+    const auto type = classifyPacket(bytes);
+    if (!type) return std::nullopt;
+    // The vector itself becomes the shared copy the packet keeps: one allocation, no copy.
+    auto holder = std::make_shared<const std::vector<std::uint8_t>>(std::move(bytes));
+    const std::span<const std::uint8_t> kept(holder->data(), holder->size());
+    std::shared_ptr<const std::uint8_t[]> owner(holder, holder->data());
+    if (*type == OSCObjectType::bundle) return OSCPacket(OSCBundle::decode(kept, owner, 1));
+    return OSCPacket(OSCMessage::decode(kept, std::move(owner)));
+}
+
 }  // namespace kavrin
 
 std::size_t std::hash<kavrin::OSCPacket>::operator()(

@@ -23,6 +23,9 @@ struct OSCPacket : std::variant<OSCMessage, OSCBundle> {
     // Nothing when the bytes are neither a bundle nor a message (the caller drops them);
     // throws OSCDecodeError when they are one of them but malformed.
     static std::optional<OSCPacket> decode(std::span<const std::uint8_t> bytes);
+    // The same, keeping `bytes` as the packet's own copy instead of copying them again: for a
+    // receiver that was handed the datagram.
+    static std::optional<OSCPacket> decode(std::vector<std::uint8_t>&& bytes);
 };
 
 enum class OSCObjectType { message, bundle };

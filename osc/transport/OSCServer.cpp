@@ -1,6 +1,7 @@
 #include "osc/transport/OSCServer.hpp"
 
 #include <chrono>
+#include <optional>
 #include <variant>
 
 #include "osc/transport/UdpSocket.hpp"
@@ -42,7 +43,7 @@ OSCServer::OSCServer(Private, std::uint16_t port, std::shared_ptr<SerialQueue> r
                        ? std::move(receiveQueue)
                        : SerialQueue::create("OSCServer", QualityOfService::userInitiated)),
       dispatchQueue(std::move(dispatchQueue)),
-      handler(withSource(std::move(handler))),
+      handlers{withSource(std::move(handler)), nullptr, nullptr},
       mode(mode),
       port_(port),
       // The socket hands datagrams over one at a time and never says where its block ends: a
@@ -57,22 +58,73 @@ OSCServer::~OSCServer() {
     udpServer->close();
 }
 
+void OSCServer::setHandlers(const std::function<void(Handlers&)>& change) {
+    std::lock_guard lock(handlerMutex);
+    change(handlers);
+    hasDropHandler = handlers.drop != nullptr;
+    ++handlerGeneration;
+}
+
+OSCServer::Handlers OSCServer::currentHandlers() const {
+    std::lock_guard lock(handlerMutex);
+    return handlers;
+}
+
 void OSCServer::setHandler(Handler newHandler) {
     auto stored = withSource(std::move(newHandler));
-    std::lock_guard lock(handlerMutex);
-    handler = std::move(stored);
+    setHandlers([&](Handlers& h) { h.handler = std::move(stored); });
 }
 
 void OSCServer::setSourceHandler(SourceHandler newHandler) {
     auto stored =
         newHandler ? std::make_shared<const SourceHandler>(std::move(newHandler)) : nullptr;
-    std::lock_guard lock(handlerMutex);
-    handler = std::move(stored);
+    setHandlers([&](Handlers& h) { h.handler = std::move(stored); });
 }
 
-std::shared_ptr<const OSCServer::SourceHandler> OSCServer::currentHandler() const {
-    std::lock_guard lock(handlerMutex);
-    return handler;
+void OSCServer::setMismatchHandler(MismatchHandler newHandler) {
+    auto stored =
+        newHandler ? std::make_shared<const MismatchHandler>(std::move(newHandler)) : nullptr;
+    setHandlers([&](Handlers& h) { h.mismatch = std::move(stored); });
+}
+
+void OSCServer::setDropHandler(DropHandler newHandler) {
+    auto stored = newHandler ? std::make_shared<const DropHandler>(std::move(newHandler)) : nullptr;
+    setHandlers([&](Handlers& h) { h.drop = std::move(stored); });
+}
+
+// The routes are the receive queue's: a change waits for the datagram being routed.
+OSCServer::MethodID OSCServer::addMethod(std::string_view address, MethodHandler handler) {
+    MethodID id;
+    receiveQueue->sync([&] { id = routes.add(address, std::move(handler)); });
+    return id;
+}
+
+bool OSCServer::removeMethod(const MethodID& id) {
+    bool removed = false;
+    receiveQueue->sync([&] { removed = routes.remove(id); });
+    return removed;
+}
+
+bool OSCServer::removeMethod(std::string_view address) {
+    bool removed = false;
+    receiveQueue->sync([&] { removed = routes.remove(address); });
+    return removed;
+}
+
+OSCServer::Counters OSCServer::counters() const {
+    return {counted.datagramsReceived.load(),
+            counted.messagesDelivered.load(),
+            counted.droppedNotOSC.load(),
+            counted.droppedMalformed.load(),
+            counted.droppedUnexpectedType.load(),
+            counted.droppedInternalInconsistency.load(),
+            counted.droppedOverScheduledLimit.load(),
+            counted.mismatches.load()};
+}
+
+void OSCServer::mismatch(const OSCMessage& message, const OSCValueMaskError& error) {
+    ++counted.mismatches;
+    if (const auto handler = currentHandlers().mismatch) (*handler)(message, error);
 }
 
 OSCServer::TimeTagMode OSCServer::timeTagMode() const {
@@ -86,6 +138,12 @@ void OSCServer::setTimeTagMode(TimeTagMode newMode) {
 
 std::uint16_t OSCServer::port() const {
     return port_;
+}
+
+std::uint16_t OSCServer::boundPort() const {
+    // Both families share the port; IPv4 may be off.
+    const auto port = udpServer->localPortIPv4();
+    return port != 0 ? port : udpServer->localPortIPv6();
 }
 
 void OSCServer::setKernelReceiveBufferSize(std::size_t bytes) {
@@ -114,10 +172,35 @@ OSCServer::ScheduledLimit OSCServer::scheduledLimit() const {
     return {limitMessages.load(), limitBytes.load()};
 }
 
-void OSCServer::receive(OSCPacket&& packet, const SocketAddress& sender) {
+// A datagram that fails to decode is dropped like one that is not OSC at all: counted, given to
+// the drop handler if there is one, and otherwise gone without a word.
+void OSCServer::receive(std::vector<std::uint8_t>&& datagram, const SocketAddress& sender) {
+    ++counted.datagramsReceived;
+    // The datagram is given up to the decoded packet unless a drop handler may still want it.
+    const bool keep = hasDropHandler.load();
+    std::optional<OSCPacket> packet;
+    try {
+        packet = keep ? OSCPacket::decode(std::span<const std::uint8_t>(datagram))
+                      : OSCPacket::decode(std::move(datagram));
+    } catch (const OSCDecodeError& error) {
+        const auto reason = error.errorCase() == OSCDecodeError::Case::malformed
+                                ? DropReason::malformed
+                            : error.errorCase() == OSCDecodeError::Case::unexpectedType
+                                ? DropReason::unexpectedType
+                                : DropReason::internalInconsistency;
+        drop(datagram, sender, reason, error.what());
+        return;
+    }
+    if (!packet) {
+        drop(datagram, sender, DropReason::notOSC, {});
+        return;
+    }
     Plan steps;
-    plan(std::move(packet), OSCTimeTag::immediate(), false, {}, sender, steps);
-    if (steps.scheduledMessages > 0 && !admit(steps)) return;  // the whole datagram
+    plan(std::move(*packet), OSCTimeTag::immediate(), false, {}, sender, steps);
+    if (steps.scheduledMessages > 0 && !admit(steps)) {
+        drop(datagram, sender, DropReason::overScheduledLimit, {});  // the whole datagram
+        return;
+    }
     for (auto& step : steps.steps) {
         if (auto* now = std::get_if<Delivery>(&step)) {
             deliveries.add(std::move(*now));
@@ -125,6 +208,35 @@ void OSCServer::receive(OSCPacket&& packet, const SocketAddress& sender) {
             deliverLater(std::move(std::get<ScheduledRun>(step)));
         }
     }
+}
+
+void OSCServer::drop(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
+                     DropReason reason, const std::string& error) {
+    switch (reason) {
+        case DropReason::notOSC:
+            ++counted.droppedNotOSC;
+            break;
+        case DropReason::malformed:
+            ++counted.droppedMalformed;
+            break;
+        case DropReason::unexpectedType:
+            ++counted.droppedUnexpectedType;
+            break;
+        case DropReason::internalInconsistency:
+            ++counted.droppedInternalInconsistency;
+            break;
+        case DropReason::overScheduledLimit:
+            ++counted.droppedOverScheduledLimit;
+            break;
+    }
+    if (!hasDropHandler.load()) return;
+    dispatchQueue->async([self = shared_from_this(),
+                          copy = std::vector<std::uint8_t>(datagram.begin(), datagram.end()),
+                          sender, reason, error] {
+        if (const auto handler = self->currentHandlers().drop) {
+            (*handler)(copy, sender, reason, error);
+        }
+    });
 }
 
 // A bundle's own tag governs its elements, whatever tag it was reached with. Whether it waits,
@@ -144,8 +256,10 @@ void OSCServer::plan(OSCPacket&& packet, const OSCTimeTag& timeTag, bool schedul
         return;
     }
     auto& message = std::get<OSCMessage>(packet);
+    // The route is decided now, as the message is received.
+    Routes found = routes.empty() ? Routes{} : routes.routesFor(message.addressPattern);
     if (!scheduled) {
-        steps.steps.emplace_back(Delivery{std::move(message), timeTag, sender});
+        steps.steps.emplace_back(Delivery{std::move(message), timeTag, sender, std::move(found)});
         return;
     }
     const std::size_t bytes = message.decodedFrom() ? message.decodedFrom()->size() : 0;
@@ -154,7 +268,7 @@ void OSCServer::plan(OSCPacket&& packet, const OSCTimeTag& timeTag, bool schedul
         steps.steps.emplace_back(ScheduledRun{deadline, timeTag, sender, {}, 0});
         last = &std::get<ScheduledRun>(steps.steps.back());
     }
-    last->messages.push_back(std::move(message));
+    last->messages.emplace_back(std::move(message), std::move(found));
     last->bytes += bytes;
     ++steps.scheduledMessages;
     steps.scheduledBytes += bytes;
@@ -188,13 +302,25 @@ bool OSCServer::admit(const Plan& steps) {
     return true;
 }
 
+void OSCServer::deliver(const OSCMessage& message, const Routes& found, const OSCTimeTag& timeTag,
+                        const SocketAddress& sender, std::pair<std::uint64_t, Handlers>& cache) {
+    // The handler in force when the delivery runs is the one called.
+    if (const auto generation = handlerGeneration.load(); generation != cache.first) {
+        cache = {generation, currentHandlers()};
+    }
+    const auto& handler = cache.second.handler;
+    if (handler) (*handler)(message, timeTag, sender);
+    for (const auto& route : found) (*route)(message, timeTag);
+    if (handler || !found.empty()) ++counted.messagesDelivered;
+}
+
 // Holds the server strongly: a delivery already decided runs even if the owner lets go.
 void OSCServer::deliverNow(std::vector<Delivery> batch) {
     dispatchQueue->async([self = shared_from_this(), batch = std::move(batch)] {
+        std::pair<std::uint64_t, Handlers> cache{0, {}};
         for (const auto& delivery : batch) {
-            if (auto current = self->currentHandler()) {
-                (*current)(delivery.message, delivery.timeTag, delivery.sender);
-            }
+            self->deliver(delivery.message, delivery.routes, delivery.timeTag, delivery.sender,
+                          cache);
         }
     });
 }
@@ -208,8 +334,9 @@ void OSCServer::deliverLater(ScheduledRun&& run) {
         if (!self) return;
         self->scheduledMessages -= run.messages.size();
         self->scheduledBytes -= run.bytes;
-        for (const auto& message : run.messages) {
-            if (auto current = self->currentHandler()) (*current)(message, run.timeTag, run.sender);
+        std::pair<std::uint64_t, Handlers> cache{0, {}};
+        for (const auto& [message, found] : run.messages) {
+            self->deliver(message, found, run.timeTag, run.sender, cache);
         }
     });
 }

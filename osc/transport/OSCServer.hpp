@@ -6,9 +6,16 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <tuple>
 #include <variant>
 #include <vector>
 
+#include "osc/addressing/OSCAddressSpace.hpp"
+#include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/codec/OSCPacket.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
@@ -16,6 +23,7 @@
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/SocketAddress.hpp"
 #include "osc/transport/detail/DeliveryBatcher.hpp"
+#include "osc/transport/detail/OSCMethodRoutes.hpp"
 
 namespace kavrin {
 
@@ -23,7 +31,8 @@ class UdpSocket;
 class OSCServerDelegate;
 
 /// Receives OSC packets on one UDP port (IPv4 and IPv6, all interfaces, port reuse on) and hands
-/// every message in them, bundles opened depth first, to one handler on the dispatch queue.
+/// every message in them, bundles opened depth first, to one handler on the dispatch queue, and
+/// to the methods added for the addresses its pattern matches.
 ///
 /// Thread safety: every operation may be called from any thread. Datagrams are decoded on the
 /// receive queue; the handler runs on the dispatch queue, never inside a call to the server.
@@ -62,7 +71,11 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     void setSourceHandler(SourceHandler handler);
     TimeTagMode timeTagMode() const;
     void setTimeTagMode(TimeTagMode mode);
+    /// The port asked for at creation.
     std::uint16_t port() const;
+    /// The port the socket is bound to once started, 0 before: what the kernel chose for port 0,
+    /// the same number on IPv4 and IPv6.
+    std::uint16_t boundPort() const;
     /// The kernel's receive buffer of the socket (see UdpSocket::setKernelReceiveBufferSize):
     /// enlarge it to ride out bursts of thousands of datagrams. Takes effect at once, also on a
     /// running server; 0 restores the default.
@@ -79,6 +92,54 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     void setScheduledLimit(ScheduledLimit limit);
     ScheduledLimit scheduledLimit() const;
 
+    /// A method's handler: the message, and the time tag of its innermost bundle.
+    using MethodHandler = std::function<void(const OSCMessage&, const OSCTimeTag&)>;
+    using MethodID = OSCAddressSpace::MethodID;
+    /// Routes to `handler`, besides the handler above, every message whose pattern matches the
+    /// concrete `address`, with the address space's matching and order (wildcards in `address`
+    /// are taken literally). The routes are found when a message is received and run with its
+    /// delivery. Adding an address again keeps its id and replaces its handler. Methods may be
+    /// added and removed from any thread while the server runs.
+    MethodID addMethod(std::string_view address, MethodHandler handler);
+    /// The same for a handler of typed values: the message's values as `Kinds` (see
+    /// OSCValueMask.hpp), `function` called with them. A message whose values do not fit is
+    /// not passed on: it is counted (Counters::mismatches) and given to the mismatch handler.
+    template <class... Kinds, class Function>
+    requires(sizeof...(Kinds) > 0) MethodID addMethod(std::string_view address, Function function);
+    bool removeMethod(const MethodID& id);
+    bool removeMethod(std::string_view address);
+    /// Runs on the dispatch queue for each message a typed method could not take.
+    using MismatchHandler = std::function<void(const OSCMessage&, const OSCValueMaskError&)>;
+    void setMismatchHandler(MismatchHandler handler);
+
+    /// What the server has seen since it was made, readable at any time from any thread.
+    struct Counters {
+        std::uint64_t datagramsReceived = 0;
+        std::uint64_t messagesDelivered = 0;  ///< to the handler or a method
+        std::uint64_t droppedNotOSC = 0;      ///< neither a message nor a bundle
+        std::uint64_t droppedMalformed = 0;   ///< decoding failed: OSCDecodeError::Case::malformed
+        std::uint64_t droppedUnexpectedType = 0;
+        std::uint64_t droppedInternalInconsistency = 0;
+        std::uint64_t droppedOverScheduledLimit = 0;  ///< see ScheduledLimit
+        std::uint64_t mismatches = 0;                 ///< messages a typed method could not take
+    };
+    Counters counters() const;
+
+    enum class DropReason {
+        notOSC,
+        malformed,
+        unexpectedType,
+        internalInconsistency,
+        overScheduledLimit,
+    };
+    /// Given each datagram the server drops, with why (the decoder's text, empty for one that is
+    /// not OSC). Runs on the dispatch queue, with a copy of the datagram of its own. Without one,
+    /// dropped datagrams go silently, as the monitor wants them.
+    using DropHandler =
+        std::function<void(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
+                           DropReason reason, const std::string& error)>;
+    void setDropHandler(DropHandler handler);
+
     /// Closes the socket if open, then enables port reuse, binds the port and starts receiving.
     /// Throws the socket's UdpSocketError unchanged at the first step that fails, leaving the
     /// socket as that step left it. May be called again after a failure or a stop().
@@ -88,10 +149,12 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
 
   private:
     friend class OSCServerDelegate;
+    using Routes = OSCMethodRoutes::Routes;
     struct Delivery {
         OSCMessage message;
         OSCTimeTag timeTag;
         SocketAddress sender;
+        Routes routes;
     };
     // Consecutive messages of one bundle that wait for its time tag: one deadline, computed
     // when the bundle is received, and delivered together in the order met.
@@ -99,7 +162,7 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
         DispatchQueue::Clock::time_point deadline;
         OSCTimeTag timeTag;
         SocketAddress sender;
-        std::vector<OSCMessage> messages;
+        std::vector<std::pair<OSCMessage, Routes>> messages;
         std::size_t bytes = 0;
     };
     // What one datagram delivers, in the order its messages are met, depth first.
@@ -108,27 +171,45 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
         std::size_t scheduledMessages = 0;
         std::size_t scheduledBytes = 0;
     };
-    void receive(OSCPacket&& packet, const SocketAddress& sender);
+    // The handlers that a delivery reads when it runs, renewed only when one is set: reading
+    // them under the lock for every message would cost more than the message.
+    struct Handlers {
+        std::shared_ptr<const SourceHandler> handler;
+        std::shared_ptr<const MismatchHandler> mismatch;
+        std::shared_ptr<const DropHandler> drop;
+    };
+
+    void receive(std::vector<std::uint8_t>&& datagram, const SocketAddress& sender);
+    void drop(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
+              DropReason reason, const std::string& error);
     void plan(OSCPacket&& packet, const OSCTimeTag& timeTag, bool scheduled,
-              DispatchQueue::Clock::time_point deadline, const SocketAddress& sender,
-              Plan& plan);
+              DispatchQueue::Clock::time_point deadline, const SocketAddress& sender, Plan& plan);
     bool admit(const Plan& plan);
     DispatchQueue::Clock::time_point deadlineOf(const OSCTimeTag& tag);
     void deliverNow(std::vector<Delivery> block);
     void deliverLater(ScheduledRun&& run);
-    std::shared_ptr<const SourceHandler> currentHandler() const;
+    // Calls the handler and the routes; `cache` holds the handlers a run of deliveries last
+    // read, with their generation.
+    void deliver(const OSCMessage& message, const Routes& routes, const OSCTimeTag& timeTag,
+                 const SocketAddress& sender, std::pair<std::uint64_t, Handlers>& cache);
+    Handlers currentHandlers() const;
+    void setHandlers(const std::function<void(Handlers&)>& change);
+    void mismatch(const OSCMessage& message, const OSCValueMaskError& error);
 
     const std::shared_ptr<UdpSocket> udpServer;
     const std::shared_ptr<OSCServerDelegate> udpDelegate;
     const std::shared_ptr<SerialQueue> receiveQueue;
     const std::shared_ptr<DispatchQueue> dispatchQueue;
     mutable std::mutex handlerMutex;
-    std::shared_ptr<const SourceHandler> handler;  // guarded by handlerMutex
+    Handlers handlers;  // guarded by handlerMutex
+    std::atomic<std::uint64_t> handlerGeneration{1};
+    std::atomic<bool> hasDropHandler{false};
     std::atomic<TimeTagMode> mode;
     const std::uint16_t port_;
     // Immediate deliveries decided on the receive queue, on their way to the dispatch queue;
-    // touched only on the receive queue.
+    // touched only on the receive queue, as are the routes.
     DeliveryBatcher<Delivery> deliveries;
+    OSCMethodRoutes routes;
     // Admitted on the receive queue, released on the dispatch queue.
     std::atomic<std::size_t> limitMessages{ScheduledLimit{}.messages};
     std::atomic<std::size_t> limitBytes{ScheduledLimit{}.bytes};
@@ -136,6 +217,28 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     std::atomic<std::size_t> scheduledBytes{0};
     // The wall clock's lead over the steady clock, as last renewed; receive queue only.
     std::chrono::system_clock::duration clockOffset{};
+    struct AtomicCounters {
+        std::atomic<std::uint64_t> datagramsReceived{0}, messagesDelivered{0}, droppedNotOSC{0},
+            droppedMalformed{0}, droppedUnexpectedType{0}, droppedInternalInconsistency{0},
+            droppedOverScheduledLimit{0}, mismatches{0};
+    } counted;
 };
+
+template <class... Kinds, class Function>
+requires(sizeof...(Kinds) > 0) OSCServer::MethodID OSCServer::addMethod(std::string_view address,
+                                                                        Function function) {
+    return addMethod(address, MethodHandler([this, function = std::move(function)](
+                                                const OSCMessage& message, const OSCTimeTag&) {
+                         std::optional<std::tuple<Kinds...>> values;
+                         try {
+                             values = message.masked<Kinds...>();
+                         } catch (const OSCValueMaskError& error) {
+                             mismatch(message,
+                                      error);  // the server outlives every delivery that runs
+                             return;
+                         }
+                         std::apply(function, std::move(*values));
+                     }));
+}
 
 }  // namespace kavrin

@@ -95,7 +95,16 @@ bool UdpSocket::bindAddresses(const SocketAddress& address4, const SocketAddress
         flags_ &= ~kSocketsCreated;
         return false;
     };
-    if ((use4 && !bindOne(socket4_, address4)) || (use6 && !bindOne(socket6_, address6))) {
+    if (use4 && !bindOne(socket4_, address4)) {
+        return false;
+    }
+    // Port 0 lets the kernel pick: IPv6 then takes the port IPv4 got, so that one number
+    // serves both families.
+    SocketAddress local6 = address6;
+    if (use4 && use6 && address6.port() == 0) {
+        local6 = address6.withPort(localAddressOf(true).port());
+    }
+    if (use6 && !bindOne(socket6_, local6)) {
         return false;
     }
     flags_ |= kBound;

@@ -20,109 +20,18 @@
 #include "osc/dispatch/ManualQueue.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/UdpSocketError.hpp"
+#include "tests/transport/ServerTestSupport.hpp"
 
 using namespace kavrin;
+using namespace kavrin::test;
 using namespace std::chrono_literals;
-
-namespace {
-
-// A plain IPv4 UDP socket on 127.0.0.1; port 0 lets the kernel pick.
-class RawSocket {
-  public:
-    explicit RawSocket(std::uint16_t port = 0) : fd_(::socket(AF_INET, SOCK_DGRAM, 0)) {
-        sockaddr_in address = loopback(port);
-        bound_ =
-            fd_ >= 0 && ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    ~RawSocket() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    RawSocket(const RawSocket&) = delete;
-    RawSocket& operator=(const RawSocket&) = delete;
-
-    bool bound() const { return bound_; }
-    std::uint16_t port() const {
-        sockaddr_in address{};
-        socklen_t length = sizeof address;
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-        return ntohs(address.sin_port);
-    }
-    bool sendTo(std::uint16_t port, const std::vector<std::uint8_t>& bytes) const {
-        sockaddr_in address = loopback(port);
-        return ::sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&address),
-                        sizeof address) == static_cast<ssize_t>(bytes.size());
-    }
-
-  private:
-    static sockaddr_in loopback(std::uint16_t port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return address;
-    }
-    int fd_;
-    bool bound_ = false;
-};
-
-struct Delivery {
-    std::string address;
-    OSCTimeTag timeTag;
-    DispatchQueue::Clock::time_point at;
-};
-
-// A started server on a free port whose handler records deliveries made on a ManualQueue.
-struct Fixture {
-    std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>();
-    std::shared_ptr<OSCServer> server;
-    std::vector<Delivery> deliveries;
-    bool offQueue = false;
-
-    explicit Fixture(OSCServer::TimeTagMode mode) {
-        // The kernel's free port may be taken between our probe and the bind: try a few.
-        for (int attempt = 0; attempt < 5 && !server; ++attempt) {
-            const std::uint16_t port = RawSocket().port();
-            auto candidate = OSCServer::create(port, nullptr, main, mode);
-            try {
-                candidate->start();
-                server = candidate;
-            } catch (const UdpSocketError&) {
-            }
-        }
-        if (server) server->setHandler(recorder());
-    }
-
-    OSCServer::Handler recorder() {
-        return [this](const OSCMessage& message, const OSCTimeTag& timeTag) {
-            if (!main->isCurrent()) offQueue = true;
-            deliveries.push_back(
-                {message.addressPattern.rawAddress(), timeTag, DispatchQueue::Clock::now()});
-        };
-    }
-
-    bool waitFor(std::size_t count, std::chrono::milliseconds bound = 5000ms) {
-        return main->drainUntil([&] { return deliveries.size() >= count; }, bound);
-    }
-
-    std::vector<std::string> addresses() const {
-        std::vector<std::string> result;
-        for (const auto& delivery : deliveries) result.push_back(delivery.address);
-        return result;
-    }
-};
-
-std::vector<std::uint8_t> bytes(const OSCPacket& packet) {
-    return packet.rawData();
-}
-
-}  // namespace
 
 TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
     Fixture fixture(OSCServer::TimeTagMode::ignore);
-    ASSERT_TRUE(fixture.server) << "no free port";
+    ASSERT_TRUE(fixture.server);
     EXPECT_EQ(fixture.server->timeTagMode(), OSCServer::TimeTagMode::ignore);
     RawSocket sender;
-    const auto port = fixture.server->port();
+    const auto port = fixture.server->boundPort();
 
     const auto outer = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 100s);
     const auto inner = OSCTimeTag::fromSeconds(12345.5);
@@ -176,9 +85,9 @@ TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
 
 TEST(OSCServer, HonoursFutureTimeTagsOnlyInOSC1_0Mode) {
     Fixture fixture(OSCServer::TimeTagMode::osc1_0);
-    ASSERT_TRUE(fixture.server) << "no free port";
+    ASSERT_TRUE(fixture.server);
     RawSocket sender;
-    const auto port = fixture.server->port();
+    const auto port = fixture.server->boundPort();
 
     const auto sent = DispatchQueue::Clock::now();
     const auto future = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 300ms);
@@ -214,22 +123,13 @@ TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<std::string> seen;
-    std::shared_ptr<OSCServer> server;
-    for (int attempt = 0; attempt < 5 && !server; ++attempt) {
-        auto candidate = OSCServer::create(RawSocket().port(), nullptr, queue,
-                                           OSCServer::TimeTagMode::osc1_0,
-                                           [&](const OSCMessage& message, const OSCTimeTag&) {
-                                               std::lock_guard lock(mutex);
-                                               seen.push_back(message.addressPattern.rawAddress());
-                                               changed.notify_all();
-                                           });
-        try {
-            candidate->start();
-            server = candidate;
-        } catch (const UdpSocketError&) {
-        }
-    }
-    ASSERT_TRUE(server) << "no free port";
+    auto server = OSCServer::create(0, nullptr, queue, OSCServer::TimeTagMode::osc1_0,
+                                    [&](const OSCMessage& message, const OSCTimeTag&) {
+                                        std::lock_guard lock(mutex);
+                                        seen.push_back(message.addressPattern.rawAddress());
+                                        changed.notify_all();
+                                    });
+    ASSERT_NO_THROW(server->start());
     RawSocket sender;
     const auto soon = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 400ms);
     const auto later = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 600ms);
@@ -242,7 +142,7 @@ TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
             // A nested bundle keeps its own tag: its message comes after all of these.
             if (m == 3) elements.emplace_back(OSCBundle(later, {OSCMessage("/n/" + std::to_string(b))}));
         }
-        ASSERT_TRUE(sender.sendTo(server->port(), bytes(OSCBundle(soon, std::move(elements)))));
+        ASSERT_TRUE(sender.sendTo(server->boundPort(), bytes(OSCBundle(soon, std::move(elements)))));
     }
     for (int b = 0; b < 4; ++b) expected.push_back("/n/" + std::to_string(b));
     std::unique_lock lock(mutex);
@@ -252,11 +152,11 @@ TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
 
 TEST(OSCServer, ScheduledDeliveriesHoldBoundedMemoryAndDatagramsAreAdmittedWhole) {
     Fixture fixture(OSCServer::TimeTagMode::osc1_0);
-    ASSERT_TRUE(fixture.server) << "no free port";
+    ASSERT_TRUE(fixture.server);
     EXPECT_EQ(fixture.server->scheduledLimit().messages, 10'000u);
     fixture.server->setScheduledLimit({5, 1 << 20});
     RawSocket sender;
-    const auto port = fixture.server->port();
+    const auto port = fixture.server->boundPort();
     const auto soon = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 300ms);
     const auto farAway = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 24h);
     auto bundleOf = [](OSCTimeTag tag, std::vector<std::string> addresses,
@@ -303,7 +203,7 @@ TEST(OSCServerDeathTest, TheUTCEpochDeliversAStandardSendersBundleOnTimeWestOfUT
             std::chrono::system_clock::now().time_since_epoch() + std::chrono::milliseconds(200));
         const OSCTimeTag standard{0, static_cast<std::uint64_t>((seconds.count() + 2208988800.0) *
                                                                 4294967296.0)};
-        RawSocket().sendTo(fixture.server->port(),
+        RawSocket().sendTo(fixture.server->boundPort(),
                            bytes(OSCBundle(standard, {OSCMessage("/on/time")})));
         std::exit(fixture.waitFor(1, 3000ms) ? 0 : 1);
     };
@@ -347,7 +247,7 @@ TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried
 // still arrive whole and in order.
 TEST(OSCServer, DeliversABurstWholeAndInOrder) {
     Fixture fixture(OSCServer::TimeTagMode::osc1_0);
-    ASSERT_TRUE(fixture.server) << "no free port";
+    ASSERT_TRUE(fixture.server);
     fixture.server->setKernelReceiveBufferSize(4 << 20);
     RawSocket sender;
     // Without privilege the kernel caps the buffer well below what a big burst needs.
@@ -355,10 +255,10 @@ TEST(OSCServer, DeliversABurstWholeAndInOrder) {
     std::vector<std::string> expected;
     for (int i = 0; i < count; ++i) {
         if (i == count / 2) {
-            ASSERT_TRUE(sender.sendTo(fixture.server->port(), {'/', 0, 0}));
+            ASSERT_TRUE(sender.sendTo(fixture.server->boundPort(), {'/', 0, 0}));
         }
         expected.push_back("/n/" + std::to_string(i));
-        ASSERT_TRUE(sender.sendTo(fixture.server->port(), bytes(OSCMessage(expected.back()))));
+        ASSERT_TRUE(sender.sendTo(fixture.server->boundPort(), bytes(OSCMessage(expected.back()))));
     }
     ASSERT_TRUE(fixture.waitFor(count));
     EXPECT_EQ(fixture.addresses(), expected);
