@@ -9,11 +9,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCError.hpp"
+#include "osc/dispatch/ManualQueue.hpp"
+#include "osc/transport/UdpSocketError.hpp"
 
 using namespace kavrin;
 
@@ -122,4 +125,38 @@ TEST(OSCClient, AClientReleasedRightAfterSendingStillDelivers) {
     std::sort(received.begin(), received.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(received, expected);
+}
+
+TEST(OSCClient, AClientForOneTargetSendsThereAndHearsOfEveryFailure) {
+    Receiver receiver;
+    ASSERT_NE(receiver.port(), 0);
+    OSCClient fixed("127.0.0.1", receiver.port());
+    fixed.send(OSCMessage("/fixed"));
+    const auto datagram = receiver.receive(5000);
+    ASSERT_TRUE(datagram);
+    EXPECT_EQ(*datagram, OSCMessage("/fixed").rawData());
+
+    // Failures come with their destination; what went out reports nothing.
+    auto queue = std::make_shared<ManualQueue>();
+    std::vector<std::string> failures;
+    OSCClient reporting(
+        "no-such-host.invalid", 9,
+        [&](const std::string& host, std::uint16_t port, const UdpSocketError& error) {
+            EXPECT_TRUE(queue->isCurrent());
+            failures.push_back(host + ":" + std::to_string(port) + " " + error.domain());
+        },
+        queue);
+    reporting.send(OSCMessage("/lost"));
+    reporting.send(OSCMessage("/fine"), "127.0.0.1", receiver.port());
+    reporting.send(OSCMessage("/lost/too"));
+    ASSERT_TRUE(queue->drainUntil([&] { return failures.size() == 2; }, std::chrono::seconds(10)));
+    EXPECT_EQ(failures,
+              (std::vector<std::string>(
+                  2, "no-such-host.invalid:9 " + std::string(UdpSocketError::netDBDomain))));
+    EXPECT_TRUE(receiver.receive(5000));
+    EXPECT_FALSE(
+        queue->drainUntil([&] { return failures.size() > 2; }, std::chrono::milliseconds(200)));
+
+    OSCClient plain;
+    EXPECT_THROW(plain.send(OSCMessage("/nowhere")), std::logic_error);
 }
