@@ -2,6 +2,7 @@
 // no values, at the reply address. Used to stand in for a console in end-to-end tests.
 
 #include <charconv>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <iostream>
@@ -11,7 +12,7 @@
 #include <string_view>
 
 #include "osc/codec/OSCMessage.hpp"
-#include "osc/dispatch/ManualQueue.hpp"
+#include "osc/dispatch/RunLoop.hpp"
 #include "osc/transport/OSCClient.hpp"
 #include "osc/transport/OSCServer.hpp"
 #include "osc/transport/UdpSocketError.hpp"
@@ -29,7 +30,7 @@ constexpr const char* usage =
     "the reply ADDRESS (default /eos/out/ping), with no values, sent to the ping's sender\n"
     "(or to HOST, when given) on the reply PORT (default 8001). Messages inside bundles\n"
     "count too; other messages are ignored. Prints one line per answered ping on standard\n"
-    "output. Runs until killed.\n";
+    "output. Runs until interrupted (SIGINT or SIGTERM).\n";
 
 std::optional<std::uint16_t> parsePort(std::string_view text) {
     unsigned value = 0;
@@ -77,8 +78,9 @@ int main(int argc, char** argv) {
         }
     }
 
-    // Replies are sent from the main thread, which drains the handler's queue forever.
-    auto mainQueue = std::make_shared<ManualQueue>();
+    // Replies are sent from the main thread, which runs the handler's queue until a signal.
+    auto mainQueue = std::make_shared<RunLoop>();
+    mainQueue->stopOnSignals({SIGINT, SIGTERM});
     OSCClient client;
     const OSCMessage reply(replyAddress);
     auto server = OSCServer::create(listenPort, nullptr, mainQueue, OSCServer::TimeTagMode::ignore);
@@ -103,5 +105,6 @@ int main(int argc, char** argv) {
     std::cerr << "osc_ping_responder: listening on port " << listenPort << " for " << pingAddress
               << ", replying " << replyAddress << " to " << replyHost.value_or("the sender")
               << " on port " << replyPort << std::endl;
-    for (;;) mainQueue->drainUntil([] { return false; }, std::chrono::hours(1));
+    mainQueue->run();
+    return 0;
 }
