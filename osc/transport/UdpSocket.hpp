@@ -1,6 +1,7 @@
 #pragma once
 
 #include <any>
+#include <climits>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -14,6 +15,7 @@
 #include "osc/transport/UdpSocketError.hpp"
 #include "osc/transport/detail/DeliveryBatcher.hpp"
 #include "osc/transport/detail/SuspendableSource.hpp"
+#include "support/Clamped.hpp"
 
 namespace kavrin {
 
@@ -105,6 +107,7 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     std::uint16_t maxReceiveIPv4BufferSize() const;
     void setMaxReceiveIPv4BufferSize(std::uint16_t max);
     std::uint32_t maxReceiveIPv6BufferSize() const;
+    /// Above 65535 the limit stays 65535: a larger datagram cannot arrive.
     void setMaxReceiveIPv6BufferSize(std::uint32_t max);
     std::uint16_t maxSendBufferSize() const;
     void setMaxSendBufferSize(std::uint16_t max);
@@ -310,9 +313,12 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     std::uint32_t flags_ = 0;
     std::uint16_t config_ = 0;
     std::uint16_t max4ReceiveSize_ = 65535;
-    std::uint32_t max6ReceiveSize_ = 65535;
+    // No UDP datagram over IPv6 is larger without jumbograms, which no one sends; a larger
+    // limit would only make the receive buffers larger, 16 of them at a time.
+    Clamped<std::uint32_t> max6ReceiveSize_{65535, 0, 65535};
     std::uint16_t maxSendSize_ = 65535;
-    std::size_t kernelReceiveSize_ = 0;
+    // setsockopt takes an int, of which the kernel doubles what it is given.
+    Clamped<std::size_t> kernelReceiveSize_{0, 0, INT_MAX / 2};
     mutable Family socket4_;  // mutable for the local-address cache
     mutable Family socket6_;
     std::shared_ptr<SerialQueue> socketQueue_;

@@ -64,7 +64,7 @@ void UdpSocket::setMaxReceiveIPv4BufferSize(std::uint16_t max) {
 }
 
 std::uint32_t UdpSocket::maxReceiveIPv6BufferSize() const {
-    return query([&] { return max6ReceiveSize_; });
+    return query([&] { return max6ReceiveSize_.value(); });
 }
 
 void UdpSocket::setMaxReceiveIPv6BufferSize(std::uint32_t max) {
@@ -93,14 +93,14 @@ bool UdpSocket::setKernelReceiveBufferSize(std::size_t bytes, UdpSocketError* er
 }
 
 std::size_t UdpSocket::kernelReceiveBufferSize() const {
-    return query([&] { return kernelReceiveSize_; });
+    return query([&] { return kernelReceiveSize_.value(); });
 }
 
 // A privileged process may pass the system's cap; anyone else gets at most the cap.
 bool UdpSocket::applyKernelReceiveBufferSize(int fd) const {
-    const std::size_t bytes = kernelReceiveSize_ != 0 ? kernelReceiveSize_ : maxSendSize_;
-    const int size = static_cast<int>(std::min<std::size_t>(bytes, INT_MAX / 2));
-    if (kernelReceiveSize_ != 0 &&
+    const std::size_t asked = kernelReceiveSize_;
+    const int size = static_cast<int>(asked != 0 ? asked : maxSendSize_);
+    if (asked != 0 &&
         ::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) == 0) {
         return true;
     }

@@ -134,7 +134,7 @@ void UdpSocket::doReceive() {
 
 bool UdpSocket::receiveOne(bool isIPv4) {
     Family& f = isIPv4 ? socket4_ : socket6_;
-    const std::size_t limit = isIPv4 ? max4ReceiveSize_ : max6ReceiveSize_;
+    const std::size_t limit = isIPv4 ? max4ReceiveSize_ : max6ReceiveSize_.value();
     // One scratch buffer per descriptor, reused: each datagram costs one allocation of its
     // own size instead of one of the largest possible size.
     if (f.scratch.size() < limit) {
@@ -208,7 +208,7 @@ bool UdpSocket::receiveOne(bool isIPv4) {
 bool UdpSocket::receiveMany(bool isIPv4) {
     constexpr unsigned kSlots = 16;
     Family& f = isIPv4 ? socket4_ : socket6_;
-    const std::size_t limit = isIPv4 ? max4ReceiveSize_ : max6ReceiveSize_;
+    const std::size_t limit = isIPv4 ? max4ReceiveSize_ : max6ReceiveSize_.value();
     if (limit == 0) {
         return receiveOne(isIPv4);
     }

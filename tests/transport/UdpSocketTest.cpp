@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -787,6 +788,13 @@ TEST(UdpSocketConfiguration, SettingsAndUserData) {
     EXPECT_TRUE(peer.socket->isIPVersionNeutral());
     EXPECT_EQ(peer.socket->maxSendBufferSize(), 65535);
     EXPECT_EQ(peer.socket->maxReceiveIPv6BufferSize(), 65535u);
+    // A limit no datagram can reach would only make the receive buffers huge.
+    peer.socket->setMaxReceiveIPv6BufferSize(0xFFFFFFFF);
+    EXPECT_EQ(peer.socket->maxReceiveIPv6BufferSize(), 65535u);
+    peer.socket->setMaxReceiveIPv6BufferSize(512);
+    EXPECT_EQ(peer.socket->maxReceiveIPv6BufferSize(), 512u);
+    EXPECT_TRUE(peer.socket->setKernelReceiveBufferSize(std::size_t{1} << 40));
+    EXPECT_EQ(peer.socket->kernelReceiveBufferSize(), std::size_t{INT_MAX / 2});
     peer.socket->setUserData(std::string("mine"));
     EXPECT_EQ(std::any_cast<std::string>(peer.socket->userData()), "mine");
     EXPECT_EQ(peer.socket->socketFD(), -1);
