@@ -11,7 +11,8 @@
 // fixed time and counts what each receiver delivered at its library's default buffer, plus ours
 // with a 4 MiB buffer; once with the receiver's core kept awake, once with it left to idle.
 //
-// The receivers themselves are in receive_receivers.hpp.
+// Runs go round all receivers in turn rather than one receiver's runs back to back. The
+// receivers themselves are in receive_receivers.hpp.
 //
 // A plain program: the figures are rates and losses, not per-iteration times.
 //
@@ -414,85 +415,102 @@ int orchestrate(const Options& options) {
                        ",\n  \"drain\": [";
     char text[512];
 
+    // Each turn round the receivers starts one further on, so that a noisy spell on the machine
+    // falls on all of them rather than on the one whose runs it happened to meet.
+    const std::size_t kinds = options.receivers.size();
+    std::vector<std::vector<double>> drainRates(kinds);
+    std::vector<long> worstDelivered(kinds, options.count);
+    std::vector<int> drainRcvbuf(kinds);
+    for (int run = 0; run < options.runs; ++run) {
+        for (std::size_t step = 0; step < kinds; ++step) {
+            const std::size_t k = (step + static_cast<std::size_t>(run)) % kinds;
+            const RunResult r =
+                runOnce(setup, options.receivers[k], drainBufferBytes, options.count, 0);
+            drainRates[k].push_back(r.receiveSeconds > 0 ? r.delivered / r.receiveSeconds : 0);
+            worstDelivered[k] = std::min(worstDelivered[k], r.delivered);
+            drainRcvbuf[k] = r.rcvbuf;
+        }
+    }
     std::printf("Drain: %ld datagrams queued, then received; median of %d runs\n", options.count,
                 options.runs);
     std::printf("%-16s %14s %14s %12s %10s\n", "receiver", "datagrams/s", "min..max (k/s)",
                 "delivered", "rcvbuf");
-    bool firstEntry = true;
-    for (const auto& kind : options.receivers) {
-        std::vector<double> rates;
-        long worstDelivered = options.count;
-        int rcvbuf = 0;
-        std::string runs;
-        for (int run = 0; run < options.runs; ++run) {
-            const RunResult r = runOnce(setup, kind, drainBufferBytes, options.count, 0);
-            const double rate = r.receiveSeconds > 0 ? r.delivered / r.receiveSeconds : 0;
-            rates.push_back(rate);
-            worstDelivered = std::min(worstDelivered, r.delivered);
-            rcvbuf = r.rcvbuf;
-            runs += (run ? ", " : "") + std::to_string(static_cast<long>(rate));
-        }
+    for (std::size_t k = 0; k < kinds; ++k) {
+        const auto& rates = drainRates[k];
         const double med = median(rates);
         std::snprintf(text, sizeof text, "%.0f..%.0f",
                       *std::min_element(rates.begin(), rates.end()) / 1e3,
                       *std::max_element(rates.begin(), rates.end()) / 1e3);
-        std::printf("%-16s %14.0f %14s %5ld/%-6ld %10d%s\n", kind.c_str(), med, text,
-                    worstDelivered, options.count, rcvbuf,
-                    worstDelivered < options.count ? "  INCOMPLETE" : "");
-        std::fflush(stdout);
+        std::printf("%-16s %14.0f %14s %5ld/%-6ld %10d%s\n", options.receivers[k].c_str(), med,
+                    text, worstDelivered[k], options.count, drainRcvbuf[k],
+                    worstDelivered[k] < options.count ? "  INCOMPLETE" : "");
         std::snprintf(text, sizeof text,
                       "%s\n    {\"receiver\": \"%s\", \"rcvbuf\": %d, \"median_rate\": %.0f, "
                       "\"min_delivered\": %ld, \"complete\": %s, \"rates\": [",
-                      firstEntry ? "" : ",", kind.c_str(), rcvbuf, med, worstDelivered,
-                      worstDelivered == options.count ? "true" : "false");
-        json += text + runs + "]}";
-        firstEntry = false;
+                      k ? "," : "", options.receivers[k].c_str(), drainRcvbuf[k], med,
+                      worstDelivered[k], worstDelivered[k] == options.count ? "true" : "false");
+        json += text;
+        for (std::size_t run = 0; run < rates.size(); ++run) {
+            json += (run ? ", " : "") + std::to_string(static_cast<long>(rates[run]));
+        }
+        json += "]}";
     }
+    std::fflush(stdout);
     json += "\n  ],\n  \"paced\": [";
 
-    std::vector<std::pair<std::string, std::size_t>> paced;
-    for (const auto& kind : options.receivers) {
-        paced.emplace_back(kind, 0);
-        if (kind == "kavrin") paced.emplace_back(kind, enlargedBufferBytes);
-    }
-    firstEntry = true;
+    // Every (receiver, buffer, offered rate) of one core state, run in the same rotation.
+    struct PacedCell {
+        std::string kind;
+        std::size_t buffer;
+        double rate;
+        std::vector<double> achieved, delivered, lost;
+        int rcvbuf = 0;
+    };
+    bool firstEntry = true;
     for (const auto& core : options.cores) {
         const bool awake = core == "awake";
         if (!awake && core != "idle") fail("unknown core state " + core);
+        std::vector<PacedCell> cells;
+        for (const auto& kind : options.receivers) {
+            for (std::size_t buffer : {std::size_t{0}, enlargedBufferBytes}) {
+                if (buffer != 0 && kind != "kavrin") continue;
+                for (double rate : options.rates) cells.push_back({kind, buffer, rate, {}, {}, {}});
+            }
+        }
+        for (int run = 0; run < options.pacedRuns; ++run) {
+            for (std::size_t step = 0; step < cells.size(); ++step) {
+                auto& cell = cells[(step + static_cast<std::size_t>(run)) % cells.size()];
+                const long count = static_cast<long>(cell.rate * options.seconds);
+                const RunResult r = runOnce(setup, cell.kind, cell.buffer, count, cell.rate, awake);
+                cell.achieved.push_back(r.sendSeconds > 0 ? r.sent / r.sendSeconds : 0);
+                cell.delivered.push_back(static_cast<double>(r.delivered));
+                cell.lost.push_back(static_cast<double>(r.sent - r.delivered));
+                cell.rcvbuf = r.rcvbuf;
+            }
+        }
         std::printf(
             "\nPaced: %.1f s at each offered rate, default buffers, receiver's core %s; "
             "median of %d runs\n",
             options.seconds, awake ? "kept awake" : "left to idle", options.pacedRuns);
         std::printf("%-16s %10s %10s %10s %10s %8s %10s\n", "receiver", "offered", "achieved",
                     "delivered", "lost", "lost %", "rcvbuf");
-        for (const auto& [kind, buffer] : paced) {
-            for (double rate : options.rates) {
-                std::vector<double> achieved, delivered, lost;
-                int rcvbuf = 0;
-                const long count = static_cast<long>(rate * options.seconds);
-                for (int run = 0; run < options.pacedRuns; ++run) {
-                    const RunResult r = runOnce(setup, kind, buffer, count, rate, awake);
-                    achieved.push_back(r.sendSeconds > 0 ? r.sent / r.sendSeconds : 0);
-                    delivered.push_back(static_cast<double>(r.delivered));
-                    lost.push_back(static_cast<double>(r.sent - r.delivered));
-                    rcvbuf = r.rcvbuf;
-                }
-                const double lostMedian = median(lost);
-                const std::string name = label(kind, buffer);
-                std::printf("%-16s %10.0f %10.0f %10.0f %10.0f %7.2f%% %10d\n", name.c_str(), rate,
-                            median(achieved), median(delivered), lostMedian,
-                            100.0 * lostMedian / static_cast<double>(count), rcvbuf);
-                std::fflush(stdout);
-                std::snprintf(text, sizeof text,
-                              "%s\n    {\"core\": \"%s\", \"receiver\": \"%s\", \"rcvbuf\": %d, "
-                              "\"offered\": %.0f, \"achieved\": %.0f, \"sent\": %ld, "
-                              "\"delivered\": %.0f, \"lost\": %.0f}",
-                              firstEntry ? "" : ",", core.c_str(), name.c_str(), rcvbuf, rate,
-                              median(achieved), count, median(delivered), lostMedian);
-                json += text;
-                firstEntry = false;
-            }
+        for (const auto& cell : cells) {
+            const long count = static_cast<long>(cell.rate * options.seconds);
+            const double lostMedian = median(cell.lost);
+            const std::string name = label(cell.kind, cell.buffer);
+            std::printf("%-16s %10.0f %10.0f %10.0f %10.0f %7.2f%% %10d\n", name.c_str(), cell.rate,
+                        median(cell.achieved), median(cell.delivered), lostMedian,
+                        100.0 * lostMedian / static_cast<double>(count), cell.rcvbuf);
+            std::snprintf(text, sizeof text,
+                          "%s\n    {\"core\": \"%s\", \"receiver\": \"%s\", \"rcvbuf\": %d, "
+                          "\"offered\": %.0f, \"achieved\": %.0f, \"sent\": %ld, "
+                          "\"delivered\": %.0f, \"lost\": %.0f}",
+                          firstEntry ? "" : ",", core.c_str(), name.c_str(), cell.rcvbuf, cell.rate,
+                          median(cell.achieved), count, median(cell.delivered), lostMedian);
+            json += text;
+            firstEntry = false;
         }
+        std::fflush(stdout);
     }
     json += "\n  ]\n}\n";
     if (!options.json.empty()) {
