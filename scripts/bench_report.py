@@ -77,11 +77,13 @@ def command(name):
 
 
 def conditions(name, found):
-    """Which command, how many rounds, and how busy the machine was at the start of each."""
+    """Which command, how many rounds, and how busy the machine was in each."""
     loads = ", ".join(info["load_start"].split()[0] + ("" if info["quiet"] else " (not quiet)")
                       for _, info in found)
+    others = ", ".join(f"{info['others_percent']:.0f} %" for _, info in found)
     return (f"Command: {command(name)}. {len(found)} of {plural(len(round_dirs), 'round')}; "
-            f"1-minute load average at the start of each: {loads}.\n")
+            f"1-minute load average at the start of each: {loads}; other work meanwhile: "
+            f"{others} of the cores.\n")
 
 
 def table(header, rows):
@@ -316,7 +318,8 @@ if complete:
     begin, end = text.find(page_begin), text.find(page_end)
     if begin < 0 or end < begin:
         sys.exit(f"bench: {page} has lost its results markers; the page was not written")
-    text = text[:begin + len(page_begin)] + "\n" + "\n".join(out) + text[end:]
+    # The page has its own heading for the section.
+    text = text[:begin + len(page_begin)] + "\n" + "\n".join(out[1:]) + text[end:]
     with open(page, "w") as f:
         f.write(text)
     open(flag, "w").close()
