@@ -2,13 +2,14 @@
 //
 // Cases: Typical ("/mixer/ch/12/fader/level" i 12, f 0.75, s "main": 52 bytes), TenArgs
 // (i f s h d T F N b s) and Bundle3 (three typical messages, immediate time tag).
-// Encode: from each library's own message form (our OSCMessage/OSCBundle, liblo's
-// lo_message/lo_bundle, oscpack's stream fed the values) to bytes, into a reused buffer where the
-// library lets the caller supply one. Decode: from bytes to every argument read into a sum, so
-// that no decoder can skip work. Before any timing, the three libraries must produce the same
-// bytes for each case and read the same values back from them; otherwise the run stops.
-// owning_floor is no decoder: it makes the allocations and values a decode into OSCPacket
-// cannot avoid, the lower bound for the owning decoder's figure.
+// Encode, from values (kavrin, liblo, oscpack): every iteration builds the case from its values
+// in each library's own form (our OSCMessage/OSCBundle, liblo's lo_message/lo_bundle, oscpack's
+// stream) and encodes it. Encode, prebuilt (kavrin_prebuilt, liblo_prebuilt): only the encoding
+// of a form built before the loop; oscpack has none. Decode: from bytes to every argument read
+// into a sum, so that no decoder can skip work. Before any timing, every encoder must produce
+// the same bytes for each case and every decoder read the same values back from them;
+// otherwise the run stops. owning_floor is no decoder: it makes the allocations and values a
+// decode into OSCPacket cannot avoid, the lower bound for the owning decoder's figure.
 #include <benchmark/benchmark.h>
 #include <lo/lo.h>
 #include <lo/lo_lowlevel.h>
@@ -21,7 +22,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <iomanip>
 #include <memory>
 #include <sstream>
@@ -319,6 +319,9 @@ void decodeOscpack(const Bytes& bytes, Sink& sink) {
 
 // MARK: Cases
 
+// Each library builds a case from the same values the way its users do: ours as OSCMessage and
+// OSCBundle, liblo as lo_message and lo_bundle, oscpack by streaming the values into a buffer.
+
 OSCMessage typicalMessage() {
     return OSCMessage(typicalAddress, {12, 0.75f, std::string("main")});
 }
@@ -329,12 +332,40 @@ OSCMessage tenArgsMessage() {
                                        std::string("release")});
 }
 
+// The messages are moved into the bundle: an initializer list would copy each one.
 OSCBundle bundle3() {
-    return OSCBundle(OSCTimeTag::immediate(),
-                     {typicalMessage(), typicalMessage(), typicalMessage()});
+    std::vector<OSCPacket> elements;
+    elements.reserve(3);
+    for (int i = 0; i < 3; ++i) elements.emplace_back(typicalMessage());
+    return OSCBundle(OSCTimeTag::immediate(), std::move(elements));
 }
 
-lo_message loTypical() {
+// A liblo message or bundle, with the blob it was given, if any. liblo serialises without a
+// bound on the output: every buffer given here is known to hold these cases.
+struct LoPacket {
+    lo_message message = nullptr;
+    const char* address = nullptr;
+    lo_bundle bundle = nullptr;
+    lo_blob blob = nullptr;
+
+    std::size_t serialise(std::uint8_t* out) const {
+        std::size_t size = 0;
+        if (message) {
+            lo_message_serialise(message, address, out, &size);
+        } else {
+            lo_bundle_serialise(bundle, out, &size);
+        }
+        return size;
+    }
+    // The blob goes last: liblo's documentation leaves open whether the message copies it.
+    void free() {
+        if (message) lo_message_free(message);
+        if (bundle) lo_bundle_free_recursive(bundle);
+        if (blob) lo_blob_free(blob);
+    }
+};
+
+lo_message loTypicalMessage() {
     lo_message message = lo_message_new();
     lo_message_add_int32(message, 12);
     lo_message_add_float(message, 0.75f);
@@ -342,7 +373,11 @@ lo_message loTypical() {
     return message;
 }
 
-lo_message loTenArgs() {
+LoPacket loTypical() {
+    return {loTypicalMessage(), typicalAddress};
+}
+
+LoPacket loTenArgs() {
     lo_message message = lo_message_new();
     lo_message_add_int32(message, 7);
     lo_message_add_float(message, 0.5f);
@@ -355,15 +390,13 @@ lo_message loTenArgs() {
     lo_blob blob = lo_blob_new(16, blobData());
     lo_message_add_blob(message, blob);
     lo_message_add_string(message, "release");
-    // The message keeps its own copy of the blob's bytes; the blob itself is kept alive for the
-    // run all the same, as liblo's documentation leaves its ownership open.
-    return message;
+    return {message, tenArgsAddress, nullptr, blob};
 }
 
-lo_bundle loBundle3() {
+LoPacket loBundle3() {
     lo_bundle bundle = lo_bundle_new(LO_TT_IMMEDIATE);
-    for (int i = 0; i < 3; ++i) lo_bundle_add_message(bundle, typicalAddress, loTypical());
-    return bundle;
+    for (int i = 0; i < 3; ++i) lo_bundle_add_message(bundle, typicalAddress, loTypicalMessage());
+    return {nullptr, nullptr, bundle};
 }
 
 void oscpackTypicalMessage(osc::OutboundPacketStream& stream) {
@@ -387,61 +420,49 @@ void oscpackBundle3(osc::OutboundPacketStream& stream) {
     stream << osc::EndBundle;
 }
 
-// Everything one case needs, made once.
+// One case: how each library builds it from values, and the forms built once, in advance.
 struct Case {
     const char* name;
-    OSCPacket packet;
-    std::function<Bytes()> liblo;  // serialises the prepared liblo form
+    OSCPacket (*kavrin)();
+    LoPacket (*liblo)();
     void (*oscpack)(osc::OutboundPacketStream&);
-    Bytes bytes;  // ours, decoded by everyone
+    OSCPacket packet;   // for the prebuilt encode and the owning floor
+    LoPacket loPacket;  // for the prebuilt encode; kept for the run
+    Bytes bytes;        // ours, decoded by everyone
 };
 
-std::function<Bytes()> loSerialiser(lo_message message, const char* address) {
-    return [message, address] {
-        Bytes out(lo_message_length(message, address));
-        std::size_t size = out.size();
-        lo_message_serialise(message, address, out.data(), &size);
-        return out;
-    };
-}
+constexpr std::size_t outputCapacity = 1024;
 
-std::vector<Case>& cases() {
-    static std::vector<Case> all = [] {
+const std::vector<Case>& cases() {
+    static const std::vector<Case> all = [] {
         std::vector<Case> list;
-        lo_message typical = loTypical();
-        lo_message tenArgs = loTenArgs();
-        lo_bundle bundle = loBundle3();
-        list.push_back({"Typical",
-                        typicalMessage(),
-                        loSerialiser(typical, typicalAddress),
-                        oscpackTypical,
-                        {}});
-        list.push_back({"TenArgs",
-                        tenArgsMessage(),
-                        loSerialiser(tenArgs, tenArgsAddress),
-                        oscpackTenArgs,
-                        {}});
-        list.push_back({"Bundle3",
-                        bundle3(),
-                        [bundle] {
-                            Bytes out(lo_bundle_length(bundle));
-                            std::size_t size = out.size();
-                            lo_bundle_serialise(bundle, out.data(), &size);
-                            return out;
-                        },
-                        oscpackBundle3,
-                        {}});
-        for (auto& c : list) c.bytes = c.packet.rawData();
+        const auto add = [&list](const char* name, OSCPacket (*kavrin)(), LoPacket (*liblo)(),
+                                 void (*oscpack)(osc::OutboundPacketStream&)) {
+            list.push_back({name, kavrin, liblo, oscpack, kavrin(), liblo(), {}});
+            list.back().bytes = list.back().packet.rawData();
+        };
+        add(
+            "Typical", [] { return OSCPacket(typicalMessage()); }, loTypical, oscpackTypical);
+        add(
+            "TenArgs", [] { return OSCPacket(tenArgsMessage()); }, loTenArgs, oscpackTenArgs);
+        add(
+            "Bundle3", [] { return OSCPacket(bundle3()); }, loBundle3, oscpackBundle3);
         return list;
     }();
     return all;
 }
 
 Bytes oscpackBytes(const Case& c) {
-    char buffer[1024];
+    char buffer[outputCapacity];
     osc::OutboundPacketStream stream(buffer, sizeof buffer);
     c.oscpack(stream);
     return Bytes(buffer, buffer + stream.Size());
+}
+
+Bytes libloBytes(const LoPacket& packet) {
+    Bytes out(outputCapacity);
+    out.resize(packet.serialise(out.data()));
+    return out;
 }
 
 std::string hex(const Bytes& bytes) {
@@ -460,16 +481,23 @@ std::vector<std::string> record(const Bytes& bytes, Decode decode) {
     return sink.items;
 }
 
-// The same bytes from all three encoders, the same values from all four decoders.
+// The same bytes from every encoder, built in advance or from values, and the same values from
+// all four decoders.
 bool librariesAgree() {
     bool agree = true;
     for (const auto& c : cases()) {
-        const Bytes fromLiblo = c.liblo();
-        const Bytes fromOscpack = oscpackBytes(c);
-        if (fromLiblo != c.bytes || fromOscpack != c.bytes) {
-            std::fprintf(
-                stderr, "%s: the encodings differ\n  kavrin:%s\n  liblo:%s\n  oscpack:%s\n", c.name,
-                hex(c.bytes).c_str(), hex(fromLiblo).c_str(), hex(fromOscpack).c_str());
+        LoPacket fresh = c.liblo();
+        const std::pair<const char*, Bytes> encodings[] = {
+            {"kavrin", c.kavrin().rawData()},
+            {"liblo", libloBytes(fresh)},
+            {"oscpack", oscpackBytes(c)},
+            {"liblo_prebuilt", libloBytes(c.loPacket)},
+        };
+        fresh.free();
+        for (const auto& [library, bytes] : encodings) {
+            if (bytes == c.bytes) continue;
+            std::fprintf(stderr, "%s: %s encodes other bytes\n  kavrin_prebuilt:%s\n  %s:%s\n",
+                         c.name, library, hex(c.bytes).c_str(), library, hex(bytes).c_str());
             agree = false;
         }
         const auto ours = record(c.bytes, [](auto& b, auto& s) { decodeKavrin(b, s); });
@@ -493,67 +521,58 @@ bool librariesAgree() {
 
 // MARK: Benchmarks
 
-const Case& findCase(const char* name) {
-    for (const auto& c : cases()) {
-        if (std::strcmp(c.name, name) == 0) return c;
-    }
-    throw std::logic_error("no such case");
-}
-
-void encodeKavrin(benchmark::State& state, const char* name) {
-    const auto& packet = findCase(name).packet;
+// From values: build the message or bundle, encode it and let it go, every iteration, which is
+// what sending a new message costs. Ours returns a new vector, the form OSCClient sends; liblo
+// and oscpack write into a buffer reused across iterations.
+void encodeKavrin(benchmark::State& state, const Case* c) {
     for (auto _ : state) {
-        auto bytes = packet.rawData();
+        const auto bytes = c->kavrin().rawData();
         benchmark::DoNotOptimize(bytes.data());
     }
 }
 
-void encodeLiblo(benchmark::State& state, const char* name) {
-    const auto& c = findCase(name);
-    lo_message message = nullptr;
-    lo_bundle bundle = nullptr;
-    const char* address = nullptr;
-    if (std::strcmp(name, "Typical") == 0) {
-        message = loTypical();
-        address = typicalAddress;
-    } else if (std::strcmp(name, "TenArgs") == 0) {
-        message = loTenArgs();
-        address = tenArgsAddress;
-    } else {
-        bundle = loBundle3();
-    }
-    Bytes buffer(c.bytes.size());
+void encodeLiblo(benchmark::State& state, const Case* c) {
+    std::uint8_t buffer[outputCapacity];
     for (auto _ : state) {
-        std::size_t size = buffer.size();
-        if (message) {
-            lo_message_serialise(message, address, buffer.data(), &size);
-        } else {
-            lo_bundle_serialise(bundle, buffer.data(), &size);
-        }
-        benchmark::DoNotOptimize(buffer.data());
+        LoPacket packet = c->liblo();
+        benchmark::DoNotOptimize(packet.serialise(buffer));
+        packet.free();
         benchmark::ClobberMemory();
     }
-    if (message) lo_message_free(message);
-    if (bundle) lo_bundle_free_recursive(bundle);
 }
 
-void encodeOscpack(benchmark::State& state, const char* name) {
-    const auto write = findCase(name).oscpack;
-    char buffer[1024];
+void encodeOscpack(benchmark::State& state, const Case* c) {
+    char buffer[outputCapacity];
     for (auto _ : state) {
         osc::OutboundPacketStream stream(buffer, sizeof buffer);
-        write(stream);
+        c->oscpack(stream);
         benchmark::DoNotOptimize(stream.Data());
         benchmark::ClobberMemory();
     }
 }
 
+// Prebuilt: the encoding alone, of a message or bundle built before the loop. oscpack has no
+// such form: its values go straight into the buffer.
+void encodeKavrinPrebuilt(benchmark::State& state, const Case* c) {
+    for (auto _ : state) {
+        const auto bytes = c->packet.rawData();
+        benchmark::DoNotOptimize(bytes.data());
+    }
+}
+
+void encodeLibloPrebuilt(benchmark::State& state, const Case* c) {
+    std::uint8_t buffer[outputCapacity];
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(c->loPacket.serialise(buffer));
+        benchmark::ClobberMemory();
+    }
+}
+
 template <void (*Decode)(const Bytes&, SumSink&)>
-void decodeWith(benchmark::State& state, const char* name) {
-    const auto& bytes = findCase(name).bytes;
+void decodeWith(benchmark::State& state, const Case* c) {
     for (auto _ : state) {
         SumSink sink;
-        Decode(bytes, sink);
+        Decode(c->bytes, sink);
         benchmark::DoNotOptimize(sink.sum);
     }
 }
@@ -561,12 +580,11 @@ void decodeWith(benchmark::State& state, const char* name) {
 // Not a decoder: the least any decoder into OSCPacket's owning types must do, which is to make
 // the same strings, vectors and blobs, and keep a shared copy of the datagram. Here they come from
 // copying an already decoded packet, then are read like the decoders' output.
-void owningFloor(benchmark::State& state, const char* name) {
-    const auto& c = findCase(name);
+void owningFloor(benchmark::State& state, const Case* c) {
     for (auto _ : state) {
-        auto kept = std::make_shared_for_overwrite<std::uint8_t[]>(c.bytes.size());
-        std::memcpy(kept.get(), c.bytes.data(), c.bytes.size());
-        const OSCPacket packet = c.packet;
+        auto kept = std::make_shared_for_overwrite<std::uint8_t[]>(c->bytes.size());
+        std::memcpy(kept.get(), c->bytes.data(), c->bytes.size());
+        const OSCPacket packet = c->packet;
         SumSink sink;
         readKavrinPacket(packet, sink);
         benchmark::DoNotOptimize(kept.get());
@@ -575,21 +593,30 @@ void owningFloor(benchmark::State& state, const char* name) {
 }
 
 void registerBenchmarks() {
-    for (const char* name : {"Typical", "TenArgs", "Bundle3"}) {
-        const std::string encode = std::string("Encode") + name + "/";
-        const std::string decode = std::string("Decode") + name + "/";
-        benchmark::RegisterBenchmark((encode + "kavrin").c_str(), encodeKavrin, name);
-        benchmark::RegisterBenchmark((encode + "liblo").c_str(), encodeLiblo, name);
-        benchmark::RegisterBenchmark((encode + "oscpack").c_str(), encodeOscpack, name);
-        benchmark::RegisterBenchmark((decode + "kavrin").c_str(), decodeWith<decodeKavrin<SumSink>>,
-                                     name);
-        benchmark::RegisterBenchmark((decode + "kavrin_view").c_str(),
-                                     decodeWith<decodeView<SumSink>>, name);
-        benchmark::RegisterBenchmark((decode + "liblo").c_str(), decodeWith<decodeLiblo<SumSink>>,
-                                     name);
-        benchmark::RegisterBenchmark((decode + "oscpack").c_str(),
-                                     decodeWith<decodeOscpack<SumSink>>, name);
-        benchmark::RegisterBenchmark((decode + "owning_floor").c_str(), owningFloor, name);
+    using Benchmark = void (*)(benchmark::State&, const Case*);
+    const std::pair<const char*, Benchmark> encoders[] = {
+        {"kavrin", encodeKavrin},
+        {"liblo", encodeLiblo},
+        {"oscpack", encodeOscpack},
+        {"kavrin_prebuilt", encodeKavrinPrebuilt},
+        {"liblo_prebuilt", encodeLibloPrebuilt},
+    };
+    const std::pair<const char*, Benchmark> decoders[] = {
+        {"kavrin", decodeWith<decodeKavrin<SumSink>>},
+        {"kavrin_view", decodeWith<decodeView<SumSink>>},
+        {"liblo", decodeWith<decodeLiblo<SumSink>>},
+        {"oscpack", decodeWith<decodeOscpack<SumSink>>},
+        {"owning_floor", owningFloor},
+    };
+    for (const auto& c : cases()) {
+        for (const auto& [library, run] : encoders) {
+            const std::string name = std::string("Encode") + c.name + "/" + library;
+            benchmark::RegisterBenchmark(name.c_str(), run, &c);
+        }
+        for (const auto& [library, run] : decoders) {
+            const std::string name = std::string("Decode") + c.name + "/" + library;
+            benchmark::RegisterBenchmark(name.c_str(), run, &c);
+        }
     }
 }
 

@@ -11,6 +11,9 @@
 // fixed time and counts what each receiver delivered at its library's default buffer, plus ours
 // with a 4 MiB buffer; once with the receiver's core kept awake, once with it left to idle.
 //
+// Runs go round all receivers in turn rather than one receiver's runs back to back. The
+// receivers themselves are in receive_receivers.hpp.
+//
 // A plain program: the figures are rates and losses, not per-iteration times.
 //
 // usage: compare_receive [--runs N] [--paced-runs N] [--count N] [--rates R,R,...]
@@ -20,9 +23,7 @@
 //                  compare_receive send PORT COUNT RATE CPU)
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
-#include <lo/lo.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
@@ -32,30 +33,23 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ip/UdpSocket.h"
-#include "osc/OscPacketListener.h"
 #include "osc/codec/OSCMessage.hpp"
-#include "osc/dispatch/SerialQueue.hpp"
-#include "osc/transport/OSCServer.hpp"
-#include "osc/transport/UdpSocketError.hpp"
-
-using Clock = std::chrono::steady_clock;
+#include "receive_receivers.hpp"
 
 namespace {
+
+using namespace receive_bench;
 
 // The Typical message, encoded once by our codec and sent by every sender.
 std::vector<std::uint8_t> typicalDatagram() {
@@ -70,267 +64,7 @@ constexpr std::size_t enlargedBufferBytes = std::size_t{4} << 20;
 // A receiver reports once its count has not moved for this long after the sender finished.
 constexpr auto quietPeriod = std::chrono::milliseconds(300);
 
-[[noreturn]] void fail(const std::string& what) {
-    std::fprintf(stderr, "compare_receive: %s\n", what.c_str());
-    std::exit(1);
-}
-
-[[noreturn]] void failErrno(const std::string& what) {
-    fail(what + ": " + std::strerror(errno));
-}
-
-std::int64_t nanosecondsNow() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
-        .count();
-}
-
-void pinToCpu(int cpu) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    if (::sched_setaffinity(0, sizeof set, &set) != 0) failErrno("sched_setaffinity");
-}
-
-sockaddr_in loopback(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-// A port nobody holds right now, for receivers that must be given one.
-std::uint16_t freePort() {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    if (fd < 0) failErrno("socket");
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        failErrno("bind");
-    }
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
 // ---- receiver side --------------------------------------------------------------------------
-
-// Counts messages; written by one receiving thread at a time (a serial queue for ours), read
-// by the main thread. The expected-last message takes a timestamp.
-struct Counter {
-    explicit Counter(long expected) : expected(expected) {}
-    void hit() {
-        const long n = count.load(std::memory_order_relaxed) + 1;
-        if (n == expected) last.store(nanosecondsNow(), std::memory_order_relaxed);
-        count.store(n, std::memory_order_release);
-    }
-    const long expected;
-    std::atomic<long> count{0};
-    std::atomic<std::int64_t> last{0};
-};
-
-// The UDP descriptors of this process bound to `port`: the way to reach the sockets of a library
-// that does not expose them.
-std::vector<int> socketsBoundTo(std::uint16_t port) {
-    std::vector<int> found;
-    DIR* dir = ::opendir("/proc/self/fd");
-    if (!dir) failErrno("opendir /proc/self/fd");
-    while (const dirent* entry = ::readdir(dir)) {
-        char* end = nullptr;
-        const long fd = std::strtol(entry->d_name, &end, 10);
-        if (*end != '\0' || fd == ::dirfd(dir)) continue;
-        int type = 0;
-        socklen_t typeLength = sizeof type;
-        if (::getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_TYPE, &type, &typeLength) != 0 ||
-            type != SOCK_DGRAM) {
-            continue;
-        }
-        sockaddr_storage address{};
-        socklen_t length = sizeof address;
-        if (::getsockname(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&address), &length) !=
-            0) {
-            continue;
-        }
-        std::uint16_t bound = 0;
-        if (address.ss_family == AF_INET) {
-            bound = ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
-        } else if (address.ss_family == AF_INET6) {
-            bound = ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
-        }
-        if (bound == port) found.push_back(static_cast<int>(fd));
-    }
-    ::closedir(dir);
-    return found;
-}
-
-int receiveBufferOf(int fd) {
-    int size = 0;
-    socklen_t length = sizeof size;
-    if (::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &length) != 0) failErrno("SO_RCVBUF");
-    return size;
-}
-
-void forceReceiveBuffer(int fd, std::size_t bytes) {
-    const int size = static_cast<int>(std::min<std::size_t>(bytes, INT32_MAX / 2));
-    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0 &&
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0) {
-        failErrno("setting the receive buffer");
-    }
-}
-
-// One receiver under test: bound and receiving once constructed, stopped by its destructor.
-class Receiver {
-  public:
-    virtual ~Receiver() = default;
-    virtual std::uint16_t port() const = 0;
-    // Whether the receiver sets its buffer itself (ours, through the public option).
-    virtual bool setsOwnBuffer() const { return false; }
-};
-
-class KavrinReceiver final : public Receiver {
-  public:
-    KavrinReceiver(Counter& counter, std::size_t buffer) : port_(freePort()) {
-        server = kavrin::OSCServer::create(
-            port_, nullptr, kavrin::SerialQueue::create("handler"),
-            kavrin::OSCServer::TimeTagMode::osc1_0,
-            [&counter](const kavrin::OSCMessage&, const kavrin::OSCTimeTag&) { counter.hit(); });
-        if (buffer != 0) server->setKernelReceiveBufferSize(buffer);
-        try {
-            server->start();
-        } catch (const kavrin::UdpSocketError& error) {
-            fail(std::string("OSCServer: ") + error.what());
-        }
-    }
-    ~KavrinReceiver() override { server->stop(); }
-    std::uint16_t port() const override { return port_; }
-    bool setsOwnBuffer() const override { return true; }
-
-  private:
-    std::uint16_t port_;
-    std::shared_ptr<kavrin::OSCServer> server;
-};
-
-class LibloReceiver final : public Receiver {
-  public:
-    explicit LibloReceiver(Counter& counter) {
-        const std::string port = std::to_string(freePort());
-        thread = lo_server_thread_new(port.c_str(), nullptr);
-        if (!thread) fail("lo_server_thread_new failed");
-        lo_server_thread_add_method(thread, "/mixer/ch/12/fader/level", "ifs",
-                                    &LibloReceiver::method, &counter);
-        if (lo_server_thread_start(thread) != 0) fail("lo_server_thread_start failed");
-    }
-    ~LibloReceiver() override {
-        lo_server_thread_stop(thread);
-        lo_server_thread_free(thread);
-    }
-    std::uint16_t port() const override {
-        return static_cast<std::uint16_t>(lo_server_thread_get_port(thread));
-    }
-
-  private:
-    static int method(const char*, const char*, lo_arg**, int, lo_message, void* counter) {
-        static_cast<Counter*>(counter)->hit();
-        return 0;
-    }
-    lo_server_thread thread;
-};
-
-class OscpackReceiver final : public Receiver, private osc::OscPacketListener {
-  public:
-    explicit OscpackReceiver(Counter& counter)
-        : counter(counter),
-          port_(freePort()),
-          socket(IpEndpointName(IpEndpointName::ANY_ADDRESS, port_), this),
-          thread([this] { socket.Run(); }) {}
-    ~OscpackReceiver() override {
-        socket.AsynchronousBreak();
-        thread.join();
-    }
-    std::uint16_t port() const override { return port_; }
-
-  private:
-    void ProcessMessage(const osc::ReceivedMessage&, const IpEndpointName&) override {
-        counter.hit();
-    }
-    Counter& counter;
-    std::uint16_t port_;
-    UdpListeningReceiveSocket socket;
-    std::thread thread;
-};
-
-// A bare blocking loop, one datagram per recvfrom call, or (batched) up to 16 per recvmmsg call:
-// the two ceilings, for a receiver that reads one at a time and for one that reads in batches.
-class RecvfromReceiver final : public Receiver {
-  public:
-    RecvfromReceiver(Counter& counter, bool batched) : fd(::socket(AF_INET, SOCK_DGRAM, 0)) {
-        if (fd < 0) failErrno("socket");
-        sockaddr_in address = loopback(0);
-        socklen_t length = sizeof address;
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-            ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-            failErrno("bind");
-        }
-        port_ = ntohs(address.sin_port);
-        thread = std::thread([this, &counter, batched] {
-            if (batched) return receiveBatches(counter);
-            std::vector<std::uint8_t> buffer(65536);
-            sockaddr_storage from{};
-            for (;;) {
-                socklen_t fromLength = sizeof from;
-                if (::recvfrom(fd, buffer.data(), buffer.size(), 0,
-                               reinterpret_cast<sockaddr*>(&from), &fromLength) <= 0) {
-                    return;  // woken by shutdown
-                }
-                counter.hit();
-            }
-        });
-    }
-    ~RecvfromReceiver() override {
-        ::shutdown(fd, SHUT_RDWR);
-        thread.join();
-        ::close(fd);
-    }
-    std::uint16_t port() const override { return port_; }
-
-  private:
-    void receiveBatches(Counter& counter) {
-        constexpr unsigned kSlots = 16;
-        constexpr std::size_t kSlotSize = 2048;  // ample for the one datagram size sent here
-        std::vector<std::uint8_t> buffer(kSlots * kSlotSize);
-        mmsghdr messages[kSlots];
-        iovec slots[kSlots];
-        sockaddr_storage from[kSlots];
-        for (;;) {
-            for (unsigned i = 0; i < kSlots; ++i) {
-                slots[i] = {buffer.data() + i * kSlotSize, kSlotSize};
-                messages[i] = {};
-                messages[i].msg_hdr.msg_name = &from[i];
-                messages[i].msg_hdr.msg_namelen = sizeof from[i];
-                messages[i].msg_hdr.msg_iov = &slots[i];
-                messages[i].msg_hdr.msg_iovlen = 1;
-            }
-            // Blocks for the first datagram, then takes what else is waiting.
-            const int count = ::recvmmsg(fd, messages, kSlots, MSG_WAITFORONE, nullptr);
-            if (count <= 0 || messages[0].msg_len == 0) return;  // woken by shutdown
-            for (int i = 0; i < count; ++i) counter.hit();
-        }
-    }
-
-    int fd;
-    std::uint16_t port_ = 0;
-    std::thread thread;
-};
-
-std::unique_ptr<Receiver> makeReceiver(const std::string& kind, Counter& counter,
-                                       std::size_t buffer) {
-    if (kind == "kavrin") return std::make_unique<KavrinReceiver>(counter, buffer);
-    if (kind == "liblo") return std::make_unique<LibloReceiver>(counter);
-    if (kind == "oscpack") return std::make_unique<OscpackReceiver>(counter);
-    if (kind == "recvfrom") return std::make_unique<RecvfromReceiver>(counter, false);
-    if (kind == "recvmmsg") return std::make_unique<RecvfromReceiver>(counter, true);
-    fail("unknown receiver " + kind);
-}
 
 // Protocol on stdout: "ready PORT RCVBUF", then after "go" on stdin and a quiet count,
 // "result COUNT LAST_NS".
@@ -681,85 +415,102 @@ int orchestrate(const Options& options) {
                        ",\n  \"drain\": [";
     char text[512];
 
+    // Each turn round the receivers starts one further on, so that a noisy spell on the machine
+    // falls on all of them rather than on the one whose runs it happened to meet.
+    const std::size_t kinds = options.receivers.size();
+    std::vector<std::vector<double>> drainRates(kinds);
+    std::vector<long> worstDelivered(kinds, options.count);
+    std::vector<int> drainRcvbuf(kinds);
+    for (int run = 0; run < options.runs; ++run) {
+        for (std::size_t step = 0; step < kinds; ++step) {
+            const std::size_t k = (step + static_cast<std::size_t>(run)) % kinds;
+            const RunResult r =
+                runOnce(setup, options.receivers[k], drainBufferBytes, options.count, 0);
+            drainRates[k].push_back(r.receiveSeconds > 0 ? r.delivered / r.receiveSeconds : 0);
+            worstDelivered[k] = std::min(worstDelivered[k], r.delivered);
+            drainRcvbuf[k] = r.rcvbuf;
+        }
+    }
     std::printf("Drain: %ld datagrams queued, then received; median of %d runs\n", options.count,
                 options.runs);
     std::printf("%-16s %14s %14s %12s %10s\n", "receiver", "datagrams/s", "min..max (k/s)",
                 "delivered", "rcvbuf");
-    bool firstEntry = true;
-    for (const auto& kind : options.receivers) {
-        std::vector<double> rates;
-        long worstDelivered = options.count;
-        int rcvbuf = 0;
-        std::string runs;
-        for (int run = 0; run < options.runs; ++run) {
-            const RunResult r = runOnce(setup, kind, drainBufferBytes, options.count, 0);
-            const double rate = r.receiveSeconds > 0 ? r.delivered / r.receiveSeconds : 0;
-            rates.push_back(rate);
-            worstDelivered = std::min(worstDelivered, r.delivered);
-            rcvbuf = r.rcvbuf;
-            runs += (run ? ", " : "") + std::to_string(static_cast<long>(rate));
-        }
+    for (std::size_t k = 0; k < kinds; ++k) {
+        const auto& rates = drainRates[k];
         const double med = median(rates);
         std::snprintf(text, sizeof text, "%.0f..%.0f",
                       *std::min_element(rates.begin(), rates.end()) / 1e3,
                       *std::max_element(rates.begin(), rates.end()) / 1e3);
-        std::printf("%-16s %14.0f %14s %5ld/%-6ld %10d%s\n", kind.c_str(), med, text,
-                    worstDelivered, options.count, rcvbuf,
-                    worstDelivered < options.count ? "  INCOMPLETE" : "");
-        std::fflush(stdout);
+        std::printf("%-16s %14.0f %14s %5ld/%-6ld %10d%s\n", options.receivers[k].c_str(), med,
+                    text, worstDelivered[k], options.count, drainRcvbuf[k],
+                    worstDelivered[k] < options.count ? "  INCOMPLETE" : "");
         std::snprintf(text, sizeof text,
                       "%s\n    {\"receiver\": \"%s\", \"rcvbuf\": %d, \"median_rate\": %.0f, "
                       "\"min_delivered\": %ld, \"complete\": %s, \"rates\": [",
-                      firstEntry ? "" : ",", kind.c_str(), rcvbuf, med, worstDelivered,
-                      worstDelivered == options.count ? "true" : "false");
-        json += text + runs + "]}";
-        firstEntry = false;
+                      k ? "," : "", options.receivers[k].c_str(), drainRcvbuf[k], med,
+                      worstDelivered[k], worstDelivered[k] == options.count ? "true" : "false");
+        json += text;
+        for (std::size_t run = 0; run < rates.size(); ++run) {
+            json += (run ? ", " : "") + std::to_string(static_cast<long>(rates[run]));
+        }
+        json += "]}";
     }
+    std::fflush(stdout);
     json += "\n  ],\n  \"paced\": [";
 
-    std::vector<std::pair<std::string, std::size_t>> paced;
-    for (const auto& kind : options.receivers) {
-        paced.emplace_back(kind, 0);
-        if (kind == "kavrin") paced.emplace_back(kind, enlargedBufferBytes);
-    }
-    firstEntry = true;
+    // Every (receiver, buffer, offered rate) of one core state, run in the same rotation.
+    struct PacedCell {
+        std::string kind;
+        std::size_t buffer;
+        double rate;
+        std::vector<double> achieved, delivered, lost;
+        int rcvbuf = 0;
+    };
+    bool firstEntry = true;
     for (const auto& core : options.cores) {
         const bool awake = core == "awake";
         if (!awake && core != "idle") fail("unknown core state " + core);
+        std::vector<PacedCell> cells;
+        for (const auto& kind : options.receivers) {
+            for (std::size_t buffer : {std::size_t{0}, enlargedBufferBytes}) {
+                if (buffer != 0 && kind != "kavrin") continue;
+                for (double rate : options.rates) cells.push_back({kind, buffer, rate, {}, {}, {}});
+            }
+        }
+        for (int run = 0; run < options.pacedRuns; ++run) {
+            for (std::size_t step = 0; step < cells.size(); ++step) {
+                auto& cell = cells[(step + static_cast<std::size_t>(run)) % cells.size()];
+                const long count = static_cast<long>(cell.rate * options.seconds);
+                const RunResult r = runOnce(setup, cell.kind, cell.buffer, count, cell.rate, awake);
+                cell.achieved.push_back(r.sendSeconds > 0 ? r.sent / r.sendSeconds : 0);
+                cell.delivered.push_back(static_cast<double>(r.delivered));
+                cell.lost.push_back(static_cast<double>(r.sent - r.delivered));
+                cell.rcvbuf = r.rcvbuf;
+            }
+        }
         std::printf(
             "\nPaced: %.1f s at each offered rate, default buffers, receiver's core %s; "
             "median of %d runs\n",
             options.seconds, awake ? "kept awake" : "left to idle", options.pacedRuns);
         std::printf("%-16s %10s %10s %10s %10s %8s %10s\n", "receiver", "offered", "achieved",
                     "delivered", "lost", "lost %", "rcvbuf");
-        for (const auto& [kind, buffer] : paced) {
-            for (double rate : options.rates) {
-                std::vector<double> achieved, delivered, lost;
-                int rcvbuf = 0;
-                const long count = static_cast<long>(rate * options.seconds);
-                for (int run = 0; run < options.pacedRuns; ++run) {
-                    const RunResult r = runOnce(setup, kind, buffer, count, rate, awake);
-                    achieved.push_back(r.sendSeconds > 0 ? r.sent / r.sendSeconds : 0);
-                    delivered.push_back(static_cast<double>(r.delivered));
-                    lost.push_back(static_cast<double>(r.sent - r.delivered));
-                    rcvbuf = r.rcvbuf;
-                }
-                const double lostMedian = median(lost);
-                const std::string name = label(kind, buffer);
-                std::printf("%-16s %10.0f %10.0f %10.0f %10.0f %7.2f%% %10d\n", name.c_str(), rate,
-                            median(achieved), median(delivered), lostMedian,
-                            100.0 * lostMedian / static_cast<double>(count), rcvbuf);
-                std::fflush(stdout);
-                std::snprintf(text, sizeof text,
-                              "%s\n    {\"core\": \"%s\", \"receiver\": \"%s\", \"rcvbuf\": %d, "
-                              "\"offered\": %.0f, \"achieved\": %.0f, \"sent\": %ld, "
-                              "\"delivered\": %.0f, \"lost\": %.0f}",
-                              firstEntry ? "" : ",", core.c_str(), name.c_str(), rcvbuf, rate,
-                              median(achieved), count, median(delivered), lostMedian);
-                json += text;
-                firstEntry = false;
-            }
+        for (const auto& cell : cells) {
+            const long count = static_cast<long>(cell.rate * options.seconds);
+            const double lostMedian = median(cell.lost);
+            const std::string name = label(cell.kind, cell.buffer);
+            std::printf("%-16s %10.0f %10.0f %10.0f %10.0f %7.2f%% %10d\n", name.c_str(), cell.rate,
+                        median(cell.achieved), median(cell.delivered), lostMedian,
+                        100.0 * lostMedian / static_cast<double>(count), cell.rcvbuf);
+            std::snprintf(text, sizeof text,
+                          "%s\n    {\"core\": \"%s\", \"receiver\": \"%s\", \"rcvbuf\": %d, "
+                          "\"offered\": %.0f, \"achieved\": %.0f, \"sent\": %ld, "
+                          "\"delivered\": %.0f, \"lost\": %.0f}",
+                          firstEntry ? "" : ",", core.c_str(), name.c_str(), cell.rcvbuf, cell.rate,
+                          median(cell.achieved), count, median(cell.delivered), lostMedian);
+            json += text;
+            firstEntry = false;
         }
+        std::fflush(stdout);
     }
     json += "\n  ]\n}\n";
     if (!options.json.empty()) {

@@ -1,0 +1,366 @@
+#!/usr/bin/env python3
+# The tables, the plot script and the performance page from the rounds that scripts/bench ran.
+# A figure is the median over the rounds of each round's median, with the range of those beside
+# it; a ratio is taken within each round (both sides measured by the same process, the same
+# way) and summarised over the rounds alike.
+#
+# usage: bench_report.py BUILD_DIR ROOT MACHINE
+# Writes BUILD_DIR/results.md and BUILD_DIR/receive-paced.gp; after a full run of every program
+# in every round, also the results section of ROOT/docs/performance.md, and then creates
+# BUILD_DIR/page-updated.
+import json
+import os
+import statistics
+import sys
+import time
+
+build, root, machine = sys.argv[1:4]
+with open(os.path.join(build, "run-info.json")) as f:
+    run = json.load(f)
+round_dirs = sorted((d for d in os.listdir(os.path.join(build, "rounds")) if d.isdigit()), key=int)
+short = {"compare_codec": "codec", "compare_matching": "matching", "compare_receive": "receive"}
+to_ns = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
+page_begin = "<!-- results: scripts/bench writes what follows, up to the end marker -->"
+page_end = "<!-- end of results -->"
+out = []
+
+
+def load(round_dir, name, suffix):
+    path = os.path.join(build, "rounds", round_dir, name + suffix)
+    if not os.path.exists(path):
+        return None
+    with open(path) as f:
+        return json.load(f)
+
+
+def results(name):
+    """The program's results and run records, round by round, for the rounds that have them."""
+    found = []
+    for d in round_dirs:
+        data, info = load(d, name, ".json"), load(d, name, ".info")
+        if data is not None and info is not None:
+            found.append((data, info))
+    return found
+
+
+def spread(values, fmt):
+    """'median (lowest–highest)' over the rounds; the median alone for a single round."""
+    values = [v for v in values if v is not None]
+    if not values:
+        return ""
+    if len(values) == 1:
+        return fmt(values[0])
+    return f"{fmt(statistics.median(values))} ({fmt(min(values))}–{fmt(max(values))})"
+
+
+def fmt_ns(t):
+    return f"{t:.1f}" if t < 100 else f"{t:,.0f}"
+
+
+def fmt_ratio(r):
+    return f"{r:.2f}"
+
+
+def fmt_percent(p):
+    return f"{p:.2f}" if p < 1 else f"{p:.1f}"
+
+
+def plural(n, noun):
+    return f"{n} {noun}" if n == 1 else f"{n} {noun}s"
+
+
+def command(name):
+    text = run["env"] + "scripts/bench"
+    if run["mode"] == "quick":
+        text += " --quick"
+    return f"`{text} --only {short[name]}`"
+
+
+def conditions(name, found):
+    """Which command, how many rounds, and how busy the machine was in each."""
+    loads = ", ".join(info["load_start"].split()[0] + ("" if info["quiet"] else " (not quiet)")
+                      for _, info in found)
+    others = ", ".join(f"{info['others_percent']:.0f} %" for _, info in found)
+    return (f"Command: {command(name)}. {len(found)} of {plural(len(round_dirs), 'round')}; "
+            f"1-minute load average at the start of each: {loads}; other work meanwhile: "
+            f"{others} of the cores.\n")
+
+
+def table(header, rows):
+    out.append("| " + " | ".join(header) + " |")
+    out.append("|" + "---|" * len(header))
+    for row in rows:
+        out.append("| " + " | ".join(row) + " |")
+    out.append("")
+
+
+# MARK: Google Benchmark programs
+
+
+def google_rounds(found):
+    """Per round: case -> library -> median CPU time in ns."""
+    per_round = []
+    for data, _ in found:
+        times = {}
+        for b in data["benchmarks"]:
+            if b.get("aggregate_name") != "median":
+                continue
+            case, _, library = b["run_name"].partition("/")
+            times.setdefault(case, {})[library or "kavrin"] = b["cpu_time"] * to_ns[b["time_unit"]]
+        per_round.append(times)
+    return per_round
+
+
+def case_order(name, per_round):
+    cases = list(dict.fromkeys(case for times in per_round for case in times))
+    path = os.path.join(build, name + ".order")
+    if os.path.exists(path):
+        with open(path) as f:
+            listed = list(dict.fromkeys(line.split("/")[0] for line in f.read().split()))
+        cases.sort(key=lambda case: listed.index(case) if case in listed else len(listed))
+    return cases
+
+
+def google_table(name, title, prefix, columns, unit):
+    """columns: library names (times), or (label, ours, peers) for our time over the fastest of
+    the peers in the same round."""
+    found = results(name)
+    out.append(f"### {title}\n")
+    if not found:
+        out.append(f"{name} was not run.\n")
+        return
+    out.append(conditions(name, found))
+    per_round = google_rounds(found)
+    cases = [c for c in case_order(name, per_round) if c.startswith(prefix)]
+    present = {l for times in per_round for c in cases for l in times.get(c, {})}
+    columns = [c for c in columns if (c[1] if isinstance(c, tuple) else c) in present]
+
+    def ratio(times, ours, peers):
+        fastest = min((times[p] for p in peers if p in times), default=None)
+        return times[ours] / fastest if fastest and ours in times else None
+
+    rows = []
+    for case in cases:
+        row = [case]
+        for c in columns:
+            if isinstance(c, tuple):
+                _, ours, peers = c
+                row.append(spread([ratio(t.get(case, {}), ours, peers) for t in per_round], fmt_ratio))
+            else:
+                row.append(spread([t.get(case, {}).get(c) for t in per_round], fmt_ns))
+        rows.append(row)
+    header = ["Case"] + [c[0] if isinstance(c, tuple) else f"{c} ({unit})" for c in columns]
+    table(header, rows)
+
+
+# MARK: Receive
+
+
+def receive_tables():
+    found = results("compare_receive")
+    if not found:
+        out.append("### Loopback receive\n\ncompare_receive was not run.\n")
+        return None
+    first = found[0][0]
+    out.append("### Loopback receive: drain\n")
+    out.append(conditions("compare_receive", found))
+    out.append(f"{first['drain_count']:,} datagrams of {first['datagram_bytes']} bytes queued in "
+               f"the receiver's socket buffer, then timed while it empties it; in each round the "
+               f"median of {plural(first['drain_runs'], 'run')}. Receiver on cpu {first['receiver_cpu']}, "
+               f"sender on cpu {first['sender_cpu']}.\n")
+    rates = [{d["receiver"]: d["median_rate"] for d in data["drain"]} for data, _ in found]
+    receivers = list(dict.fromkeys(d["receiver"] for data, _ in found for d in data["drain"]))
+    rows = []
+    for r in receivers:
+        row = [r, spread([rate.get(r) for rate in rates], lambda v: f"{v:,.0f}")]
+        for peer in ("liblo", "recvfrom", "recvmmsg"):
+            row.append(spread([rate[r] / rate[peer] if rate.get(r) and rate.get(peer) else None
+                               for rate in rates], fmt_ratio))
+        fewest = min(d["min_delivered"] for data, _ in found for d in data["drain"] if d["receiver"] == r)
+        complete = all(d["complete"] for data, _ in found for d in data["drain"] if d["receiver"] == r)
+        row.append("yes" if complete else f"no (fewest {fewest:,})")
+        rows.append(row)
+    table(["Receiver", "datagrams/s", "÷ liblo", "÷ recvfrom ceiling", "÷ recvmmsg ceiling",
+           "all arrived in every run"], rows)
+
+    core_text = {
+        "awake": "receiver's core kept awake (a SCHED_IDLE spinner takes it whenever the receiver "
+                 "sleeps, so waking the receiver never waits for a halted virtual CPU)",
+        "idle": "receiver's core left to idle between datagrams, as a quiet machine runs it",
+    }
+    cells = [{(p.get("core", "idle"), p["receiver"], p["offered"]): p for p in data["paced"]}
+             for data, _ in found]
+    keys = list(dict.fromkeys(k for c in cells for k in c))
+    offered = sorted({k[2] for k in keys})
+    for core in dict.fromkeys(k[0] for k in keys):
+        names = list(dict.fromkeys(k[1] for k in keys if k[0] == core))
+        out.append(f"### Loopback receive: paced, {core} core\n")
+        out.append(conditions("compare_receive", found))
+        out.append(f"Per cent of the offered messages lost over {first['paced_seconds']:g} s, in "
+                   f"each round the median of {plural(first['paced_runs'], 'run')}; {core_text.get(core, core)}. "
+                   f"Each library at its default kernel buffer (SO_RCVBUF as the kernel reports "
+                   f"it), ours also with 4 MiB.\n")
+
+        def lost(r, o):
+            ps = [c.get((core, r, o)) for c in cells]
+            shares = [100 * p["lost"] / p["sent"] for p in ps if p]
+            if shares and not any(shares):
+                return "none lost"
+            return spread(shares, fmt_percent)
+
+        rows = []
+        for r in names:
+            buffers = [c[core, r, o]["rcvbuf"] for c in cells for o in offered if (core, r, o) in c]
+            rows.append([r, f"{max(buffers):,}" if buffers else ""] + [lost(r, o) for o in offered])
+        achieved = [min((c[k]["achieved"] for c in cells for k in c if k[0] == core and k[2] == o),
+                        default=0) for o in offered]
+        rows.append(["sender achieved (lowest)", ""] + [f"{a:,.0f}/s" for a in achieved])
+        table(["Receiver", "SO_RCVBUF"] + [f"{o / 1000:g}k/s offered, % lost" for o in offered], rows)
+
+        out.append("Messages delivered, ours ÷ theirs, in the same runs:\n")
+        rows = []
+        for ours in (r for r in names if r.startswith("kavrin")):
+            for peer in ("liblo", "recvfrom", "recvmmsg"):
+                if peer not in names:
+                    continue
+                row = [f"{ours} ÷ {peer}"]
+                for o in offered:
+                    row.append(spread([c[core, ours, o]["delivered"] / c[core, peer, o]["delivered"]
+                                       if (core, ours, o) in c and c.get((core, peer, o), {}).get("delivered")
+                                       else None for c in cells], fmt_ratio))
+                rows.append(row)
+        table(["Receiver"] + [f"{o / 1000:g}k/s offered" for o in offered], rows)
+    return found
+
+
+# MARK: Rounds
+
+
+def rounds_table():
+    out.append("### Rounds\n")
+    out.append("Each round ran each program as a new process, once the 1-minute load average was "
+               f"below {run['max_load']} or {run['wait_limit']} s had passed. The load at the end "
+               "includes the bench's own processes (one core busy for the Google Benchmark "
+               "programs, two for the receive test); *other work* is the share of both cores "
+               "that anything else used meanwhile (approximate: the machine's busy time less the "
+               "program's own), *stolen* the share the hypervisor gave to other machines.\n")
+    rows, noisy = [], []
+    for d in round_dirs:
+        for name in run["programs"]:
+            info = load(d, name, ".info")
+            if info is None:
+                continue
+            started = time.strftime("%Y-%m-%d %H:%M", time.gmtime(info["started"]))
+            rows.append([d, name, started, info["load_start"], info["load_end"],
+                         f"{info['waited']} s", f"{info['others_percent']:.0f} %",
+                         f"{info['steal_percent']:.0f} %", f"{info['seconds']:.0f} s",
+                         "yes" if info["quiet"] else "**no**",
+                         "" if info["status"] == "ok" else info["status"]])
+            if not info["quiet"]:
+                noisy.append(f"load {info['load_start'].split()[0]} at the start of round {d} "
+                             f"of {name}")
+    if noisy:
+        out.append(f"**The machine was not quiet**: {'; '.join(noisy)} (threshold "
+                   f"{run['max_load']}, after waiting up to {run['wait_limit']} s).\n")
+    else:
+        out.append(f"Every program started with the 1-minute load average below "
+                   f"{run['max_load']}.\n")
+    table(["Round", "Program", "Started (UTC)", "Load at start (1, 5, 15 min)", "Load at end",
+           "Waited", "Other work", "Stolen", "Took", "Quiet", "Failed"], rows)
+
+
+# MARK: Output
+
+started = min((load(d, n, ".info") or {}).get("started", time.time())
+              for d in round_dirs for n in run["programs"]) if round_dirs else time.time()
+google = [f"`{n}`" for n in run["programs"] if n != "compare_receive"]
+given = ([f"{' and '.join(google)} with `{run['google_args']}`"] if google else []) + \
+    ([f"`compare_receive` with `{run['receive_args']}`"] if "compare_receive" in run["programs"] else [])
+out.append("## Results: Kavrin against liblo and oscpack\n")
+out.append(f"Run {time.strftime('%Y-%m-%d %H:%M UTC', time.gmtime(started))} with "
+           f"`{run['command']}` on {machine}: {plural(len(round_dirs), 'round')}. Every figure is "
+           f"the median over the rounds of one round's median, with the lowest and highest of "
+           f"those in brackets; every ratio is taken within a round and summarised the same way. "
+           f"Each round runs, from `build-bench/bench/`, {', and '.join(given)}.\n")
+if run["mode"] == "quick":
+    out.append("**A quick run**: too few and too short repetitions to quote; it checks that "
+               "everything runs.\n")
+google_table("compare_codec", "Encode (median ns per packet)", "Encode",
+             ["kavrin", "liblo", "oscpack", ("kavrin ÷ fastest peer", "kavrin", ["liblo", "oscpack"]),
+              "kavrin_prebuilt", "liblo_prebuilt",
+              ("kavrin_prebuilt ÷ liblo_prebuilt", "kavrin_prebuilt", ["liblo_prebuilt"])], "ns")
+google_table("compare_codec", "Decode (median ns per packet)", "Decode",
+             ["kavrin", "kavrin_view", "liblo", "oscpack", "owning_floor",
+              ("kavrin ÷ fastest peer", "kavrin", ["liblo", "oscpack"]),
+              ("kavrin_view ÷ fastest peer", "kavrin_view", ["liblo", "oscpack"])], "ns")
+google_table("compare_matching", "Matching (median ns per match)", "Match",
+             ["kavrin", "kavrin_compiled", "liblo", ("kavrin ÷ liblo", "kavrin", ["liblo"]),
+              ("kavrin_compiled ÷ liblo", "kavrin_compiled", ["liblo"])], "ns")
+google_table("compare_matching", "Dispatch over 10,000 methods (median ns per dispatch)",
+             "Dispatch", ["kavrin"], "ns")
+receive = receive_tables()
+rounds_table()
+
+complete = (run["mode"] == "full" and set(run["programs"]) == set(short)
+            and all(len(results(n)) == len(round_dirs) for n in short))
+if receive:
+    out.append("![Delivered against offered rate for each receiver](performance-receive.png)\n")
+with open(os.path.join(build, "results.md"), "w") as f:
+    f.write("\n".join(out))
+
+flag = os.path.join(build, "page-updated")
+if os.path.exists(flag):
+    os.remove(flag)
+if complete:
+    page = os.path.join(root, "docs", "performance.md")
+    with open(page) as f:
+        text = f.read()
+    begin, end = text.find(page_begin), text.find(page_end)
+    if begin < 0 or end < begin:
+        sys.exit(f"bench: {page} has lost its results markers; the page was not written")
+    # The page has its own heading for the section.
+    text = text[:begin + len(page_begin)] + "\n" + "\n".join(out[1:]) + text[end:]
+    with open(page, "w") as f:
+        f.write(text)
+    open(flag, "w").close()
+
+# Delivered against offered rate, medians over the rounds: one panel per core state.
+gp_path = os.path.join(build, "receive-paced.gp")
+if os.path.exists(gp_path):
+    os.remove(gp_path)
+if receive:
+    paced = [p for data, _ in receive for p in data["paced"]]
+    cores = list(dict.fromkeys(p.get("core", "idle") for p in paced))
+    receivers = list(dict.fromkeys(p["receiver"] for p in paced))
+    colours = ["#1b7837", "#5aae61", "#c51b7d", "#2166ac", "#000000", "#e08214", "#762a83"]
+    top = max(p["achieved"] for p in paced) / 1000 * 1.05
+    gp = ["set terminal pngcairo size %d,560 font ',10'" % (600 * len(cores)),
+          f"set output '{os.path.join(build, 'performance-receive.png')}'",
+          f"set multiplot layout 1,{len(cores)} title 'Loopback receive of the "
+          f"{receive[0][0]['datagram_bytes']}-byte message: delivered against offered rate, "
+          f"median of {len(receive)} rounds'",
+          "set xlabel 'offered (thousand messages/s)'", "set ylabel 'delivered (thousand messages/s)'",
+          "set key top left", "set grid", f"set xrange [0:{top:.0f}]", f"set yrange [0:{top:.0f}]"]
+    for core in cores:
+        plots = ["x title 'offered = delivered' with lines dashtype 2 linecolor rgb 'gray'"]
+        for i, r in enumerate(receivers):
+            points = {}
+            for p in paced:
+                if p.get("core", "idle") == core and p["receiver"] == r:
+                    points.setdefault(p["offered"], []).append(p)
+            if not points:
+                continue
+            dat = os.path.join(build, f"receive-{core}-{i}.dat")
+            with open(dat, "w") as f:
+                for o in sorted(points):
+                    achieved = statistics.median(p["achieved"] for p in points[o])
+                    delivered = statistics.median(p["achieved"] * p["delivered"] / p["sent"]
+                                                  for p in points[o])
+                    f.write(f"{achieved / 1000:.1f} {delivered / 1000:.1f}\n")
+            plots.append(f"'{dat}' using 1:2 title '{r}' with linespoints linewidth 2 pointtype 7 "
+                         f"linecolor rgb '{colours[i % len(colours)]}'")
+        gp.append(f"set title \"receiver's core {'kept awake' if core == 'awake' else 'left to idle'}\"")
+        gp.append("plot " + ", \\\n     ".join(plots))
+    gp.append("unset multiplot")
+    with open(gp_path, "w") as f:
+        f.write("\n".join(gp) + "\n")
