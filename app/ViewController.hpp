@@ -6,10 +6,12 @@
 #include <QWidget>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 
 #include "app/MonitorSettings.hpp"
+#include "app/StdoutLines.hpp"
 #include "osc/transport/OSCClient.hpp"
 #include "osc/transport/OSCServer.hpp"
 
@@ -33,7 +35,7 @@ class ViewController : public QWidget {
 
     // `mainQueue` must run its work on this GUI thread; the server delivers messages there.
     ViewController(MonitorSettings& defaults, std::shared_ptr<DispatchQueue> mainQueue,
-                   LogLine log = stdoutLine, QWidget* parent = nullptr);
+                   LogLine log = StdoutLines::write, QWidget* parent = nullptr);
     ~ViewController() override;
 
     // Start-up once the layout is in place: load the settings into the fields, start the
@@ -43,9 +45,6 @@ class ViewController : public QWidget {
     // Whether `address` contains `expected`, treating canonically equivalent Unicode as
     // equal. An empty `expected` is contained in nothing.
     static bool addressContains(const QString& address, const QString& expected);
-
-    // Writes `line` and a newline to stdout at once (stdout is often a pipe).
-    static void stdoutLine(const std::string& line);
 
   public slots:
     void sendPing();  // the timer's action
@@ -59,8 +58,10 @@ class ViewController : public QWidget {
 
   private:
     void receive(const OSCMessage& message);
+    void setExpectedReply(QString text);
     template <class Widget>
     Widget* outlet(const char* name) const;
+    mutable std::map<std::string, QPointer<QObject>, std::less<>> outlets;  // found by outlet()
 
     QString MyOutIP = QString(MonitorSettings::defaultIP);
     std::int64_t MyOutPort = MonitorSettings::defaultOutPort;
@@ -68,6 +69,10 @@ class ViewController : public QWidget {
     QString MyOutMsg = QString(MonitorSettings::defaultPing);
     QString MyInMsg = QString(MonitorSettings::defaultReply);
     bool OSCgood = false;  // a matching reply arrived since the last tick
+    // MyInMsg in the form each received address is checked against, and its two log lines.
+    std::string expectedNFC;
+    std::string matchedLine;
+    std::string unmatchedLine;
 
     MonitorSettings& defaults;
     QTimer timer;
