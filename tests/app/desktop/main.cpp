@@ -21,6 +21,11 @@ const std::string& desktopDisplay() {
 
 }  // namespace kavrin::test
 
+// Under AddressSanitizer: what the X, D-Bus and font libraries keep until exit is theirs.
+extern "C" const char* __lsan_default_suppressions() {
+    return "leak:libxcb\nleak:libX11\nleak:libdbus-1\nleak:libfontconfig\nleak:libQt6XcbQpa\n";
+}
+
 int main(int argc, char* argv[]) {
     kavrin::installMonitorFatalErrorHandler();
     ::testing::InitGoogleTest(&argc, argv);
