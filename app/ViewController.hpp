@@ -4,12 +4,20 @@
 #include <QString>
 #include <QTimer>
 #include <QWidget>
+#include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "app/LinkHistory.hpp"
+#include "app/LinkHistoryDialog.hpp"
 #include "app/MonitorSettings.hpp"
+#include "app/StatusTray.hpp"
+#include "app/StdoutLines.hpp"
 #include "osc/transport/OSCClient.hpp"
 #include "osc/transport/OSCServer.hpp"
 
@@ -22,9 +30,12 @@ struct OSCMessage;
 
 // The link check: every 2 s it pings the configured host and port, paints the status light
 // from the replies that arrived since the previous tick, and logs every event as one line.
-// Its widgets come from MainWindow.ui and are looked up by name where they are used; a missing
-// one is fatal. Everything here runs on the GUI thread: the timer, the server's deliveries
-// (through `mainQueue`) and the field actions.
+// Beside the light it shows the round trip of the last ping and the age of the last reply
+// (on a steady clock), and the datagrams the server dropped; it records each paint in the link
+// history (`historyFile`) and mirrors the light in the system tray. The history opens from the
+// context menu or Ctrl+H. Its widgets come from MainWindow.ui and are looked up by name where
+// they are used; a missing one is fatal. Everything here runs on the GUI thread: the timers,
+// the server's deliveries (through `mainQueue`) and the field actions.
 class ViewController : public QWidget {
     Q_OBJECT
 
@@ -33,19 +44,24 @@ class ViewController : public QWidget {
 
     // `mainQueue` must run its work on this GUI thread; the server delivers messages there.
     ViewController(MonitorSettings& defaults, std::shared_ptr<DispatchQueue> mainQueue,
-                   LogLine log = stdoutLine, QWidget* parent = nullptr);
+                   LogLine log = StdoutLines::write,
+                   std::filesystem::path historyFile = LinkHistory::defaultFile(),
+                   QWidget* parent = nullptr);
     ~ViewController() override;
 
     // Start-up once the layout is in place: load the settings into the fields, start the
-    // server on the incoming port and the 2 s ping timer (first ping 2 s from now).
+    // server on the incoming port, with a kernel receive buffer large enough to ride out a
+    // flood, and the 2 s ping timer (first ping 2 s from now).
     void viewDidLoad();
+
+    // Opens the link history window (the context menu's "Link History…", Ctrl+H).
+    void showHistory();
+    StatusTray& tray() { return *tray_; }
+    LinkHistory& history() { return history_; }
 
     // Whether `address` contains `expected`, treating canonically equivalent Unicode as
     // equal. An empty `expected` is contained in nothing.
     static bool addressContains(const QString& address, const QString& expected);
-
-    // Writes `line` and a newline to stdout at once (stdout is often a pipe).
-    static void stdoutLine(const std::string& line);
 
   public slots:
     void sendPing();  // the timer's action
@@ -59,8 +75,11 @@ class ViewController : public QWidget {
 
   private:
     void receive(const OSCMessage& message);
+    void setExpectedReply(QString text);
+    void showMeasures();  // the round trip, the reply's age and the drops
     template <class Widget>
     Widget* outlet(const char* name) const;
+    mutable std::map<std::string, QPointer<QObject>, std::less<>> outlets;  // found by outlet()
 
     QString MyOutIP = QString(MonitorSettings::defaultIP);
     std::int64_t MyOutPort = MonitorSettings::defaultOutPort;
@@ -68,9 +87,23 @@ class ViewController : public QWidget {
     QString MyOutMsg = QString(MonitorSettings::defaultPing);
     QString MyInMsg = QString(MonitorSettings::defaultReply);
     bool OSCgood = false;  // a matching reply arrived since the last tick
+    // MyInMsg in the form each received address is checked against, and its two log lines.
+    std::string expectedNFC;
+    std::string matchedLine;
+    std::string unmatchedLine;
+
+    using SteadyClock = std::chrono::steady_clock;
+    std::optional<SteadyClock::time_point> lastPing;   // the ping being answered
+    std::optional<SteadyClock::time_point> lastReply;  // the last matching reply
+    std::optional<std::chrono::microseconds> roundTrip;
+    bool pingAnswered = true;  // the last ping's first matching reply has come
 
     MonitorSettings& defaults;
     QTimer timer;
+    QTimer measuresTimer;
+    LinkHistory history_;
+    StatusTray* tray_;                          // a child
+    QPointer<LinkHistoryDialog> historyDialog;  // a child, made when first asked for
     QMessageBox* alert;  // the in-port notice, reused; owned as a child
     OSCClient oscClient;
     std::shared_ptr<OSCServer> oscServer;

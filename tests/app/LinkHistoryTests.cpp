@@ -1,0 +1,138 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <QTemporaryDir>
+#include <QtTest/QTest>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "app/LinkHistory.hpp"
+#include "app/OutageCsv.hpp"
+#include "app/QtMainQueue.hpp"
+
+namespace kavrin {
+namespace {
+
+using namespace std::chrono;
+using End = Outage::End;
+
+// Times in the history, in whole seconds after 2023-11-14 22:13:20 UTC.
+Outage::TimePoint at(int second) {
+    return Outage::TimePoint(seconds(1'700'000'000 + second));
+}
+
+class LinkHistoryTest : public ::testing::Test {
+  protected:
+    std::unique_ptr<LinkHistory> open() {
+        return std::make_unique<LinkHistory>(file, std::make_shared<QtMainQueue>(),
+                                             [this](const std::string& what) { failures.push_back(what); });
+    }
+
+    // Runs `sql` on the file as another program would.
+    void tamper(const char* sql) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+        sqlite3_close(db);
+    }
+
+    QTemporaryDir directory;
+    std::filesystem::path file = directory.filePath("Kavrin/history.sqlite").toStdString();
+    std::vector<std::string> failures;
+};
+
+TEST_F(LinkHistoryTest, RecordsOutagesFromTheFirstPaintWithTheRoundTripsBeforeEach) {
+    {
+        auto history = open();
+        history->painted(at(0), false);  // red at the first paint: down from the start
+        history->painted(at(2), true);
+        history->roundTrip(at(3), microseconds(400));
+        history->painted(at(4), true);
+        history->roundTrip(at(5), microseconds(1200));
+        history->roundTrip(at(5), microseconds(900));
+        history->painted(at(6), false);
+        history->painted(at(8), false);
+        history->painted(at(10), true);
+        history->painted(at(12), false);  // still down at quit
+
+        const auto outages = history->outages();
+        ASSERT_EQ(outages.size(), 3u);
+        EXPECT_EQ(outages[0].started, at(12));
+        EXPECT_EQ(outages[0].end, End::ongoing);
+        EXPECT_FALSE(outages[0].ended.has_value());
+        EXPECT_EQ(outages[1].started, at(6));
+        EXPECT_EQ(outages[1].ended, at(10));
+        EXPECT_EQ(outages[1].end, End::recovered);
+        EXPECT_EQ(outages[1].medianRoundTrip, microseconds(900)) << "of 400, 900, 1200";
+        EXPECT_EQ(outages[1].worstRoundTrip, microseconds(1200));
+        EXPECT_EQ(outages[2].started, at(0));
+        EXPECT_EQ(outages[2].ended, at(2));
+        EXPECT_FALSE(outages[2].medianRoundTrip.has_value()) << "no healthy time before it";
+        EXPECT_FALSE(outages[0].medianRoundTrip.has_value()) << "none timed between 10 and 12";
+    }
+    const auto outages = open()->outages();  // survives the restart
+    ASSERT_EQ(outages.size(), 3u);
+    EXPECT_EQ(outages[0].end, End::quit);
+    EXPECT_GT(*outages[0].ended, at(12)) << "closed at the time of quitting";
+    EXPECT_TRUE(failures.empty());
+}
+
+TEST_F(LinkHistoryTest, AnOutageACrashLeftOpenIsClosedAtTheNextStartAtItsLastPaint) {
+    {
+        auto history = open();
+        history->painted(at(0), true);
+        history->painted(at(2), false);
+        history->painted(at(4), false);
+    }
+    // As if the monitor had stopped after its paint at 4 s without quitting.
+    tamper("UPDATE runs SET ended_at = NULL, ended_by = NULL, last_seen_at = 1700000004000;"
+           "UPDATE outages SET ended_at = NULL, ended_by = NULL;");
+
+    auto history = open();
+    history->painted(at(100), false);
+    const auto outages = history->outages();
+    ASSERT_EQ(outages.size(), 2u);
+    EXPECT_EQ(outages[0].started, at(100));
+    EXPECT_EQ(outages[0].end, End::ongoing) << "this run's own outage stays open";
+    EXPECT_EQ(outages[1].started, at(2));
+    EXPECT_EQ(outages[1].ended, at(4));
+    EXPECT_EQ(outages[1].end, End::crash);
+}
+
+TEST_F(LinkHistoryTest, AFailureIsReportedAndNeverStopsTheMonitor) {
+    QFile blocker(directory.filePath("Kavrin"));  // a file where the folder should be
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    {
+        auto history = open();
+        history->painted(at(0), false);
+        history->painted(at(2), true);
+        EXPECT_THROW(history->outages(), LinkHistory::Error);
+        ASSERT_TRUE(QTest::qWaitFor([&] { return failures.size() >= 2; }, 5000));
+        EXPECT_THAT(failures[0], ::testing::HasSubstr("Kavrin"));
+    }
+    // Once the folder can be made, the next paint starts the history there.
+    ASSERT_TRUE(QFile::remove(directory.filePath("Kavrin")));
+    auto history = open();
+    history->painted(at(10), false);
+    ASSERT_EQ(history->outages().size(), 1u);
+}
+
+TEST(OutageCsvTest, WritesOneRowPerOutageInUtcWithEmptyFieldsForWhatIsUnknown) {
+    Outage ongoing{at(100), std::nullopt, End::ongoing, std::nullopt, std::nullopt};
+    Outage recovered{at(10), at(72), End::recovered, microseconds(400), microseconds(12'345)};
+    Outage crashed{at(0), at(4), End::crash, std::nullopt, std::nullopt};
+
+    EXPECT_EQ(outagesCsv({ongoing, recovered, crashed}, at(103) + milliseconds(250)),
+              "started,ended,duration_s,ended_by,round_trip_median_ms,round_trip_worst_ms\r\n"
+              "2023-11-14T22:15:00.000Z,,3.250,ongoing,,\r\n"
+              "2023-11-14T22:13:30.000Z,2023-11-14T22:14:32.000Z,62.000,recovered,0.400,12.345\r\n"
+              "2023-11-14T22:13:20.000Z,2023-11-14T22:13:24.000Z,4.000,crash,,\r\n");
+    EXPECT_EQ(outagesCsv({}, at(0)),
+              "started,ended,duration_s,ended_by,round_trip_median_ms,round_trip_worst_ms\r\n");
+}
+
+}  // namespace
+}  // namespace kavrin

@@ -1,0 +1,51 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "app/LinkStatusText.hpp"
+
+namespace kavrin {
+namespace {
+
+using namespace std::chrono;
+
+TEST(LinkStatusTextTest, RoundTripsInTenthsBelowTenMillisecondsThenWhole) {
+    const struct {
+        microseconds time;
+        const char* text;
+    } cases[] = {
+        {microseconds(0), "0.0 ms"},       {microseconds(449), "0.4 ms"},
+        {microseconds(450), "0.5 ms"},     {microseconds(9'849), "9.8 ms"},
+        {microseconds(9'950), "10 ms"},    {microseconds(12'499), "12 ms"},
+        {microseconds(1'234'500), "1235 ms"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(roundTripText(c.time), c.text) << c.time.count();
+    EXPECT_EQ(roundTripLine(microseconds(3'000)), "round trip 3.0 ms");
+    EXPECT_EQ(roundTripLine(std::nullopt), "round trip \u2013");
+}
+
+TEST(LinkStatusTextTest, ReplyAgesCountUpInTenthsThenSecondsMinutesAndHours) {
+    const struct {
+        milliseconds age;
+        const char* text;
+    } cases[] = {
+        {milliseconds(0), "last reply 0.0 s ago"},
+        {milliseconds(499), "last reply 0.4 s ago"},
+        {milliseconds(9'999), "last reply 9.9 s ago"},
+        {seconds(10), "last reply 10 s ago"},
+        {seconds(192), "last reply 3 min 12 s ago"},
+        {minutes(125), "last reply 2 h 05 min ago"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(replyAgeLine(c.age), c.text) << c.age.count();
+    EXPECT_EQ(replyAgeLine(std::nullopt), "no reply yet");
+}
+
+TEST(LinkStatusTextTest, DropsAndDurations) {
+    EXPECT_EQ(droppedLine(0), "0 datagrams dropped (not OSC or undecodable)");
+    EXPECT_EQ(droppedLine(1), "1 datagram dropped (not OSC or undecodable)");
+    EXPECT_EQ(durationText(milliseconds(1'999)), "0:00:02");
+    EXPECT_EQ(durationText(hours(12) + minutes(3) + seconds(55)), "12:03:55");
+}
+
+}  // namespace
+}  // namespace kavrin
