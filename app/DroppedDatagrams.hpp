@@ -10,7 +10,4 @@ class OSCServer;
 // decoded (not those over its scheduling limit, which the monitor never sets). Any thread.
 std::uint64_t droppedDatagrams(const OSCServer& server);
 
-// Whether the library counts them yet; until it does, droppedDatagrams() is always 0.
-bool libraryCountsDrops();
-
 }  // namespace kavrin

@@ -173,6 +173,21 @@ TEST_F(ViewControllerTest, AReplyMatchesWhenItsAddressContainsTheExpectedText) {
                                                 QStringLiteral("caf\u00E9")));
 }
 
+TEST_F(ViewControllerTest, TheWindowCountsWhatCouldNotBeReadAndLogsNothingOfIt) {
+    start();
+    replier.sendTo(inPort, {'h', 'e', 'l', 'l', 'o'});             // not OSC
+    replier.sendTo(inPort, {'/', 'a', 0, 0, ',', 'i', 0, 0});      // an Int32 missing
+    replier.sendTo(inPort, {'/', 'c', 'a', 0xC3, 0xA9, 0, 0, 0});  // not ASCII
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] {
+            return widget<QLabel>("DroppedLab")->text() ==
+                   "3 datagrams dropped (not OSC or undecodable)";
+        },
+        5000))
+        << widget<QLabel>("DroppedLab")->text().toStdString();
+    EXPECT_TRUE(lines.size() == 1) << "only the start line: drops print nothing";
+}
+
 TEST_F(ViewControllerTest, AnEmptyExpectedTextNeverMatches) {
     start();
     edit("InMsgText", "");
