@@ -195,7 +195,17 @@ void OSCServer::receive(std::vector<std::uint8_t>&& datagram, const SocketAddres
         drop(datagram, sender, DropReason::notOSC, {});
         return;
     }
-    Plan steps;
+    // Most datagrams are one message, delivered at once: no plan to make.
+    if (auto* message = std::get_if<OSCMessage>(&*packet)) {
+        Routes found = routes.empty() ? Routes{} : routes.routesFor(message->addressPattern);
+        deliveries.add({std::move(*message), OSCTimeTag::immediate(), sender, std::move(found)});
+        return;
+    }
+    // The plan's storage is kept from one datagram to the next, so it is allocated once.
+    Plan& steps = planned;
+    steps.steps.clear();
+    steps.scheduledMessages = 0;
+    steps.scheduledBytes = 0;
     plan(std::move(*packet), OSCTimeTag::immediate(), false, {}, sender, steps);
     if (steps.scheduledMessages > 0 && !admit(steps)) {
         drop(datagram, sender, DropReason::overScheduledLimit, {});  // the whole datagram

@@ -210,6 +210,7 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     // touched only on the receive queue, as are the routes.
     DeliveryBatcher<Delivery> deliveries;
     OSCMethodRoutes routes;
+    Plan planned;
     // Admitted on the receive queue, released on the dispatch queue.
     std::atomic<std::size_t> limitMessages{ScheduledLimit{}.messages};
     std::atomic<std::size_t> limitBytes{ScheduledLimit{}.bytes};
