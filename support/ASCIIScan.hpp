@@ -61,6 +61,20 @@ constexpr Word repeated(unsigned char byte) {
 
 }  // namespace asciiScanDetail
 
+// The word of `sizeof(Word)` bytes at `at`, in memory order, whatever its alignment.
+template <class Word>
+[[gnu::always_inline]] inline Word loadWord(const char* at) {
+    return asciiScanDetail::load<Word>(at);
+}
+
+// The high bit of each byte of `word` that equals `byte`, and of no other byte: unlike the
+// quicker borrow trick, a match never marks the byte above it too, so any bit may be used.
+[[gnu::always_inline]] inline std::uint64_t bytesEqual(std::uint64_t word, unsigned char byte) {
+    constexpr std::uint64_t low7 = 0x7F7F7F7F7F7F7F7FULL;
+    const std::uint64_t x = word ^ (asciiScanDetail::ones * byte);
+    return ~(((x & low7) + low7) | x | low7);
+}
+
 // True for the printable ASCII scalars, U+0020 to U+007E: the space and the visible characters.
 constexpr bool isPrintableASCII(char32_t scalar) {
     return scalar >= 0x20 && scalar <= 0x7E;

@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "osc/pattern/CharacterView.hpp"
+#include "support/ASCIIScan.hpp"
 
 namespace kavrin {
 
@@ -20,15 +21,6 @@ static_assert(std::endian::native == std::endian::little);
 
 namespace {
 
-constexpr std::uint64_t ones = 0x0101010101010101ULL;
-constexpr std::uint64_t highBits = 0x8080808080808080ULL;
-
-template <class Word>
-[[gnu::always_inline]] inline Word loadWord(const char* at) {
-    Word word;
-    std::memcpy(&word, at, sizeof word);
-    return word;
-}
 
 [[gnu::always_inline]] inline std::uint64_t load(const char* at) {
     return loadWord<std::uint64_t>(at);
@@ -57,13 +49,6 @@ template <class Word>
     if (left >= 8) return load(at);
     if (end - first >= 8) return load(end - 8) >> (8 * (8 - left));
     return loadShort(at, end);
-}
-
-// The high bit of each byte of `word` equal to `byte`, and maybe of bytes above such a byte:
-// the lowest set bit is exact.
-[[gnu::always_inline]] inline std::uint64_t bytesEqual(std::uint64_t word, char byte) {
-    const std::uint64_t zeroed = word ^ (ones * static_cast<unsigned char>(byte));
-    return (zeroed - ones) & ~zeroed & highBits;
 }
 
 // The first "/" in [at, end), or end; [first, end) is the whole buffer.

@@ -59,7 +59,7 @@ TEST(OSCCompiledPattern, AnswersLikeTheUncompiledPatternOverATable) {
     // Components longer than a machine word of positions.
     const std::string longRun(70, 'a');
     for (const std::string pattern : {"/*a*b", "/a*", "/*[!a]", "/{aaaa,aa}*b", "/*?b", "/*a"}) {
-        for (const std::string address : {"/" + longRun, "/" + longRun + "b", "/b" + longRun}) {
+        for (const std::string& address : {"/" + longRun, "/" + longRun + "b", "/b" + longRun}) {
             expectSameAnswers(pattern, address);
         }
     }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "osc/pattern/CharacterView.hpp"
+#include "support/ASCIIScan.hpp"
 
 namespace kavrin::byteMatcher {
 
@@ -262,19 +263,6 @@ std::string_view stripped(std::string_view text) {
     return text;
 }
 
-// The bytes of `word` equal to `byte`, marked by their high bits.
-constexpr std::uint64_t bytesEqualTo(std::uint64_t word, unsigned char byte) {
-    constexpr std::uint64_t ones = 0x0101010101010101ULL;
-    const std::uint64_t zeroed = word ^ (ones * byte);
-    return (zeroed - ones) & ~zeroed & 0x8080808080808080ULL;
-}
-
-std::uint64_t load(const char* at) {
-    std::uint64_t word;
-    std::memcpy(&word, at, 8);
-    return word;
-}
-
 }  // namespace
 
 bool matchComponent(std::string_view patternComponent, std::string_view component) {
@@ -305,13 +293,13 @@ std::optional<bool> matches(std::string_view pattern, std::string_view address) 
     bool checked = false;            // whether the texts are a byte per character
     for (;;) {
         while (i + 8 <= pn && j + 8 <= an) {
-            const std::uint64_t word = load(p + i);
-            if ((word != load(a + j)) |
-                ((bytesEqualTo(word, '*') | bytesEqualTo(word, '?') | bytesEqualTo(word, '[') |
-                  bytesEqualTo(word, '{')) != 0)) {
+            const std::uint64_t word = loadWord<std::uint64_t>(p + i);
+            if ((word != loadWord<std::uint64_t>(a + j)) |
+                ((bytesEqual(word, '*') | bytesEqual(word, '?') | bytesEqual(word, '[') |
+                  bytesEqual(word, '{')) != 0)) {
                 break;
             }
-            if (const auto slashes = bytesEqualTo(word, '/'); slashes != 0) {
+            if (const auto slashes = bytesEqual(word, '/'); slashes != 0) {
                 // The last "/" of the word: on a little-endian machine its highest byte.
                 componentStart =
                     std::endian::native == std::endian::little
