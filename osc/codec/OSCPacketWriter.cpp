@@ -140,29 +140,29 @@ OSCPacketWriter& OSCPacketWriter::endMessage() {
 }
 
 OSCPacketWriter& OSCPacketWriter::int32(std::int32_t value) {
-    tag(oscTypeTag::tagOf(OSCValueKind::int32));
+    tag(oscTypeTag::tagFor<OSCValueKind::int32>);
     bigEndian::store32(argumentSpace(4), static_cast<std::uint32_t>(value));
     return *this;
 }
 
 OSCPacketWriter& OSCPacketWriter::float32(float value) {
-    tag(oscTypeTag::tagOf(OSCValueKind::float32));
+    tag(oscTypeTag::tagFor<OSCValueKind::float32>);
     bigEndian::store32(argumentSpace(4), std::bit_cast<std::uint32_t>(value));
     return *this;
 }
 
 OSCPacketWriter& OSCPacketWriter::string(std::string_view value) {
-    return textValue(OSCValueKind::string, value);
+    return textValue(oscTypeTag::tagFor<OSCValueKind::string>, value);
 }
 
 OSCPacketWriter& OSCPacketWriter::stringAlt(std::string_view value) {
-    return textValue(OSCValueKind::stringAlt, value);
+    return textValue(oscTypeTag::tagFor<OSCValueKind::stringAlt>, value);
 }
 
 // As the string encoder writes it: text with a zero or a byte that is not ASCII is made
 // printable ASCII first.
-OSCPacketWriter& OSCPacketWriter::textValue(OSCValueKind kind, std::string_view value) {
-    tag(oscTypeTag::tagOf(kind));
+OSCPacketWriter& OSCPacketWriter::textValue(char tag, std::string_view value) {
+    this->tag(tag);
     if (hasZeroOrNonASCII(value)) {
         text(lossyASCII(value));
     } else {
@@ -172,7 +172,7 @@ OSCPacketWriter& OSCPacketWriter::textValue(OSCValueKind kind, std::string_view 
 }
 
 OSCPacketWriter& OSCPacketWriter::blob(std::span<const std::uint8_t> bytes) {
-    tag(oscTypeTag::tagOf(OSCValueKind::blob));
+    tag(oscTypeTag::tagFor<OSCValueKind::blob>);
     const std::size_t padded = padding::wordAligned(bytes.size());
     std::uint8_t* at = argumentSpace(4 + padded);
     bigEndian::store32(at, static_cast<std::uint32_t>(bytes.size()));
@@ -182,35 +182,36 @@ OSCPacketWriter& OSCPacketWriter::blob(std::span<const std::uint8_t> bytes) {
 }
 
 OSCPacketWriter& OSCPacketWriter::boolean(bool value) {
-    tag(oscTypeTag::tagOf(OSCValueKind::boolean, value ? 0 : 1));
+    tag(value ? oscTypeTag::tagFor<OSCValueKind::boolean, 0>
+              : oscTypeTag::tagFor<OSCValueKind::boolean, 1>);
     return *this;
 }
 
 OSCPacketWriter& OSCPacketWriter::character(char32_t value) {
-    tag(oscTypeTag::tagOf(OSCValueKind::character));
+    tag(oscTypeTag::tagFor<OSCValueKind::character>);
     bigEndian::store32(argumentSpace(4), static_cast<std::uint32_t>(value));
     return *this;
 }
 
 OSCPacketWriter& OSCPacketWriter::float64(double value) {
-    tag(oscTypeTag::tagOf(OSCValueKind::float64));
+    tag(oscTypeTag::tagFor<OSCValueKind::float64>);
     bigEndian::store64(argumentSpace(8), std::bit_cast<std::uint64_t>(value));
     return *this;
 }
 
 OSCPacketWriter& OSCPacketWriter::int64(std::int64_t value) {
-    tag(oscTypeTag::tagOf(OSCValueKind::int64));
+    tag(oscTypeTag::tagFor<OSCValueKind::int64>);
     bigEndian::store64(argumentSpace(8), static_cast<std::uint64_t>(value));
     return *this;
 }
 
 OSCPacketWriter& OSCPacketWriter::impulse() {
-    tag(oscTypeTag::tagOf(OSCValueKind::impulse));
+    tag(oscTypeTag::tagFor<OSCValueKind::impulse>);
     return *this;
 }
 
 OSCPacketWriter& OSCPacketWriter::midi(OSCMIDIValue value) {
-    tag(oscTypeTag::tagOf(OSCValueKind::midi));
+    tag(oscTypeTag::tagFor<OSCValueKind::midi>);
     std::uint8_t* at = argumentSpace(4);
     at[0] = value.portID;
     at[1] = value.status;
@@ -220,12 +221,12 @@ OSCPacketWriter& OSCPacketWriter::midi(OSCMIDIValue value) {
 }
 
 OSCPacketWriter& OSCPacketWriter::null() {
-    tag(oscTypeTag::tagOf(OSCValueKind::null));
+    tag(oscTypeTag::tagFor<OSCValueKind::null>);
     return *this;
 }
 
 OSCPacketWriter& OSCPacketWriter::timeTag(OSCTimeTag value) {
-    tag(oscTypeTag::tagOf(OSCValueKind::timeTag));
+    tag(oscTypeTag::tagFor<OSCValueKind::timeTag>);
     bigEndian::store64(argumentSpace(8), value.rawValue);
     return *this;
 }

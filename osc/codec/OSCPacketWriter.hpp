@@ -59,7 +59,7 @@ class OSCPacketWriter {
     void tag(char tag);
     std::uint8_t* argumentSpace(std::size_t count);
     void text(std::string_view text);
-    OSCPacketWriter& textValue(OSCValueKind kind, std::string_view value);
+    OSCPacketWriter& textValue(char tag, std::string_view value);
     void beginElement();
     void endElement();
     [[noreturn]] void fail(const char* text);
@@ -74,7 +74,7 @@ class OSCPacketWriter {
     int arrayDepth_ = 0;
     // The size words of the open elements, outermost first; element 0 is the packet itself.
     int depth_ = 0;
-    std::array<std::size_t, 130> elementStarts_{};
+    std::array<std::size_t, 130> elementStarts_;  // written before read: not cleared up front
     bool failed_ = false;
 };
 

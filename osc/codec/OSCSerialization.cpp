@@ -68,7 +68,17 @@ void OSCSerialization::registerKind(Registration registration) {
     const auto index = static_cast<std::int16_t>(registrations_.size());
     for (const char tag : claimed) byTag_[static_cast<unsigned char>(tag)] = index;
     auto& byKind = byKind_[static_cast<std::size_t>(registration.kind)];
-    if (byKind < 0) byKind = index;
+    if (byKind < 0) {
+        byKind = index;
+        // Decided once here, so that encoding a value looks up one small plan.
+        auto& plan = plans_[static_cast<std::size_t>(registration.kind)];
+        plan.registered = true;
+        plan.format = registration.format;
+        plan.tag = claimed[0];
+        if (std::holds_alternative<OSCValueTagIdentity::Variable>(registration.identity.identity)) {
+            plan.falseTag = claimed[1];
+        }
+    }
     registrations_.push_back(std::move(registration));
 }
 
@@ -83,20 +93,17 @@ const OSCSerialization::Registration* OSCSerialization::registration(OSCValueKin
 }
 
 void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const {
-    const auto index = byKind_[value.index()];
-    if (index < 0) {
+    const EncodePlan& plan = plans_[value.index()];
+    if (!plan.registered) {
         throw OSCEncodeError(
             OSCEncodeError::Case::general,
             "No encoder is registered for OSC value kind: " + std::string(kindName(kindOf(value))));
     }
-    const Registration& kind = registrations_[index];
-    const auto& identity = kind.identity.identity;
-    if (const auto* atomic = std::get_if<OSCValueTagIdentity::Atomic>(&identity)) {
-        encoder.tag(atomic->tag);
-    } else if (const auto* variable = std::get_if<OSCValueTagIdentity::Variable>(&identity)) {
-        encoder.tag(variable->tags[as<bool>(value) ? 0 : 1]);
+    // An array writes its own tags around its elements'; Bool chooses by its value.
+    if (plan.format != OSCArgumentFormat::array) {
+        encoder.tag(plan.falseTag != 0 && !as<bool>(value) ? plan.falseTag : plan.tag);
     }
-    switch (kind.format) {
+    switch (plan.format) {
         case OSCArgumentFormat::none:
             return;
         case OSCArgumentFormat::int32:
@@ -139,7 +146,7 @@ void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encod
             if (++encoder.arrayDepth > maximumArrayDepth) {
                 throw OSCEncodeError(OSCEncodeError::Case::general, wireFormat::arrayTooDeep());
             }
-            encoder.tag(std::get<OSCValueTagIdentity::Variadic>(identity).openingTag);
+            encoder.tag(plan.tag);
             for (const auto& element : as<OSCArrayValue>(value).elements) {
                 encodeValue(element, encoder);
             }

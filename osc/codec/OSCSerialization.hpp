@@ -117,6 +117,14 @@ class OSCSerialization {
     // Registration index per tag character and per kind, -1 when none: lookups are one index.
     std::array<std::int16_t, 256> byTag_;
     std::array<std::int16_t, oscValueKindCount> byKind_;
+    // How each kind is written: its tag (Bool: for true, and falseTag for false), its bytes.
+    struct EncodePlan {
+        bool registered = false;
+        OSCArgumentFormat format = OSCArgumentFormat::none;
+        char tag = 0;
+        char falseTag = 0;
+    };
+    std::array<EncodePlan, oscValueKindCount> plans_{};
 };
 
 }  // namespace kavrin

@@ -88,6 +88,10 @@ constexpr char tagOf(OSCValueKind kind, std::size_t nth = 0) {
     return 0;
 }
 
+// The same, worked out when the code is compiled.
+template <OSCValueKind kind, std::size_t nth = 0>
+inline constexpr char tagFor = tagOf(kind, nth);
+
 inline constexpr std::uint8_t variableWidth = 0xFF;
 
 // The argument bytes of a format of fixed size; variableWidth for strings, blobs and arrays.
