@@ -48,6 +48,24 @@ TEST(TcpReadRequest, TakesItsBytesAndLeavesTheRest) {
     EXPECT_EQ(empty.take(inbound, &added), Progress::needMore);
 }
 
+// Room for a receive moves what remains to the front or into larger storage, never losing or
+// reordering a byte.
+TEST(TcpReadRequest, InboundBufferKeepsWhatRemainsAcrossReceives) {
+    InboundBuffer inbound;
+    std::size_t added = 0;
+    arrive(inbound, "0123456789");
+    inbound.consume(7);
+    arrive(inbound, "abcdefghij");  // the three left move to the front of larger storage
+    inbound.consume(4);
+    std::uint8_t* space = inbound.prepare(4);  // fits once compacted
+    std::copy_n("WXYZ", 4, space);
+    inbound.commit(2);
+    TcpReadRequest all(TcpReadRequest::Kind::available, 100, {}, -1.0, 0);
+    EXPECT_EQ(all.take(inbound, &added), Progress::done);
+    EXPECT_EQ(all.buffer, bytes("bcdefghijWX"));
+    EXPECT_TRUE(inbound.empty());
+}
+
 TEST(TcpReadRequest, FindsADelimiterSplitAcrossChunks) {
     InboundBuffer inbound;
     std::size_t added = 0;
