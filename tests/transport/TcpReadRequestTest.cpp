@@ -90,23 +90,5 @@ TEST(TcpReadRequest, FindsADelimiterSplitAcrossChunks) {
     EXPECT_EQ(inbound.size(), 3u);
 }
 
-TEST(TcpReadRequest, MaximumCountsTheDelimiterAndStopsEarly) {
-    InboundBuffer inbound;
-    std::size_t added = 0;
-    auto fits = delimited("\n", 4);
-    arrive(inbound, "abc\n");
-    EXPECT_EQ(fits.take(inbound, &added), Progress::done);
-    auto tooLong = delimited("\n", 4);
-    arrive(inbound, "abcd\n");
-    EXPECT_EQ(tooLong.take(inbound, &added), Progress::maxedOut);
-    // Without a delimiter, the read gives up as soon as none can end within the maximum.
-    inbound.clear();
-    auto endless = delimited("\r\n", 6);
-    arrive(inbound, "abcde");
-    EXPECT_EQ(endless.take(inbound, &added), Progress::needMore);
-    arrive(inbound, "f");
-    EXPECT_EQ(endless.take(inbound, &added), Progress::maxedOut);
-}
-
 }  // namespace
 }  // namespace kavrin

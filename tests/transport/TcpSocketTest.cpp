@@ -58,11 +58,12 @@ std::size_t endedWithin(const std::vector<Fd>& clients, std::size_t expected,
 
 // Our socket connected to a bare peer: the peer's end, and the socket's report of it.
 struct ClientAndBarePeer {
-    explicit ClientAndBarePeer(const std::string& host) {
+    explicit ClientAndBarePeer(const std::string& host,
+                               const std::optional<std::string>& interface = std::nullopt) {
         std::uint16_t port = 0;
         listener = rawListen(host, &port);
         TcpSocketError error;
-        connectOK = client.socket->connectToHost(host, port, 5.0, &error);
+        connectOK = client.socket->connectToHost(host, port, interface, 5.0, &error);
         connectError = describe(error);
         peer = rawAccept(listener.get());
         connected = client.recorder->waitFor([&] { return !client.recorder->connected.empty(); });
@@ -79,7 +80,7 @@ struct ClientAndBarePeer {
 TEST(TcpSocketConnect, ConnectsOverBothFamiliesAndKnowsBothEnds) {
     for (const std::string host : kHosts) {
         SCOPED_TRACE(host);
-        ClientAndBarePeer c(host);
+        ClientAndBarePeer c(host, "loopback");  // from the interface's address of that family
         ASSERT_TRUE(c.connectOK) << c.connectError;
         ASSERT_TRUE(c.peer);
         ASSERT_TRUE(c.connected);
@@ -149,7 +150,10 @@ TEST(TcpSocketConnect, ClosedPortIsRefusedWithTheSystemsText) {
         }  // closed: nothing listens on port now
         Endpoint e;
         TcpSocketError error;
-        ASSERT_TRUE(e.socket->connectToHost(host, port, 5.0, &error)) << describe(error);
+        const SocketAddress address = SocketAddress::fromNumericHost(host, port);
+        ASSERT_TRUE(address.empty() ? e.socket->connectToHost(host, port, 5.0, &error)
+                                    : e.socket->connectToAddress(address, 5.0, &error))
+            << describe(error);
         const auto d = e.recorder->waitForDisconnect(e.socket.get());
         ASSERT_TRUE(d);
         ASSERT_TRUE(d->error);
@@ -314,10 +318,16 @@ TEST(TcpSocketWrite, WritesInOrderThenHalfCloses) {
     }
 }
 
-// Our listener serves both families on one port; our client talks to it both ways; the side
-// that disconnects after writing hears no error, the side reading then hears closedByPeer.
+// Our listener serves both families on one port, handing its connections to a delegate of their
+// own; our client talks to it both ways; the side that disconnects after writing hears no
+// error, the side reading then hears closedByPeer.
 TEST(TcpSocketAccept, ServesBothFamiliesOnOnePort) {
     Endpoint server;
+    Endpoint connections;  // its socket stays unused: only its delegate serves
+    server.recorder->onWillAccept = [&](TcpSocketDelegate::AcceptedConnection& setup) {
+        setup.delegate = connections.recorder;
+        setup.delegateQueue = connections.delegateQueue;
+    };
     server.recorder->onAccept = [](const std::shared_ptr<TcpSocket>& accepted) {
         accepted->readToDelimiter(bytes("\n"), 1000, 5.0, 1);
         accepted->write(bytes("welcome\n"), 5.0, 2);
@@ -345,21 +355,25 @@ TEST(TcpSocketAccept, ServesBothFamiliesOnOnePort) {
         ASSERT_TRUE(d);
         EXPECT_EQ(describe(d->error), describe(TcpSocketError::closedByPeerError()));
     }
-    ASSERT_TRUE(server.recorder->waitFor([&] { return server.recorder->disconnects.size() == 2; }));
-    const auto serverSide = server.recorder->read([&] { return server.recorder->reads; });
+    Recorder& served = *connections.recorder;
+    ASSERT_TRUE(served.waitFor([&] { return served.disconnects.size() == 2; }));
+    const auto serverSide = served.read([&] { return served.reads; });
     ASSERT_EQ(serverSide.size(), 2u);
     for (const auto& read : serverSide) {
         EXPECT_EQ(text(read.data), "hello\n");
     }
-    for (const auto& d : server.recorder->read([&] { return server.recorder->disconnects; })) {
+    for (const auto& d : served.read([&] { return served.disconnects; })) {
         EXPECT_FALSE(d.error) << describe(d.error);
     }
+    EXPECT_TRUE(served.read([&] { return served.allOnDelegateQueue; }));
+    EXPECT_TRUE(server.recorder->read([&] { return server.recorder->reads.empty(); }));
     const auto accepted = server.recorder->read([&] { return server.recorder->accepted; });
     ASSERT_EQ(accepted.size(), 2u);
     EXPECT_EQ(accepted[0]->isDisconnected(), true);
     EXPECT_EQ(server.socket->acceptedConnectionCount(), 0u);
     server.socket->disconnect();
-    ASSERT_TRUE(server.recorder->waitFor([&] { return server.recorder->disconnects.size() == 3; }));
+    ASSERT_TRUE(server.recorder->waitFor([&] { return server.recorder->disconnects.size() == 1; }));
+    EXPECT_FALSE(server.recorder->read([&] { return server.recorder->disconnects[0].error; }));
     EXPECT_TRUE(server.recorder->read([&] { return server.recorder->allOnDelegateQueue; }));
 }
 

@@ -47,8 +47,8 @@ inline std::string describe(const std::optional<TcpSocketError>& error) {
 }
 
 // Records every report under a lock, with the socket it came from; tests wait on it with a
-// bound. onAccept, when set, runs on the delegate queue for each accepted socket, as a server's
-// delegate would start its reads there.
+// bound. onWillAccept and onAccept, when set, run on the delegate queue for each accepted
+// socket, as a server's delegate would choose its delegate and start its reads there.
 class Recorder : public TcpSocketDelegate {
   public:
     struct Read {
@@ -65,6 +65,11 @@ class Recorder : public TcpSocketDelegate {
 
     void socketDidConnect(TcpSocket& sock, const std::string& host, std::uint16_t port) override {
         record([&] { connected.push_back({&sock, host, port}); });
+    }
+    void socketWillAccept(TcpSocket&, const SocketAddress&, AcceptedConnection& setup) override {
+        if (onWillAccept) {
+            onWillAccept(setup);
+        }
     }
     void socketDidAccept(TcpSocket&, std::shared_ptr<TcpSocket> newSocket) override {
         if (onAccept) {
@@ -136,6 +141,7 @@ class Recorder : public TcpSocketDelegate {
         std::uint16_t port;
     };
 
+    std::function<void(AcceptedConnection&)> onWillAccept;
     std::function<void(const std::shared_ptr<TcpSocket>&)> onAccept;
     std::vector<Connected> connected;
     std::vector<std::shared_ptr<TcpSocket>> accepted;
