@@ -298,7 +298,8 @@ void TcpSocket::cacheAddresses(int fd) {
 
 void TcpSocket::closeWithError(std::optional<TcpSocketError> error) {
     const bool wasOpen = (flags_ & (kConnecting | kConnected | kAccepting)) != 0;
-    for (auto* timer : {&connectTimer_, &acceptRetryTimer_, &idleTimer_, &readTimer_, &writeTimer_}) {
+    for (auto* timer : {&connectTimer_, &acceptRetryTimer_, &idleTimer_, &readTimer_, &writeTimer_,
+                        &handshakeTimer_}) {
         cancelTimer(*timer);
     }
     if (tls_ && (flags_ & kSecure) && !error) {

@@ -330,6 +330,7 @@ class TcpSocket : public std::enable_shared_from_this<TcpSocket> {
     std::atomic<std::size_t> maxWriteQueue_{defaultMaxWriteQueueLength};
 
     std::shared_ptr<TlsSession> tls_;
+    std::shared_ptr<TimerSource> handshakeTimer_;
 };
 
 }  // namespace kavrin

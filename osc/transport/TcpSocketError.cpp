@@ -48,6 +48,10 @@ TcpSocketError TcpSocketError::writeQueueFullError() {
     return {socketDomain, writeQueueFull, "Too much data waiting to be written"};
 }
 
+TcpSocketError TcpSocketError::handshakeTimeoutError() {
+    return {socketDomain, handshakeTimeout, "TLS handshake timed out"};
+}
+
 TcpSocketError TcpSocketError::tlsError(std::string description,
                                         std::optional<std::string> failureReason) {
     return {socketDomain, tls, std::move(description), std::move(failureReason)};

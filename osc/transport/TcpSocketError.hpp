@@ -28,6 +28,7 @@ class TcpSocketError : public SocketError {
         writeQueueFull = 9,  ///< "Too much data waiting to be written"
         tls = 10,            ///< OpenSSL's reason text; for a refused certificate the reason
                              ///< verification gave is the failure reason
+        handshakeTimeout = 11,  ///< "TLS handshake timed out"
     };
 
     TcpSocketError();  ///< empty: no domain, code 0, no description
@@ -45,6 +46,7 @@ class TcpSocketError : public SocketError {
     static TcpSocketError closedByPeerError();
     static TcpSocketError idleTimeoutError();
     static TcpSocketError writeQueueFullError();
+    static TcpSocketError handshakeTimeoutError();
     static TcpSocketError tlsError(std::string description,
                                    std::optional<std::string> failureReason = std::nullopt);
     /// From the current errno; reason (the failing step) becomes the failure reason.

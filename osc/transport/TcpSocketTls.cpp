@@ -49,6 +49,8 @@ void TcpSocket::maybeStartHandshake() {
     }
     tls_ = currentRead_->tls;
     flags_ |= kHandshaking;
+    armTimer(handshakeTimer_, tls_->handshakeTimeout(),
+             [](TcpSocket& s) { s.closeWithError(TcpSocketError::handshakeTimeoutError()); });
     // The peer may have sent its first handshake bytes behind the last plain ones, and they may
     // already be in the inbound buffer.
     TcpSocketError error;
@@ -63,6 +65,7 @@ void TcpSocket::continueHandshake() {
     TcpSocketError error;
     switch (tls_->handshake(&error)) {
         case TlsSession::Status::done:
+            cancelTimer(handshakeTimer_);
             flags_ = (flags_ & ~kHandshaking) | kSecure;
             lastActivity_ = Clock::now();
             currentRead_.reset();

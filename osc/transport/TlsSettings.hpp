@@ -34,6 +34,10 @@ struct TlsSettings {
     /// Server only: ask every client for a certificate and refuse those without a valid one
     /// (verified as above unless verifyPeer is off).
     bool requireClientCertificate = false;
+
+    /// Seconds the handshake may take once it starts, negative for no limit; past it the
+    /// connection is closed with handshakeTimeout.
+    double handshakeTimeout = 30.0;
 };
 
 }  // namespace kavrin

@@ -235,6 +235,23 @@ TEST_F(TcpSocketTls, RefusesBadCertificatesWithReasons) {
     EXPECT_NE(d.error->description().find("alert"), std::string::npos) << describe(d.error);
 }
 
+// A peer that accepts and then says nothing cannot hold a handshake open past its time-out.
+TEST_F(TcpSocketTls, StalledHandshakeTimesOut) {
+    std::uint16_t port = 0;
+    Fd listener = rawListen("::1", &port);
+    Endpoint client;
+    TcpSocketError error;
+    ASSERT_TRUE(client.socket->connectToHost("::1", port, 5.0, &error)) << describe(error);
+    TlsSettings settings = clientSettings();
+    settings.handshakeTimeout = 0.3;
+    ASSERT_TRUE(client.socket->startTLS(settings, &error)) << describe(error);
+    Fd silent = rawAccept(listener.get());
+    const auto d = client.recorder->waitForDisconnect(client.socket.get());
+    ASSERT_TRUE(d);
+    EXPECT_EQ(describe(d->error), describe(TcpSocketError::handshakeTimeoutError()));
+    EXPECT_EQ(d->error->description(), "TLS handshake timed out");
+}
+
 // Plain text, then TLS in the middle of the stream without waiting for an answer: the client's
 // first handshake bytes follow its last plain ones at once, so the server has usually received
 // them with its plain read. Both ends are ours; the server asks for the client's certificate.

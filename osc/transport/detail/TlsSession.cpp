@@ -120,6 +120,8 @@ bool configure(Impl& impl, TcpSocketError* error) {
         return failWith(loadError("Cannot require TLS 1.2"));
     }
     SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    // A peer asking for handshake after handshake could keep us busy for nothing.
+    SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION);
     if (!s.certificateChainFile.empty() &&
         SSL_CTX_use_certificate_chain_file(ctx, s.certificateChainFile.c_str()) != 1) {
         return failWith(loadError("Cannot load the certificate chain " + s.certificateChainFile));
@@ -221,6 +223,10 @@ bool TlsSession::attach(int fd, std::vector<std::uint8_t> received, const std::s
         return failWith(loadError("Cannot check the server's name " + name));
     }
     return true;
+}
+
+double TlsSession::handshakeTimeout() const {
+    return impl_->settings.handshakeTimeout;
 }
 
 TlsSession::Status TlsSession::handshake(TcpSocketError* error) {

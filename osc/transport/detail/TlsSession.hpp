@@ -34,6 +34,7 @@ class TlsSession {
                 TcpSocketError* error);
 
     Status handshake(TcpSocketError* error);
+    double handshakeTimeout() const;
     /// done with *count > 0 bytes read; closed at the peer's close_notify or end of stream.
     Status read(std::uint8_t* buffer, std::size_t capacity, std::size_t* count,
                 TcpSocketError* error);
