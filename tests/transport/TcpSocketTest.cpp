@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <numeric>
 #include <thread>
 
@@ -29,6 +30,11 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
         std::this_thread::sleep_for(5ms);
     }
     return true;
+}
+
+std::size_t openDescriptors() {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                                  std::filesystem::directory_iterator()));
 }
 
 // How many of clients see their stream end, waiting up to the bound for expected of them.
@@ -393,6 +399,16 @@ TEST(TcpSocketAccept, CapsOpenConnectionsAndKeepsServing) {
         limit.rlim_cur = needed;
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0) << std::strerror(errno);
     }
+    // Counted once the queues' event loop, which opens descriptors of its own for the life of
+    // the process, has started. A listener's descriptors close on its queue, before any query
+    // made after the disconnect.
+    {
+        Endpoint warmUp;
+        ASSERT_TRUE(warmUp.socket->acceptOnPort(0));
+        warmUp.socket->disconnect();
+        ASSERT_TRUE(warmUp.socket->isDisconnected());
+    }
+    const std::size_t descriptorsBefore = openDescriptors();
     Endpoint server;
     server.socket->setMaxAcceptedConnections(kCap);
     TcpSocketError error;
@@ -422,6 +438,16 @@ TEST(TcpSocketAccept, CapsOpenConnectionsAndKeepsServing) {
     ASSERT_TRUE(server.recorder->waitFor([&] { return server.recorder->accepted.size() == 1; }));
     EXPECT_FALSE(seesEndOfStream(late.get(), 100ms));
     EXPECT_TRUE(server.socket->isAccepting());
+
+    // Every descriptor of the connections, their readiness sources and the listener is closed.
+    server.recorder->read([&] {
+        server.recorder->accepted.clear();
+        return 0;
+    });
+    late = Fd();
+    server.socket->disconnect();
+    EXPECT_TRUE(eventually([&] { return openDescriptors() == descriptorsBefore; }))
+        << openDescriptors() << " descriptors open, " << descriptorsBefore << " before";
 }
 
 TEST(TcpSocketAccept, IdleConnectionsAreDisconnected) {
