@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "osc/dispatch/SerialQueue.hpp"
 #include "osc/dispatch/TimerSource.hpp"
 #include "osc/transport/TcpSocket.hpp"
 #include "osc/transport/detail/Fail.hpp"

@@ -3,7 +3,6 @@
 
 #include <cerrno>
 
-#include "osc/dispatch/TimerSource.hpp"
 #include "osc/transport/TcpSocket.hpp"
 #include "osc/transport/detail/Fail.hpp"
 #include "osc/transport/detail/InterfaceAddresses.hpp"

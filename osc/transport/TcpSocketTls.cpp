@@ -1,4 +1,3 @@
-#include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/TcpSocket.hpp"
 #include "osc/transport/detail/Fail.hpp"
 #include "osc/transport/detail/TcpReadRequest.hpp"

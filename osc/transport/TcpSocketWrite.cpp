@@ -2,8 +2,6 @@
 
 #include <cerrno>
 
-#include "osc/dispatch/SerialQueue.hpp"
-#include "osc/dispatch/TimerSource.hpp"
 #include "osc/transport/TcpSocket.hpp"
 #include "osc/transport/detail/Fail.hpp"
 #include "osc/transport/detail/TcpSocketInternals.hpp"
