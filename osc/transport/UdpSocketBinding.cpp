@@ -65,9 +65,8 @@ bool UdpSocket::bindAddresses(const SocketAddress& address4, const SocketAddress
     const bool ipv4Disabled = (config_ & kIPv4Disabled) != 0;
     const bool ipv6Disabled = (config_ & kIPv6Disabled) != 0;
     if (address4.empty() && address6.empty()) {
-        return fail(error, UdpSocketError::badParamError(
-                               "Unknown interface. Specify valid interface by name (e.g. \"en1\") "
-                               "or IP address."));
+        return fail(error,
+                    UdpSocketError::badParamError(InterfaceAddresses::unknownInterfaceText));
     }
     if (ipv4Disabled && address6.empty()) {
         return fail(error, UdpSocketError::badParamError(

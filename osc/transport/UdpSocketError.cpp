@@ -1,22 +1,16 @@
 #include "osc/transport/UdpSocketError.hpp"
 
-#include <netdb.h>
-
-#include <cerrno>
-#include <cstring>
 #include <utility>
 
 namespace kavrin {
 
-UdpSocketError::UdpSocketError() : std::runtime_error("") {}
+UdpSocketError::UdpSocketError() = default;
 
 UdpSocketError::UdpSocketError(std::string domain, int code, std::string description,
                                std::optional<std::string> failureReason)
-    : std::runtime_error(description),
-      domain_(std::move(domain)),
-      code_(code),
-      description_(std::move(description)),
-      failureReason_(std::move(failureReason)) {}
+    : SocketError(std::move(domain), code, std::move(description), std::move(failureReason)) {}
+
+UdpSocketError::UdpSocketError(SocketError error) : SocketError(std::move(error)) {}
 
 UdpSocketError UdpSocketError::badConfigError(std::string description) {
     return {socketDomain, badConfig, std::move(description)};
@@ -41,12 +35,11 @@ UdpSocketError UdpSocketError::otherError(std::string description) {
 }
 
 UdpSocketError UdpSocketError::errnoError(std::optional<std::string> reason) {
-    const int code = errno;
-    return {posixDomain, code, std::strerror(code), std::move(reason)};
+    return UdpSocketError(posixError(std::move(reason)));
 }
 
 UdpSocketError UdpSocketError::gaiError(int code) {
-    return {netDBDomain, code, gai_strerror(code)};
+    return UdpSocketError(netDBError(code));
 }
 
 }  // namespace kavrin

@@ -14,6 +14,10 @@ namespace kavrin {
 /// family); both empty means an unknown interface. Safe from any thread. Internal to the
 /// transport layer.
 struct InterfaceAddresses {
+    /// What a socket says when both are empty.
+    static constexpr const char* unknownInterfaceText =
+        "Unknown interface. Specify valid interface by name (e.g. \"en1\") or IP address.";
+
     SocketAddress ipv4;
     SocketAddress ipv6;
 

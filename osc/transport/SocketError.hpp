@@ -1,0 +1,42 @@
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace kavrin {
+
+/// What the errors of every socket share: a domain, an integer code, a description (what()) and,
+/// for system-call failures, the step that failed as the failure reason. Each socket's error type
+/// derives from it and adds its own domain and codes; errors of the two shared domains read the
+/// same from every socket:
+/// "NSPOSIXErrorDomain" for a failed system call (code errno, description strerror),
+/// "kCFStreamErrorDomainNetDB" for a failed getaddrinfo (code its result, description
+/// gai_strerror). A plain value: safe to copy and pass between threads.
+class SocketError : public std::runtime_error {
+  public:
+    static constexpr const char* posixDomain = "NSPOSIXErrorDomain";
+    static constexpr const char* netDBDomain = "kCFStreamErrorDomainNetDB";
+
+    SocketError();  ///< empty: no domain, code 0, no description
+    SocketError(std::string domain, int code, std::string description,
+                std::optional<std::string> failureReason = std::nullopt);
+
+    const std::string& domain() const { return domain_; }
+    int code() const { return code_; }
+    const std::string& description() const { return description_; }
+    const std::optional<std::string>& failureReason() const { return failureReason_; }
+
+    /// From the current errno; reason (the failing step) becomes the failure reason.
+    static SocketError posixError(std::optional<std::string> reason = std::nullopt);
+    /// From a getaddrinfo result code.
+    static SocketError netDBError(int code);
+
+  private:
+    std::string domain_;
+    int code_ = 0;
+    std::string description_;
+    std::optional<std::string> failureReason_;
+};
+
+}  // namespace kavrin

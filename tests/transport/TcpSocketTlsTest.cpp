@@ -1,0 +1,311 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "OpensslProcess.hpp"
+#include "TcpTestSupport.hpp"
+#include "osc/transport/TcpSocket.hpp"
+
+// TcpSocket's TLS against OpenSSL's own s_server and s_client, with certificates made for the
+// test: a CA, a server certificate for localhost (and 127.0.0.1, ::1) signed by it, an expired
+// one, and an unrelated CA.
+
+namespace kavrin {
+namespace {
+
+using namespace tcpTest;
+
+class TcpSocketTls : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        char folder[] = "/tmp/kavrin-tls-XXXXXX";
+        ASSERT_NE(::mkdtemp(folder), nullptr);
+        dir_ = folder;
+        const std::vector<std::string> ec = {"-newkey", "ec", "-pkeyopt",
+                                             "ec_paramgen_curve:prime256v1", "-nodes"};
+        const std::string localhost = "subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1";
+        run(join({"req", "-x509"}, ec, {"-keyout", path("ca.key"), "-out", path("ca.pem"),
+                                        "-subj", "/CN=Kavrin Test CA", "-days", "2"}));
+        run(join({"req", "-x509"}, ec, {"-keyout", path("other.key"), "-out", path("other.pem"),
+                                        "-subj", "/CN=Unrelated Test CA", "-days", "2"}));
+        for (const std::string name : {"server", "expired"}) {
+            run(join({"req"}, ec, {"-keyout", path(name + ".key"), "-out", path(name + ".csr"),
+                                   "-subj", "/CN=localhost", "-addext", localhost}));
+        }
+        run({"x509", "-req", "-in", path("server.csr"), "-CA", path("ca.pem"), "-CAkey",
+             path("ca.key"), "-CAcreateserial", "-out", path("server.pem"), "-days", "2",
+             "-copy_extensions", "copy"});
+        // req cannot date a certificate in the past; the CA command can.
+        std::ofstream(path("index.txt")).close();
+        std::ofstream(path("serial")) << "1000\n";
+        std::ofstream(path("ca.cnf")) << "[ca]\ndefault_ca = test_ca\n[test_ca]\n"
+                                      << "database = " << path("index.txt") << "\n"
+                                      << "new_certs_dir = " << dir_ << "\n"
+                                      << "serial = " << path("serial") << "\n"
+                                      << "certificate = " << path("ca.pem") << "\n"
+                                      << "private_key = " << path("ca.key") << "\n"
+                                      << "default_md = sha256\npolicy = any_name\n"
+                                      << "copy_extensions = copy\n[any_name]\n"
+                                      << "commonName = supplied\n";
+        run({"ca", "-batch", "-config", path("ca.cnf"), "-in", path("expired.csr"), "-out",
+             path("expired.pem"), "-startdate", "20200101000000Z", "-enddate", "20200102000000Z",
+             "-notext"});
+    }
+
+    static void TearDownTestSuite() { std::filesystem::remove_all(dir_); }
+
+    static std::string path(const std::string& name) { return dir_ + "/" + name; }
+
+    static std::vector<std::string> join(std::vector<std::string> a, const std::vector<std::string>& b,
+                                         const std::vector<std::string>& c) {
+        a.insert(a.end(), b.begin(), b.end());
+        a.insert(a.end(), c.begin(), c.end());
+        return a;
+    }
+
+    static void run(const std::vector<std::string>& arguments) {
+        OpensslProcess process(arguments);
+        ASSERT_TRUE(process.started()) << "cannot run openssl";
+        const auto status = process.waitForExit(30s);
+        ASSERT_EQ(status, 0) << "openssl " << arguments[0] << " failed: " << process.output();
+    }
+
+    // An s_server on host (numeric) and a port of the kernel's choice, ready to accept.
+    static std::unique_ptr<OpensslProcess> startServer(const std::string& host,
+                                                       const std::string& certificate,
+                                                       std::uint16_t* port) {
+        const std::string accept = (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":0";
+        auto server = std::make_unique<OpensslProcess>(std::vector<std::string>{
+            "s_server", "-accept", accept, "-cert", path(certificate + ".pem"), "-key",
+            path(certificate + ".key")});
+        const bool ready = server->waitForOutput("ACCEPT", 10s) && server->waitForOutput("\n", 1s);
+        EXPECT_TRUE(ready) << "s_server did not start: " << server->output();
+        const std::string& out = server->output();
+        const auto line = out.find("ACCEPT");
+        const auto colon = out.rfind(':', out.find('\n', line));
+        *port = ready ? static_cast<std::uint16_t>(std::stoi(out.substr(colon + 1))) : 0;
+        return server;
+    }
+
+    static TlsSettings clientSettings() {
+        TlsSettings settings;
+        settings.caFile = path("ca.pem");
+        return settings;
+    }
+
+    static TlsSettings serverSettings() {
+        TlsSettings settings;
+        settings.isServer = true;
+        settings.certificateChainFile = path("server.pem");
+        settings.privateKeyFile = path("server.key");
+        return settings;
+    }
+
+    static std::string dir_;
+};
+
+std::string TcpSocketTls::dir_;
+
+// Our client to s_server: over both families, the name checked as given by the host, by
+// peerName and as an address; then data both ways.
+TEST_F(TcpSocketTls, ClientVerifiesOpensslServerAndTalksBothWays) {
+    struct Case {
+        std::string serverHost, connectHost, peerName;
+    };
+    for (const Case& c : {Case{"127.0.0.1", "localhost", ""}, Case{"::1", "::1", "localhost"},
+                          Case{"127.0.0.1", "127.0.0.1", ""}}) {
+        SCOPED_TRACE(c.connectHost + " " + c.peerName);
+        std::uint16_t port = 0;
+        auto server = startServer(c.serverHost, "server", &port);
+        ASSERT_NE(port, 0);
+        Endpoint client;
+        TcpSocketError error;
+        ASSERT_TRUE(client.socket->connectToHost(c.connectHost, port, 5.0, &error)) << describe(error);
+        TlsSettings settings = clientSettings();
+        settings.peerName = c.peerName;
+        ASSERT_TRUE(client.socket->startTLS(settings, &error)) << describe(error);
+        ASSERT_TRUE(client.socket->write(bytes("ping from kavrin\n"), 5.0, 1));
+        ASSERT_TRUE(client.socket->readToDelimiter(bytes("\n"), 1000, 10.0, 2));
+        ASSERT_TRUE(client.recorder->waitFor([&] {
+            return !client.recorder->secured.empty() || !client.recorder->disconnects.empty();
+        }));
+        ASSERT_TRUE(client.recorder->read([&] { return client.recorder->disconnects.empty(); }))
+            << describe(client.recorder->read([&] { return client.recorder->disconnects[0].error; }));
+        EXPECT_TRUE(client.socket->isSecure());
+        EXPECT_TRUE(server->waitForOutput("ping from kavrin", 10s)) << server->output();
+        ASSERT_TRUE(server->send("hello from s_server\n"));
+        ASSERT_TRUE(client.recorder->waitFor([&] { return client.recorder->reads.size() == 1; }))
+            << server->output();
+        EXPECT_EQ(text(client.recorder->read([&] { return client.recorder->reads[0].data; })),
+                  "hello from s_server\n");
+        EXPECT_EQ(client.recorder->read([&] { return client.recorder->written; }),
+                  std::vector<std::int64_t>{1});
+    }
+}
+
+// s_client to our listener, verifying our chain and name strictly; data both ways.
+TEST_F(TcpSocketTls, OpensslClientVerifiesOurServerAndTalksBothWays) {
+    Endpoint server;
+    server.recorder->onAccept = [](const std::shared_ptr<TcpSocket>& accepted) {
+        accepted->startTLS(serverSettings());
+        accepted->write(bytes("hello from kavrin\n"), 5.0, 1);
+        accepted->readToDelimiter(bytes("\n"), 1000, 10.0, 2);
+    };
+    TcpSocketError error;
+    ASSERT_TRUE(server.socket->acceptOnPort(0, &error)) << describe(error);
+    const std::string port = std::to_string(server.socket->localPort());
+    std::size_t served = 0;
+    for (const std::string& target : {"127.0.0.1:" + port, "[::1]:" + port}) {
+        SCOPED_TRACE(target);
+        OpensslProcess client({"s_client", "-connect", target, "-CAfile", path("ca.pem"),
+                               "-verify_return_error", "-verify_hostname", "localhost",
+                               "-servername", "localhost", "-quiet"});
+        ASSERT_TRUE(client.waitForOutput("hello from kavrin", 10s)) << client.output();
+        ASSERT_TRUE(client.send("hello from s_client\n"));
+        ++served;
+        ASSERT_TRUE(server.recorder->waitFor([&] { return server.recorder->reads.size() == served; }))
+            << client.output();
+        EXPECT_EQ(text(server.recorder->read([&] { return server.recorder->reads.back().data; })),
+                  "hello from s_client\n");
+    }
+    EXPECT_EQ(server.recorder->read([&] { return server.recorder->secured.size(); }), 2u);
+}
+
+// Each refusal says why: OpenSSL's reason, and verification's own reason as the failure
+// reason. Turning verification off, explicitly, lets the same unknown chain through.
+TEST_F(TcpSocketTls, RefusesBadCertificatesWithReasons) {
+    struct Case {
+        const char* what;
+        std::string certificate, caFile, peerName;
+        bool verifyPeer;
+        std::optional<std::string> reason;  // none: the handshake succeeds
+    };
+    const Case cases[] = {
+        {"unknown CA", "server", path("other.pem"), "", true, "unable to get local issuer certificate"},
+        {"wrong name", "server", path("ca.pem"), "kavrin.invalid", true, "hostname mismatch"},
+        {"expired", "expired", path("ca.pem"), "", true, "certificate has expired"},
+        {"unchecked", "server", path("other.pem"), "kavrin.invalid", false, std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::uint16_t port = 0;
+        auto server = startServer("127.0.0.1", c.certificate, &port);
+        ASSERT_NE(port, 0);
+        Endpoint client;
+        TcpSocketError error;
+        ASSERT_TRUE(client.socket->connectToHost("localhost", port, 5.0, &error)) << describe(error);
+        TlsSettings settings;
+        settings.caFile = c.caFile;
+        settings.peerName = c.peerName;
+        settings.verifyPeer = c.verifyPeer;
+        ASSERT_TRUE(client.socket->startTLS(settings, &error)) << describe(error);
+        client.socket->readAvailable(100, 10.0, 1);
+        if (!c.reason) {
+            EXPECT_TRUE(client.recorder->waitFor([&] { return !client.recorder->secured.empty(); }))
+                << server->output();
+            continue;
+        }
+        const auto d = client.recorder->waitForDisconnect(client.socket.get());
+        ASSERT_TRUE(d);
+        ASSERT_TRUE(d->error);
+        EXPECT_EQ(d->error->code(), TcpSocketError::tls) << describe(d->error);
+        EXPECT_EQ(d->error->description(), "certificate verify failed") << describe(d->error);
+        EXPECT_EQ(d->error->failureReason(), c.reason) << describe(d->error);
+        EXPECT_TRUE(client.recorder->read([&] { return client.recorder->secured.empty(); }));
+    }
+
+    // Our server, refused by a client that trusts another CA, hears the client's alert.
+    Endpoint server;
+    server.recorder->onAccept = [](const std::shared_ptr<TcpSocket>& accepted) {
+        accepted->startTLS(serverSettings());
+        accepted->readAvailable(100, 10.0, 1);
+    };
+    TcpSocketError error;
+    ASSERT_TRUE(server.socket->acceptOnPort(0, &error)) << describe(error);
+    OpensslProcess client({"s_client", "-connect",
+                           "127.0.0.1:" + std::to_string(server.socket->localPort()), "-CAfile",
+                           path("other.pem"), "-verify_return_error", "-quiet"});
+    ASSERT_TRUE(server.recorder->waitFor([&] { return !server.recorder->disconnects.empty(); }))
+        << client.output();
+    const auto d = server.recorder->read([&] { return server.recorder->disconnects[0]; });
+    ASSERT_TRUE(d.error);
+    EXPECT_EQ(d.error->code(), TcpSocketError::tls) << describe(d.error);
+    EXPECT_NE(d.error->description().find("alert"), std::string::npos) << describe(d.error);
+}
+
+// A peer that accepts and then says nothing cannot hold a handshake open past its time-out.
+TEST_F(TcpSocketTls, StalledHandshakeTimesOut) {
+    std::uint16_t port = 0;
+    Fd listener = rawListen("::1", &port);
+    Endpoint client;
+    TcpSocketError error;
+    ASSERT_TRUE(client.socket->connectToHost("::1", port, 5.0, &error)) << describe(error);
+    TlsSettings settings = clientSettings();
+    settings.handshakeTimeout = 0.3;
+    ASSERT_TRUE(client.socket->startTLS(settings, &error)) << describe(error);
+    Fd silent = rawAccept(listener.get());
+    const auto d = client.recorder->waitForDisconnect(client.socket.get());
+    ASSERT_TRUE(d);
+    EXPECT_EQ(describe(d->error), describe(TcpSocketError::handshakeTimeoutError()));
+    EXPECT_EQ(d->error->description(), "TLS handshake timed out");
+}
+
+// Plain text, then TLS in the middle of the stream without waiting for an answer: the client's
+// first handshake bytes follow its last plain ones at once, so the server has usually received
+// them with its plain read. Both ends are ours; the server asks for the client's certificate.
+TEST_F(TcpSocketTls, StartsInTheMiddleOfTheStream) {
+    for (const std::string host : {"127.0.0.1", "::1"}) {
+        SCOPED_TRACE(host);
+        Endpoint server;
+        server.recorder->onAccept = [](const std::shared_ptr<TcpSocket>& accepted) {
+            TlsSettings settings = serverSettings();
+            settings.requireClientCertificate = true;
+            settings.caFile = path("ca.pem");
+            accepted->readToDelimiter(bytes("\n"), 100, 10.0, 1);
+            accepted->startTLS(settings);
+            accepted->readToDelimiter(bytes("\n"), 100, 10.0, 2);
+            accepted->write(bytes("secret answer\n"), 10.0, 3);
+        };
+        TcpSocketError error;
+        ASSERT_TRUE(server.socket->acceptOnInterface(host, 0, &error)) << describe(error);
+        Endpoint client;
+        ASSERT_TRUE(client.socket->connectToHost(host, server.socket->localPort(), 5.0, &error))
+            << describe(error);
+        client.socket->write(bytes("STARTTLS\n"), 10.0, 1);
+        TlsSettings settings = clientSettings();
+        settings.peerName = "localhost";
+        settings.certificateChainFile = path("server.pem");
+        settings.privateKeyFile = path("server.key");
+        ASSERT_TRUE(client.socket->startTLS(settings, &error)) << describe(error);
+        client.socket->write(bytes("secret question\n"), 10.0, 2);
+        client.socket->readToDelimiter(bytes("\n"), 100, 10.0, 3);
+
+        ASSERT_TRUE(client.recorder->waitFor([&] {
+            return client.recorder->reads.size() == 1 || !client.recorder->disconnects.empty();
+        }));
+        ASSERT_TRUE(client.recorder->read([&] { return client.recorder->disconnects.empty(); }))
+            << describe(client.recorder->read([&] { return client.recorder->disconnects[0].error; }));
+        EXPECT_EQ(text(client.recorder->read([&] { return client.recorder->reads[0].data; })),
+                  "secret answer\n");
+        ASSERT_TRUE(server.recorder->waitFor([&] { return server.recorder->reads.size() == 2; }));
+        const auto reads = server.recorder->read([&] { return server.recorder->reads; });
+        EXPECT_EQ(text(reads[0].data), "STARTTLS\n");
+        EXPECT_EQ(text(reads[1].data), "secret question\n");
+        EXPECT_EQ(server.recorder->read([&] { return server.recorder->secured.size(); }), 1u);
+
+        // An orderly close sends close_notify: the server's waiting read ends with the peer.
+        server.recorder->read([&] {
+            server.recorder->accepted[0]->readAvailable(100, 10.0, 4);
+            return 0;
+        });
+        client.socket->disconnect();
+        ASSERT_TRUE(server.recorder->waitFor([&] { return !server.recorder->disconnects.empty(); }));
+        EXPECT_EQ(describe(server.recorder->read([&] { return server.recorder->disconnects[0].error; })),
+                  describe(TcpSocketError::closedByPeerError()));
+    }
+}
+
+}  // namespace
+}  // namespace kavrin

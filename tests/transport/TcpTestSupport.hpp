@@ -1,0 +1,288 @@
+#pragma once
+
+// What the TcpSocket tests share: a delegate that records every report, a bare BSD socket peer,
+// and the description of an error for failure messages.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "osc/dispatch/SerialQueue.hpp"
+#include "osc/transport/TcpSocket.hpp"
+
+namespace kavrin::tcpTest {
+
+using Bytes = std::vector<std::uint8_t>;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+inline Bytes bytes(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
+inline std::string text(const Bytes& data) {
+    return {data.begin(), data.end()};
+}
+
+inline std::string describe(const std::optional<TcpSocketError>& error) {
+    if (!error) {
+        return "no error";
+    }
+    return error->domain() + " " + std::to_string(error->code()) + ": " + error->description() +
+           (error->failureReason() ? " (" + *error->failureReason() + ")" : "");
+}
+
+// Records every report under a lock, with the socket it came from; tests wait on it with a
+// bound. onWillAccept and onAccept, when set, run on the delegate queue for each accepted
+// socket, as a server's delegate would choose its delegate and start its reads there.
+class Recorder : public TcpSocketDelegate {
+  public:
+    struct Read {
+        TcpSocket* socket;
+        std::int64_t tag;
+        Bytes data;
+    };
+    struct Disconnect {
+        TcpSocket* socket;
+        std::optional<TcpSocketError> error;
+    };
+
+    explicit Recorder(std::shared_ptr<DispatchQueue> queue) : queue_(std::move(queue)) {}
+
+    void socketDidConnect(TcpSocket& sock, const std::string& host, std::uint16_t port) override {
+        record([&] { connected.push_back({&sock, host, port}); });
+    }
+    void socketWillAccept(TcpSocket&, const SocketAddress&, AcceptedConnection& setup) override {
+        if (onWillAccept) {
+            onWillAccept(setup);
+        }
+    }
+    void socketDidAccept(TcpSocket&, std::shared_ptr<TcpSocket> newSocket) override {
+        if (onAccept) {
+            onAccept(newSocket);
+        }
+        record([&] { accepted.push_back(std::move(newSocket)); });
+    }
+    void socketDidReadData(TcpSocket& sock, Bytes data, std::int64_t tag) override {
+        record([&] { reads.push_back({&sock, tag, std::move(data)}); });
+    }
+    void socketDidReadPartialDataOfLength(TcpSocket&, std::size_t length, std::int64_t) override {
+        record([&] { partialReadBytes += length; });
+    }
+    void socketDidWriteDataWithTag(TcpSocket&, std::int64_t tag) override {
+        record([&] { written.push_back(tag); });
+    }
+    void socketDidWritePartialDataOfLength(TcpSocket&, std::size_t length, std::int64_t) override {
+        record([&] { partialWriteBytes += length; });
+    }
+    void socketDidSecure(TcpSocket& sock) override {
+        record([&] { secured.push_back(&sock); });
+    }
+    void socketDidDisconnect(TcpSocket& sock, const std::optional<TcpSocketError>& error) override {
+        record([&] { disconnects.push_back({&sock, error}); });
+    }
+
+    // Waits until done() holds (checked under the lock); false after the bound.
+    template <class Done>
+    bool waitFor(Done done, std::chrono::milliseconds bound = 10s) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, bound, [&] { return done(); });
+    }
+
+    template <class Read>
+    auto read(Read read) {
+        std::lock_guard lock(mutex_);
+        return read();
+    }
+
+    // The first disconnect of sock, once it has come.
+    std::optional<Disconnect> waitForDisconnect(TcpSocket* sock, std::chrono::milliseconds bound = 10s) {
+        std::optional<Disconnect> found;
+        waitFor(
+            [&] {
+                for (const auto& d : disconnects) {
+                    if (d.socket == sock) {
+                        found = d;
+                    }
+                }
+                return found.has_value();
+            },
+            bound);
+        return found;
+    }
+
+    std::size_t disconnectsOf(TcpSocket* sock) {
+        return read([&] {
+            std::size_t count = 0;
+            for (const auto& d : disconnects) {
+                count += d.socket == sock;
+            }
+            return count;
+        });
+    }
+
+    struct Connected {
+        TcpSocket* socket;
+        std::string host;
+        std::uint16_t port;
+    };
+
+    std::function<void(AcceptedConnection&)> onWillAccept;
+    std::function<void(const std::shared_ptr<TcpSocket>&)> onAccept;
+    std::vector<Connected> connected;
+    std::vector<std::shared_ptr<TcpSocket>> accepted;
+    std::vector<Read> reads;
+    std::size_t partialReadBytes = 0;
+    std::vector<std::int64_t> written;
+    std::size_t partialWriteBytes = 0;
+    std::vector<TcpSocket*> secured;
+    std::vector<Disconnect> disconnects;
+    bool allOnDelegateQueue = true;
+
+  private:
+    template <class F>
+    void record(F f) {
+        std::lock_guard lock(mutex_);
+        allOnDelegateQueue = allOnDelegateQueue && queue_->isCurrent();
+        f();
+        changed_.notify_all();
+    }
+
+    std::shared_ptr<DispatchQueue> queue_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+};
+
+// A socket with a recording delegate on a serial delegate queue of its own.
+struct Endpoint {
+    Endpoint()
+        : delegateQueue(SerialQueue::create("test.delegate")),
+          recorder(std::make_shared<Recorder>(delegateQueue)),
+          socket(TcpSocket::create(recorder, delegateQueue)) {}
+
+    std::shared_ptr<SerialQueue> delegateQueue;
+    std::shared_ptr<Recorder> recorder;
+    std::shared_ptr<TcpSocket> socket;
+};
+
+// A descriptor closed when it goes out of scope.
+class Fd {
+  public:
+    Fd() = default;
+    explicit Fd(int fd) : fd_(fd) {}
+    Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Fd& operator=(Fd&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    ~Fd() {
+        if (fd_ != -1) {
+            ::close(fd_);
+        }
+    }
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ != -1; }
+
+  private:
+    int fd_ = -1;
+};
+
+// The bare peer: plain blocking BSD sockets on a numeric loopback host.
+inline SocketAddress loopbackAddress(const std::string& host, std::uint16_t port) {
+    return SocketAddress::fromNumericHost(host, port);
+}
+
+inline Fd rawListen(const std::string& host, std::uint16_t* port, int backlog = 16) {
+    const SocketAddress address = loopbackAddress(host, 0);
+    Fd fd(::socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int on = 1;
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(address.data()),
+               static_cast<socklen_t>(address.size())) != 0 ||
+        ::listen(fd.get(), backlog) != 0) {
+        return {};
+    }
+    sockaddr_in6 bound{};
+    socklen_t length = sizeof bound;
+    ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&bound), &length);
+    *port = SocketAddress(&bound, length).port();
+    return fd;
+}
+
+inline bool waitReadable(int fd, std::chrono::milliseconds bound) {
+    pollfd entry{fd, POLLIN, 0};
+    return ::poll(&entry, 1, static_cast<int>(bound.count())) == 1;
+}
+
+inline Fd rawAccept(int listener, std::chrono::milliseconds bound = 10s) {
+    if (!waitReadable(listener, bound)) {
+        return {};
+    }
+    return Fd(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+}
+
+inline Fd rawConnect(const std::string& host, std::uint16_t port) {
+    const SocketAddress address = loopbackAddress(host, port);
+    Fd fd(::socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(address.data()),
+                  static_cast<socklen_t>(address.size())) != 0) {
+        return {};
+    }
+    return fd;
+}
+
+inline bool sendAll(int fd, const Bytes& data) {
+    std::size_t sent = 0;
+    while (sent < data.size()) {
+        const ssize_t n = ::send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) {
+            return false;
+        }
+        sent += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Up to length bytes, fewer at the end of the stream or after the bound.
+inline Bytes recvUpTo(int fd, std::size_t length, std::chrono::milliseconds bound = 10s) {
+    Bytes received;
+    const auto deadline = Clock::now() + bound;
+    std::uint8_t buffer[65536];
+    while (received.size() < length) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0 || !waitReadable(fd, left)) {
+            break;
+        }
+        const ssize_t n = ::recv(fd, buffer, std::min(sizeof buffer, length - received.size()), 0);
+        if (n <= 0) {
+            break;
+        }
+        received.insert(received.end(), buffer, buffer + n);
+    }
+    return received;
+}
+
+// True when the peer has closed: the stream ends (or is reset) within the bound.
+inline bool seesEndOfStream(int fd, std::chrono::milliseconds bound = 10s) {
+    if (!waitReadable(fd, bound)) {
+        return false;
+    }
+    std::uint8_t byte;
+    return ::recv(fd, &byte, 1, MSG_DONTWAIT) <= 0;
+}
+
+}  // namespace kavrin::tcpTest
