@@ -85,8 +85,31 @@ bool mayStartWildcard(char c) {
     return special[static_cast<unsigned char>(c)];
 }
 
+constexpr bool littleEndian = std::endian::native == std::endian::little;
+
+// The index of the first and of the last byte marked in a mask of bytesEqual's kind.
+std::size_t firstMarked(std::uint64_t mask) {
+    return littleEndian ? static_cast<std::size_t>(std::countr_zero(mask)) / 8
+                        : static_cast<std::size_t>(std::countl_zero(mask)) / 8;
+}
+std::size_t lastMarked(std::uint64_t mask) {
+    return littleEndian ? (63 - static_cast<std::size_t>(std::countl_zero(mask))) / 8
+                        : (63 - static_cast<std::size_t>(std::countr_zero(mask))) / 8;
+}
+// The marks of the first `count` bytes of a word only, count below 8.
+std::uint64_t firstBytes(std::uint64_t mask, std::size_t count) {
+    return littleEndian ? mask & ((std::uint64_t{1} << (count * 8)) - 1)
+                        : mask & ~(~std::uint64_t{0} >> (count * 8));
+}
+
 std::size_t findByte(std::string_view text, std::size_t from, char byte) {
-    while (from < text.size() && text[from] != byte) ++from;
+    const std::size_t size = text.size();
+    for (; from + 8 <= size; from += 8) {
+        const auto marks = bytesEqual(loadWord<std::uint64_t>(text.data() + from),
+                                      static_cast<unsigned char>(byte));
+        if (marks != 0) return from + firstMarked(marks);
+    }
+    while (from < size && text[from] != byte) ++from;
     return from;
 }
 
@@ -159,6 +182,14 @@ struct Token {
     std::size_t end = 0;  // where the next token starts
 };
 
+// Where `byte` first stands from `from` on, within the component: the component's end (a "/" or
+// the text's end) when it does not.
+std::size_t findInComponent(std::string_view text, std::size_t from, char byte) {
+    while (from < text.size() && text[from] != byte && text[from] != '/') ++from;
+    return from;
+}
+
+// Reads within the component: a bracket or brace list never closes past a "/".
 Token readToken(std::string_view pattern, std::size_t i) {
     const char c = pattern[i];
     if (c == '*') {
@@ -168,16 +199,19 @@ Token readToken(std::string_view pattern, std::size_t i) {
     }
     if (c == '?') return {Token::Kind::any, {}, false, i + 1};
     if (c == '[' || c == '{') {
-        const auto bracketEnd = c == '[' ? findByte(pattern, i + 1, ']') : pattern.size();
-        if (bracketEnd != pattern.size()) {
+        const auto closes = [&](std::size_t at, char byte) {
+            return at < pattern.size() && pattern[at] == byte;
+        };
+        const auto bracketEnd = c == '[' ? findInComponent(pattern, i + 1, ']') : pattern.size();
+        if (closes(bracketEnd, ']')) {
             auto contents = pattern.substr(i + 1, bracketEnd - i - 1);
             const bool exclusion = contents.starts_with('!');
             if (exclusion) contents.remove_prefix(1);
             return {Token::Kind::bracket, contents, exclusion, bracketEnd + 1};
         }
         // Deliberately, a "[" without its "]" reads as a "{".
-        const auto braceEnd = findByte(pattern, i + 1, '}');
-        if (braceEnd != pattern.size()) {
+        const auto braceEnd = findInComponent(pattern, i + 1, '}');
+        if (closes(braceEnd, '}')) {
             return {Token::Kind::brace, pattern.substr(i + 1, braceEnd - i - 1), false,
                     braceEnd + 1};
         }
@@ -189,13 +223,14 @@ Token readToken(std::string_view pattern, std::size_t i) {
 }
 
 // How many characters of `component` a token other than "*" takes at p; -1 when it does not
-// match there.
+// match there. The text may go on past the component's "/" unless the token is literal text: no
+// other token takes a "/".
 std::ptrdiff_t lengthAt(const Token& token, std::string_view component, std::size_t p) {
     switch (token.kind) {
         case Token::Kind::any:
-            return p < component.size() ? 1 : -1;
+            return p < component.size() && component[p] != '/' ? 1 : -1;
         case Token::Kind::bracket:
-            if (p >= component.size()) return -1;
+            if (p >= component.size() || component[p] == '/') return -1;
             return groupsAccept(token.text, component[p]) != token.exclusion ? 1 : -1;
         case Token::Kind::brace:
             return braceLength(token.text, component.substr(p));
@@ -292,22 +327,23 @@ std::optional<bool> matches(std::string_view pattern, std::string_view address) 
     std::size_t componentStart = 0;  // of the address component j is in
     bool checked = false;            // whether the texts are a byte per character
     for (;;) {
+        // Eight bytes a step: up to the first byte that differs or may open a wildcard.
         while (i + 8 <= pn && j + 8 <= an) {
             const std::uint64_t word = loadWord<std::uint64_t>(p + i);
-            if ((word != loadWord<std::uint64_t>(a + j)) |
-                ((bytesEqual(word, '*') | bytesEqual(word, '?') | bytesEqual(word, '[') |
-                  bytesEqual(word, '{')) != 0)) {
-                break;
+            const std::uint64_t other = loadWord<std::uint64_t>(a + j);
+            const std::uint64_t wild = bytesEqual(word, '*') | bytesEqual(word, '?') |
+                                       bytesEqual(word, '[') | bytesEqual(word, '{');
+            std::uint64_t slashes = bytesEqual(word, '/');
+            std::size_t step = 8;
+            if (word != other || wild != 0) {
+                const auto differ = ~bytesEqual(word ^ other, 0) & asciiScanDetail::highBits;
+                step = firstMarked(wild | differ);
+                slashes = firstBytes(slashes, step);
             }
-            if (const auto slashes = bytesEqual(word, '/'); slashes != 0) {
-                // The last "/" of the word: on a little-endian machine its highest byte.
-                componentStart =
-                    std::endian::native == std::endian::little
-                        ? j + (63 - static_cast<std::size_t>(std::countl_zero(slashes))) / 8 + 1
-                        : address.rfind('/', j + 7) + 1;
-            }
-            i += 8;
-            j += 8;
+            if (slashes != 0) componentStart = j + lastMarked(slashes) + 1;
+            i += step;
+            j += step;
+            if (step < 8) break;
         }
         for (; i < pn && j < an && !mayStartWildcard(p[i]); ++i, ++j) {
             if (p[i] != a[j]) return false;
@@ -321,32 +357,30 @@ std::optional<bool> matches(std::string_view pattern, std::string_view address) 
             }
             checked = true;
         }
-        // The wildcard, within its component: the pattern's ends at the next "/".
-        const auto patternEnd = findByte(pattern, i, '/');
-        const auto componentEnd = findByte(address, j, '/');
-        const Token token = readToken(pattern.substr(0, patternEnd), i);
+        const Token token = readToken(pattern, i);
         if (token.kind == Token::Kind::literal) {  // a "[" or "{" left open: plain text
             if (j >= an || a[j] != p[i]) return false;
             ++i;
             ++j;
             continue;
         }
-        const auto component = address.substr(componentStart, componentEnd - componentStart);
         if (token.kind == Token::Kind::star) {
-            if (token.end == patternEnd) {
-                j = componentEnd;  // a star that ends its component takes the rest of it
-            } else if (matchFromStar(pattern.substr(0, patternEnd), component, i,
-                                     j - componentStart)) {
-                j = componentEnd;
-                i = patternEnd;
-                continue;
+            const auto componentEnd = findByte(address, j, '/');
+            if (token.end == pn || p[token.end] == '/') {
+                i = token.end;  // a star that ends its component takes the rest of it
             } else {
-                return false;
+                const auto patternEnd = findByte(pattern, token.end, '/');
+                if (!matchFromStar(pattern.substr(0, patternEnd),
+                                   address.substr(componentStart, componentEnd - componentStart),
+                                   i, j - componentStart)) {
+                    return false;
+                }
+                i = patternEnd;
             }
-            i = token.end;
+            j = componentEnd;
             continue;
         }
-        const std::ptrdiff_t length = lengthAt(token, component, j - componentStart);
+        const std::ptrdiff_t length = lengthAt(token, address, j);
         if (length < 0) return false;
         j += static_cast<std::size_t>(length);
         i = token.end;
