@@ -4,7 +4,8 @@
 // (i f s h d T F N b s) and Bundle3 (three typical messages, immediate time tag).
 // Encode, from values (kavrin, liblo, oscpack): every iteration builds the case from its values
 // in each library's own form (our OSCMessage/OSCBundle, liblo's lo_message/lo_bundle, oscpack's
-// stream) and encodes it. Encode, prebuilt (kavrin_prebuilt, liblo_prebuilt): only the encoding
+// stream) and encodes it; kavrin_writer writes the same values into a caller's buffer through
+// OSCPacketWriter, as oscpack does. Encode, prebuilt (kavrin_prebuilt, liblo_prebuilt): only the encoding
 // of a form built before the loop; oscpack has none. Decode: from bytes to every argument read
 // into a sum, so that no decoder can skip work. Before any timing, every encoder must produce
 // the same bytes for each case and every decoder read the same values back from them;
@@ -33,6 +34,7 @@
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCPacket.hpp"
 #include "osc/codec/OSCPacketView.hpp"
+#include "osc/codec/OSCPacketWriter.hpp"
 
 namespace {
 
@@ -420,12 +422,43 @@ void oscpackBundle3(osc::OutboundPacketStream& stream) {
     stream << osc::EndBundle;
 }
 
+// Our streaming writer, which like oscpack's stream writes the values straight into a buffer.
+void writerTypicalMessage(OSCPacketWriter& writer) {
+    writer.beginMessage(typicalAddress).int32(12).float32(0.75f).string("main").endMessage();
+}
+
+void writerTypical(OSCPacketWriter& writer) {
+    writerTypicalMessage(writer);
+}
+
+void writerTenArgs(OSCPacketWriter& writer) {
+    writer.beginMessage(tenArgsAddress)
+        .int32(7)
+        .float32(0.5f)
+        .string("sine")
+        .int64(tenArgsInt64)
+        .float64(440.0)
+        .boolean(true)
+        .boolean(false)
+        .null()
+        .blob({blobData(), 16})
+        .string("release")
+        .endMessage();
+}
+
+void writerBundle3(OSCPacketWriter& writer) {
+    writer.beginBundle(OSCTimeTag::immediate());
+    for (int i = 0; i < 3; ++i) writerTypicalMessage(writer);
+    writer.endBundle();
+}
+
 // One case: how each library builds it from values, and the forms built once, in advance.
 struct Case {
     const char* name;
     OSCPacket (*kavrin)();
     LoPacket (*liblo)();
     void (*oscpack)(osc::OutboundPacketStream&);
+    void (*writer)(OSCPacketWriter&);
     OSCPacket packet;   // for the prebuilt encode and the owning floor
     LoPacket loPacket;  // for the prebuilt encode; kept for the run
     Bytes bytes;        // ours, decoded by everyone
@@ -437,16 +470,20 @@ const std::vector<Case>& cases() {
     static const std::vector<Case> all = [] {
         std::vector<Case> list;
         const auto add = [&list](const char* name, OSCPacket (*kavrin)(), LoPacket (*liblo)(),
-                                 void (*oscpack)(osc::OutboundPacketStream&)) {
-            list.push_back({name, kavrin, liblo, oscpack, kavrin(), liblo(), {}});
+                                 void (*oscpack)(osc::OutboundPacketStream&),
+                                 void (*writer)(OSCPacketWriter&)) {
+            list.push_back({name, kavrin, liblo, oscpack, writer, kavrin(), liblo(), {}});
             list.back().bytes = list.back().packet.rawData();
         };
         add(
-            "Typical", [] { return OSCPacket(typicalMessage()); }, loTypical, oscpackTypical);
+            "Typical", [] { return OSCPacket(typicalMessage()); }, loTypical, oscpackTypical,
+            writerTypical);
         add(
-            "TenArgs", [] { return OSCPacket(tenArgsMessage()); }, loTenArgs, oscpackTenArgs);
+            "TenArgs", [] { return OSCPacket(tenArgsMessage()); }, loTenArgs, oscpackTenArgs,
+            writerTenArgs);
         add(
-            "Bundle3", [] { return OSCPacket(bundle3()); }, loBundle3, oscpackBundle3);
+            "Bundle3", [] { return OSCPacket(bundle3()); }, loBundle3, oscpackBundle3,
+            writerBundle3);
         return list;
     }();
     return all;
@@ -457,6 +494,14 @@ Bytes oscpackBytes(const Case& c) {
     osc::OutboundPacketStream stream(buffer, sizeof buffer);
     c.oscpack(stream);
     return Bytes(buffer, buffer + stream.Size());
+}
+
+Bytes writerBytes(const Case& c) {
+    std::uint8_t buffer[outputCapacity];
+    OSCPacketWriter writer(buffer);
+    c.writer(writer);
+    const auto bytes = writer.bytes();
+    return Bytes(bytes.begin(), bytes.end());
 }
 
 Bytes libloBytes(const LoPacket& packet) {
@@ -491,6 +536,7 @@ bool librariesAgree() {
             {"kavrin", c.kavrin().rawData()},
             {"liblo", libloBytes(fresh)},
             {"oscpack", oscpackBytes(c)},
+            {"kavrin_writer", writerBytes(c)},
             {"liblo_prebuilt", libloBytes(c.loPacket)},
         };
         fresh.free();
@@ -551,6 +597,17 @@ void encodeOscpack(benchmark::State& state, const Case* c) {
     }
 }
 
+// Into a caller's buffer reused across iterations, with nothing allocated: set against oscpack.
+void encodeKavrinWriter(benchmark::State& state, const Case* c) {
+    std::uint8_t buffer[outputCapacity];
+    for (auto _ : state) {
+        OSCPacketWriter writer(buffer);
+        c->writer(writer);
+        benchmark::DoNotOptimize(writer.bytes().data());
+        benchmark::ClobberMemory();
+    }
+}
+
 // Prebuilt: the encoding alone, of a message or bundle built before the loop. oscpack has no
 // such form: its values go straight into the buffer.
 void encodeKavrinPrebuilt(benchmark::State& state, const Case* c) {
@@ -598,6 +655,7 @@ void registerBenchmarks() {
         {"kavrin", encodeKavrin},
         {"liblo", encodeLiblo},
         {"oscpack", encodeOscpack},
+        {"kavrin_writer", encodeKavrinWriter},
         {"kavrin_prebuilt", encodeKavrinPrebuilt},
         {"liblo_prebuilt", encodeLibloPrebuilt},
     };

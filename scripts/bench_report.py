@@ -287,6 +287,7 @@ if run["mode"] == "quick":
                "everything runs.\n")
 google_table("compare_codec", "Encode (median ns per packet)", "Encode",
              ["kavrin", "liblo", "oscpack", ("kavrin ÷ fastest peer", "kavrin", ["liblo", "oscpack"]),
+              "kavrin_writer", ("kavrin_writer ÷ oscpack", "kavrin_writer", ["oscpack"]),
               "kavrin_prebuilt", "liblo_prebuilt",
               ("kavrin_prebuilt ÷ liblo_prebuilt", "kavrin_prebuilt", ["liblo_prebuilt"])], "ns")
 google_table("compare_codec", "Decode (median ns per packet)", "Decode",
