@@ -302,7 +302,21 @@ google_table("compare_matching", "Dispatch over 10,000 methods (median ns per di
 receive = receive_tables()
 rounds_table()
 
-complete = (run["mode"] == "full" and set(run["programs"]) == set(short)
+# The monitor's load test keeps its own rounds and writes its own table.
+app_path = os.path.join(build, "monitor-load.md")
+app_done = run.get("app", False) and os.path.exists(app_path)
+if run.get("app", False):
+    out.append("### The monitor under load\n")
+    if app_done:
+        with open(app_path) as f:
+            out.append("Messages `/load/msg ,i N` sent from loopback to the headless monitor at a "
+                       "steady rate by `scripts/bench-app`, which this run started"
+                       f"{' with `' + run['app_args'] + '`' if run.get('app_args') else ''}:\n")
+            out.append(f.read())
+    else:
+        out.append("The monitor's load test failed; see the run's output.\n")
+
+complete = (run["mode"] == "full" and set(run["programs"]) == set(short) and app_done
             and all(len(results(n)) == len(round_dirs) for n in short))
 if receive:
     out.append("![Delivered against offered rate for each receiver](performance-receive.png)\n")
