@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "osc/pattern/CharacterView.hpp"
+#include "osc/pattern/detail/PositionSearch.hpp"
 #include "support/ASCIIScan.hpp"
 
 namespace kavrin {
@@ -139,69 +140,28 @@ std::ptrdiff_t OSCCompiledComponent::Step::take(const char* at, const char* firs
     return -1;
 }
 
-// The backtracking search of OSCAddressPattern::matchComponent over the bytes of a component
-// that holds no "/", for components with two or more stars: each level fixes its start, a star
-// tries lengths shortest first, every other step has one way of matching and so needs no level
-// of its own. A level's answer depends only on (step, start), so failures are remembered:
-// "*a*a*a*a*a*b" stays polynomial.
-class OSCCompiledComponent::ByteSearch {
+// A component's steps as the position search reads them, over the bytes [begin, end), which
+// hold no "/"; [first, end) is the whole buffer.
+class OSCCompiledComponent::SearchSteps {
   public:
-    ByteSearch(const std::vector<Step>& steps, const char* begin, const char* end,
-               const char* first)
-        : steps_(steps.data()),
-          count_(steps.size()),
+    SearchSteps(const std::vector<Step>& steps, const char* begin, const char* first,
+                const char* end)
+        : step_(steps.data()),
+          last_(steps.data() + steps.size()),
           begin_(begin),
-          end_(end),
           first_(first),
-          length_(static_cast<std::size_t>(end - begin)) {
-        const std::size_t words = (count_ * (length_ + 1) + 63) / 64;
-        if (words <= std::size(inline_)) {
-            std::memset(inline_, 0, words * sizeof(std::uint64_t));
-            failed_ = inline_;
-        } else {
-            thread_local std::vector<std::uint64_t> spill;
-            spill.assign(words, 0);
-            failed_ = spill.data();
-        }
-    }
-
-    bool run() { return tryFrom(0, begin_); }
+          end_(end) {}
+    bool done() const { return step_ == last_; }
+    void advance() { ++step_; }
+    bool isStar() const { return step_->kind == Step::Kind::star; }
+    std::ptrdiff_t take(std::size_t p) const { return step_->take(begin_ + p, first_, end_); }
 
   private:
-    bool tryFrom(std::size_t i, const char* start) {
-        const std::size_t bit = i * (length_ + 1) + static_cast<std::size_t>(start - begin_);
-        if (failed_[bit / 64] >> (bit % 64) & 1) return false;
-        bool found = false;
-        for (const char* at = start;; ++i) {
-            const Step& step = steps_[i];
-            const bool isLast = i + 1 == count_;
-            if (step.kind == Step::Kind::star) {
-                if (isLast) return true;  // some length reaches the end
-                for (const char* next = at; next <= end_ && !found; ++next) {
-                    found = tryFrom(i + 1, next);
-                }
-                break;
-            }
-            const std::ptrdiff_t taken = step.take(at, first_, end_);
-            if (taken < 0) break;
-            at += taken;
-            if (isLast) {
-                found = at == end_;
-                break;
-            }
-        }
-        if (!found) failed_[bit / 64] |= std::uint64_t{1} << (bit % 64);
-        return found;
-    }
-
-    const Step* steps_;
-    std::size_t count_;
+    const Step* step_;
+    const Step* last_;
     const char* begin_;
-    const char* end_;
     const char* first_;
-    std::size_t length_;
-    std::uint64_t* failed_ = nullptr;
-    std::uint64_t inline_[16];
+    const char* end_;
 };
 
 OSCCompiledComponent::OSCCompiledComponent(std::vector<Token> tokens) : tokens_(std::move(tokens)) {
@@ -358,7 +318,10 @@ const char* OSCCompiledComponent::searchAt(const char* begin, const char* first,
         }
         return nullptr;
     }
-    return ByteSearch(steps_, begin, stop, first).run() ? stop : nullptr;
+    return positionSearch::reachesEnd(SearchSteps(steps_, begin, first, stop), 0,
+                                      static_cast<std::size_t>(stop - begin))
+               ? stop
+               : nullptr;
 }
 
 bool OSCCompiledComponent::matches(std::string_view component) const {

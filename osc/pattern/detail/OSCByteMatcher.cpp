@@ -7,72 +7,12 @@
 #include <vector>
 
 #include "osc/pattern/CharacterView.hpp"
+#include "osc/pattern/detail/PositionSearch.hpp"
 #include "support/ASCIIScan.hpp"
 
 namespace kavrin::byteMatcher {
 
 namespace {
-
-// The search of matchComponent asks whether some choice of lengths for the stars lets every
-// token match in turn up to the component's end; every token but "*" has one way of matching
-// at a given position. So instead of backtracking, the matcher carries the set of positions the
-// tokens read so far can end at, token by token: the same answers, in time linear in the tokens
-// times the component, however many stars there are.
-
-// Positions 0 to 63 in one word: components shorter than 64 bytes, nearly all of them.
-class SmallPositions {
-  public:
-    explicit SmallPositions(std::size_t) {}
-    bool empty() const { return bits_ == 0; }
-    bool test(std::size_t p) const { return (bits_ >> p & 1) != 0; }
-    void set(std::size_t p) { bits_ |= std::uint64_t{1} << p; }
-    void clear() { bits_ = 0; }
-    // Every position from the lowest one set up to `last`.
-    void fillFromLowest(std::size_t last) {
-        const auto upToLast = last == 63 ? ~std::uint64_t{0} : (std::uint64_t{1} << (last + 1)) - 1;
-        bits_ = upToLast & ~((bits_ & (~bits_ + 1)) - 1);
-    }
-    template <class F>
-    void forEach(F f) const {
-        for (auto bits = bits_; bits != 0; bits &= bits - 1) {
-            f(static_cast<std::size_t>(std::countr_zero(bits)));
-        }
-    }
-
-  private:
-    std::uint64_t bits_ = 0;
-};
-
-// Any number of positions, for long components.
-class LargePositions {
-  public:
-    explicit LargePositions(std::size_t last) : words_(last / 64 + 1) {}
-    bool empty() const {
-        for (const auto word : words_) {
-            if (word != 0) return false;
-        }
-        return true;
-    }
-    bool test(std::size_t p) const { return (words_[p / 64] >> (p % 64) & 1) != 0; }
-    void set(std::size_t p) { words_[p / 64] |= std::uint64_t{1} << (p % 64); }
-    void clear() { std::fill(words_.begin(), words_.end(), 0); }
-    void fillFromLowest(std::size_t last) {
-        std::size_t lowest = 0;
-        while (!test(lowest)) ++lowest;
-        for (std::size_t p = lowest; p <= last; ++p) set(p);
-    }
-    template <class F>
-    void forEach(F f) const {
-        for (std::size_t w = 0; w < words_.size(); ++w) {
-            for (auto bits = words_[w]; bits != 0; bits &= bits - 1) {
-                f(w * 64 + static_cast<std::size_t>(std::countr_zero(bits)));
-            }
-        }
-    }
-
-  private:
-    std::vector<std::uint64_t> words_;
-};
 
 // The characters that may open a wildcard; "/" ends a component.
 constexpr auto special = [] {
@@ -241,35 +181,30 @@ std::ptrdiff_t lengthAt(const Token& token, std::string_view component, std::siz
     }
 }
 
-// The tokens after the first star, over sets of positions.
-template <class Positions>
-bool matchFromStarWith(std::string_view pattern, std::string_view component, std::size_t i,
-                       std::size_t start) {
-    const std::size_t last = component.size();
-    Positions at(last);
-    Positions next(last);
-    at.set(start);
-    while (i < pattern.size() && !at.empty()) {
-        const Token token = readToken(pattern, i);
-        i = token.end;
-        if (token.kind == Token::Kind::star) {
-            at.fillFromLowest(last);
-            continue;
-        }
-        next.clear();
-        at.forEach([&](std::size_t p) {
-            const std::ptrdiff_t n = lengthAt(token, component, p);
-            if (n >= 0) next.set(p + static_cast<std::size_t>(n));
-        });
-        std::swap(at, next);
+// The tokens of a pattern component from i on, read as the search asks for them.
+class TokenSteps {
+  public:
+    TokenSteps(std::string_view pattern, std::string_view component, std::size_t i)
+        : pattern_(pattern), component_(component), token_(readToken(pattern, i)) {}
+    bool done() const { return done_; }
+    void advance() {
+        done_ = token_.end == pattern_.size();
+        if (!done_) token_ = readToken(pattern_, token_.end);
     }
-    return at.test(last);
-}
+    bool isStar() const { return token_.kind == Token::Kind::star; }
+    std::ptrdiff_t take(std::size_t p) const { return lengthAt(token_, component_, p); }
 
+  private:
+    std::string_view pattern_;
+    std::string_view component_;
+    Token token_;
+    bool done_ = false;
+};
+
+// The tokens from the star at i on, with the component matched up to `start`.
 bool matchFromStar(std::string_view pattern, std::string_view component, std::size_t i,
                    std::size_t start) {
-    return component.size() < 64 ? matchFromStarWith<SmallPositions>(pattern, component, i, start)
-                                 : matchFromStarWith<LargePositions>(pattern, component, i, start);
+    return positionSearch::reachesEnd(TokenSteps(pattern, component, i), start, component.size());
 }
 
 // `start`: where in the component the tokens of `pattern` begin, those before having matched.

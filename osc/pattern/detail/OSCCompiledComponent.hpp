@@ -40,7 +40,7 @@ class OSCCompiledComponent {
     // without a star, or with one star that ends the component, the steps simply follow each
     // other (linear: plain text and a lone star are the simplest of these); with one star
     // elsewhere the part before it is linear and the part after it only needs a start
-    // (oneStar); two or more stars need the backtracking search (search).
+    // (oneStar); two or more stars need the position search (search).
     enum class Shape : std::uint8_t { plainText, anything, linear, oneStar, search };
 
     // Text compared in place, never empty: its first eight bytes are also held as one word.
@@ -81,7 +81,7 @@ class OSCCompiledComponent {
         std::ptrdiff_t takeString(const char* at, const char* first,
                                   const char* end) const;  // strings
     };
-    class ByteSearch;
+    class SearchSteps;
 
     // Runs linear `steps` [step, last) from `at` in the buffer [first, end), taking component
     // steps from `components`: where they end, or null when one does not match.
