@@ -51,7 +51,7 @@ std::vector<std::uint8_t> OSCMessage::rawData() const {
 // The measuring pass: the sizes of the three parts.
 OSCMessage::Layout OSCMessage::layout() const {
     OSCValueEncoder measure(OSCSerialization::shared());
-    for (const auto& value : values) measure.serialization().encodeValue(value, measure);
+    for (const auto& value : values) measure.serialization().measureValue(value, measure);
     return {padding::nullTerminatedSize(addressPattern.rawAddress().size()),
             padding::nullTerminatedSize(1 + measure.tagCount()), measure.argumentByteCount()};
 }

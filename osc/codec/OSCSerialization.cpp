@@ -75,6 +75,7 @@ void OSCSerialization::registerKind(Registration registration) {
         plan.registered = true;
         plan.format = registration.format;
         plan.tag = claimed[0];
+        plan.width = oscTypeTag::width(registration.format);
         if (std::holds_alternative<OSCValueTagIdentity::Variable>(registration.identity.identity)) {
             plan.falseTag = claimed[1];
         }
@@ -90,6 +91,21 @@ const OSCSerialization::Registration* OSCSerialization::registration(char tag) c
 const OSCSerialization::Registration* OSCSerialization::registration(OSCValueKind kind) const {
     const auto index = byKind_[static_cast<std::size_t>(kind)];
     return index < 0 ? nullptr : &registrations_[index];
+}
+
+void OSCSerialization::measureValue(const OSCValue& value, OSCValueEncoder& measure) const {
+    const EncodePlan& plan = plans_[value.index()];
+    if (plan.registered) {
+        if (plan.width != oscTypeTag::variableWidth) return measure.count(plan.width);
+        if (const auto* text = std::get_if<std::string>(&value.base());
+            text && !hasZeroOrNonASCII(*text)) {
+            return measure.count(padding::nullTerminatedSize(text->size()));
+        }
+        if (const auto* blob = std::get_if<OSCBlob>(&value.base())) {
+            return measure.count(4 + padding::wordAligned(blob->size()));
+        }
+    }
+    encodeValue(value, measure);
 }
 
 void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const {

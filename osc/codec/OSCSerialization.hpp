@@ -59,6 +59,11 @@ class OSCValueEncoder {
     }
     // Zeros up to a multiple of 4, none when already aligned.
     void padToWord() { argumentBytes_ = padding::wordAligned(argumentBytes_); }
+    // Measuring only: one value's tag and argument bytes, counted without being written.
+    void count(std::size_t argumentBytes) {
+        ++tagCount_;
+        argumentBytes_ += argumentBytes;
+    }
 
     int arrayDepth = 0;
 
@@ -104,6 +109,9 @@ class OSCSerialization {
     // Puts the value's tags and argument bytes into the encoder. Throws OSCEncodeError for an
     // array nested too deep.
     void encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const;
+    // Counts into a measuring encoder what encodeValue puts, with the same errors: most values
+    // without the encoder's calls, by their plan.
+    void measureValue(const OSCValue& value, OSCValueEncoder& measure) const;
 
   private:
     friend struct detail::OSCSerializationAccess;
@@ -123,6 +131,7 @@ class OSCSerialization {
         OSCArgumentFormat format = OSCArgumentFormat::none;
         char tag = 0;
         char falseTag = 0;
+        std::uint8_t width = oscTypeTag::variableWidth;  // the argument bytes of a fixed-size kind
     };
     std::array<EncodePlan, oscValueKindCount> plans_{};
 };
