@@ -2,7 +2,9 @@
 
 #include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
+#include "osc/codec/detail/OSCStringChunk.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
+#include "support/ASCIIScan.hpp"
 
 namespace kavrin {
 
@@ -37,6 +39,18 @@ OSCBundleView::Iterator OSCBundleView::end() const {
 
 OSCBundle OSCBundleView::bundle() const {
     return OSCBundle::decode(bytes_);
+}
+
+// Defined here, beside its only user, so that reading an element inlines it.
+OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, Checked) : bytes_(bytes) {
+    const auto* const end = bytes.data() + bytes.size();
+    const auto* address = bytes.data();
+    const auto addressLength = scanZeroByte(address, end - address).zero;
+    address_ = {reinterpret_cast<const char*>(address), static_cast<std::size_t>(addressLength)};
+    const auto* tags = address + stringChunk::size(addressLength);
+    const auto tagsLength = scanZeroByte(tags, end - tags).zero;
+    tags_ = {reinterpret_cast<const char*>(tags), static_cast<std::size_t>(tagsLength)};
+    arguments_ = tags + stringChunk::size(tagsLength);
 }
 
 OSCPacketView OSCBundleView::Iterator::operator*() const {

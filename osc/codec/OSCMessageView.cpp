@@ -160,17 +160,6 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(byt
     count_ = count;
 }
 
-OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, Checked) : bytes_(bytes) {
-    const auto* const end = bytes.data() + bytes.size();
-    const auto* address = bytes.data();
-    const auto addressLength = scanZeroByte(address, end - address).zero;
-    address_ = {reinterpret_cast<const char*>(address), static_cast<std::size_t>(addressLength)};
-    const auto* tags = address + stringChunk::size(addressLength);
-    const auto tagsLength = scanZeroByte(tags, end - tags).zero;
-    tags_ = {reinterpret_cast<const char*>(tags), static_cast<std::size_t>(tagsLength)};
-    arguments_ = tags + stringChunk::size(tagsLength);
-}
-
 std::size_t OSCMessageView::argumentCount() const {
     if (count_ != countUnknown) return count_;
     // A view made inside a bundle counts only when asked: most readers just walk.
