@@ -1,6 +1,5 @@
 #include "osc/transport/OSCServer.hpp"
 
-#include <chrono>
 #include <optional>
 #include <variant>
 
@@ -164,12 +163,11 @@ void OSCServer::stop() {
 }
 
 void OSCServer::setScheduledLimit(ScheduledLimit limit) {
-    limitMessages.store(limit.messages);
-    limitBytes.store(limit.bytes);
+    planner.setLimit(limit);
 }
 
 OSCServer::ScheduledLimit OSCServer::scheduledLimit() const {
-    return {limitMessages.load(), limitBytes.load()};
+    return planner.limit();
 }
 
 // A datagram that fails to decode is dropped like one that is not OSC at all: counted, given to
@@ -201,17 +199,12 @@ void OSCServer::receive(std::vector<std::uint8_t>&& datagram, const SocketAddres
         deliveries.add({std::move(*message), OSCTimeTag::immediate(), sender, std::move(found)});
         return;
     }
-    // The plan's storage is kept from one datagram to the next, so it is allocated once.
-    Plan& steps = planned;
-    steps.steps.clear();
-    steps.scheduledMessages = 0;
-    steps.scheduledBytes = 0;
-    plan(std::move(*packet), OSCTimeTag::immediate(), false, {}, sender, steps);
-    if (steps.scheduledMessages > 0 && !admit(steps)) {
+    planner.plan(std::move(*packet), mode.load() == TimeTagMode::osc1_0, sender, routes, planned);
+    if (!planner.admit(planned)) {
         drop(datagram, sender, DropReason::overScheduledLimit, {});  // the whole datagram
         return;
     }
-    for (auto& step : steps.steps) {
+    for (auto& step : planned.steps) {
         if (auto* now = std::get_if<Delivery>(&step)) {
             deliveries.add(std::move(*now));
         } else {
@@ -249,69 +242,6 @@ void OSCServer::drop(std::span<const std::uint8_t> datagram, const SocketAddress
     });
 }
 
-// A bundle's own tag governs its elements, whatever tag it was reached with. Whether it waits,
-// and until when, is decided once for the whole bundle: its messages then share one deadline
-// and keep their order.
-void OSCServer::plan(OSCPacket&& packet, const OSCTimeTag& timeTag, bool scheduled,
-                     DispatchQueue::Clock::time_point deadline, const SocketAddress& sender,
-                     Plan& steps) {
-    if (auto* bundle = std::get_if<OSCBundle>(&packet)) {
-        const OSCTimeTag& tag = bundle->timeTag;
-        const bool waits =
-            mode.load() == TimeTagMode::osc1_0 && !tag.isImmediate() && tag.isFuture();
-        const auto due = waits ? deadlineOf(tag) : DispatchQueue::Clock::time_point{};
-        for (auto& element : bundle->elements) {
-            plan(std::move(element), tag, waits, due, sender, steps);
-        }
-        return;
-    }
-    auto& message = std::get<OSCMessage>(packet);
-    // The route is decided now, as the message is received.
-    Routes found = routes.empty() ? Routes{} : routes.routesFor(message.addressPattern);
-    if (!scheduled) {
-        steps.steps.emplace_back(Delivery{std::move(message), timeTag, sender, std::move(found)});
-        return;
-    }
-    const std::size_t bytes = message.decodedFrom() ? message.decodedFrom()->size() : 0;
-    auto* last = steps.steps.empty() ? nullptr : std::get_if<ScheduledRun>(&steps.steps.back());
-    if (last == nullptr || last->deadline != deadline || last->timeTag != timeTag) {
-        steps.steps.emplace_back(ScheduledRun{deadline, timeTag, sender, {}, 0});
-        last = &std::get<ScheduledRun>(steps.steps.back());
-    }
-    last->messages.emplace_back(std::move(message), std::move(found));
-    last->bytes += bytes;
-    ++steps.scheduledMessages;
-    steps.scheduledBytes += bytes;
-}
-
-// Equal tags must give equal deadlines, so that their deliveries keep the order they came in.
-// Reading the two clocks afresh for each bundle gives an offset that jitters by a few
-// microseconds, so the offset is kept and renewed only when the wall clock has really moved
-// against the steady one (a time step).
-DispatchQueue::Clock::time_point OSCServer::deadlineOf(const OSCTimeTag& tag) {
-    using namespace std::chrono;
-    const auto offset = duration_cast<system_clock::duration>(
-        system_clock::now().time_since_epoch() -
-        duration_cast<system_clock::duration>(DispatchQueue::Clock::now().time_since_epoch()));
-    if (auto drift = offset - clockOffset; drift > 1ms || drift < -1ms) clockOffset = offset;
-    const auto due = duration_cast<DispatchQueue::Clock::duration>(
-        duration<double>(tag.date().time_since_epoch() - clockOffset));
-    return DispatchQueue::Clock::time_point(due);
-}
-
-bool OSCServer::admit(const Plan& steps) {
-    const std::size_t messages = scheduledMessages.load();
-    const std::size_t bytes = scheduledBytes.load();
-    if (messages + steps.scheduledMessages > limitMessages.load() ||
-        bytes + steps.scheduledBytes > limitBytes.load()) {
-        return false;
-    }
-    // Only the receive queue adds, so what was read cannot have grown meanwhile.
-    scheduledMessages += steps.scheduledMessages;
-    scheduledBytes += steps.scheduledBytes;
-    return true;
-}
-
 void OSCServer::deliver(const OSCMessage& message, const Routes& found, const OSCTimeTag& timeTag,
                         const SocketAddress& sender, std::pair<std::uint64_t, Handlers>& cache) {
     // The handler in force when the delivery runs is the one called.
@@ -329,7 +259,7 @@ void OSCServer::deliverNow(std::vector<Delivery> batch) {
     dispatchQueue->async([self = shared_from_this(), batch = std::move(batch)] {
         std::pair<std::uint64_t, Handlers> cache{0, {}};
         for (const auto& delivery : batch) {
-            self->deliver(delivery.message, delivery.routes, delivery.timeTag, delivery.sender,
+            self->deliver(delivery.message, delivery.routes, delivery.timeTag, delivery.origin,
                           cache);
         }
     });
@@ -342,11 +272,10 @@ void OSCServer::deliverLater(ScheduledRun&& run) {
     dispatchQueue->asyncAfter(deadline, [weak = weak_from_this(), run = std::move(run)] {
         auto self = weak.lock();
         if (!self) return;
-        self->scheduledMessages -= run.messages.size();
-        self->scheduledBytes -= run.bytes;
+        self->planner.release(run);
         std::pair<std::uint64_t, Handlers> cache{0, {}};
         for (const auto& [message, found] : run.messages) {
-            self->deliver(message, found, run.timeTag, run.sender, cache);
+            self->deliver(message, found, run.timeTag, run.origin, cache);
         }
     });
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -11,7 +10,6 @@
 #include <string>
 #include <string_view>
 #include <tuple>
-#include <variant>
 #include <vector>
 
 #include "osc/addressing/OSCAddressSpace.hpp"
@@ -23,6 +21,7 @@
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/SocketAddress.hpp"
 #include "osc/transport/detail/DeliveryBatcher.hpp"
+#include "osc/transport/detail/OSCDeliveryPlanner.hpp"
 #include "osc/transport/detail/OSCMethodRoutes.hpp"
 
 namespace kavrin {
@@ -85,10 +84,7 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     /// their messages and on those messages' encoded bytes. A datagram whose scheduled messages
     /// would pass either is dropped whole, never half a bundle; deliveries already admitted keep
     /// their time. The defaults allow 10,000 messages and 16 MiB.
-    struct ScheduledLimit {
-        std::size_t messages = 10'000;
-        std::size_t bytes = 16 << 20;
-    };
+    using ScheduledLimit = OSCScheduledLimit;
     void setScheduledLimit(ScheduledLimit limit);
     ScheduledLimit scheduledLimit() const;
 
@@ -149,28 +145,10 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
 
   private:
     friend class OSCServerDelegate;
-    using Routes = OSCMethodRoutes::Routes;
-    struct Delivery {
-        OSCMessage message;
-        OSCTimeTag timeTag;
-        SocketAddress sender;
-        Routes routes;
-    };
-    // Consecutive messages of one bundle that wait for its time tag: one deadline, computed
-    // when the bundle is received, and delivered together in the order met.
-    struct ScheduledRun {
-        DispatchQueue::Clock::time_point deadline;
-        OSCTimeTag timeTag;
-        SocketAddress sender;
-        std::vector<std::pair<OSCMessage, Routes>> messages;
-        std::size_t bytes = 0;
-    };
-    // What one datagram delivers, in the order its messages are met, depth first.
-    struct Plan {
-        std::vector<std::variant<Delivery, ScheduledRun>> steps;
-        std::size_t scheduledMessages = 0;
-        std::size_t scheduledBytes = 0;
-    };
+    using Planner = OSCDeliveryPlanner<SocketAddress>;
+    using Routes = Planner::Routes;
+    using Delivery = Planner::Delivery;
+    using ScheduledRun = Planner::ScheduledRun;
     // The handlers that a delivery reads when it runs, renewed only when one is set: reading
     // them under the lock for every message would cost more than the message.
     struct Handlers {
@@ -182,10 +160,6 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     void receive(std::vector<std::uint8_t>&& datagram, const SocketAddress& sender);
     void drop(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
               DropReason reason, const std::string& error);
-    void plan(OSCPacket&& packet, const OSCTimeTag& timeTag, bool scheduled,
-              DispatchQueue::Clock::time_point deadline, const SocketAddress& sender, Plan& plan);
-    bool admit(const Plan& plan);
-    DispatchQueue::Clock::time_point deadlineOf(const OSCTimeTag& tag);
     void deliverNow(std::vector<Delivery> block);
     void deliverLater(ScheduledRun&& run);
     // Calls the handler and the routes; `cache` holds the handlers a run of deliveries last
@@ -210,14 +184,8 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     // touched only on the receive queue, as are the routes.
     DeliveryBatcher<Delivery> deliveries;
     OSCMethodRoutes routes;
-    Plan planned;
-    // Admitted on the receive queue, released on the dispatch queue.
-    std::atomic<std::size_t> limitMessages{ScheduledLimit{}.messages};
-    std::atomic<std::size_t> limitBytes{ScheduledLimit{}.bytes};
-    std::atomic<std::size_t> scheduledMessages{0};
-    std::atomic<std::size_t> scheduledBytes{0};
-    // The wall clock's lead over the steady clock, as last renewed; receive queue only.
-    std::chrono::system_clock::duration clockOffset{};
+    Planner planner;
+    Planner::Plan planned;  // kept from one datagram to the next, so allocated once
     struct AtomicCounters {
         std::atomic<std::uint64_t> datagramsReceived{0}, messagesDelivered{0}, droppedNotOSC{0},
             droppedMalformed{0}, droppedUnexpectedType{0}, droppedInternalInconsistency{0},
