@@ -4,4 +4,5 @@
 #include "osc/codec.hpp"
 #include "osc/dispatch.hpp"
 #include "osc/pattern.hpp"
+#include "osc/stream.hpp"
 #include "osc/transport.hpp"

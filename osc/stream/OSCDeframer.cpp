@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "osc/codec/detail/BigEndian.hpp"
 #include "osc/stream/detail/Slip.hpp"
 
 namespace kavrin {
@@ -39,9 +40,7 @@ void OSCDeframer::feedLengthPrefixed(std::span<const std::uint8_t> bytes, const 
             held_.insert(held_.end(), bytes.begin(), bytes.begin() + take);
             bytes = bytes.subspan(take);
             if (held_.size() < 4) return;
-            const auto size = static_cast<std::int32_t>(
-                std::uint32_t{held_[0]} << 24 | std::uint32_t{held_[1]} << 16 |
-                std::uint32_t{held_[2]} << 8 | std::uint32_t{held_[3]});
+            const auto size = static_cast<std::int32_t>(bigEndian::load32(held_.data()));
             held_.clear();
             if (size < 0) {
                 throw OSCFramingError("Frame size prefix is negative: " + std::to_string(size));

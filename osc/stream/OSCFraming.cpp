@@ -1,5 +1,9 @@
 #include "osc/stream/OSCFraming.hpp"
 
+#include <string>
+#include <variant>
+
+#include "osc/codec/detail/BigEndian.hpp"
 #include "osc/stream/detail/Slip.hpp"
 
 namespace kavrin {
@@ -7,10 +11,9 @@ namespace kavrin {
 void appendFrame(OSCFraming framing, std::span<const std::uint8_t> packet,
                  std::vector<std::uint8_t>& out) {
     if (framing == OSCFraming::lengthPrefixed) {
-        const auto size = static_cast<std::uint32_t>(packet.size());
-        out.insert(out.end(),
-                   {static_cast<std::uint8_t>(size >> 24), static_cast<std::uint8_t>(size >> 16),
-                    static_cast<std::uint8_t>(size >> 8), static_cast<std::uint8_t>(size)});
+        const std::size_t at = out.size();
+        out.resize(at + 4);
+        bigEndian::store32(out.data() + at, static_cast<std::uint32_t>(packet.size()));
         out.insert(out.end(), packet.begin(), packet.end());
         return;
     }
@@ -28,6 +31,27 @@ void appendFrame(OSCFraming framing, std::span<const std::uint8_t> packet,
         }
     }
     out.push_back(slip::end);
+}
+
+std::vector<std::uint8_t> framePacket(OSCFraming framing, const OSCPacket& packet,
+                                      std::size_t maximumFrame) {
+    const std::size_t size =
+        std::visit([](const auto& p) { return p.encodedSize(); }, packet.base());
+    if (size > maximumFrame) {
+        throw OSCFramingError("Packet of " + std::to_string(size) +
+                              " bytes exceeds the maximum frame of " +
+                              std::to_string(maximumFrame) + " bytes.");
+    }
+    // Length-prefixed: encoded in place behind its size, with no copy.
+    if (framing == OSCFraming::lengthPrefixed) {
+        std::vector<std::uint8_t> out(4 + size);  // zeroed, as encodeInto wants it
+        bigEndian::store32(out.data(), static_cast<std::uint32_t>(size));
+        std::visit([&](const auto& p) { p.encodeInto(out.data() + 4); }, packet.base());
+        return out;
+    }
+    std::vector<std::uint8_t> out;
+    appendFrame(framing, packet.rawData(), out);
+    return out;
 }
 
 }  // namespace kavrin

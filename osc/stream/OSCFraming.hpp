@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "osc/codec/OSCPacket.hpp"
+
 namespace kavrin {
 
 /// How OSC packets follow each other on a byte stream such as TCP: OSC 1.0 puts each packet's
@@ -28,5 +30,10 @@ class OSCFramingError : public std::runtime_error {
 /// Appends `packet`, framed, to `out`.
 void appendFrame(OSCFraming framing, std::span<const std::uint8_t> packet,
                  std::vector<std::uint8_t>& out);
+
+/// Encodes and frames `packet`. Throws OSCEncodeError as encoding does, and OSCFramingError for
+/// a packet over `maximumFrame` bytes, which a receiver with that maximum would refuse.
+std::vector<std::uint8_t> framePacket(OSCFraming framing, const OSCPacket& packet,
+                                      std::size_t maximumFrame = oscDefaultMaximumFrame);
 
 }  // namespace kavrin

@@ -6,11 +6,11 @@
 
 #include "OpensslProcess.hpp"
 #include "TcpTestSupport.hpp"
+#include "TestCertificates.hpp"
 #include "osc/transport/TcpSocket.hpp"
 
 // TcpSocket's TLS against OpenSSL's own s_server and s_client, with certificates made for the
-// test: a CA, a server certificate for localhost (and 127.0.0.1, ::1) signed by it, an expired
-// one, and an unrelated CA.
+// test (TestCertificates.hpp).
 
 namespace kavrin {
 namespace {
@@ -19,58 +19,10 @@ using namespace tcpTest;
 
 class TcpSocketTls : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() {
-        char folder[] = "/tmp/kavrin-tls-XXXXXX";
-        ASSERT_NE(::mkdtemp(folder), nullptr);
-        dir_ = folder;
-        const std::vector<std::string> ec = {"-newkey", "ec", "-pkeyopt",
-                                             "ec_paramgen_curve:prime256v1", "-nodes"};
-        const std::string localhost = "subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1";
-        run(join({"req", "-x509"}, ec, {"-keyout", path("ca.key"), "-out", path("ca.pem"),
-                                        "-subj", "/CN=Kavrin Test CA", "-days", "2"}));
-        run(join({"req", "-x509"}, ec, {"-keyout", path("other.key"), "-out", path("other.pem"),
-                                        "-subj", "/CN=Unrelated Test CA", "-days", "2"}));
-        for (const std::string name : {"server", "expired"}) {
-            run(join({"req"}, ec, {"-keyout", path(name + ".key"), "-out", path(name + ".csr"),
-                                   "-subj", "/CN=localhost", "-addext", localhost}));
-        }
-        run({"x509", "-req", "-in", path("server.csr"), "-CA", path("ca.pem"), "-CAkey",
-             path("ca.key"), "-CAcreateserial", "-out", path("server.pem"), "-days", "2",
-             "-copy_extensions", "copy"});
-        // req cannot date a certificate in the past; the CA command can.
-        std::ofstream(path("index.txt")).close();
-        std::ofstream(path("serial")) << "1000\n";
-        std::ofstream(path("ca.cnf")) << "[ca]\ndefault_ca = test_ca\n[test_ca]\n"
-                                      << "database = " << path("index.txt") << "\n"
-                                      << "new_certs_dir = " << dir_ << "\n"
-                                      << "serial = " << path("serial") << "\n"
-                                      << "certificate = " << path("ca.pem") << "\n"
-                                      << "private_key = " << path("ca.key") << "\n"
-                                      << "default_md = sha256\npolicy = any_name\n"
-                                      << "copy_extensions = copy\n[any_name]\n"
-                                      << "commonName = supplied\n";
-        run({"ca", "-batch", "-config", path("ca.cnf"), "-in", path("expired.csr"), "-out",
-             path("expired.pem"), "-startdate", "20200101000000Z", "-enddate", "20200102000000Z",
-             "-notext"});
-    }
+    static void SetUpTestSuite() { certificates_ = std::make_unique<TestCertificates>(); }
+    static void TearDownTestSuite() { certificates_.reset(); }
 
-    static void TearDownTestSuite() { std::filesystem::remove_all(dir_); }
-
-    static std::string path(const std::string& name) { return dir_ + "/" + name; }
-
-    static std::vector<std::string> join(std::vector<std::string> a, const std::vector<std::string>& b,
-                                         const std::vector<std::string>& c) {
-        a.insert(a.end(), b.begin(), b.end());
-        a.insert(a.end(), c.begin(), c.end());
-        return a;
-    }
-
-    static void run(const std::vector<std::string>& arguments) {
-        OpensslProcess process(arguments);
-        ASSERT_TRUE(process.started()) << "cannot run openssl";
-        const auto status = process.waitForExit(30s);
-        ASSERT_EQ(status, 0) << "openssl " << arguments[0] << " failed: " << process.output();
-    }
+    static std::string path(const std::string& name) { return certificates_->path(name); }
 
     // An s_server on host (numeric) and a port of the kernel's choice, ready to accept.
     static std::unique_ptr<OpensslProcess> startServer(const std::string& host,
@@ -103,10 +55,10 @@ class TcpSocketTls : public ::testing::Test {
         return settings;
     }
 
-    static std::string dir_;
+    static std::unique_ptr<TestCertificates> certificates_;
 };
 
-std::string TcpSocketTls::dir_;
+std::unique_ptr<TestCertificates> TcpSocketTls::certificates_;
 
 // Our client to s_server: over both families, the name checked as given by the host, by
 // peerName and as an address; then data both ways.

@@ -1,0 +1,116 @@
+#include "osc/stream/detail/OSCStreamReceiver.hpp"
+
+#include <variant>
+
+namespace kavrin {
+
+OSCStreamReceiver::OSCStreamReceiver(std::shared_ptr<SerialQueue> receiveQueue,
+                                     std::shared_ptr<DispatchQueue> dispatchQueue,
+                                     TimeTagMode mode, OSCStreamHandler handler)
+    : receiveQueue_(std::move(receiveQueue)),
+      dispatchQueue_(std::move(dispatchQueue)),
+      handler_(handler ? std::make_shared<const OSCStreamHandler>(std::move(handler)) : nullptr),
+      mode_(mode),
+      deliveries_([this](std::vector<Planner::Delivery> block) { deliverNow(std::move(block)); }) {}
+
+void OSCStreamReceiver::setHooks(Opened opened, Closed closed) {
+    opened_ = std::move(opened);
+    closed_ = std::move(closed);
+}
+
+void OSCStreamReceiver::setHandler(OSCStreamHandler handler) {
+    auto stored = handler ? std::make_shared<const OSCStreamHandler>(std::move(handler)) : nullptr;
+    std::lock_guard lock(handlerMutex_);
+    handler_ = std::move(stored);
+}
+
+std::shared_ptr<const OSCStreamHandler> OSCStreamReceiver::handler() const {
+    std::lock_guard lock(handlerMutex_);
+    return handler_;
+}
+
+void OSCStreamReceiver::setTimeTagMode(TimeTagMode mode) {
+    mode_.store(mode == TimeTagMode::ignore ? TimeTagMode::ignore : TimeTagMode::osc1_0);
+}
+
+OSCStreamCounters OSCStreamReceiver::counters() const {
+    return {counted_.connectionsOpened.load(), counted_.connectionsFailed.load(),
+            counted_.packetsReceived.load(),   counted_.messagesDelivered.load(),
+            counted_.droppedNotOSC.load(),     counted_.droppedUndecodable.load(),
+            counted_.droppedOverScheduledLimit.load()};
+}
+
+void OSCStreamReceiver::opened(const Connection& connection) {
+    ++counted_.connectionsOpened;
+    if (opened_) opened_(connection);
+}
+
+void OSCStreamReceiver::closed(const Connection& connection,
+                               const std::optional<TcpSocketError>& error, bool wasOpen) {
+    if (error || !wasOpen) ++counted_.connectionsFailed;
+    if (closed_) closed_(connection, error);
+}
+
+// A packet that fails to decode costs only itself: the framing still holds, so the connection
+// reads on, as a UDP server reads the next datagram.
+void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Connection& from) {
+    ++counted_.packetsReceived;
+    std::optional<OSCPacket> decoded;
+    try {
+        decoded = OSCPacket::decode(packet);
+    } catch (const OSCDecodeError&) {
+        ++counted_.droppedUndecodable;
+        return;
+    }
+    if (!decoded) {
+        ++counted_.droppedNotOSC;
+        return;
+    }
+    planner_.plan(std::move(*decoded), mode_.load() == TimeTagMode::osc1_0, from, noRoutes_,
+                  planned_);
+    if (!planner_.admit(planned_)) {
+        ++counted_.droppedOverScheduledLimit;  // the whole packet, never half a bundle
+        return;
+    }
+    for (auto& step : planned_.steps) {
+        if (auto* now = std::get_if<Planner::Delivery>(&step)) {
+            deliveries_.add(std::move(*now));
+        } else {
+            deliverLater(std::move(std::get<Planner::ScheduledRun>(step)));
+        }
+    }
+}
+
+void OSCStreamReceiver::deliver(const OSCMessage& message, const OSCTimeTag& timeTag,
+                                const Connection& from, const OSCStreamHandler* handler) {
+    if (!handler) return;
+    (*handler)(message, timeTag, from);
+    ++counted_.messagesDelivered;
+}
+
+// Holds the receiver strongly: a delivery already decided runs even if the owner lets go.
+void OSCStreamReceiver::deliverNow(std::vector<Planner::Delivery> block) {
+    dispatchQueue_->async([self = shared_from_this(), block = std::move(block)] {
+        const auto handler = self->handler();  // the one in force as the block runs
+        for (const auto& delivery : block) {
+            self->deliver(delivery.message, delivery.timeTag, delivery.origin, handler.get());
+        }
+    });
+}
+
+// Holds the receiver weakly: a scheduled delivery must not keep a released owner's receiver
+// alive until its time comes.
+void OSCStreamReceiver::deliverLater(Planner::ScheduledRun&& run) {
+    const auto deadline = run.deadline;
+    dispatchQueue_->asyncAfter(deadline, [weak = weak_from_this(), run = std::move(run)] {
+        auto self = weak.lock();
+        if (!self) return;
+        self->planner_.release(run);
+        const auto handler = self->handler();
+        for (const auto& entry : run.messages) {
+            self->deliver(entry.first, run.timeTag, run.origin, handler.get());
+        }
+    });
+}
+
+}  // namespace kavrin

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+
+#include "osc/dispatch/SerialQueue.hpp"
+#include "osc/stream/OSCStreamConnection.hpp"
+#include "osc/stream/OSCStreamCounters.hpp"
+#include "osc/transport/OSCServer.hpp"
+#include "osc/transport/detail/DeliveryBatcher.hpp"
+#include "osc/transport/detail/OSCDeliveryPlanner.hpp"
+
+namespace kavrin {
+
+/// What an OSC stream server and client share: the packets of their connections decoded on one
+/// serial receive queue, planned by their time tags and handed to the handler on the dispatch
+/// queue in blocks; the counters; the owner's hooks for connections that open and close.
+///
+/// receive(), flush(), opened() and closed() run on the receive queue (the connections' sockets
+/// report there); everything else may be called from any thread. Internal to the stream layer.
+class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver> {
+  public:
+    using Connection = std::shared_ptr<OSCStreamConnection>;
+    using TimeTagMode = OSCServer::TimeTagMode;
+    using Opened = std::function<void(const Connection&)>;
+    using Closed = std::function<void(const Connection&, const std::optional<TcpSocketError>&)>;
+
+    OSCStreamReceiver(std::shared_ptr<SerialQueue> receiveQueue,
+                      std::shared_ptr<DispatchQueue> dispatchQueue, TimeTagMode mode,
+                      OSCStreamHandler handler);
+    OSCStreamReceiver(const OSCStreamReceiver&) = delete;
+    OSCStreamReceiver& operator=(const OSCStreamReceiver&) = delete;
+
+    /// Set once, before any connection can report; called on the receive queue.
+    void setHooks(Opened opened, Closed closed);
+    const std::shared_ptr<SerialQueue>& receiveQueue() const { return receiveQueue_; }
+    const std::shared_ptr<DispatchQueue>& dispatchQueue() const { return dispatchQueue_; }
+
+    void receive(std::span<const std::uint8_t> packet, const Connection& from);
+    /// The end of a read: what it decided goes to the dispatch queue.
+    void flush() { deliveries_.flush(); }
+    void opened(const Connection& connection);
+    /// wasOpen: the connection had opened (a failed connect or handshake had not).
+    void closed(const Connection& connection, const std::optional<TcpSocketError>& error,
+                bool wasOpen);
+
+    void setHandler(OSCStreamHandler handler);
+    void setTimeTagMode(TimeTagMode mode);
+    TimeTagMode timeTagMode() const { return mode_.load(); }
+    void setScheduledLimit(OSCScheduledLimit limit) { planner_.setLimit(limit); }
+    OSCScheduledLimit scheduledLimit() const { return planner_.limit(); }
+    OSCStreamCounters counters() const;
+
+  private:
+    using Planner = OSCDeliveryPlanner<Connection>;
+
+    std::shared_ptr<const OSCStreamHandler> handler() const;
+    void deliver(const OSCMessage& message, const OSCTimeTag& timeTag, const Connection& from,
+                 const OSCStreamHandler* handler);
+    void deliverNow(std::vector<Planner::Delivery> block);
+    void deliverLater(Planner::ScheduledRun&& run);
+
+    const std::shared_ptr<SerialQueue> receiveQueue_;
+    const std::shared_ptr<DispatchQueue> dispatchQueue_;
+    mutable std::mutex handlerMutex_;
+    std::shared_ptr<const OSCStreamHandler> handler_;  // guarded by handlerMutex_
+    std::atomic<TimeTagMode> mode_;
+    Opened opened_;
+    Closed closed_;
+    // Receive queue only.
+    OSCMethodRoutes noRoutes_;
+    Planner planner_;
+    Planner::Plan planned_;
+    DeliveryBatcher<Planner::Delivery> deliveries_;
+    struct AtomicCounters {
+        std::atomic<std::uint64_t> connectionsOpened{0}, connectionsFailed{0}, packetsReceived{0},
+            messagesDelivered{0}, droppedNotOSC{0}, droppedUndecodable{0},
+            droppedOverScheduledLimit{0};
+    } counted_;
+};
+
+}  // namespace kavrin

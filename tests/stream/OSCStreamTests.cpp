@@ -1,0 +1,416 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <map>
+#include <thread>
+#include <mutex>
+
+#include "../transport/TcpTestSupport.hpp"
+#include "../transport/TestCertificates.hpp"
+#include "osc/dispatch/SerialQueue.hpp"
+#include "osc/stream/OSCStreamClient.hpp"
+#include "osc/stream/OSCStreamServer.hpp"
+
+// The stream server and client against each other and against bare BSD peers on loopback.
+
+namespace kavrin {
+namespace {
+
+using namespace tcpTest;
+using Connection = std::shared_ptr<OSCStreamConnection>;
+
+// Everything a server or client reports, recorded on a serial dispatch queue; tests wait on it
+// with a bound.
+class Recorder {
+  public:
+    struct Received {
+        std::string address;
+        std::vector<OSCValue> values;
+        OSCTimeTag timeTag;
+        Connection from;
+        Clock::time_point at;
+    };
+    struct Closed {
+        Connection connection;
+        std::optional<TcpSocketError> error;
+    };
+
+    std::shared_ptr<SerialQueue> queue = SerialQueue::create("test.dispatch");
+
+    OSCStreamHandler handler() {
+        return [this](const OSCMessage& message, const OSCTimeTag& timeTag, const Connection& from) {
+            record([&] {
+                received.push_back({message.addressPattern.rawAddress(), message.values, timeTag,
+                                    from, Clock::now()});
+            });
+            if (onMessage) onMessage(message, from);
+        };
+    }
+    void watch(OSCStreamServer& server) {
+        server.setOpenHandler([this](const Connection& c) { record([&] { opened.push_back(c); }); });
+        server.setCloseHandler([this](const Connection& c, const std::optional<TcpSocketError>& e) {
+            record([&] { closed.push_back({c, e}); });
+        });
+    }
+    void watch(OSCStreamClient& client) {
+        client.setStateHandler(
+            [this](OSCStreamClient::State state, const std::optional<TcpSocketError>& error) {
+                record([&] { states.emplace_back(state, error); });
+            });
+    }
+
+    template <class F>
+    void record(F&& change) {
+        std::lock_guard lock(mutex_);
+        change();
+        changed_.notify_all();
+    }
+    template <class P>
+    bool waitFor(P&& done, std::chrono::milliseconds bound = 10s) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, bound, std::forward<P>(done));
+    }
+    template <class F>
+    auto read(F&& look) {
+        std::lock_guard lock(mutex_);
+        return look();
+    }
+
+    std::function<void(const OSCMessage&, const Connection&)> onMessage;
+    std::vector<Received> received;
+    std::vector<Connection> opened;
+    std::vector<Closed> closed;
+    std::vector<std::pair<OSCStreamClient::State, std::optional<TcpSocketError>>> states;
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+};
+
+OSCMessage message(const std::string& address, std::int32_t value) {
+    return OSCMessage(address, {OSCValue(value)});
+}
+
+std::shared_ptr<OSCStreamServer> startServer(Recorder& recorder, OSCStreamSettings settings,
+                                             OSCStreamServer::TimeTagMode mode =
+                                                 OSCStreamServer::TimeTagMode::ignore) {
+    auto server = OSCStreamServer::create(0, recorder.queue, mode, settings, recorder.handler());
+    recorder.watch(*server);
+    server->start();
+    return server;
+}
+
+Bytes framed(OSCFraming framing, const OSCPacket& packet) {
+    return framePacket(framing, packet);
+}
+
+// A console answers a ping on the connection it came in on: the client's messages and bundles
+// reach the server in order, each with its connection, and the answers come back on it, from
+// two clients at once, in either framing.
+TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
+    for (const OSCFraming framing : {OSCFraming::lengthPrefixed, OSCFraming::slip}) {
+        SCOPED_TRACE(framing == OSCFraming::slip ? "SLIP" : "length-prefixed");
+        OSCStreamSettings settings;
+        settings.framing = framing;
+        Recorder atServer;
+        atServer.onMessage = [](const OSCMessage& m, const Connection& from) {
+            from->send(OSCMessage("/reply" + m.addressPattern.rawAddress(), m.values));
+        };
+        auto server = startServer(atServer, settings);
+        ASSERT_NE(server->boundPort(), 0);
+
+        std::vector<Recorder> atClients(2);
+        std::vector<std::shared_ptr<OSCStreamClient>> clients;
+        for (std::size_t c = 0; c < 2; ++c) {
+            clients.push_back(OSCStreamClient::create("localhost", server->boundPort(),
+                                                      atClients[c].queue, settings,
+                                                      atClients[c].handler()));
+            clients[c]->connect();
+        }
+        for (std::int32_t i = 0; i < 100; ++i) {
+            // Sent at once: those sent before the connection is up wait for it.
+            for (std::size_t c = 0; c < 2; ++c) {
+                ASSERT_TRUE(clients[c]->send(message("/c" + std::to_string(c), i)));
+            }
+        }
+        // 0xC0 and 0xDB in the data: SLIP escapes them.
+        OSCBundle bundle(OSCTimeTag::immediate(),
+                         {OSCMessage("/b/0", {OSCValue(std::int32_t(0xC0DBC0))}),
+                          OSCMessage("/b/1", {OSCValue(OSCBlob{0xDB, 0xDC, 0xC0})})});
+        ASSERT_TRUE(clients[0]->send(bundle));
+
+        ASSERT_TRUE(atServer.waitFor([&] { return atServer.received.size() == 202; }))
+            << atServer.read([&] { return atServer.received.size(); });
+        for (std::size_t c = 0; c < 2; ++c) {
+            ASSERT_TRUE(atClients[c].waitFor([&] { return atClients[c].received.size() == 100u + (c == 0 ? 2 : 0); }));
+        }
+        atServer.read([&] {
+            std::map<std::string, std::int32_t> next;
+            std::map<std::string, Connection> connectionOf;
+            for (const auto& r : atServer.received) {
+                const std::string sender = r.address.substr(0, 3);
+                if (sender == "/b/") continue;
+                EXPECT_EQ(r.values.at(0), OSCValue(next[sender]++)) << r.address;
+                // Every message of one client comes on one connection, and each from its own.
+                auto [at, added] = connectionOf.emplace(sender, r.from);
+                EXPECT_EQ(at->second, r.from);
+            }
+            ASSERT_EQ(connectionOf.size(), 2u);
+            EXPECT_NE(connectionOf["/c0"], connectionOf["/c1"]);
+            EXPECT_EQ(connectionOf["/c0"]->peerPort(), clients[0]->connection()->localAddress().port());
+            // The bundle's messages come after the client's others, one after the other.
+            const auto b0 = std::find_if(atServer.received.begin(), atServer.received.end(),
+                                         [](const auto& r) { return r.address == "/b/0"; });
+            ASSERT_NE(b0, atServer.received.end());
+            ASSERT_NE(b0 + 1, atServer.received.end());
+            EXPECT_EQ(b0[1].address, "/b/1");
+            EXPECT_EQ(b0[1].values.at(0), OSCValue(OSCBlob{0xDB, 0xDC, 0xC0}));
+            EXPECT_EQ(b0[1].from, connectionOf["/c0"]);
+            EXPECT_EQ(next["/c0"], 100);
+        });
+        atClients[0].read([&] {
+            EXPECT_EQ(atClients[0].received[0].address, "/reply/c0");
+            EXPECT_EQ(atClients[0].received.back().address, "/reply/b/1");
+        });
+        EXPECT_EQ(server->counters().messagesDelivered, 202u);
+        EXPECT_EQ(server->counters().connectionsOpened, 2u);
+        EXPECT_EQ(server->connections().size(), 2u);
+
+        // A client that closes is heard by the server as a connection closed in order.
+        clients[1]->close();
+        ASSERT_TRUE(atServer.waitFor([&] { return atServer.closed.size() == 1; }));
+        atServer.read([&] { EXPECT_FALSE(atServer.closed[0].error) << describe(atServer.closed[0].error); });
+        EXPECT_FALSE(clients[1]->send(message("/late", 0)));
+    }
+}
+
+// A peer that breaks the framing, sends too much, stalls mid-packet or sends what is not OSC
+// costs only its own connection (or only that packet), with a clear error, while a well-behaved
+// peer is served throughout.
+TEST(OSCStream, HostilePeersLoseOnlyTheirOwnConnection) {
+    struct Case {
+        const char* name;
+        OSCFraming framing;
+        Bytes stream;
+        std::optional<std::string> error;  // none: the connection stays
+    };
+    const Bytes ok = framed(OSCFraming::lengthPrefixed, message("/ok", 1));
+    Bytes slipFlood(3000, 'x');
+    slipFlood.insert(slipFlood.begin(), 0xC0);
+    Bytes notOSC = {0, 0, 0, 4, 'j', 'u', 'n', 'k'};
+    Bytes badMessage = {0, 0, 0, 4, '/', 'b', 'a', 'd'};  // no terminating zero
+    const std::vector<Case> cases = {
+        {"size over the maximum", OSCFraming::lengthPrefixed, {0, 0, 0x13, 0x88},
+         "Frame size 5000 exceeds the maximum of 1024 bytes."},
+        {"negative size", OSCFraming::lengthPrefixed, {0xFF, 0xFF, 0xFF, 0xF0},
+         "Frame size prefix is negative: -16"},
+        {"stalls mid-frame", OSCFraming::lengthPrefixed, {0, 0, 0, 16, '/', 'a'},
+         "Read operation timed out"},
+        {"SLIP with no END", OSCFraming::slip, slipFlood,
+         "SLIP frame exceeds the maximum of 1024 bytes without an END byte."},
+        {"not OSC, then OSC", OSCFraming::lengthPrefixed, notOSC, std::nullopt},
+        {"undecodable, then OSC", OSCFraming::lengthPrefixed, badMessage, std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        OSCStreamSettings settings;
+        settings.framing = c.framing;
+        settings.maximumFrame = 1024;
+        settings.frameTimeout = 0.3;
+        Recorder recorder;
+        auto server = startServer(recorder, settings);
+        Fd good = rawConnect("127.0.0.1", server->boundPort());
+        Fd hostile = rawConnect("::1", server->boundPort());
+        ASSERT_TRUE(good && hostile);
+        ASSERT_TRUE(sendAll(hostile.get(), c.stream));
+        ASSERT_TRUE(sendAll(good.get(), framed(c.framing, message("/good", 1))));
+        if (c.error) {
+            ASSERT_TRUE(recorder.waitFor([&] { return recorder.closed.size() == 1; }));
+            recorder.read([&] {
+                ASSERT_TRUE(recorder.closed[0].error);
+                EXPECT_EQ(recorder.closed[0].error->description(), *c.error);
+                EXPECT_TRUE(recorder.closed[0].connection->peerAddress().isIPv6());
+            });
+            EXPECT_TRUE(seesEndOfStream(hostile.get()));
+            EXPECT_EQ(server->counters().connectionsFailed, 1u);
+        } else {
+            // The connection reads on past the dropped packet.
+            ASSERT_TRUE(sendAll(hostile.get(), ok));
+            ASSERT_TRUE(recorder.waitFor([&] { return recorder.received.size() == 2; }));
+            const auto counters = server->counters();
+            EXPECT_EQ(counters.droppedNotOSC + counters.droppedUndecodable, 1u);
+        }
+        ASSERT_TRUE(sendAll(good.get(), framed(c.framing, message("/good", 2))));
+        ASSERT_TRUE(recorder.waitFor([&] {
+            return std::count_if(recorder.received.begin(), recorder.received.end(),
+                                 [](const auto& r) { return r.address == "/good"; }) == 2;
+        }));
+        EXPECT_EQ(server->connections().size(), c.error ? 1u : 2u);
+    }
+}
+
+// Connections past the cap are closed at once, and one that rests past the idle time-out is
+// closed with idleTimeout; the others are untouched.
+TEST(OSCStream, ConnectionsPastTheCapOrIdleTooLongAreClosed) {
+    Recorder recorder;
+    auto server = OSCStreamServer::create(0, recorder.queue, OSCStreamServer::TimeTagMode::ignore,
+                                          {}, recorder.handler());
+    recorder.watch(*server);
+    server->setMaxConnections(2);
+    server->setIdleTimeout(0.5);
+    server->start();
+    Fd first = rawConnect("127.0.0.1", server->boundPort());
+    Fd second = rawConnect("127.0.0.1", server->boundPort());
+    ASSERT_TRUE(recorder.waitFor([&] { return recorder.opened.size() == 2; }));
+    Fd third = rawConnect("127.0.0.1", server->boundPort());
+    EXPECT_TRUE(seesEndOfStream(third.get(), 5s));
+    // The second keeps talking, the first rests.
+    for (int i = 0; i < 6; ++i) {
+        ASSERT_TRUE(sendAll(second.get(), framed(OSCFraming::lengthPrefixed, message("/alive", i))));
+        std::this_thread::sleep_for(150ms);  // the pace of a talking peer, not a wait
+    }
+    ASSERT_TRUE(recorder.waitFor([&] { return recorder.closed.size() == 1; }));
+    recorder.read([&] {
+        ASSERT_TRUE(recorder.closed[0].error);
+        EXPECT_EQ(recorder.closed[0].error->code(), TcpSocketError::idleTimeout);
+        EXPECT_EQ(recorder.received.size(), 6u);
+    });
+    EXPECT_TRUE(seesEndOfStream(first.get(), 5s));
+    EXPECT_EQ(server->connections().size(), 1u);
+}
+
+// A bundle tagged ahead waits for its time in osc1_0 mode, its messages in order and together.
+TEST(OSCStream, AFutureBundleWaitsForItsTimeWithItsMessagesInOrder) {
+    Recorder recorder;
+    auto server = startServer(recorder, {}, OSCStreamServer::TimeTagMode::osc1_0);
+    Fd peer = rawConnect("127.0.0.1", server->boundPort());
+    std::vector<OSCPacket> elements;
+    for (std::int32_t i = 0; i < 8; ++i) elements.emplace_back(message("/m", i));
+    const auto sent = Clock::now();
+    const auto due = std::chrono::system_clock::now() + 300ms;
+    ASSERT_TRUE(sendAll(peer.get(), framed(OSCFraming::lengthPrefixed,
+                                           OSCBundle(OSCTimeTag::fromDate(due), std::move(elements)))));
+    ASSERT_TRUE(sendAll(peer.get(), framed(OSCFraming::lengthPrefixed, message("/now", 0))));
+    ASSERT_TRUE(recorder.waitFor([&] { return recorder.received.size() == 9; }));
+    recorder.read([&] {
+        EXPECT_EQ(recorder.received[0].address, "/now");
+        for (std::int32_t i = 0; i < 8; ++i) {
+            EXPECT_EQ(recorder.received[1 + i].values.at(0), OSCValue(i));
+            EXPECT_GE(recorder.received[1 + i].at - sent, 250ms);
+        }
+    });
+}
+
+// TLS on both sides: the client checks the server's chain and name; a client that does not
+// trust the server's CA is refused with the reason, and the server serves on.
+class OSCStreamTls : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { certificates_ = std::make_unique<TestCertificates>(); }
+    static void TearDownTestSuite() { certificates_.reset(); }
+    static std::unique_ptr<TestCertificates> certificates_;
+};
+std::unique_ptr<TestCertificates> OSCStreamTls::certificates_;
+
+TEST_F(OSCStreamTls, TheClientTrustsOnlyTheServersCAAndTalksSecurely) {
+    OSCStreamSettings serverSettings;
+    serverSettings.framing = OSCFraming::slip;
+    serverSettings.tls = TlsSettings{};
+    serverSettings.tls->certificateChainFile = certificates_->path("server.pem");
+    serverSettings.tls->privateKeyFile = certificates_->path("server.key");
+    Recorder atServer;
+    atServer.onMessage = [](const OSCMessage& m, const Connection& from) {
+        EXPECT_TRUE(from->isSecure());
+        from->send(OSCMessage("/pong", m.values));
+    };
+    auto server = startServer(atServer, serverSettings);
+
+    for (const bool trusted : {true, false}) {
+        SCOPED_TRACE(trusted ? "trusted" : "unknown CA");
+        OSCStreamSettings settings;
+        settings.framing = OSCFraming::slip;
+        settings.tls = TlsSettings{};
+        settings.tls->caFile = certificates_->path(trusted ? "ca.pem" : "other.pem");
+        Recorder atClient;
+        auto client = OSCStreamClient::create("localhost", server->boundPort(), atClient.queue,
+                                              settings, atClient.handler());
+        atClient.watch(*client);
+        client->setReconnect({.enabled = false});
+        client->connect();
+        ASSERT_TRUE(client->send(message("/ping", 7)));
+        if (trusted) {
+            ASSERT_TRUE(atClient.waitFor([&] { return atClient.received.size() == 1; }));
+            EXPECT_TRUE(client->connection()->isSecure());
+            atClient.read([&] {
+                EXPECT_EQ(atClient.received[0].address, "/pong");
+                EXPECT_EQ(atClient.received[0].values.at(0), OSCValue(std::int32_t(7)));
+            });
+            continue;
+        }
+        ASSERT_TRUE(atClient.waitFor([&] {
+            return !atClient.states.empty() && atClient.states.back().first == OSCStreamClient::State::closed;
+        }));
+        atClient.read([&] {
+            const auto& error = atClient.states.back().second;
+            ASSERT_TRUE(error);
+            EXPECT_EQ(error->code(), TcpSocketError::tls) << describe(error);
+            EXPECT_NE(describe(error).find("unable to get local issuer certificate"), std::string::npos)
+                << describe(error);
+        });
+        EXPECT_FALSE(client->send(message("/ping", 8)));
+    }
+    EXPECT_EQ(atServer.read([&] { return atServer.received.size(); }), 1u);
+    EXPECT_EQ(server->counters().connectionsOpened, 1u);
+}
+
+// A client whose server is not there waits, tries again later and later, and once the server
+// is up sends what was sent meanwhile; after a drop it connects again.
+TEST(OSCStream, TheClientReconnectsWithBackOffAndLosesNothingSentMeanwhile) {
+    Recorder atServer;
+    std::uint16_t port = 0;
+    {
+        auto probe = startServer(atServer, {});
+        port = probe->boundPort();
+    }  // nothing listens there now
+    Recorder atClient;
+    auto client = OSCStreamClient::create("127.0.0.1", port, atClient.queue, {}, atClient.handler());
+    atClient.watch(*client);
+    client->setReconnect({.enabled = true, .initialDelay = 0.05, .maximumDelay = 0.2});
+    client->connect();
+    ASSERT_TRUE(client->send(message("/early", 1)));
+    // Refused at least three times.
+    ASSERT_TRUE(atClient.waitFor([&] {
+        return std::count_if(atClient.states.begin(), atClient.states.end(), [](const auto& s) {
+                   return s.first == OSCStreamClient::State::waiting;
+               }) >= 3;
+    }));
+    atClient.read([&] {
+        const auto& refused = atClient.states[1];
+        ASSERT_TRUE(refused.second);
+        EXPECT_EQ(refused.second->code(), ECONNREFUSED) << describe(refused.second);
+    });
+    ASSERT_TRUE(client->send(message("/early", 2)));
+
+    auto server = OSCStreamServer::create(port, atServer.queue, OSCStreamServer::TimeTagMode::ignore,
+                                          {}, atServer.handler());
+    atServer.watch(*server);
+    server->start();
+    ASSERT_TRUE(atServer.waitFor([&] { return atServer.received.size() == 2; }));
+    atServer.read([&] {
+        EXPECT_EQ(atServer.received[0].values.at(0), OSCValue(std::int32_t(1)));
+        EXPECT_EQ(atServer.received[1].values.at(0), OSCValue(std::int32_t(2)));
+    });
+
+    // The server drops every connection; the client comes back by itself.
+    server->stop();
+    server->start();
+    ASSERT_TRUE(atServer.waitFor([&] { return atServer.opened.size() == 2; }));
+    ASSERT_TRUE(atClient.waitFor([&] { return atClient.states.back().first == OSCStreamClient::State::connected; }));
+    ASSERT_TRUE(client->send(message("/again", 3)));
+    ASSERT_TRUE(atServer.waitFor([&] { return atServer.received.size() == 3; }));
+    client->close();
+    ASSERT_TRUE(atClient.waitFor([&] { return atClient.states.back().first == OSCStreamClient::State::closed; }));
+}
+
+}  // namespace
+}  // namespace kavrin
