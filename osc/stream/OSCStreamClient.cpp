@@ -109,7 +109,7 @@ void OSCStreamClient::connect() {
 
 void OSCStreamClient::connectNow() {
     std::unique_lock lock(mutex_);
-    if (closing_ || connection_) return;
+    if (connection_ || state_ == State::closed) return;
     auto connection = OSCStreamConnection::make(receiver_, settings_, false);
     auto socket = TcpSocket::create(connection->asDelegate(), receiver_->receiveQueue());
     connection->attach(socket);
@@ -153,12 +153,13 @@ void OSCStreamClient::close() {
     if (closing_) return;
     closing_ = true;
     ++generation_;  // a retry already scheduled does nothing
-    if (connection_) {
-        // Connected: once what was sent is written. Connecting: once it is up and has written
-        // what waits for it, or when it fails.
-        if (state_ == State::connected) connection_->close();
+    if (state_ == State::connected) {
+        connection_->close();  // once what was sent is written
         return;
     }
+    // A connect under way finishes: once up, it writes what waits and closes; if it fails,
+    // the client closes with its error.
+    if (state_ == State::connecting) return;
     pending_.clear();
     pendingBytes_ = 0;
     if (state_ != State::closed) changeState(State::closed, std::nullopt);
