@@ -1,7 +1,6 @@
 // Answers OSC pings: every message whose address is the ping address gets a reply message, with
 // no values, at the reply address. Used to stand in for a console in end-to-end tests.
 
-#include <charconv>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -16,8 +15,10 @@
 #include "osc/transport/OSCClient.hpp"
 #include "osc/transport/OSCServer.hpp"
 #include "osc/transport/UdpSocketError.hpp"
+#include "tools/common/CommandLine.hpp"
 
 using namespace kavrin;
+using kavrin::tools::parsePort;
 
 namespace {
 
@@ -31,15 +32,6 @@ constexpr const char* usage =
     "(or to HOST, when given) on the reply PORT (default 8001). Messages inside bundles\n"
     "count too; other messages are ignored. Prints one line per answered ping on standard\n"
     "output. Runs until interrupted (SIGINT or SIGTERM).\n";
-
-std::optional<std::uint16_t> parsePort(std::string_view text) {
-    unsigned value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size() || value > 65535) {
-        return std::nullopt;
-    }
-    return static_cast<std::uint16_t>(value);
-}
 
 int fail(const std::string& message) {
     std::cerr << "osc_ping_responder: " << message << "\n\n" << usage;

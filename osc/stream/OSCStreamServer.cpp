@@ -62,6 +62,10 @@ void OSCStreamServer::setHandler(Handler handler) {
     receiver_->setHandler(std::move(handler));
 }
 
+void OSCStreamServer::setPacketHandler(PacketHandler handler) {
+    receiver_->setPacketHandler(std::move(handler));
+}
+
 void OSCStreamServer::setOpenHandler(OpenHandler handler) {
     std::lock_guard lock(handlerMutex_);
     openHandler_ = std::move(handler);

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <unordered_map>
 #include <vector>
 
@@ -61,6 +62,12 @@ class OSCStreamServer : public std::enable_shared_from_this<OSCStreamServer> {
 
     /// The handler called by each delivery is the one in force when its block runs.
     void setHandler(Handler handler);
+    /// Given each packet as it arrives, before it is decoded (those then dropped too), on the
+    /// dispatch queue in order with the deliveries: for tools that show what arrives. Costs a
+    /// copy of every packet while set.
+    using PacketHandler =
+        std::function<void(std::span<const std::uint8_t> packet, const Connection& from)>;
+    void setPacketHandler(PacketHandler handler);
     void setOpenHandler(OpenHandler handler);
     void setCloseHandler(CloseHandler handler);
     TimeTagMode timeTagMode() const;

@@ -24,6 +24,13 @@ void OSCStreamReceiver::setHandler(OSCStreamHandler handler) {
     handler_ = std::move(stored);
 }
 
+void OSCStreamReceiver::setPacketHandler(PacketHandler handler) {
+    auto stored = handler ? std::make_shared<const PacketHandler>(std::move(handler)) : nullptr;
+    std::lock_guard lock(handlerMutex_);
+    hasPacketHandler_ = stored != nullptr;
+    packetHandler_ = std::move(stored);
+}
+
 std::shared_ptr<const OSCStreamHandler> OSCStreamReceiver::handler() const {
     std::lock_guard lock(handlerMutex_);
     return handler_;
@@ -55,6 +62,15 @@ void OSCStreamReceiver::closed(const Connection& connection,
 // reads on, as a UDP server reads the next datagram.
 void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Connection& from) {
     ++counted_.packetsReceived;
+    if (hasPacketHandler_.load()) {
+        deliveries_.flush();  // the packet is shown after the messages of those before it
+        std::lock_guard lock(handlerMutex_);
+        if (packetHandler_) {
+            dispatchQueue_->async(
+                [handler = packetHandler_, copy = std::vector<std::uint8_t>(packet.begin(), packet.end()),
+                 from] { (*handler)(copy, from); });
+        }
+    }
     std::optional<OSCPacket> decoded;
     try {
         decoded = OSCPacket::decode(packet);

@@ -49,6 +49,9 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
                 bool wasOpen);
 
     void setHandler(OSCStreamHandler handler);
+    using PacketHandler =
+        std::function<void(std::span<const std::uint8_t> packet, const Connection& from)>;
+    void setPacketHandler(PacketHandler handler);
     void setTimeTagMode(TimeTagMode mode);
     TimeTagMode timeTagMode() const { return mode_.load(); }
     void setScheduledLimit(OSCScheduledLimit limit) { planner_.setLimit(limit); }
@@ -68,6 +71,8 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
     const std::shared_ptr<DispatchQueue> dispatchQueue_;
     mutable std::mutex handlerMutex_;
     std::shared_ptr<const OSCStreamHandler> handler_;  // guarded by handlerMutex_
+    std::shared_ptr<const PacketHandler> packetHandler_;  // guarded by handlerMutex_
+    std::atomic<bool> hasPacketHandler_{false};
     std::atomic<TimeTagMode> mode_;
     Opened opened_;
     Closed closed_;
