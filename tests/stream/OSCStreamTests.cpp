@@ -21,8 +21,8 @@ using namespace tcpTest;
 using Connection = std::shared_ptr<OSCStreamConnection>;
 
 // Everything a server or client reports, recorded on a serial dispatch queue; tests wait on it
-// with a bound.
-class Recorder {
+// with a bound. Its handlers hold it, so that it outlives every report in flight.
+class Recorder : public std::enable_shared_from_this<Recorder> {
   public:
     struct Received {
         std::string address;
@@ -39,7 +39,8 @@ class Recorder {
     std::shared_ptr<SerialQueue> queue = SerialQueue::create("test.dispatch");
 
     OSCStreamHandler handler() {
-        return [this](const OSCMessage& message, const OSCTimeTag& timeTag, const Connection& from) {
+        return [this, self = shared_from_this()](const OSCMessage& message,
+                                                 const OSCTimeTag& timeTag, const Connection& from) {
             record([&] {
                 received.push_back({message.addressPattern.rawAddress(), message.values, timeTag,
                                     from, Clock::now()});
@@ -48,14 +49,18 @@ class Recorder {
         };
     }
     void watch(OSCStreamServer& server) {
-        server.setOpenHandler([this](const Connection& c) { record([&] { opened.push_back(c); }); });
-        server.setCloseHandler([this](const Connection& c, const std::optional<TcpSocketError>& e) {
+        server.setOpenHandler([this, self = shared_from_this()](const Connection& c) {
+            record([&] { opened.push_back(c); });
+        });
+        server.setCloseHandler([this, self = shared_from_this()](
+                                   const Connection& c, const std::optional<TcpSocketError>& e) {
             record([&] { closed.push_back({c, e}); });
         });
     }
     void watch(OSCStreamClient& client) {
         client.setStateHandler(
-            [this](OSCStreamClient::State state, const std::optional<TcpSocketError>& error) {
+            [this, self = shared_from_this()](OSCStreamClient::State state,
+                                              const std::optional<TcpSocketError>& error) {
                 record([&] { states.emplace_back(state, error); });
             });
     }
@@ -92,11 +97,11 @@ OSCMessage message(const std::string& address, std::int32_t value) {
     return OSCMessage(address, {OSCValue(value)});
 }
 
-std::shared_ptr<OSCStreamServer> startServer(Recorder& recorder, OSCStreamSettings settings,
+std::shared_ptr<OSCStreamServer> startServer(const std::shared_ptr<Recorder>& recorder, OSCStreamSettings settings,
                                              OSCStreamServer::TimeTagMode mode =
                                                  OSCStreamServer::TimeTagMode::ignore) {
-    auto server = OSCStreamServer::create(0, recorder.queue, mode, settings, recorder.handler());
-    recorder.watch(*server);
+    auto server = OSCStreamServer::create(0, recorder->queue, mode, settings, recorder->handler());
+    recorder->watch(*server);
     server->start();
     return server;
 }
@@ -113,19 +118,20 @@ TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
         SCOPED_TRACE(framing == OSCFraming::slip ? "SLIP" : "length-prefixed");
         OSCStreamSettings settings;
         settings.framing = framing;
-        Recorder atServer;
-        atServer.onMessage = [](const OSCMessage& m, const Connection& from) {
+        auto atServer = std::make_shared<Recorder>();
+        atServer->onMessage = [](const OSCMessage& m, const Connection& from) {
             from->send(OSCMessage("/reply" + m.addressPattern.rawAddress(), m.values));
         };
         auto server = startServer(atServer, settings);
         ASSERT_NE(server->boundPort(), 0);
 
-        std::vector<Recorder> atClients(2);
+        std::vector<std::shared_ptr<Recorder>> atClients;
+        for (int c = 0; c < 2; ++c) atClients.push_back(std::make_shared<Recorder>());
         std::vector<std::shared_ptr<OSCStreamClient>> clients;
         for (std::size_t c = 0; c < 2; ++c) {
             clients.push_back(OSCStreamClient::create("localhost", server->boundPort(),
-                                                      atClients[c].queue, settings,
-                                                      atClients[c].handler()));
+                                                      atClients[c]->queue, settings,
+                                                      atClients[c]->handler()));
             clients[c]->connect();
         }
         for (std::int32_t i = 0; i < 100; ++i) {
@@ -140,15 +146,15 @@ TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
                           OSCMessage("/b/1", {OSCValue(OSCBlob{0xDB, 0xDC, 0xC0})})});
         ASSERT_TRUE(clients[0]->send(bundle));
 
-        ASSERT_TRUE(atServer.waitFor([&] { return atServer.received.size() == 202; }))
-            << atServer.read([&] { return atServer.received.size(); });
+        ASSERT_TRUE(atServer->waitFor([&] { return atServer->received.size() == 202; }))
+            << atServer->read([&] { return atServer->received.size(); });
         for (std::size_t c = 0; c < 2; ++c) {
-            ASSERT_TRUE(atClients[c].waitFor([&] { return atClients[c].received.size() == 100u + (c == 0 ? 2 : 0); }));
+            ASSERT_TRUE(atClients[c]->waitFor([&] { return atClients[c]->received.size() == 100u + (c == 0 ? 2 : 0); }));
         }
-        atServer.read([&] {
+        atServer->read([&] {
             std::map<std::string, std::int32_t> next;
             std::map<std::string, Connection> connectionOf;
-            for (const auto& r : atServer.received) {
+            for (const auto& r : atServer->received) {
                 const std::string sender = r.address.substr(0, 3);
                 if (sender == "/b/") continue;
                 EXPECT_EQ(r.values.at(0), OSCValue(next[sender]++)) << r.address;
@@ -160,18 +166,18 @@ TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
             EXPECT_NE(connectionOf["/c0"], connectionOf["/c1"]);
             EXPECT_EQ(connectionOf["/c0"]->peerPort(), clients[0]->connection()->localAddress().port());
             // The bundle's messages come after the client's others, one after the other.
-            const auto b0 = std::find_if(atServer.received.begin(), atServer.received.end(),
+            const auto b0 = std::find_if(atServer->received.begin(), atServer->received.end(),
                                          [](const auto& r) { return r.address == "/b/0"; });
-            ASSERT_NE(b0, atServer.received.end());
-            ASSERT_NE(b0 + 1, atServer.received.end());
+            ASSERT_NE(b0, atServer->received.end());
+            ASSERT_NE(b0 + 1, atServer->received.end());
             EXPECT_EQ(b0[1].address, "/b/1");
             EXPECT_EQ(b0[1].values.at(0), OSCValue(OSCBlob{0xDB, 0xDC, 0xC0}));
             EXPECT_EQ(b0[1].from, connectionOf["/c0"]);
             EXPECT_EQ(next["/c0"], 100);
         });
-        atClients[0].read([&] {
-            EXPECT_EQ(atClients[0].received[0].address, "/reply/c0");
-            EXPECT_EQ(atClients[0].received.back().address, "/reply/b/1");
+        atClients[0]->read([&] {
+            EXPECT_EQ(atClients[0]->received[0].address, "/reply/c0");
+            EXPECT_EQ(atClients[0]->received.back().address, "/reply/b/1");
         });
         EXPECT_EQ(server->counters().messagesDelivered, 202u);
         EXPECT_EQ(server->counters().connectionsOpened, 2u);
@@ -179,8 +185,8 @@ TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
 
         // A client that closes is heard by the server as a connection closed in order.
         clients[1]->close();
-        ASSERT_TRUE(atServer.waitFor([&] { return atServer.closed.size() == 1; }));
-        atServer.read([&] { EXPECT_FALSE(atServer.closed[0].error) << describe(atServer.closed[0].error); });
+        ASSERT_TRUE(atServer->waitFor([&] { return atServer->closed.size() == 1; }));
+        atServer->read([&] { EXPECT_FALSE(atServer->closed[0].error) << describe(atServer->closed[0].error); });
         EXPECT_FALSE(clients[1]->send(message("/late", 0)));
     }
 }
@@ -218,7 +224,7 @@ TEST(OSCStream, HostilePeersLoseOnlyTheirOwnConnection) {
         settings.framing = c.framing;
         settings.maximumFrame = 1024;
         settings.frameTimeout = 0.3;
-        Recorder recorder;
+        auto recorder = std::make_shared<Recorder>();
         auto server = startServer(recorder, settings);
         Fd good = rawConnect("127.0.0.1", server->boundPort());
         Fd hostile = rawConnect("::1", server->boundPort());
@@ -226,24 +232,24 @@ TEST(OSCStream, HostilePeersLoseOnlyTheirOwnConnection) {
         ASSERT_TRUE(sendAll(hostile.get(), c.stream));
         ASSERT_TRUE(sendAll(good.get(), framed(c.framing, message("/good", 1))));
         if (c.error) {
-            ASSERT_TRUE(recorder.waitFor([&] { return recorder.closed.size() == 1; }));
-            recorder.read([&] {
-                ASSERT_TRUE(recorder.closed[0].error);
-                EXPECT_EQ(recorder.closed[0].error->description(), *c.error);
-                EXPECT_TRUE(recorder.closed[0].connection->peerAddress().isIPv6());
+            ASSERT_TRUE(recorder->waitFor([&] { return recorder->closed.size() == 1; }));
+            recorder->read([&] {
+                ASSERT_TRUE(recorder->closed[0].error);
+                EXPECT_EQ(recorder->closed[0].error->description(), *c.error);
+                EXPECT_TRUE(recorder->closed[0].connection->peerAddress().isIPv6());
             });
             EXPECT_TRUE(seesEndOfStream(hostile.get()));
             EXPECT_EQ(server->counters().connectionsFailed, 1u);
         } else {
             // The connection reads on past the dropped packet.
             ASSERT_TRUE(sendAll(hostile.get(), ok));
-            ASSERT_TRUE(recorder.waitFor([&] { return recorder.received.size() == 2; }));
+            ASSERT_TRUE(recorder->waitFor([&] { return recorder->received.size() == 2; }));
             const auto counters = server->counters();
             EXPECT_EQ(counters.droppedNotOSC + counters.droppedUndecodable, 1u);
         }
         ASSERT_TRUE(sendAll(good.get(), framed(c.framing, message("/good", 2))));
-        ASSERT_TRUE(recorder.waitFor([&] {
-            return std::count_if(recorder.received.begin(), recorder.received.end(),
+        ASSERT_TRUE(recorder->waitFor([&] {
+            return std::count_if(recorder->received.begin(), recorder->received.end(),
                                  [](const auto& r) { return r.address == "/good"; }) == 2;
         }));
         EXPECT_EQ(server->connections().size(), c.error ? 1u : 2u);
@@ -253,16 +259,16 @@ TEST(OSCStream, HostilePeersLoseOnlyTheirOwnConnection) {
 // Connections past the cap are closed at once, and one that rests past the idle time-out is
 // closed with idleTimeout; the others are untouched.
 TEST(OSCStream, ConnectionsPastTheCapOrIdleTooLongAreClosed) {
-    Recorder recorder;
-    auto server = OSCStreamServer::create(0, recorder.queue, OSCStreamServer::TimeTagMode::ignore,
-                                          {}, recorder.handler());
-    recorder.watch(*server);
+    auto recorder = std::make_shared<Recorder>();
+    auto server = OSCStreamServer::create(0, recorder->queue, OSCStreamServer::TimeTagMode::ignore,
+                                          {}, recorder->handler());
+    recorder->watch(*server);
     server->setMaxConnections(2);
     server->setIdleTimeout(0.5);
     server->start();
     Fd first = rawConnect("127.0.0.1", server->boundPort());
     Fd second = rawConnect("127.0.0.1", server->boundPort());
-    ASSERT_TRUE(recorder.waitFor([&] { return recorder.opened.size() == 2; }));
+    ASSERT_TRUE(recorder->waitFor([&] { return recorder->opened.size() == 2; }));
     Fd third = rawConnect("127.0.0.1", server->boundPort());
     EXPECT_TRUE(seesEndOfStream(third.get(), 5s));
     // The second keeps talking, the first rests.
@@ -270,11 +276,11 @@ TEST(OSCStream, ConnectionsPastTheCapOrIdleTooLongAreClosed) {
         ASSERT_TRUE(sendAll(second.get(), framed(OSCFraming::lengthPrefixed, message("/alive", i))));
         std::this_thread::sleep_for(150ms);  // the pace of a talking peer, not a wait
     }
-    ASSERT_TRUE(recorder.waitFor([&] { return recorder.closed.size() == 1; }));
-    recorder.read([&] {
-        ASSERT_TRUE(recorder.closed[0].error);
-        EXPECT_EQ(recorder.closed[0].error->code(), TcpSocketError::idleTimeout);
-        EXPECT_EQ(recorder.received.size(), 6u);
+    ASSERT_TRUE(recorder->waitFor([&] { return recorder->closed.size() == 1; }));
+    recorder->read([&] {
+        ASSERT_TRUE(recorder->closed[0].error);
+        EXPECT_EQ(recorder->closed[0].error->code(), TcpSocketError::idleTimeout);
+        EXPECT_EQ(recorder->received.size(), 6u);
     });
     EXPECT_TRUE(seesEndOfStream(first.get(), 5s));
     EXPECT_EQ(server->connections().size(), 1u);
@@ -282,7 +288,7 @@ TEST(OSCStream, ConnectionsPastTheCapOrIdleTooLongAreClosed) {
 
 // A bundle tagged ahead waits for its time in osc1_0 mode, its messages in order and together.
 TEST(OSCStream, AFutureBundleWaitsForItsTimeWithItsMessagesInOrder) {
-    Recorder recorder;
+    auto recorder = std::make_shared<Recorder>();
     auto server = startServer(recorder, {}, OSCStreamServer::TimeTagMode::osc1_0);
     Fd peer = rawConnect("127.0.0.1", server->boundPort());
     std::vector<OSCPacket> elements;
@@ -292,12 +298,12 @@ TEST(OSCStream, AFutureBundleWaitsForItsTimeWithItsMessagesInOrder) {
     ASSERT_TRUE(sendAll(peer.get(), framed(OSCFraming::lengthPrefixed,
                                            OSCBundle(OSCTimeTag::fromDate(due), std::move(elements)))));
     ASSERT_TRUE(sendAll(peer.get(), framed(OSCFraming::lengthPrefixed, message("/now", 0))));
-    ASSERT_TRUE(recorder.waitFor([&] { return recorder.received.size() == 9; }));
-    recorder.read([&] {
-        EXPECT_EQ(recorder.received[0].address, "/now");
+    ASSERT_TRUE(recorder->waitFor([&] { return recorder->received.size() == 9; }));
+    recorder->read([&] {
+        EXPECT_EQ(recorder->received[0].address, "/now");
         for (std::int32_t i = 0; i < 8; ++i) {
-            EXPECT_EQ(recorder.received[1 + i].values.at(0), OSCValue(i));
-            EXPECT_GE(recorder.received[1 + i].at - sent, 250ms);
+            EXPECT_EQ(recorder->received[1 + i].values.at(0), OSCValue(i));
+            EXPECT_GE(recorder->received[1 + i].at - sent, 250ms);
         }
     });
 }
@@ -318,8 +324,8 @@ TEST_F(OSCStreamTls, TheClientTrustsOnlyTheServersCAAndTalksSecurely) {
     serverSettings.tls = TlsSettings{};
     serverSettings.tls->certificateChainFile = certificates_->path("server.pem");
     serverSettings.tls->privateKeyFile = certificates_->path("server.key");
-    Recorder atServer;
-    atServer.onMessage = [](const OSCMessage& m, const Connection& from) {
+    auto atServer = std::make_shared<Recorder>();
+    atServer->onMessage = [](const OSCMessage& m, const Connection& from) {
         EXPECT_TRUE(from->isSecure());
         from->send(OSCMessage("/pong", m.values));
     };
@@ -331,27 +337,27 @@ TEST_F(OSCStreamTls, TheClientTrustsOnlyTheServersCAAndTalksSecurely) {
         settings.framing = OSCFraming::slip;
         settings.tls = TlsSettings{};
         settings.tls->caFile = certificates_->path(trusted ? "ca.pem" : "other.pem");
-        Recorder atClient;
-        auto client = OSCStreamClient::create("localhost", server->boundPort(), atClient.queue,
-                                              settings, atClient.handler());
-        atClient.watch(*client);
+        auto atClient = std::make_shared<Recorder>();
+        auto client = OSCStreamClient::create("localhost", server->boundPort(), atClient->queue,
+                                              settings, atClient->handler());
+        atClient->watch(*client);
         client->setReconnect({.enabled = false});
         client->connect();
         ASSERT_TRUE(client->send(message("/ping", 7)));
         if (trusted) {
-            ASSERT_TRUE(atClient.waitFor([&] { return atClient.received.size() == 1; }));
+            ASSERT_TRUE(atClient->waitFor([&] { return atClient->received.size() == 1; }));
             EXPECT_TRUE(client->connection()->isSecure());
-            atClient.read([&] {
-                EXPECT_EQ(atClient.received[0].address, "/pong");
-                EXPECT_EQ(atClient.received[0].values.at(0), OSCValue(std::int32_t(7)));
+            atClient->read([&] {
+                EXPECT_EQ(atClient->received[0].address, "/pong");
+                EXPECT_EQ(atClient->received[0].values.at(0), OSCValue(std::int32_t(7)));
             });
             continue;
         }
-        ASSERT_TRUE(atClient.waitFor([&] {
-            return !atClient.states.empty() && atClient.states.back().first == OSCStreamClient::State::closed;
+        ASSERT_TRUE(atClient->waitFor([&] {
+            return !atClient->states.empty() && atClient->states.back().first == OSCStreamClient::State::closed;
         }));
-        atClient.read([&] {
-            const auto& error = atClient.states.back().second;
+        atClient->read([&] {
+            const auto& error = atClient->states.back().second;
             ASSERT_TRUE(error);
             EXPECT_EQ(error->code(), TcpSocketError::tls) << describe(error);
             EXPECT_NE(describe(error).find("unable to get local issuer certificate"), std::string::npos)
@@ -359,57 +365,57 @@ TEST_F(OSCStreamTls, TheClientTrustsOnlyTheServersCAAndTalksSecurely) {
         });
         EXPECT_FALSE(client->send(message("/ping", 8)));
     }
-    EXPECT_EQ(atServer.read([&] { return atServer.received.size(); }), 1u);
+    EXPECT_EQ(atServer->read([&] { return atServer->received.size(); }), 1u);
     EXPECT_EQ(server->counters().connectionsOpened, 1u);
 }
 
 // A client whose server is not there waits, tries again later and later, and once the server
 // is up sends what was sent meanwhile; after a drop it connects again.
 TEST(OSCStream, TheClientReconnectsWithBackOffAndLosesNothingSentMeanwhile) {
-    Recorder atServer;
+    auto atServer = std::make_shared<Recorder>();
     std::uint16_t port = 0;
     {
         auto probe = startServer(atServer, {});
         port = probe->boundPort();
     }  // nothing listens there now
-    Recorder atClient;
-    auto client = OSCStreamClient::create("127.0.0.1", port, atClient.queue, {}, atClient.handler());
-    atClient.watch(*client);
+    auto atClient = std::make_shared<Recorder>();
+    auto client = OSCStreamClient::create("127.0.0.1", port, atClient->queue, {}, atClient->handler());
+    atClient->watch(*client);
     client->setReconnect({.enabled = true, .initialDelay = 0.05, .maximumDelay = 0.2});
     client->connect();
     ASSERT_TRUE(client->send(message("/early", 1)));
     // Refused at least three times.
-    ASSERT_TRUE(atClient.waitFor([&] {
-        return std::count_if(atClient.states.begin(), atClient.states.end(), [](const auto& s) {
+    ASSERT_TRUE(atClient->waitFor([&] {
+        return std::count_if(atClient->states.begin(), atClient->states.end(), [](const auto& s) {
                    return s.first == OSCStreamClient::State::waiting;
                }) >= 3;
     }));
-    atClient.read([&] {
-        const auto& refused = atClient.states[1];
+    atClient->read([&] {
+        const auto& refused = atClient->states[1];
         ASSERT_TRUE(refused.second);
         EXPECT_EQ(refused.second->code(), ECONNREFUSED) << describe(refused.second);
     });
     ASSERT_TRUE(client->send(message("/early", 2)));
 
-    auto server = OSCStreamServer::create(port, atServer.queue, OSCStreamServer::TimeTagMode::ignore,
-                                          {}, atServer.handler());
-    atServer.watch(*server);
+    auto server = OSCStreamServer::create(port, atServer->queue, OSCStreamServer::TimeTagMode::ignore,
+                                          {}, atServer->handler());
+    atServer->watch(*server);
     server->start();
-    ASSERT_TRUE(atServer.waitFor([&] { return atServer.received.size() == 2; }));
-    atServer.read([&] {
-        EXPECT_EQ(atServer.received[0].values.at(0), OSCValue(std::int32_t(1)));
-        EXPECT_EQ(atServer.received[1].values.at(0), OSCValue(std::int32_t(2)));
+    ASSERT_TRUE(atServer->waitFor([&] { return atServer->received.size() == 2; }));
+    atServer->read([&] {
+        EXPECT_EQ(atServer->received[0].values.at(0), OSCValue(std::int32_t(1)));
+        EXPECT_EQ(atServer->received[1].values.at(0), OSCValue(std::int32_t(2)));
     });
 
     // The server drops every connection; the client comes back by itself.
     server->stop();
     server->start();
-    ASSERT_TRUE(atServer.waitFor([&] { return atServer.opened.size() == 2; }));
-    ASSERT_TRUE(atClient.waitFor([&] { return atClient.states.back().first == OSCStreamClient::State::connected; }));
+    ASSERT_TRUE(atServer->waitFor([&] { return atServer->opened.size() == 2; }));
+    ASSERT_TRUE(atClient->waitFor([&] { return atClient->states.back().first == OSCStreamClient::State::connected; }));
     ASSERT_TRUE(client->send(message("/again", 3)));
-    ASSERT_TRUE(atServer.waitFor([&] { return atServer.received.size() == 3; }));
+    ASSERT_TRUE(atServer->waitFor([&] { return atServer->received.size() == 3; }));
     client->close();
-    ASSERT_TRUE(atClient.waitFor([&] { return atClient.states.back().first == OSCStreamClient::State::closed; }));
+    ASSERT_TRUE(atClient->waitFor([&] { return atClient->states.back().first == OSCStreamClient::State::closed; }));
 }
 
 }  // namespace
