@@ -48,7 +48,8 @@ int fail(const std::string& message) {
 class Printer {
   public:
     explicit Printer(bool raw)
-        : raw_(raw), codec_(Logger::shared().category("codec")),
+        : raw_(raw),
+          codec_(Logger::shared().category("codec")),
           transport_(Logger::shared().category("transport")) {}
 
     void print(std::span<const std::uint8_t> bytes, const std::string& sender) {
@@ -96,8 +97,8 @@ class DatagramPrinter final : public UdpSocketDelegate {
 }  // namespace
 
 int main(int argc, char** argv) {
-    enum class Mode { udp, tcp, slip } mode = Mode::udp;
-    bool tls = false, raw = false, verbose = false;
+    tools::TransportOptions transport;
+    bool raw = false, verbose = false;
     std::string certificate, key;
     std::optional<std::uint16_t> port;
     for (int i = 1; i < argc; ++i) {
@@ -105,14 +106,7 @@ int main(int argc, char** argv) {
         if (option == "--help" || option == "-h") {
             std::cout << usage;
             return 0;
-        } else if (option == "--udp") {
-            mode = Mode::udp;
-        } else if (option == "--tcp") {
-            mode = Mode::tcp;
-        } else if (option == "--slip") {
-            mode = Mode::slip;
-        } else if (option == "--tls") {
-            tls = true;
+        } else if (transport.take(option)) {
         } else if (option == "--raw") {
             raw = true;
         } else if (option == "--verbose") {
@@ -128,9 +122,13 @@ int main(int argc, char** argv) {
         }
     }
     if (!port) return fail("no PORT");
-    if (tls && mode == Mode::udp) return fail("--tls goes with --tcp or --slip");
-    if (tls && (certificate.empty() || key.empty())) return fail("--tls needs --cert and --key");
-    if (!tls && !(certificate.empty() && key.empty())) return fail("--cert and --key go with --tls");
+    if (!transport.problem().empty()) return fail(std::string(transport.problem()));
+    if (transport.tls && (certificate.empty() || key.empty())) {
+        return fail("--tls needs --cert and --key");
+    }
+    if (!transport.tls && !(certificate.empty() && key.empty())) {
+        return fail("--cert and --key go with --tls");
+    }
     if (verbose) Logger::shared().setDefaultLevel(LogLevel::debug);
     const auto log = Logger::shared().category("transport");
 
@@ -138,7 +136,7 @@ int main(int argc, char** argv) {
     mainQueue->stopOnSignals({SIGINT, SIGTERM});
     Printer printer(raw);
 
-    if (mode == Mode::udp) {
+    if (transport.mode == tools::TransportOptions::Mode::udp) {
         auto delegate = std::make_shared<DatagramPrinter>(printer);
         auto socket = UdpSocket::create(delegate, mainQueue);
         socket->setMaxReceiveIPv4BufferSize(65535);
@@ -154,14 +152,14 @@ int main(int argc, char** argv) {
     }
 
     OSCStreamSettings settings;
-    settings.framing = mode == Mode::slip ? OSCFraming::slip : OSCFraming::lengthPrefixed;
-    if (tls) {
+    settings.framing = transport.framing();
+    if (transport.tls) {
         settings.tls = TlsSettings{};
         settings.tls->certificateChainFile = certificate;
         settings.tls->privateKeyFile = key;
     }
-    auto server = OSCStreamServer::create(*port, mainQueue, OSCStreamServer::TimeTagMode::ignore,
-                                          settings);
+    auto server =
+        OSCStreamServer::create(*port, mainQueue, OSCStreamServer::TimeTagMode::ignore, settings);
     server->setPacketHandler(
         [&](std::span<const std::uint8_t> packet, const OSCStreamServer::Connection& from) {
             printer.print(packet, from->peerAddress().description());
@@ -188,6 +186,6 @@ int main(int argc, char** argv) {
                   << error.description() << '\n';
         return 1;
     }
-    log.info("listening on TCP port {}{}", *port, tls ? " with TLS" : "");
+    log.info("listening on TCP port {}{}", *port, transport.tls ? " with TLS" : "");
     return mainQueue->run();
 }

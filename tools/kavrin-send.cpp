@@ -96,8 +96,8 @@ int sendOnStream(const OSCMessage& message, const std::string& host, std::uint16
 }  // namespace
 
 int main(int argc, char** argv) {
-    enum class Mode { udp, tcp, slip } mode = Mode::udp;
-    bool tls = false, insecure = false;
+    tools::TransportOptions transport;
+    bool insecure = false;
     std::string caFile;
     std::vector<std::string> positional;
     for (int i = 1; i < argc; ++i) {
@@ -107,14 +107,7 @@ int main(int argc, char** argv) {
         } else if (option == "--help" || option == "-h") {
             std::cout << usage;
             return 0;
-        } else if (option == "--udp") {
-            mode = Mode::udp;
-        } else if (option == "--tcp") {
-            mode = Mode::tcp;
-        } else if (option == "--slip") {
-            mode = Mode::slip;
-        } else if (option == "--tls") {
-            tls = true;
+        } else if (transport.take(option)) {
         } else if (option == "--insecure") {
             insecure = true;
         } else if (option == "--ca") {
@@ -125,8 +118,9 @@ int main(int argc, char** argv) {
         }
     }
     if (positional.size() < 3) return fail("HOST, PORT and ADDRESS are needed");
-    if (tls && mode == Mode::udp) return fail("--tls goes with --tcp or --slip");
-    if (!tls && (insecure || !caFile.empty())) return fail("--ca and --insecure go with --tls");
+    if (!transport.problem().empty()) return fail(std::string(transport.problem()));
+    if (!transport.tls && (insecure || !caFile.empty()))
+        return fail("--ca and --insecure go with --tls");
     if (insecure && !caFile.empty()) return fail("--ca and --insecure exclude each other");
     const std::string& host = positional[0];
     const auto port = tools::parsePort(positional[1]);
@@ -136,8 +130,8 @@ int main(int argc, char** argv) {
     std::vector<std::uint8_t> packet;
     try {
         const std::string types = positional.size() > 3 ? positional[3] : "";
-        const std::vector<std::string> values(positional.begin() + std::min<std::size_t>(4, positional.size()),
-                                              positional.end());
+        const std::vector<std::string> values(
+            positional.begin() + std::min<std::size_t>(4, positional.size()), positional.end());
         message = OSCMessage(OSCAddressPattern(positional[2]), tools::typedValues(types, values));
         packet = message.rawData();
     } catch (const tools::TypedValuesError& error) {
@@ -145,11 +139,12 @@ int main(int argc, char** argv) {
     } catch (const OSCEncodeError& error) {
         return fail(std::string("cannot encode the message: ") + error.what());
     }
-    if (mode == Mode::udp) return sendDatagram(packet, host, *port);
+    if (transport.mode == tools::TransportOptions::Mode::udp)
+        return sendDatagram(packet, host, *port);
 
     OSCStreamSettings settings;
-    settings.framing = mode == Mode::slip ? OSCFraming::slip : OSCFraming::lengthPrefixed;
-    if (tls) {
+    settings.framing = transport.framing();
+    if (transport.tls) {
         settings.tls = TlsSettings{};
         settings.tls->caFile = caFile;
         settings.tls->verifyPeer = !insecure;

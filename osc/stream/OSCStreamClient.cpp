@@ -8,13 +8,12 @@
 
 namespace kavrin {
 
-std::shared_ptr<OSCStreamClient> OSCStreamClient::create(std::string host, std::uint16_t port,
-                                                         std::shared_ptr<DispatchQueue> dispatchQueue,
-                                                         OSCStreamSettings settings,
-                                                         Handler handler, TimeTagMode mode) {
-    auto client =
-        std::make_shared<OSCStreamClient>(Private{}, std::move(host), port, std::move(dispatchQueue),
-                                          std::move(settings), std::move(handler), mode);
+std::shared_ptr<OSCStreamClient> OSCStreamClient::create(
+    std::string host, std::uint16_t port, std::shared_ptr<DispatchQueue> dispatchQueue,
+    OSCStreamSettings settings, Handler handler, TimeTagMode mode) {
+    auto client = std::make_shared<OSCStreamClient>(Private{}, std::move(host), port,
+                                                    std::move(dispatchQueue), std::move(settings),
+                                                    std::move(handler), mode);
     std::weak_ptr<OSCStreamClient> weak = client;
     client->receiver_->setHooks(
         [weak](const std::shared_ptr<OSCStreamConnection>& connection) {
@@ -181,16 +180,16 @@ void OSCStreamClient::closed(const std::shared_ptr<OSCStreamConnection>& connect
     const auto wait = std::chrono::duration_cast<DispatchQueue::Clock::duration>(
         std::chrono::duration<double>(delay_));
     delay_ = std::min(delay_ * 2, reconnect_.maximumDelay);
-    receiver_->receiveQueue()->asyncAfter(
-        wait, [weak = weak_from_this(), generation = generation_] {
-            auto self = weak.lock();
-            if (!self) return;
-            {
-                std::lock_guard relock(self->mutex_);
-                if (generation != self->generation_) return;
-            }
-            self->connectNow();
-        });
+    receiver_->receiveQueue()->asyncAfter(wait,
+                                          [weak = weak_from_this(), generation = generation_] {
+                                              auto self = weak.lock();
+                                              if (!self) return;
+                                              {
+                                                  std::lock_guard relock(self->mutex_);
+                                                  if (generation != self->generation_) return;
+                                              }
+                                              self->connectNow();
+                                          });
 }
 
 }  // namespace kavrin

@@ -109,7 +109,7 @@ class OSCStreamClient : public std::enable_shared_from_this<OSCStreamClient> {
     std::shared_ptr<OSCStreamConnection> connection_;
     std::vector<std::vector<std::uint8_t>> pending_;  // framed, for the next connection
     std::size_t pendingBytes_ = 0;
-    double delay_ = 0;  // before the next attempt
+    double delay_ = 0;              // before the next attempt
     std::uint64_t generation_ = 0;  // counts connect() calls, so a stale retry does nothing
 };
 

@@ -103,9 +103,8 @@ void OSCStreamConnection::socketDidReadData(TcpSocket&, std::vector<std::uint8_t
     if (!receiver || failure_) return;
     const auto self = shared_from_this();
     try {
-        deframer_.feed(data, [&](std::span<const std::uint8_t> packet) {
-            receiver->receive(packet, self);
-        });
+        deframer_.feed(
+            data, [&](std::span<const std::uint8_t> packet) { receiver->receive(packet, self); });
     } catch (const OSCFramingError& broken) {
         receiver->flush();
         fail(TcpSocketError(oscStreamErrorDomain, oscStreamFramingError, broken.what()));
@@ -125,10 +124,12 @@ void OSCStreamConnection::socketDidDisconnect(TcpSocket&,
     closed_ = true;
     // A peer that closes between packets has closed in order; within one, it cut it short.
     const bool orderly = error && error->domain() == TcpSocketError::socketDomain &&
-                         error->code() == TcpSocketError::closedByPeer &&
-                         !deframer_.isMidFrame();
+                         error->code() == TcpSocketError::closedByPeer && !deframer_.isMidFrame();
     if (auto receiver = receiver_.lock()) {
-        receiver->closed(shared_from_this(), orderly ? std::nullopt : error ? error : failure_,
+        receiver->closed(shared_from_this(),
+                         orderly ? std::nullopt
+                         : error ? error
+                                 : failure_,
                          wasOpened_);
     }
 }

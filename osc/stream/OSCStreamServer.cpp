@@ -15,11 +15,9 @@ class OSCStreamServer::ListenerDelegate final : public TcpSocketDelegate {
     std::weak_ptr<OSCStreamServer> server;  // set before the listener can report
 };
 
-std::shared_ptr<OSCStreamServer> OSCStreamServer::create(std::uint16_t port,
-                                                         std::shared_ptr<DispatchQueue> dispatchQueue,
-                                                         TimeTagMode mode,
-                                                         OSCStreamSettings settings,
-                                                         Handler handler) {
+std::shared_ptr<OSCStreamServer> OSCStreamServer::create(
+    std::uint16_t port, std::shared_ptr<DispatchQueue> dispatchQueue, TimeTagMode mode,
+    OSCStreamSettings settings, Handler handler) {
     auto server = std::make_shared<OSCStreamServer>(Private{}, port, std::move(dispatchQueue), mode,
                                                     std::move(settings), std::move(handler));
     server->listenerDelegate_->server = server;

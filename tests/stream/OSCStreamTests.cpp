@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <condition_variable>
 #include <map>
-#include <thread>
 #include <mutex>
+#include <thread>
 
 #include "../transport/TcpTestSupport.hpp"
 #include "../transport/TestCertificates.hpp"
@@ -39,8 +39,8 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
     std::shared_ptr<SerialQueue> queue = SerialQueue::create("test.dispatch");
 
     OSCStreamHandler handler() {
-        return [this, self = shared_from_this()](const OSCMessage& message,
-                                                 const OSCTimeTag& timeTag, const Connection& from) {
+        return [this, self = shared_from_this()](
+                   const OSCMessage& message, const OSCTimeTag& timeTag, const Connection& from) {
             record([&] {
                 received.push_back({message.addressPattern.rawAddress(), message.values, timeTag,
                                     from, Clock::now()});
@@ -97,9 +97,9 @@ OSCMessage message(const std::string& address, std::int32_t value) {
     return OSCMessage(address, {OSCValue(value)});
 }
 
-std::shared_ptr<OSCStreamServer> startServer(const std::shared_ptr<Recorder>& recorder, OSCStreamSettings settings,
-                                             OSCStreamServer::TimeTagMode mode =
-                                                 OSCStreamServer::TimeTagMode::ignore) {
+std::shared_ptr<OSCStreamServer> startServer(
+    const std::shared_ptr<Recorder>& recorder, OSCStreamSettings settings,
+    OSCStreamServer::TimeTagMode mode = OSCStreamServer::TimeTagMode::ignore) {
     auto server = OSCStreamServer::create(0, recorder->queue, mode, settings, recorder->handler());
     recorder->watch(*server);
     server->start();
@@ -149,7 +149,8 @@ TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
         ASSERT_TRUE(atServer->waitFor([&] { return atServer->received.size() == 202; }))
             << atServer->read([&] { return atServer->received.size(); });
         for (std::size_t c = 0; c < 2; ++c) {
-            ASSERT_TRUE(atClients[c]->waitFor([&] { return atClients[c]->received.size() == 100u + (c == 0 ? 2 : 0); }));
+            ASSERT_TRUE(atClients[c]->waitFor(
+                [&] { return atClients[c]->received.size() == 100u + (c == 0 ? 2 : 0); }));
         }
         atServer->read([&] {
             std::map<std::string, std::int32_t> next;
@@ -164,7 +165,8 @@ TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
             }
             ASSERT_EQ(connectionOf.size(), 2u);
             EXPECT_NE(connectionOf["/c0"], connectionOf["/c1"]);
-            EXPECT_EQ(connectionOf["/c0"]->peerPort(), clients[0]->connection()->localAddress().port());
+            EXPECT_EQ(connectionOf["/c0"]->peerPort(),
+                      clients[0]->connection()->localAddress().port());
             // The bundle's messages come after the client's others, one after the other.
             const auto b0 = std::find_if(atServer->received.begin(), atServer->received.end(),
                                          [](const auto& r) { return r.address == "/b/0"; });
@@ -186,7 +188,9 @@ TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
         // A client that closes is heard by the server as a connection closed in order.
         clients[1]->close();
         ASSERT_TRUE(atServer->waitFor([&] { return atServer->closed.size() == 1; }));
-        atServer->read([&] { EXPECT_FALSE(atServer->closed[0].error) << describe(atServer->closed[0].error); });
+        atServer->read([&] {
+            EXPECT_FALSE(atServer->closed[0].error) << describe(atServer->closed[0].error);
+        });
         EXPECT_FALSE(clients[1]->send(message("/late", 0)));
     }
 }
@@ -207,11 +211,17 @@ TEST(OSCStream, HostilePeersLoseOnlyTheirOwnConnection) {
     Bytes notOSC = {0, 0, 0, 4, 'j', 'u', 'n', 'k'};
     Bytes badMessage = {0, 0, 0, 4, '/', 'b', 'a', 'd'};  // no terminating zero
     const std::vector<Case> cases = {
-        {"size over the maximum", OSCFraming::lengthPrefixed, {0, 0, 0x13, 0x88},
+        {"size over the maximum",
+         OSCFraming::lengthPrefixed,
+         {0, 0, 0x13, 0x88},
          "Frame size 5000 exceeds the maximum of 1024 bytes."},
-        {"negative size", OSCFraming::lengthPrefixed, {0xFF, 0xFF, 0xFF, 0xF0},
+        {"negative size",
+         OSCFraming::lengthPrefixed,
+         {0xFF, 0xFF, 0xFF, 0xF0},
          "Frame size prefix is negative: -16"},
-        {"stalls mid-frame", OSCFraming::lengthPrefixed, {0, 0, 0, 16, '/', 'a'},
+        {"stalls mid-frame",
+         OSCFraming::lengthPrefixed,
+         {0, 0, 0, 16, '/', 'a'},
          "Read operation timed out"},
         {"SLIP with no END", OSCFraming::slip, slipFlood,
          "SLIP frame exceeds the maximum of 1024 bytes without an END byte."},
@@ -273,7 +283,8 @@ TEST(OSCStream, ConnectionsPastTheCapOrIdleTooLongAreClosed) {
     EXPECT_TRUE(seesEndOfStream(third.get(), 5s));
     // The second keeps talking, the first rests.
     for (int i = 0; i < 6; ++i) {
-        ASSERT_TRUE(sendAll(second.get(), framed(OSCFraming::lengthPrefixed, message("/alive", i))));
+        ASSERT_TRUE(
+            sendAll(second.get(), framed(OSCFraming::lengthPrefixed, message("/alive", i))));
         std::this_thread::sleep_for(150ms);  // the pace of a talking peer, not a wait
     }
     ASSERT_TRUE(recorder->waitFor([&] { return recorder->closed.size() == 1; }));
@@ -295,8 +306,9 @@ TEST(OSCStream, AFutureBundleWaitsForItsTimeWithItsMessagesInOrder) {
     for (std::int32_t i = 0; i < 8; ++i) elements.emplace_back(message("/m", i));
     const auto sent = Clock::now();
     const auto due = std::chrono::system_clock::now() + 300ms;
-    ASSERT_TRUE(sendAll(peer.get(), framed(OSCFraming::lengthPrefixed,
-                                           OSCBundle(OSCTimeTag::fromDate(due), std::move(elements)))));
+    ASSERT_TRUE(
+        sendAll(peer.get(), framed(OSCFraming::lengthPrefixed,
+                                   OSCBundle(OSCTimeTag::fromDate(due), std::move(elements)))));
     ASSERT_TRUE(sendAll(peer.get(), framed(OSCFraming::lengthPrefixed, message("/now", 0))));
     ASSERT_TRUE(recorder->waitFor([&] { return recorder->received.size() == 9; }));
     recorder->read([&] {
@@ -354,13 +366,15 @@ TEST_F(OSCStreamTls, TheClientTrustsOnlyTheServersCAAndTalksSecurely) {
             continue;
         }
         ASSERT_TRUE(atClient->waitFor([&] {
-            return !atClient->states.empty() && atClient->states.back().first == OSCStreamClient::State::closed;
+            return !atClient->states.empty() &&
+                   atClient->states.back().first == OSCStreamClient::State::closed;
         }));
         atClient->read([&] {
             const auto& error = atClient->states.back().second;
             ASSERT_TRUE(error);
             EXPECT_EQ(error->code(), TcpSocketError::tls) << describe(error);
-            EXPECT_NE(describe(error).find("unable to get local issuer certificate"), std::string::npos)
+            EXPECT_NE(describe(error).find("unable to get local issuer certificate"),
+                      std::string::npos)
                 << describe(error);
         });
         EXPECT_FALSE(client->send(message("/ping", 8)));
@@ -379,7 +393,8 @@ TEST(OSCStream, TheClientReconnectsWithBackOffAndLosesNothingSentMeanwhile) {
         port = probe->boundPort();
     }  // nothing listens there now
     auto atClient = std::make_shared<Recorder>();
-    auto client = OSCStreamClient::create("127.0.0.1", port, atClient->queue, {}, atClient->handler());
+    auto client =
+        OSCStreamClient::create("127.0.0.1", port, atClient->queue, {}, atClient->handler());
     atClient->watch(*client);
     client->setReconnect({.enabled = true, .initialDelay = 0.05, .maximumDelay = 0.2});
     client->connect();
@@ -397,8 +412,8 @@ TEST(OSCStream, TheClientReconnectsWithBackOffAndLosesNothingSentMeanwhile) {
     });
     ASSERT_TRUE(client->send(message("/early", 2)));
 
-    auto server = OSCStreamServer::create(port, atServer->queue, OSCStreamServer::TimeTagMode::ignore,
-                                          {}, atServer->handler());
+    auto server = OSCStreamServer::create(
+        port, atServer->queue, OSCStreamServer::TimeTagMode::ignore, {}, atServer->handler());
     atServer->watch(*server);
     server->start();
     ASSERT_TRUE(atServer->waitFor([&] { return atServer->received.size() == 2; }));
@@ -411,11 +426,13 @@ TEST(OSCStream, TheClientReconnectsWithBackOffAndLosesNothingSentMeanwhile) {
     server->stop();
     server->start();
     ASSERT_TRUE(atServer->waitFor([&] { return atServer->opened.size() == 2; }));
-    ASSERT_TRUE(atClient->waitFor([&] { return atClient->states.back().first == OSCStreamClient::State::connected; }));
+    ASSERT_TRUE(atClient->waitFor(
+        [&] { return atClient->states.back().first == OSCStreamClient::State::connected; }));
     ASSERT_TRUE(client->send(message("/again", 3)));
     ASSERT_TRUE(atServer->waitFor([&] { return atServer->received.size() == 3; }));
     client->close();
-    ASSERT_TRUE(atClient->waitFor([&] { return atClient->states.back().first == OSCStreamClient::State::closed; }));
+    ASSERT_TRUE(atClient->waitFor(
+        [&] { return atClient->states.back().first == OSCStreamClient::State::closed; }));
 }
 
 }  // namespace

@@ -29,13 +29,16 @@ class TestCertificates {
         const std::vector<std::string> ec = {"-newkey", "ec", "-pkeyopt",
                                              "ec_paramgen_curve:prime256v1", "-nodes"};
         const std::string localhost = "subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1";
-        run(join({"req", "-x509"}, ec, {"-keyout", path("ca.key"), "-out", path("ca.pem"),
-                                        "-subj", "/CN=Kavrin Test CA", "-days", "2"}));
-        run(join({"req", "-x509"}, ec, {"-keyout", path("other.key"), "-out", path("other.pem"),
-                                        "-subj", "/CN=Unrelated Test CA", "-days", "2"}));
+        run(join({"req", "-x509"}, ec,
+                 {"-keyout", path("ca.key"), "-out", path("ca.pem"), "-subj", "/CN=Kavrin Test CA",
+                  "-days", "2"}));
+        run(join({"req", "-x509"}, ec,
+                 {"-keyout", path("other.key"), "-out", path("other.pem"), "-subj",
+                  "/CN=Unrelated Test CA", "-days", "2"}));
         for (const std::string name : {"server", "expired"}) {
-            run(join({"req"}, ec, {"-keyout", path(name + ".key"), "-out", path(name + ".csr"),
-                                   "-subj", "/CN=localhost", "-addext", localhost}));
+            run(join({"req"}, ec,
+                     {"-keyout", path(name + ".key"), "-out", path(name + ".csr"), "-subj",
+                      "/CN=localhost", "-addext", localhost}));
         }
         run({"x509", "-req", "-in", path("server.csr"), "-CA", path("ca.pem"), "-CAkey",
              path("ca.key"), "-CAcreateserial", "-out", path("server.pem"), "-days", "2",

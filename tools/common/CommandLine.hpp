@@ -5,6 +5,8 @@
 #include <optional>
 #include <string_view>
 
+#include "osc/stream/OSCFraming.hpp"
+
 namespace kavrin::tools {
 
 // A port number as a command line gives it: decimal digits only, 0 to 65535.
@@ -16,5 +18,34 @@ inline std::optional<std::uint16_t> parsePort(std::string_view text) {
     }
     return static_cast<std::uint16_t>(value);
 }
+
+// How a tool carries OSC: --udp (the default), --tcp or --slip, each optionally with --tls.
+struct TransportOptions {
+    enum class Mode { udp, tcp, slip } mode = Mode::udp;
+    bool tls = false;
+
+    // Takes one of the four options; false for any other.
+    bool take(std::string_view option) {
+        if (option == "--udp") {
+            mode = Mode::udp;
+        } else if (option == "--tcp") {
+            mode = Mode::tcp;
+        } else if (option == "--slip") {
+            mode = Mode::slip;
+        } else if (option == "--tls") {
+            tls = true;
+        } else {
+            return false;
+        }
+        return true;
+    }
+    // What is wrong with the combination, empty when nothing is.
+    std::string_view problem() const {
+        return tls && mode == Mode::udp ? "--tls goes with --tcp or --slip" : "";
+    }
+    OSCFraming framing() const {
+        return mode == Mode::slip ? OSCFraming::slip : OSCFraming::lengthPrefixed;
+    }
+};
 
 }  // namespace kavrin::tools

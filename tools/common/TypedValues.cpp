@@ -71,10 +71,9 @@ OSCValue value(char type, const std::string& text) {
                                        "' for type m is not 8 hexadecimal digits");
             }
             const auto bits = hex<std::uint32_t>(text, text, type);
-            return OSCMIDIValue{static_cast<std::uint8_t>(bits >> 24),
-                                static_cast<std::uint8_t>(bits >> 16),
-                                static_cast<std::uint8_t>(bits >> 8),
-                                static_cast<std::uint8_t>(bits)};
+            return OSCMIDIValue{
+                static_cast<std::uint8_t>(bits >> 24), static_cast<std::uint8_t>(bits >> 16),
+                static_cast<std::uint8_t>(bits >> 8), static_cast<std::uint8_t>(bits)};
         }
         case 'b': {
             if (text.size() % 2 != 0) {
@@ -96,7 +95,8 @@ OSCValue value(char type, const std::string& text) {
             }
             const std::string_view view(text);
             OSCTimeTag tag;
-            tag.rawValue = std::uint64_t{hex<std::uint32_t>(view.substr(0, dot), text, type)} << 32 |
+            tag.rawValue = std::uint64_t{hex<std::uint32_t>(view.substr(0, dot), text, type)}
+                               << 32 |
                            hex<std::uint32_t>(view.substr(dot + 1), text, type);
             return tag;
         }

@@ -5,8 +5,8 @@
 namespace kavrin {
 
 OSCStreamReceiver::OSCStreamReceiver(std::shared_ptr<SerialQueue> receiveQueue,
-                                     std::shared_ptr<DispatchQueue> dispatchQueue,
-                                     TimeTagMode mode, OSCStreamHandler handler)
+                                     std::shared_ptr<DispatchQueue> dispatchQueue, TimeTagMode mode,
+                                     OSCStreamHandler handler)
     : receiveQueue_(std::move(receiveQueue)),
       dispatchQueue_(std::move(dispatchQueue)),
       handler_(handler ? std::make_shared<const OSCStreamHandler>(std::move(handler)) : nullptr),
@@ -41,9 +41,12 @@ void OSCStreamReceiver::setTimeTagMode(TimeTagMode mode) {
 }
 
 OSCStreamCounters OSCStreamReceiver::counters() const {
-    return {counted_.connectionsOpened.load(), counted_.connectionsFailed.load(),
-            counted_.packetsReceived.load(),   counted_.messagesDelivered.load(),
-            counted_.droppedNotOSC.load(),     counted_.droppedUndecodable.load(),
+    return {counted_.connectionsOpened.load(),
+            counted_.connectionsFailed.load(),
+            counted_.packetsReceived.load(),
+            counted_.messagesDelivered.load(),
+            counted_.droppedNotOSC.load(),
+            counted_.droppedUndecodable.load(),
             counted_.droppedOverScheduledLimit.load()};
 }
 
@@ -66,9 +69,9 @@ void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Conn
         deliveries_.flush();  // the packet is shown after the messages of those before it
         std::lock_guard lock(handlerMutex_);
         if (packetHandler_) {
-            dispatchQueue_->async(
-                [handler = packetHandler_, copy = std::vector<std::uint8_t>(packet.begin(), packet.end()),
-                 from] { (*handler)(copy, from); });
+            dispatchQueue_->async([handler = packetHandler_,
+                                   copy = std::vector<std::uint8_t>(packet.begin(), packet.end()),
+                                   from] { (*handler)(copy, from); });
         }
     }
     std::optional<OSCPacket> decoded;

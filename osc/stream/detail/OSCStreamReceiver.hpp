@@ -70,7 +70,7 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
     const std::shared_ptr<SerialQueue> receiveQueue_;
     const std::shared_ptr<DispatchQueue> dispatchQueue_;
     mutable std::mutex handlerMutex_;
-    std::shared_ptr<const OSCStreamHandler> handler_;  // guarded by handlerMutex_
+    std::shared_ptr<const OSCStreamHandler> handler_;     // guarded by handlerMutex_
     std::shared_ptr<const PacketHandler> packetHandler_;  // guarded by handlerMutex_
     std::atomic<bool> hasPacketHandler_{false};
     std::atomic<TimeTagMode> mode_;

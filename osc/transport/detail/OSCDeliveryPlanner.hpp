@@ -113,7 +113,8 @@ class OSCDeliveryPlanner {
         auto& message = std::get<OSCMessage>(packet);
         Routes found = routes.empty() ? Routes{} : routes.routesFor(message.addressPattern);
         if (!scheduled) {
-            plan.steps.emplace_back(Delivery{std::move(message), timeTag, origin, std::move(found)});
+            plan.steps.emplace_back(
+                Delivery{std::move(message), timeTag, origin, std::move(found)});
             return;
         }
         const std::size_t bytes = message.decodedFrom() ? message.decodedFrom()->size() : 0;
