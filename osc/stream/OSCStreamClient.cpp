@@ -134,10 +134,11 @@ bool OSCStreamClient::send(const OSCPacket& packet, TcpSocketError* error) {
         if (error) *error = TcpSocketError::badConfigError("The client is closed.");
         return false;
     }
-    if (state_ == State::connected && connection_) {
+    if (state_ == State::connected && connection_ && !connection_->isClosed()) {
         return connection_->sendFramed(std::move(framed), error);
     }
-    // Held until a connection is up: a connect that fails drops what its socket has queued.
+    // Held until a connection is up: a connect that fails drops what its socket has queued,
+    // and one that has just dropped takes nothing more.
     if (pendingBytes_ + framed.size() > maxPendingBytes && !pending_.empty()) {
         if (error) *error = TcpSocketError::writeQueueFullError();
         return false;
