@@ -12,7 +12,8 @@
 // with a 4 MiB buffer; once with the receiver's core kept awake, once with it left to idle.
 //
 // Runs go round all receivers in turn rather than one receiver's runs back to back. The
-// receivers themselves are in receive_receivers.hpp.
+// receivers themselves are in receive_receivers.hpp, the processes' plumbing in
+// loopback_bench.hpp.
 //
 // A plain program: the figures are rates and losses, not per-iteration times.
 //
@@ -23,9 +24,7 @@
 //                  compare_receive send PORT COUNT RATE CPU)
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -39,7 +38,6 @@
 #include <cstring>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -157,106 +155,12 @@ int senderMain(std::uint16_t port, long count, double rate, int cpu) {
 
 // ---- orchestration --------------------------------------------------------------------------
 
-std::string selfPath() {
-    char path[4096];
-    const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
-    if (n < 0) failErrno("readlink /proc/self/exe");
-    return std::string(path, static_cast<std::size_t>(n));
-}
-
-// A child running this program in another role, talking through its stdin and stdout.
-class Child {
-  public:
-    explicit Child(const std::vector<std::string>& args) {
-        int in[2], out[2];
-        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) failErrno("pipe");
-        pid = ::fork();
-        if (pid < 0) failErrno("fork");
-        if (pid == 0) {
-            ::dup2(in[0], STDIN_FILENO);
-            ::dup2(out[1], STDOUT_FILENO);
-            std::vector<char*> argv;
-            static const std::string self = selfPath();
-            argv.push_back(const_cast<char*>(self.c_str()));
-            for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            ::execv(self.c_str(), argv.data());
-            std::_Exit(127);
-        }
-        ::close(in[0]);
-        ::close(out[1]);
-        toChild = in[1];
-        fromChild = out[0];
-    }
-    ~Child() {
-        ::close(toChild);
-        ::close(fromChild);
-        if (pid > 0) {
-            // A child that does not end within 5 s of its last line is stuck: kill it.
-            for (int i = 0; i < 500; ++i) {
-                if (::waitpid(pid, nullptr, WNOHANG) == pid) return;
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, nullptr, 0);
-        }
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    // The next line the child prints; fails after `timeout` without one.
-    std::string readLine(std::chrono::seconds timeout) {
-        std::string line;
-        const auto deadline = Clock::now() + timeout;
-        for (;;) {
-            const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-            pollfd p{fromChild, POLLIN, 0};
-            if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) == 0) {
-                fail("child timed out");
-            }
-            char c;
-            const ssize_t n = ::read(fromChild, &c, 1);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) fail("child ended early");
-            if (c == '\n') return line;
-            line += c;
-        }
-    }
-    void writeLine(const std::string& line) {
-        const std::string text = line + "\n";
-        if (::write(toChild, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-            failErrno("write to child");
-        }
-    }
-    void stop() {
-        if (::kill(pid, SIGSTOP) != 0) failErrno("SIGSTOP");
-        int status = 0;
-        if (::waitpid(pid, &status, WUNTRACED) != pid || !WIFSTOPPED(status)) {
-            fail("receiver did not stop");
-        }
-    }
-    void resume() {
-        if (::kill(pid, SIGCONT) != 0) failErrno("SIGCONT");
-    }
-
-  private:
-    pid_t pid = -1;
-    int toChild = -1;
-    int fromChild = -1;
-};
-
 struct RunResult {
     int rcvbuf = 0;
     long sent = 0;
     double sendSeconds = 0;
     long delivered = 0;
     double receiveSeconds = 0;  // drain: from continuing the receiver to its last message
-};
-
-struct Setup {
-    int receiverCpu = 0;
-    int senderCpu = 0;
 };
 
 // Keeps a core out of its idle state with a process that runs only when nothing else wants the
@@ -323,22 +227,6 @@ RunResult runOnce(const Setup& setup, const std::string& kind, std::size_t buffe
     return result;
 }
 
-double median(std::vector<double> values) {
-    if (values.empty()) return 0;
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
-
-std::vector<std::string> split(const std::string& text) {
-    std::vector<std::string> parts;
-    std::stringstream stream(text);
-    for (std::string part; std::getline(stream, part, ',');) {
-        if (!part.empty()) parts.push_back(part);
-    }
-    return parts;
-}
-
 struct Options {
     int runs = 5;
     int pacedRuns = 3;
@@ -378,19 +266,6 @@ Options parse(int argc, char** argv) {
         }
     }
     return options;
-}
-
-// The first and the last core this process may run on: sender and receiver.
-Setup chooseCpus() {
-    cpu_set_t set;
-    if (::sched_getaffinity(0, sizeof set, &set) != 0) failErrno("sched_getaffinity");
-    std::vector<int> cpus;
-    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-        if (CPU_ISSET(cpu, &set)) cpus.push_back(cpu);
-    }
-    if (cpus.size() < 2)
-        std::fprintf(stderr, "warning: one core only; sender and receiver share it\n");
-    return {cpus.back(), cpus.front()};
 }
 
 std::string label(const std::string& kind, std::size_t buffer) {

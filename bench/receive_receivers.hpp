@@ -1,19 +1,16 @@
-// The receivers compare_receive measures, and the plumbing its processes share. For
-// compare_receive.cpp alone.
+// The receivers compare_receive measures, and how to reach the sockets of those that do not
+// expose them. For compare_receive.cpp alone.
 #pragma once
 
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <lo/lo.h>
 #include <netinet/in.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -25,6 +22,7 @@
 #include <vector>
 
 #include "ip/UdpSocket.h"
+#include "loopback_bench.hpp"
 #include "osc/OscPacketListener.h"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/OSCServer.hpp"
@@ -32,36 +30,7 @@
 
 namespace receive_bench {
 
-using Clock = std::chrono::steady_clock;
-
-[[noreturn]] inline void fail(const std::string& what) {
-    std::fprintf(stderr, "compare_receive: %s\n", what.c_str());
-    std::exit(1);
-}
-
-[[noreturn]] inline void failErrno(const std::string& what) {
-    fail(what + ": " + std::strerror(errno));
-}
-
-inline std::int64_t nanosecondsNow() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
-        .count();
-}
-
-inline void pinToCpu(int cpu) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    if (::sched_setaffinity(0, sizeof set, &set) != 0) failErrno("sched_setaffinity");
-}
-
-inline sockaddr_in loopback(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
+using namespace loopback_bench;
 
 // A port nobody holds right now, for receivers that must be given one.
 inline std::uint16_t freePort() {
@@ -76,20 +45,6 @@ inline std::uint16_t freePort() {
     ::close(fd);
     return ntohs(address.sin_port);
 }
-
-// Counts messages; written by one receiving thread at a time (a serial queue for ours), read
-// by the main thread. The expected-last message takes a timestamp.
-struct Counter {
-    explicit Counter(long expected) : expected(expected) {}
-    void hit() {
-        const long n = count.load(std::memory_order_relaxed) + 1;
-        if (n == expected) last.store(nanosecondsNow(), std::memory_order_relaxed);
-        count.store(n, std::memory_order_release);
-    }
-    const long expected;
-    std::atomic<long> count{0};
-    std::atomic<std::int64_t> last{0};
-};
 
 // The UDP descriptors of this process bound to `port`: the way to reach the sockets of a library
 // that does not expose them.
