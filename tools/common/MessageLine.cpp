@@ -7,10 +7,11 @@ namespace kavrin::tools {
 
 namespace {
 
+// Sized by a first pass: %f of a large double runs to hundreds of digits.
 std::string printed(const char* format, auto... values) {
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, format, values...);
-    return buffer;
+    std::string text(static_cast<std::size_t>(std::snprintf(nullptr, 0, format, values...)), '\0');
+    std::snprintf(text.data(), text.size() + 1, format, values...);
+    return text;
 }
 
 // Appends the value's tag characters to `tags` and its text to `text`.
@@ -25,8 +26,12 @@ struct Line {
     }
 
     void operator()(const OSCBlob& blob) {
-        std::string value = "[" + std::to_string(blob.size()) + "b";
-        for (const std::uint8_t byte : blob) value += printed(" 0x%x", unsigned{byte});
+        // As oscdump has them: a zero byte as 00 (%#x gives no 0x for 0), and an empty blob as
+        // [0b ].
+        std::string value = "[" + std::to_string(blob.size()) + "b ";
+        for (std::size_t at = 0; at < blob.size(); ++at) {
+            value += (at == 0 ? "" : " ") + printed("%#02x", unsigned{blob[at]});
+        }
         add('b', value + "]");
     }
     void operator()(float value) { add('f', printed("%f", double{value})); }
