@@ -81,14 +81,29 @@ int sendOnStream(const OSCMessage& message, const std::string& host, std::uint16
     loop->stopOnSignals({SIGINT, SIGTERM});
     auto client = OSCStreamClient::create(host, port, loop, settings);
     client->setReconnect({.enabled = false});
+    bool wasConnected = false;
     client->setStateHandler(
         [&](OSCStreamClient::State state, const std::optional<TcpSocketError>& error) {
+            if (state == OSCStreamClient::State::connected) wasConnected = true;
             if (state != OSCStreamClient::State::closed) return;
-            loop->stop(error ? failed("not sent", *error) : 0);
+            if (error) {
+                loop->stop(failed("not sent", *error));
+            } else if (!wasConnected) {
+                // A peer that hangs up during the TLS handshake leaves no error, and the message
+                // never went out.
+                std::cerr << "kavrin-send: not sent: the connection closed before it was up\n";
+                loop->stop(1);
+            } else {
+                loop->stop(0);
+            }
         });
     client->connect();
     TcpSocketError error;
-    if (!client->send(message, &error)) return failed("not sent", error);
+    // A connect refused at once may have closed the client already: its state handler, run by
+    // the loop, then says why, where the send would only say that the client is closed.
+    if (!client->send(message, &error) && client->state() != OSCStreamClient::State::closed) {
+        return failed("not sent", error);
+    }
     client->close();  // once the message is written
     return loop->run();
 }
@@ -124,7 +139,7 @@ int main(int argc, char** argv) {
     if (insecure && !caFile.empty()) return fail("--ca and --insecure exclude each other");
     const std::string& host = positional[0];
     const auto port = tools::parsePort(positional[1]);
-    if (!port) return fail("not a port: " + positional[1]);
+    if (!port || *port == 0) return fail("not a port: " + positional[1]);  // 0 names no peer
 
     OSCMessage message;
     std::vector<std::uint8_t> packet;
