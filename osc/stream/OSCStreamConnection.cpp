@@ -122,9 +122,11 @@ void OSCStreamConnection::fail(TcpSocketError error) {
 void OSCStreamConnection::socketDidDisconnect(TcpSocket&,
                                               const std::optional<TcpSocketError>& error) {
     closed_ = true;
-    // A peer that closes between packets has closed in order; within one, it cut it short.
+    // A peer that closes between packets has closed in order; within one, or before the
+    // connection was up (during its TLS handshake), it cut it short.
     const bool orderly = error && error->domain() == TcpSocketError::socketDomain &&
-                         error->code() == TcpSocketError::closedByPeer && !deframer_.isMidFrame();
+                         error->code() == TcpSocketError::closedByPeer && wasOpened_ &&
+                         !deframer_.isMidFrame();
     if (auto receiver = receiver_.lock()) {
         receiver->closed(shared_from_this(),
                          orderly ? std::nullopt
