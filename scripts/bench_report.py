@@ -18,7 +18,8 @@ build, root, machine = sys.argv[1:4]
 with open(os.path.join(build, "run-info.json")) as f:
     run = json.load(f)
 round_dirs = sorted((d for d in os.listdir(os.path.join(build, "rounds")) if d.isdigit()), key=int)
-short = {"compare_codec": "codec", "compare_matching": "matching", "compare_receive": "receive"}
+short = {"compare_codec": "codec", "compare_matching": "matching", "compare_receive": "receive",
+         "compare_tcp": "tcp"}
 to_ns = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 page_begin = "<!-- results: scripts/bench writes what follows, up to the end marker -->"
 page_end = "<!-- end of results -->"
@@ -233,6 +234,52 @@ def receive_tables():
     return found
 
 
+# MARK: TCP
+
+
+def tcp_table():
+    found = results("compare_tcp")
+    out.append("### Loopback TCP (messages per second)\n")
+    if not found:
+        out.append("compare_tcp was not run.\n")
+        return
+    first = found[0][0]
+    out.append(conditions("compare_tcp", found))
+    security = next((r["security"] for data, _ in found for r in data["rows"] if r["tls"]), "")
+    out.append(f"The {first['message_bytes']}-byte Typical message, framed, over one connection "
+               f"written as fast as the receiver takes it; each receiver timed from the first "
+               f"message it counts to the last, in each round the median of "
+               f"{plural(first['runs'], 'run')}. Receiver on cpu {first['receiver_cpu']}, sender "
+               f"on cpu {first['sender_cpu']}"
+               f"{f'; TLS is {security}, the sender verifying nothing' if security else ''}. "
+               f"Before timing, every receiver counted a whole run right, checking each message. "
+               f"Ratios to liblo on the same framing are for the plain rows.\n")
+    if any(r["library"] == "liblo" and r["framing"] == "SLIP" for data, _ in found for r in data["rows"]):
+        out.append("liblo on SLIP is given fewer messages, as many as it takes in a few seconds: "
+                   "of SLIP frames that arrive together its TCP server handles a few hundred a "
+                   "second (about one every 10 ms once the sender pauses).\n")
+    rates = [{(r["library"], r["framing"], r["tls"]): r["median_rate"] for r in data["rows"]}
+             for data, _ in found]
+    keys = list(dict.fromkeys((r["library"], r["framing"], r["tls"])
+                              for data, _ in found for r in data["rows"]))
+    counts = {(r["library"], r["framing"], r["tls"]): r["count"] for data, _ in found for r in data["rows"]}
+
+    def ratio(key, peer):
+        return spread([rate[key] / rate[peer] if rate.get(key) and rate.get(peer) else None
+                       for rate in rates], lambda r: fmt_ratio(r) if r < 100 else f"{r:,.0f}")
+
+    rows = []
+    for key in keys:
+        library, framing, tls = key
+        rows.append([library, framing, "yes" if tls else "no", f"{counts[key]:,}",
+                     spread([rate.get(key) for rate in rates], lambda v: f"{v:,.0f}"),
+                     "" if tls else ratio(key, ("liblo", framing, False)),
+                     ratio(key, ("liblo", "length-prefixed", False)),
+                     ratio(key, ("recv", "length-prefixed", False))])
+    table(["Receiver", "Framing", "TLS", "messages per run", "messages/s",
+           "÷ liblo, same framing", "÷ liblo, length-prefixed", "÷ recv ceiling"], rows)
+
+
 # MARK: Rounds
 
 
@@ -241,7 +288,7 @@ def rounds_table():
     out.append("Each round ran each program as a new process, once the 1-minute load average was "
                f"below {run['max_load']} or {run['wait_limit']} s had passed. The load at the end "
                "includes the bench's own processes (one core busy for the Google Benchmark "
-               "programs, two for the receive test); *other work* is the share of both cores "
+               "programs, two for the receive and TCP tests); *other work* is the share of both cores "
                "that anything else used meanwhile (approximate: the machine's busy time less the "
                "program's own), *stolen* the share the hypervisor gave to other machines.\n")
     rows, noisy = [], []
@@ -273,9 +320,10 @@ def rounds_table():
 
 started = min((load(d, n, ".info") or {}).get("started", time.time())
               for d in round_dirs for n in run["programs"]) if round_dirs else time.time()
-google = [f"`{n}`" for n in run["programs"] if n != "compare_receive"]
+google = [f"`{n}`" for n in run["programs"] if n not in ("compare_receive", "compare_tcp")]
 given = ([f"{' and '.join(google)} with `{run['google_args']}`"] if google else []) + \
-    ([f"`compare_receive` with `{run['receive_args']}`"] if "compare_receive" in run["programs"] else [])
+    ([f"`compare_receive` with `{run['receive_args']}`"] if "compare_receive" in run["programs"] else []) + \
+    ([f"`compare_tcp` with `{run['tcp_args']}`"] if "compare_tcp" in run["programs"] else [])
 out.append("## Results: Kavrin against liblo and oscpack\n")
 out.append(f"Run {time.strftime('%Y-%m-%d %H:%M UTC', time.gmtime(started))} with "
            f"`{run['command']}` on {machine}: {plural(len(round_dirs), 'round')}. Every figure is "
@@ -300,6 +348,7 @@ google_table("compare_matching", "Matching (median ns per match)", "Match",
 google_table("compare_matching", "Dispatch over 10,000 methods (median ns per dispatch)",
              "Dispatch", ["kavrin"], "ns")
 receive = receive_tables()
+tcp_table()
 rounds_table()
 
 # The monitor's load test keeps its own rounds and writes its own table.
