@@ -147,7 +147,7 @@ int main(int argc, char** argv) {
                       << error.description() << '\n';
             return 1;
         }
-        log.info("listening on UDP port {}", *port);
+        log.info("listening on UDP port {}", socket->localPortIPv4());
         return mainQueue->run();
     }
 
@@ -186,6 +186,6 @@ int main(int argc, char** argv) {
                   << error.description() << '\n';
         return 1;
     }
-    log.info("listening on TCP port {}{}", *port, transport.tls ? " with TLS" : "");
+    log.info("listening on TCP port {}{}", server->boundPort(), transport.tls ? " with TLS" : "");
     return mainQueue->run();
 }

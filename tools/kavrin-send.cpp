@@ -64,6 +64,10 @@ int sendDatagram(const std::vector<std::uint8_t>& packet, const std::string& hos
                                             const UdpSocketError& error) override {
             loop_.stop(failed("not sent", error));
         }
+        // A send the system refuses outright (not a full buffer) closes the socket.
+        void udpSocketDidClose(UdpSocket&, const std::optional<UdpSocketError>& error) override {
+            if (error) loop_.stop(failed("not sent", *error));
+        }
 
       private:
         RunLoop& loop_;
@@ -81,21 +85,10 @@ int sendOnStream(const OSCMessage& message, const std::string& host, std::uint16
     loop->stopOnSignals({SIGINT, SIGTERM});
     auto client = OSCStreamClient::create(host, port, loop, settings);
     client->setReconnect({.enabled = false});
-    bool wasConnected = false;
     client->setStateHandler(
         [&](OSCStreamClient::State state, const std::optional<TcpSocketError>& error) {
-            if (state == OSCStreamClient::State::connected) wasConnected = true;
             if (state != OSCStreamClient::State::closed) return;
-            if (error) {
-                loop->stop(failed("not sent", *error));
-            } else if (!wasConnected) {
-                // A peer that hangs up during the TLS handshake leaves no error, and the message
-                // never went out.
-                std::cerr << "kavrin-send: not sent: the connection closed before it was up\n";
-                loop->stop(1);
-            } else {
-                loop->stop(0);
-            }
+            loop->stop(error ? failed("not sent", *error) : 0);
         });
     client->connect();
     TcpSocketError error;
@@ -140,6 +133,8 @@ int main(int argc, char** argv) {
     const std::string& host = positional[0];
     const auto port = tools::parsePort(positional[1]);
     if (!port || *port == 0) return fail("not a port: " + positional[1]);  // 0 names no peer
+
+    if (!positional[2].starts_with('/')) return fail("ADDRESS must start with '/'");
 
     OSCMessage message;
     std::vector<std::uint8_t> packet;

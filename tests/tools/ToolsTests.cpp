@@ -360,6 +360,7 @@ TEST(KavrinSend, RefusesBadInputAndSaysWhy) {
               2,
               "value '0102' for type m is not 8 hexadecimal digits"},
              {{"localhost", port, "/a", "ifs", "1", "2"}, 2, "no value for type s"},
+             {{"localhost", port, "a"}, 2, "ADDRESS must start with '/'"},
              {{"localhost", "65536", "/a"}, 2, "not a port: 65536"},
              {{"--tcp", "localhost", "0", "/a"}, 2, "not a port: 0"},
              {{"localhost", "0", "/a"}, 2, "not a port: 0"},
