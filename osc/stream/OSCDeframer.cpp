@@ -1,10 +1,12 @@
 #include "osc/stream/OSCDeframer.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <string>
 
 #include "osc/codec/detail/BigEndian.hpp"
 #include "osc/stream/detail/Slip.hpp"
+#include "support/ASCIIScan.hpp"
 
 namespace kavrin {
 
@@ -71,30 +73,67 @@ void OSCDeframer::feedLengthPrefixed(std::span<const std::uint8_t> bytes, const 
     }
 }
 
+namespace {
+
+// Where the first END or ESC stands in `bytes`, or its size: eight bytes a step, since packets
+// hold long runs of neither.
+std::size_t findSpecial(std::span<const std::uint8_t> bytes) {
+    const char* const data = reinterpret_cast<const char*>(bytes.data());
+    std::size_t at = 0;
+    for (; at + 8 <= bytes.size(); at += 8) {
+        const std::uint64_t word = loadWord<std::uint64_t>(data + at);
+        const std::uint64_t marks = bytesEqual(word, slip::end) | bytesEqual(word, slip::escape);
+        if (marks != 0) {
+            return at + static_cast<std::size_t>(std::endian::native == std::endian::little
+                                                     ? std::countr_zero(marks)
+                                                     : std::countl_zero(marks)) /
+                            8;
+        }
+    }
+    while (at < bytes.size() && bytes[at] != slip::end && bytes[at] != slip::escape) ++at;
+    return at;
+}
+
+}  // namespace
+
+// A run of ordinary bytes at a time. A frame that lies whole in `bytes` with nothing escaped is
+// handed on from there; only a frame split across pieces, or with escapes, is gathered in held_.
 void OSCDeframer::feedSlip(std::span<const std::uint8_t> bytes, const Frame& frame) {
-    for (const std::uint8_t byte : bytes) {
-        if (byte == slip::end) {
+    const auto tooLong = [this] {
+        return OSCFramingError("SLIP frame exceeds the maximum of " +
+                               std::to_string(maximumFrame_) + " bytes without an END byte.");
+    };
+    while (!bytes.empty()) {
+        if (escaped_ && bytes[0] != slip::end) {
+            // ESC before any other byte stands for that byte; an END after it still ends the frame.
+            const std::uint8_t byte = bytes[0];
+            bytes = bytes.subspan(1);
             escaped_ = false;
-            if (held_.empty()) continue;  // END END, or the END before a packet
+            if (held_.size() == maximumFrame_) throw tooLong();
+            held_.push_back(byte == slip::escapedEnd      ? slip::end
+                            : byte == slip::escapedEscape ? slip::escape
+                                                          : byte);
+            continue;
+        }
+        escaped_ = false;
+        const std::size_t run = findSpecial(bytes);
+        if (held_.empty() && run < bytes.size() && bytes[run] == slip::end) {
+            if (run > maximumFrame_) throw tooLong();
+            if (run > 0) frame(bytes.first(run));  // END END, or the END before a packet: none
+            bytes = bytes.subspan(run + 1);
+            continue;
+        }
+        if (held_.size() + run > maximumFrame_) throw tooLong();
+        held_.insert(held_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(run));
+        if (run == bytes.size()) return;
+        const std::uint8_t special = bytes[run];
+        bytes = bytes.subspan(run + 1);
+        if (special == slip::escape) {
+            escaped_ = true;
+        } else if (!held_.empty()) {
             frame(held_);
             held_.clear();  // keeps its capacity, never more than the maximum
-            continue;
         }
-        std::uint8_t data = byte;
-        if (escaped_) {
-            escaped_ = false;
-            data = byte == slip::escapedEnd      ? slip::end
-                   : byte == slip::escapedEscape ? slip::escape
-                                                 : byte;
-        } else if (byte == slip::escape) {
-            escaped_ = true;
-            continue;
-        }
-        if (held_.size() == maximumFrame_) {
-            throw OSCFramingError("SLIP frame exceeds the maximum of " +
-                                  std::to_string(maximumFrame_) + " bytes without an END byte.");
-        }
-        held_.push_back(data);
     }
 }
 
