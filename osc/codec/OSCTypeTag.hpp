@@ -57,7 +57,9 @@ inline constexpr char oscArrayStart = [] {
     for (const auto& entry : oscTypeTags) {
         if (entry.format == OSCArgumentFormat::array) return entry.tag;
     }
+    return '\0';  // never: the table has an array entry, which the compiler checks here
 }();
+static_assert(oscArrayStart != '\0');
 inline constexpr char oscArrayEnd = ']';
 
 namespace oscTypeTag {
