@@ -369,13 +369,7 @@ int orchestrate(const Options& options) {
         }
     }
     std::fflush(stdout);
-    json += "\n  ]\n}\n";
-    if (!options.json.empty()) {
-        FILE* file = std::fopen(options.json.c_str(), "w");
-        if (!file || std::fputs(json.c_str(), file) < 0 || std::fclose(file) != 0) {
-            failErrno("writing " + options.json);
-        }
-    }
+    writeJson(options.json, std::move(json));
     return 0;
 }
 

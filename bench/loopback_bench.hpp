@@ -182,6 +182,16 @@ inline Setup chooseCpus() {
     return {cpus.back(), cpus.front()};
 }
 
+// The machine-readable results, closed as a JSON document, into `path` when one was given.
+inline void writeJson(const std::string& path, std::string json) {
+    json += "\n  ]\n}\n";
+    if (path.empty()) return;
+    FILE* file = std::fopen(path.c_str(), "w");
+    if (!file || std::fputs(json.c_str(), file) < 0 || std::fclose(file) != 0) {
+        failErrno("writing " + path);
+    }
+}
+
 inline double median(std::vector<double> values) {
     if (values.empty()) return 0;
     std::sort(values.begin(), values.end());
