@@ -26,10 +26,10 @@ class OSCStreamReceiver;
 /// handler on the dispatch queue together with the connection it came in on, to answer on.
 ///
 /// A peer costs bounded memory and only its own connection: a packet over the maximum frame, a
-/// broken framing, a pause mid-packet past the frame time-out, a connection past the cap or idle
-/// past the idle time-out each ends that connection, reported to the close handler with why,
-/// while the others are served on. A packet that fails to decode is dropped and counted; its
-/// connection reads on.
+/// broken framing, a pause mid-packet past the frame time-out or a rest past the idle time-out
+/// each ends that connection, reported to the close handler with why, while the others are
+/// served on; a connection past the cap is closed as soon as it is accepted, unreported. A
+/// packet that fails to decode is dropped and counted; its connection reads on.
 ///
 /// Thread safety: every operation may be called from any thread. Packets are decoded on the
 /// server's serial receive queue, "OSCStreamServer"; the handlers run on the dispatch queue,
