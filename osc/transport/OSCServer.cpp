@@ -199,18 +199,11 @@ void OSCServer::receive(std::vector<std::uint8_t>&& datagram, const SocketAddres
         deliveries.add({std::move(*message), OSCTimeTag::immediate(), sender, std::move(found)});
         return;
     }
-    planner.plan(std::move(*packet), mode.load() == TimeTagMode::osc1_0, sender, routes, planned);
-    if (!planner.admit(planned)) {
-        drop(datagram, sender, DropReason::overScheduledLimit, {});  // the whole datagram
-        return;
-    }
-    for (auto& step : planned.steps) {
-        if (auto* now = std::get_if<Delivery>(&step)) {
-            deliveries.add(std::move(*now));
-        } else {
-            deliverLater(std::move(std::get<ScheduledRun>(step)));
-        }
-    }
+    const bool admitted = planner.admitAll(
+        std::move(*packet), mode.load() == TimeTagMode::osc1_0, sender, routes,
+        [this](Delivery&& now) { deliveries.add(std::move(now)); },
+        [this](ScheduledRun&& later) { deliverLater(std::move(later)); });
+    if (!admitted) drop(datagram, sender, DropReason::overScheduledLimit, {});
 }
 
 void OSCServer::drop(std::span<const std::uint8_t> datagram, const SocketAddress& sender,

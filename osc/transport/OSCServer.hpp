@@ -185,7 +185,6 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     DeliveryBatcher<Delivery> deliveries;
     OSCMethodRoutes routes;
     Planner planner;
-    Planner::Plan planned;  // kept from one datagram to the next, so allocated once
     struct AtomicCounters {
         std::atomic<std::uint64_t> datagramsReceived{0}, messagesDelivered{0}, droppedNotOSC{0},
             droppedMalformed{0}, droppedUnexpectedType{0}, droppedInternalInconsistency{0},

@@ -1,7 +1,5 @@
 #include "osc/stream/detail/OSCStreamReceiver.hpp"
 
-#include <variant>
-
 namespace kavrin {
 
 OSCStreamReceiver::OSCStreamReceiver(std::shared_ptr<SerialQueue> receiveQueue,
@@ -85,19 +83,11 @@ void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Conn
         ++counted_.droppedNotOSC;
         return;
     }
-    planner_.plan(std::move(*decoded), mode_.load() == TimeTagMode::osc1_0, from, noRoutes_,
-                  planned_);
-    if (!planner_.admit(planned_)) {
-        ++counted_.droppedOverScheduledLimit;  // the whole packet, never half a bundle
-        return;
-    }
-    for (auto& step : planned_.steps) {
-        if (auto* now = std::get_if<Planner::Delivery>(&step)) {
-            deliveries_.add(std::move(*now));
-        } else {
-            deliverLater(std::move(std::get<Planner::ScheduledRun>(step)));
-        }
-    }
+    const bool admitted = planner_.admitAll(
+        std::move(*decoded), mode_.load() == TimeTagMode::osc1_0, from, noRoutes_,
+        [this](Planner::Delivery&& now) { deliveries_.add(std::move(now)); },
+        [this](Planner::ScheduledRun&& later) { deliverLater(std::move(later)); });
+    if (!admitted) ++counted_.droppedOverScheduledLimit;  // the whole packet, never half a bundle
 }
 
 void OSCStreamReceiver::deliver(const OSCMessage& message, const OSCTimeTag& timeTag,

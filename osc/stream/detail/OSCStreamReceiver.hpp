@@ -79,7 +79,6 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
     // Receive queue only.
     OSCMethodRoutes noRoutes_;
     Planner planner_;
-    Planner::Plan planned_;
     DeliveryBatcher<Planner::Delivery> deliveries_;
     struct AtomicCounters {
         std::atomic<std::uint64_t> connectionsOpened{0}, connectionsFailed{0}, packetsReceived{0},

@@ -26,7 +26,7 @@ struct OSCScheduledLimit {
 /// `Origin` says where a packet came from (a sender's address, a connection) and travels with
 /// each of its deliveries.
 ///
-/// plan() and admit() run on one receive queue; release() runs wherever a waiting run is
+/// admitAll() runs on one receive queue; release() runs wherever a waiting run is
 /// delivered. Internal to the servers of the transport and stream layers.
 template <class Origin>
 class OSCDeliveryPlanner {
@@ -56,6 +56,37 @@ class OSCDeliveryPlanner {
         std::size_t scheduledBytes = 0;
     };
 
+    /// Plans `packet` and, unless its waiting messages would pass the bound (false: nothing is
+    /// handed on, the packet is dropped whole), hands each step on in order: a Delivery due now
+    /// to `now`, a ScheduledRun to `later`.
+    template <class Now, class Later>
+    bool admitAll(OSCPacket&& packet, bool honourTags, const Origin& origin,
+                  const OSCMethodRoutes& routes, Now&& now, Later&& later) {
+        plan(std::move(packet), honourTags, origin, routes, planned_);
+        if (!admit(planned_)) return false;
+        for (auto& step : planned_.steps) {
+            if (auto* due = std::get_if<Delivery>(&step)) {
+                now(std::move(*due));
+            } else {
+                later(std::move(std::get<ScheduledRun>(step)));
+            }
+        }
+        return true;
+    }
+
+    /// Gives back what a delivered (or abandoned) run held.
+    void release(const ScheduledRun& run) {
+        scheduledMessages_ -= run.messages.size();
+        scheduledBytes_ -= run.bytes;
+    }
+
+    void setLimit(OSCScheduledLimit limit) {
+        limitMessages_.store(limit.messages);
+        limitBytes_.store(limit.bytes);
+    }
+    OSCScheduledLimit limit() const { return {limitMessages_.load(), limitBytes_.load()}; }
+
+  private:
     /// Fills `plan`, emptied first, with what `packet` delivers; honourTags makes future-tagged
     /// bundles wait. The routes are found now, as the message is received.
     void plan(OSCPacket&& packet, bool honourTags, const Origin& origin,
@@ -82,19 +113,6 @@ class OSCDeliveryPlanner {
         return true;
     }
 
-    /// Gives back what a delivered (or abandoned) run held.
-    void release(const ScheduledRun& run) {
-        scheduledMessages_ -= run.messages.size();
-        scheduledBytes_ -= run.bytes;
-    }
-
-    void setLimit(OSCScheduledLimit limit) {
-        limitMessages_.store(limit.messages);
-        limitBytes_.store(limit.bytes);
-    }
-    OSCScheduledLimit limit() const { return {limitMessages_.load(), limitBytes_.load()}; }
-
-  private:
     // A bundle's own tag governs its elements, whatever tag it was reached with. Whether it
     // waits, and until when, is decided once for the whole bundle: its messages then share one
     // deadline and keep their order.
@@ -149,6 +167,7 @@ class OSCDeliveryPlanner {
     std::atomic<std::size_t> scheduledMessages_{0};
     std::atomic<std::size_t> scheduledBytes_{0};
     std::chrono::system_clock::duration clockOffset_{};  // the wall clock's lead; receive queue
+    Plan planned_;  // kept from one packet to the next, so allocated once; receive queue
 };
 
 }  // namespace kavrin
