@@ -172,9 +172,8 @@ int main(int argc, char** argv) {
                                 const std::optional<TcpSocketError>& error) {
         if (error) {
             // A refused handshake or a broken stream is worth seeing without --verbose.
-            log.warning("{} dropped: {}{}", connection->peerAddress().description(),
-                        error->description(),
-                        error->failureReason() ? " (" + *error->failureReason() + ")" : "");
+            log.warning("{} dropped: {}", connection->peerAddress().description(),
+                        tools::errorText(*error));
         } else {
             log.info("{} disconnected", connection->peerAddress().description());
         }

@@ -49,8 +49,7 @@ int fail(const std::string& message) {
 }
 
 int failed(const std::string& what, const SocketError& error) {
-    std::cerr << "kavrin-send: " << what << ": " << error.description()
-              << (error.failureReason() ? " (" + *error.failureReason() + ")" : "") << '\n';
+    std::cerr << "kavrin-send: " << what << ": " << tools::errorText(error) << '\n';
     return 1;
 }
 

@@ -3,11 +3,19 @@
 #include <charconv>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "osc/stream/OSCFraming.hpp"
+#include "osc/transport/SocketError.hpp"
 
 namespace kavrin::tools {
+
+// An error as a tool reports it: its description, then the failing step or the reason, if known.
+inline std::string errorText(const SocketError& error) {
+    return error.description() +
+           (error.failureReason() ? " (" + *error.failureReason() + ")" : std::string());
+}
 
 // A port number as a command line gives it: decimal digits only, 0 to 65535.
 inline std::optional<std::uint16_t> parsePort(std::string_view text) {
