@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "osc/pattern/CharacterView.hpp"
-#include "osc/pattern/detail/OSCCompiledComponent.hpp"
 #include "osc/pattern/OSCCompiledPattern.hpp"
+#include "osc/pattern/detail/OSCCompiledComponent.hpp"
 
 namespace kavrin {
 namespace {
@@ -17,8 +17,7 @@ bool referenceMatches(const OSCAddressPattern& pattern, const std::string& addre
     const auto components = OSCAddressPattern::components(pattern.rawAddress());
     if (components.empty()) return false;
     std::vector<std::uint32_t> storage;
-    const auto parts =
-        OSCAddressPattern::pathComponents(CharacterView::segment(address, storage));
+    const auto parts = OSCAddressPattern::pathComponents(CharacterView::segment(address, storage));
     if (parts.size() != components.size()) return false;
     for (std::size_t i = 0; i < parts.size(); ++i) {
         if (!OSCAddressPattern::matchComponent(parts[i], components[i].tokens)) return false;
@@ -100,15 +99,33 @@ TEST(OSCCompiledPattern, AnswersLikeTheUncompiledPatternOnRandomInput) {
 TEST(OSCCompiledPattern, AnswersLikeTheUncompiledPatternOnGeneratedPaths) {
     // Whole paths exercise what single components cannot: separators merged with text, stars
     // that end a component, components searched in place between others, and texts and
-    // addresses shorter and longer than the eight bytes compared at once, near either end.
+    // addresses shorter and longer than the eight and sixteen bytes compared at once, near
+    // either end, and a CR just before a wildcard.
     const std::vector<std::string> patternParts = {
         "",    "a",      "ab",    "abcdefghij", "*",      "a*",      "*a",
         "*ab", "[a-c]*", "?",     "??*",        "{ab,a}", "{ab,a}*", "{abcdefghi,ab}",
-        "{}",  "*b*",    "a*b*c", "[!a]",       "x?",     "*{a,bc}"};
-    const std::vector<std::string> addressParts = {
-        "",   "a",    "b",          "ab",          "abc",        "aab",
-        "c",  "bc",   "abcdefghij", "abcdefghijk", "abcdefghia", "xab",
-        "x/", "\r\n", "\t",         "\xC3\xA9",    "a\xCC\x81"};
+        "{}",  "*b*",    "a*b*c", "[!a]",       "x?",     "*{a,bc}", "abcdefghijklmnopq",
+        "\r?"};
+    const std::vector<std::string> addressParts = {"",
+                                                   "a",
+                                                   "b",
+                                                   "ab",
+                                                   "abc",
+                                                   "aab",
+                                                   "c",
+                                                   "bc",
+                                                   "abcdefghij",
+                                                   "abcdefghijk",
+                                                   "abcdefghia",
+                                                   "xab",
+                                                   "abcdefghijklmnopq",
+                                                   "abcdefghijklmnopqr",
+                                                   "abcdefghijklmnopX",
+                                                   "x/",
+                                                   "\r\n",
+                                                   "\t",
+                                                   "\xC3\xA9",
+                                                   "a\xCC\x81"};
     std::mt19937 generator(20261122);
     const auto join = [&](const std::vector<std::string>& parts, std::size_t maxCount,
                           std::size_t rareIndex) {

@@ -10,6 +10,10 @@
 #include "osc/pattern/detail/PositionSearch.hpp"
 #include "support/ASCIIScan.hpp"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace kavrin::byteMatcher {
 
 namespace {
@@ -91,27 +95,21 @@ bool groupsAccept(std::string_view contents, char c) {
 // text are prefixes of each other, and a prefix comes first in that order, so it is the
 // shortest. An empty list matches nothing, at length 0; -1 when no alternative fits.
 std::ptrdiff_t braceLength(std::string_view contents, std::string_view rest) {
-    std::ptrdiff_t found = -1;
+    std::size_t found = rest.size() + 1;  // past any length that fits
     bool any = false;
-    std::size_t i = 0;
-    while (i < contents.size()) {
-        // One alternative: compared with `rest` while they agree, then skipped to its end.
-        const std::size_t start = i;
-        std::size_t k = 0;
-        while (i < contents.size() && k < rest.size() && contents[i] == rest[k] &&
-               contents[i] != ',') {
-            ++i;
-            ++k;
+    for (std::size_t start = 0; start < contents.size();) {
+        const std::size_t comma = findByte(contents, start, ',');
+        const std::size_t length = comma - start;
+        if (length != 0) {  // empty pieces are dropped
+            any = true;
+            if (length < found && std::memcmp(contents.data() + start, rest.data(), length) == 0) {
+                found = length;
+            }
         }
-        const bool prefix = i == contents.size() || contents[i] == ',';
-        while (i < contents.size() && contents[i] != ',') ++i;
-        const auto length = static_cast<std::ptrdiff_t>(i - start);
-        ++i;                        // past the comma
-        if (length == 0) continue;  // empty pieces are dropped
-        any = true;
-        if (prefix && (found < 0 || length < found)) found = length;
+        start = comma + 1;
     }
-    return any ? found : 0;
+    if (!any) return 0;
+    return found <= rest.size() ? static_cast<std::ptrdiff_t>(found) : -1;
 }
 
 // One token of a pattern component, read where it starts.
@@ -125,12 +123,19 @@ struct Token {
 // Where `byte` first stands from `from` on, within the component: the component's end (a "/" or
 // the text's end) when it does not.
 std::size_t findInComponent(std::string_view text, std::size_t from, char byte) {
-    while (from < text.size() && text[from] != byte && text[from] != '/') ++from;
+    const std::size_t size = text.size();
+    for (; from + 8 <= size; from += 8) {
+        const auto word = loadWord<std::uint64_t>(text.data() + from);
+        const auto marks =
+            bytesEqual(word, static_cast<unsigned char>(byte)) | bytesEqual(word, '/');
+        if (marks != 0) return from + firstMarked(marks);
+    }
+    while (from < size && text[from] != byte && text[from] != '/') ++from;
     return from;
 }
 
 // Reads within the component: a bracket or brace list never closes past a "/".
-Token readToken(std::string_view pattern, std::size_t i) {
+[[gnu::always_inline]] inline Token readToken(std::string_view pattern, std::size_t i) {
     const char c = pattern[i];
     if (c == '*') {
         std::size_t end = i + 1;
@@ -165,7 +170,8 @@ Token readToken(std::string_view pattern, std::size_t i) {
 // How many characters of `component` a token other than "*" takes at p; -1 when it does not
 // match there. The text may go on past the component's "/" unless the token is literal text: no
 // other token takes a "/".
-std::ptrdiff_t lengthAt(const Token& token, std::string_view component, std::size_t p) {
+[[gnu::always_inline]] inline std::ptrdiff_t lengthAt(const Token& token,
+                                                      std::string_view component, std::size_t p) {
     switch (token.kind) {
         case Token::Kind::any:
             return p < component.size() && component[p] != '/' ? 1 : -1;
@@ -262,23 +268,51 @@ std::optional<bool> matches(std::string_view pattern, std::string_view address) 
     std::size_t componentStart = 0;  // of the address component j is in
     bool checked = false;            // whether the texts are a byte per character
     for (;;) {
-        // Eight bytes a step: up to the first byte that differs or may open a wildcard.
-        while (i + 8 <= pn && j + 8 <= an) {
+        // Up to the first byte that differs or may open a wildcard: sixteen bytes a step where
+        // both texts have them, eight, then one.
+        bool stopped = false;
+#if defined(__SSE2__)
+        for (; i + 16 <= pn && j + 16 <= an;) {
+            const auto word = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
+            const auto other = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + j));
+            const auto marks = [&](__m128i equal) {
+                return static_cast<unsigned>(_mm_movemask_epi8(equal));
+            };
+            const auto is = [&](char c) { return _mm_cmpeq_epi8(word, _mm_set1_epi8(c)); };
+            const unsigned wild = marks(_mm_or_si128(
+                _mm_or_si128(is('*'), is('?')),
+                _mm_cmpeq_epi8(_mm_or_si128(word, _mm_set1_epi8(0x20)), _mm_set1_epi8('{'))));
+            const unsigned differ = ~marks(_mm_cmpeq_epi8(word, other)) & 0xFFFFu;
+            unsigned slashes = marks(is('/'));
+            unsigned step = 16;
+            if ((wild | differ) != 0) {
+                step = static_cast<unsigned>(std::countr_zero(wild | differ));
+                slashes &= (1u << step) - 1;
+                stopped = true;
+            }
+            if (slashes != 0)
+                componentStart = j + static_cast<std::size_t>(std::bit_width(slashes));
+            i += step;
+            j += step;
+            if (stopped) break;
+        }
+#endif
+        for (; !stopped && i + 8 <= pn && j + 8 <= an;) {
             const std::uint64_t word = loadWord<std::uint64_t>(p + i);
             const std::uint64_t other = loadWord<std::uint64_t>(a + j);
             const std::uint64_t wild = bytesEqual(word, '*') | bytesEqual(word, '?') |
-                                       bytesEqual(word, '[') | bytesEqual(word, '{');
+                                       bytesEqual(word | asciiScanDetail::ones * 0x20, '{');
             std::uint64_t slashes = bytesEqual(word, '/');
             std::size_t step = 8;
             if (word != other || wild != 0) {
                 const auto differ = ~bytesEqual(word ^ other, 0) & asciiScanDetail::highBits;
                 step = firstMarked(wild | differ);
                 slashes = firstBytes(slashes, step);
+                stopped = true;
             }
             if (slashes != 0) componentStart = j + lastMarked(slashes) + 1;
             i += step;
             j += step;
-            if (step < 8) break;
         }
         for (; i < pn && j < an && !mayStartWildcard(p[i]); ++i, ++j) {
             if (p[i] != a[j]) return false;
@@ -286,8 +320,11 @@ std::optional<bool> matches(std::string_view pattern, std::string_view address) 
         }
         if (i == pn || !mayStartWildcard(p[i])) return i == pn && j == an;
         if (!checked) {
+            // Only a CR from here on could pair with a LF in the pattern: one before, followed
+            // by literal text, was compared with the address, whose check finds the pair.
+            const auto rest = pattern.substr(i);
             if (!CharacterView::isOneBytePerCharacter(address) ||
-                std::memchr(p, '\r', pn) != nullptr) {
+                (!isPrintableASCII(rest) && rest.find('\r') != std::string_view::npos)) {
                 return std::nullopt;
             }
             checked = true;
@@ -306,8 +343,8 @@ std::optional<bool> matches(std::string_view pattern, std::string_view address) 
             } else {
                 const auto patternEnd = findByte(pattern, token.end, '/');
                 if (!matchFromStar(pattern.substr(0, patternEnd),
-                                   address.substr(componentStart, componentEnd - componentStart),
-                                   i, j - componentStart)) {
+                                   address.substr(componentStart, componentEnd - componentStart), i,
+                                   j - componentStart)) {
                     return false;
                 }
                 i = patternEnd;
