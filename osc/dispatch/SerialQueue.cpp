@@ -75,6 +75,7 @@ struct SerialQueue::Impl : std::enable_shared_from_this<Impl> {
     }
 
     void drain() {
+        DispatchRuntime::WorkScope working;
         FrameScope scope(owner);
         for (int n = 0; n < batchSize; ++n) {
             Item item;
