@@ -2,8 +2,8 @@
 
 #include <asio/executor_work_guard.hpp>
 #include <atomic>
-#include <condition_variable>
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <system_error>
 #include <thread>
