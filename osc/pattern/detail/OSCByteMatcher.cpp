@@ -270,6 +270,7 @@ std::optional<bool> matches(std::string_view pattern, std::string_view address) 
     for (;;) {
         // Up to the first byte that differs or may open a wildcard: sixteen bytes a step where
         // both texts have them, eight, then one.
+        // "[" and "{" differ only in the 0x20 bit: one comparison finds both.
         bool stopped = false;
 #if defined(__SSE2__)
         for (; i + 16 <= pn && j + 16 <= an;) {
@@ -320,8 +321,9 @@ std::optional<bool> matches(std::string_view pattern, std::string_view address) 
         }
         if (i == pn || !mayStartWildcard(p[i])) return i == pn && j == an;
         if (!checked) {
-            // Only a CR from here on could pair with a LF in the pattern: one before, followed
-            // by literal text, was compared with the address, whose check finds the pair.
+            // Only a CR from here on could pair with a LF in the pattern. One before is followed
+            // by the wildcard, no LF, or by literal text, which was compared with the address,
+            // whose check finds a CR LF pair.
             const auto rest = pattern.substr(i);
             if (!CharacterView::isOneBytePerCharacter(address) ||
                 (!isPrintableASCII(rest) && rest.find('\r') != std::string_view::npos)) {
