@@ -102,26 +102,28 @@ class Pool {
             std::this_thread::sleep_for(stallTime);
             const auto running = running_.load();
             const auto finished = finished_.load();
-            if (running == 0) {
-                if (++quietLooks >= quietLooksBeforeSleeping) {
-                    std::unique_lock lock(mutex_);
-                    watcherAsleep_.store(true);
-                    // Work that began before the flag was set did not see it.
-                    if (running_.load() == 0) {
-                        wakeWatcher_.wait(lock, [this] { return !watcherAsleep_.load(); });
-                    }
-                    watcherAsleep_.store(false);
-                    quietLooks = 0;
-                }
-            } else if (finished == lastFinished) {
+            if (running > 0) {
                 quietLooks = 0;
-                std::lock_guard lock(mutex_);
-                if (running >= threads_) spawn(false);
-            } else {
+                if (finished == lastFinished) {
+                    std::lock_guard lock(mutex_);
+                    if (running >= threads_) spawn(false);
+                }
+            } else if (++quietLooks >= quietLooksBeforeSleeping) {
+                sleepUntilWorkBegins();
                 quietLooks = 0;
             }
             lastFinished = finished_.load();
         }
+    }
+
+    void sleepUntilWorkBegins() {
+        std::unique_lock lock(mutex_);
+        watcherAsleep_.store(true);
+        // Work that began before the flag was set did not see it.
+        if (running_.load() == 0) {
+            wakeWatcher_.wait(lock, [this] { return !watcherAsleep_.load(); });
+        }
+        watcherAsleep_.store(false);
     }
 
     asio::io_context context_;
