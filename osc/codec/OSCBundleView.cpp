@@ -15,7 +15,11 @@ OSCBundleView::OSCBundleView(std::span<const std::uint8_t> bytes, int depth) : b
         if (isBundle) {
             OSCBundleView(element, depth + 1);
         } else {
-            OSCMessageView{element};
+            const OSCMessageView message{element};
+            if (count_ < knownHeads) {
+                heads_[count_] = {static_cast<std::uint32_t>(message.address().size()),
+                                  static_cast<std::uint32_t>(message.typeTags().size())};
+            }
         }
         ++count_;
     });
@@ -30,18 +34,18 @@ OSCTimeTag OSCBundleView::timeTag() const {
 }
 
 OSCBundleView::Iterator OSCBundleView::begin() const {
-    return Iterator(bytes_.data() + 16);
+    return Iterator(bytes_.data() + 16, heads_.data());
 }
 
 OSCBundleView::Iterator OSCBundleView::end() const {
-    return Iterator(bytes_.data() + bytes_.size());
+    return Iterator(bytes_.data() + bytes_.size(), nullptr);
 }
 
 OSCBundle OSCBundleView::bundle() const {
     return OSCBundle::decode(bytes_);
 }
 
-// Defined here, beside its only user, so that reading an element inlines it.
+// Defined here, beside their only user, so that reading an element inlines them.
 OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, Checked) : bytes_(bytes) {
     const auto* const end = bytes.data() + bytes.size();
     const auto* address = bytes.data();
@@ -53,8 +57,23 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, Checked) : b
     arguments_ = tags + stringChunk::size(tagsLength);
 }
 
+OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, std::size_t addressLength,
+                               std::size_t tagsLength, Checked)
+    : bytes_(bytes) {
+    const auto* address = bytes.data();
+    address_ = {reinterpret_cast<const char*>(address), addressLength};
+    const auto* tags = address + stringChunk::size(static_cast<std::int64_t>(addressLength));
+    tags_ = {reinterpret_cast<const char*>(tags), tagsLength};
+    arguments_ = tags + stringChunk::size(static_cast<std::int64_t>(tagsLength));
+}
+
 OSCPacketView OSCBundleView::Iterator::operator*() const {
     const std::span<const std::uint8_t> element(at_ + 4, bigEndian::load32(at_));
+    if (heads_ != nullptr && index_ < knownHeads && heads_[index_].addressLength != 0) {
+        return OSCPacketView(OSCPacketView::Key(), std::in_place_type<OSCMessageView>, element,
+                             heads_[index_].addressLength, heads_[index_].tagsLength,
+                             OSCMessageView::Checked());
+    }
     if (rawBytes::startsWithBundleHeader(element)) {
         return OSCPacketView(OSCPacketView::Key(), std::in_place_type<OSCBundleView>, element,
                              Checked());
@@ -65,6 +84,7 @@ OSCPacketView OSCBundleView::Iterator::operator*() const {
 
 OSCBundleView::Iterator& OSCBundleView::Iterator::operator++() {
     at_ += 4 + bigEndian::load32(at_);
+    ++index_;
     return *this;
 }
 

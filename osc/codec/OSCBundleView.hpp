@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -15,8 +16,8 @@ class OSCPacketView;
 // A bundle read in place: construction checks the bundle and everything nested in it exactly as
 // OSCBundle::decode does (same order, same OSCDecodeError texts, same nesting limit) without
 // copying or allocating; iterating then gives each element as an OSCPacketView over its bytes,
-// which must outlive the views. A plain value: distinct objects from any thread, a shared one
-// for reading only.
+// which must outlive the views; like a container's, the iterators must not outlive the view. A
+// plain value: distinct objects from any thread, a shared one for reading only.
 class OSCBundleView {
   public:
     class Iterator;
@@ -45,8 +46,18 @@ class OSCBundleView {
     friend class OSCPacketView;
     OSCBundleView(std::span<const std::uint8_t> bytes, int depth);
 
+    // What the check found of the first messages, so that reading a small bundle does not look
+    // for their strings again. Five fill the room the variant of OSCPacketView has beside a
+    // message view; an address length of 0 means not known.
+    struct MessageHead {
+        std::uint32_t addressLength = 0;
+        std::uint32_t tagsLength = 0;
+    };
+    static constexpr std::size_t knownHeads = 5;
+
     std::span<const std::uint8_t> bytes_;
     std::size_t count_ = 0;
+    std::array<MessageHead, knownHeads> heads_{};
 };
 
 // Walks the elements of a checked bundle in order.
@@ -70,8 +81,10 @@ class OSCBundleView::Iterator {
 
   private:
     friend class OSCBundleView;
-    explicit Iterator(const std::uint8_t* at) : at_(at) {}
-    const std::uint8_t* at_ = nullptr;  // the element's size word
+    Iterator(const std::uint8_t* at, const MessageHead* heads) : at_(at), heads_(heads) {}
+    const std::uint8_t* at_ = nullptr;    // the element's size word
+    const MessageHead* heads_ = nullptr;  // the view's
+    std::size_t index_ = 0;
 };
 
 }  // namespace kavrin

@@ -50,6 +50,9 @@ class OSCMessageView {
         explicit Checked() = default;
     };
     OSCMessageView(std::span<const std::uint8_t> bytes, Checked);
+    // The same, with the lengths of the address and tag strings already known.
+    OSCMessageView(std::span<const std::uint8_t> bytes, std::size_t addressLength,
+                   std::size_t tagsLength, Checked);
 
   private:
     std::span<const std::uint8_t> bytes_;

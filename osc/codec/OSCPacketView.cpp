@@ -4,6 +4,9 @@
 
 namespace kavrin {
 
+// What a bundle view keeps of its first messages must not make every packet view larger.
+static_assert(sizeof(OSCBundleView) <= sizeof(OSCMessageView));
+
 std::optional<OSCPacketView> OSCPacketView::decode(std::span<const std::uint8_t> bytes) {
     std::optional<OSCPacketView> packet;
     const auto type = classifyPacket(bytes);

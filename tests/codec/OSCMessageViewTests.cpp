@@ -137,8 +137,11 @@ TEST(OSCPacketView, AgreesWithTheOwningDecoders) {
              2.25, std::int64_t{-1}, OSCArrayValue{{1, OSCArrayValue{}}}, OSCImpulseValue{},
              OSCMIDIValue{1, 2, 3, 4}, OSCNullValue{}, OSCStringAltValue{"abcd"}, OSCTimeTag{0, 1}})
             .rawData(),
+        // More elements than the bundle view keeps the check's findings for, a bundle among them.
         OSCBundle(OSCTimeTag::immediate(),
-                  {OSCMessage("/a", {1}), OSCBundle(OSCTimeTag{}, {OSCMessage("/b/c")})})
+                  {OSCMessage("/a", {1}), OSCBundle(OSCTimeTag{}, {OSCMessage("/b/c")}),
+                   OSCMessage("/d", {std::string("e")}), OSCMessage("/f"), OSCMessage("/g", {2.5f}),
+                   OSCMessage("/h/i", {true}), OSCMessage("/j", {std::string("kl")})})
             .rawData(),
     };
     const std::filesystem::path corpus = std::filesystem::path(KAVRIN_SOURCE_DIR) / "fuzz/corpus";
