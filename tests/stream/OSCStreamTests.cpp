@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <thread>
 
 #include "../transport/TcpTestSupport.hpp"
@@ -22,7 +20,7 @@ using Connection = std::shared_ptr<OSCStreamConnection>;
 
 // Everything a server or client reports, recorded on a serial dispatch queue; tests wait on it
 // with a bound. Its handlers hold it, so that it outlives every report in flight.
-class Recorder : public std::enable_shared_from_this<Recorder> {
+class Recorder : public Recording, public std::enable_shared_from_this<Recorder> {
   public:
     struct Received {
         std::string address;
@@ -36,7 +34,10 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
         std::optional<TcpSocketError> error;
     };
 
-    std::shared_ptr<SerialQueue> queue = SerialQueue::create("test.dispatch");
+    Recorder() : Recorder(SerialQueue::create("test.dispatch")) {}
+    explicit Recorder(std::shared_ptr<SerialQueue> queue) : Recording(queue), queue(queue) {}
+
+    std::shared_ptr<SerialQueue> queue;
 
     OSCStreamHandler handler() {
         return [this, self = shared_from_this()](
@@ -65,32 +66,11 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
             });
     }
 
-    template <class F>
-    void record(F&& change) {
-        std::lock_guard lock(mutex_);
-        change();
-        changed_.notify_all();
-    }
-    template <class P>
-    bool waitFor(P&& done, std::chrono::milliseconds bound = 10s) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, bound, std::forward<P>(done));
-    }
-    template <class F>
-    auto read(F&& look) {
-        std::lock_guard lock(mutex_);
-        return look();
-    }
-
     std::function<void(const OSCMessage&, const Connection&)> onMessage;
     std::vector<Received> received;
     std::vector<Connection> opened;
     std::vector<Closed> closed;
     std::vector<std::pair<OSCStreamClient::State, std::optional<TcpSocketError>>> states;
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
 };
 
 OSCMessage message(const std::string& address, std::int32_t value) {
@@ -104,10 +84,6 @@ std::shared_ptr<OSCStreamServer> startServer(
     recorder->watch(*server);
     server->start();
     return server;
-}
-
-Bytes framed(OSCFraming framing, const OSCPacket& packet) {
-    return framePacket(framing, packet);
 }
 
 // A console answers a ping on the connection it came in on: the client's messages and bundles
@@ -205,7 +181,7 @@ TEST(OSCStream, HostilePeersLoseOnlyTheirOwnConnection) {
         Bytes stream;
         std::optional<std::string> error;  // none: the connection stays
     };
-    const Bytes ok = framed(OSCFraming::lengthPrefixed, message("/ok", 1));
+    const Bytes ok = framePacket(OSCFraming::lengthPrefixed, message("/ok", 1));
     Bytes slipFlood(3000, 'x');
     slipFlood.insert(slipFlood.begin(), 0xC0);
     Bytes notOSC = {0, 0, 0, 4, 'j', 'u', 'n', 'k'};
@@ -240,7 +216,7 @@ TEST(OSCStream, HostilePeersLoseOnlyTheirOwnConnection) {
         Fd hostile = rawConnect("::1", server->boundPort());
         ASSERT_TRUE(good && hostile);
         ASSERT_TRUE(sendAll(hostile.get(), c.stream));
-        ASSERT_TRUE(sendAll(good.get(), framed(c.framing, message("/good", 1))));
+        ASSERT_TRUE(sendAll(good.get(), framePacket(c.framing, message("/good", 1))));
         if (c.error) {
             ASSERT_TRUE(recorder->waitFor([&] { return recorder->closed.size() == 1; }));
             recorder->read([&] {
@@ -257,7 +233,7 @@ TEST(OSCStream, HostilePeersLoseOnlyTheirOwnConnection) {
             const auto counters = server->counters();
             EXPECT_EQ(counters.droppedNotOSC + counters.droppedUndecodable, 1u);
         }
-        ASSERT_TRUE(sendAll(good.get(), framed(c.framing, message("/good", 2))));
+        ASSERT_TRUE(sendAll(good.get(), framePacket(c.framing, message("/good", 2))));
         ASSERT_TRUE(recorder->waitFor([&] {
             return std::count_if(recorder->received.begin(), recorder->received.end(),
                                  [](const auto& r) { return r.address == "/good"; }) == 2;
@@ -284,7 +260,7 @@ TEST(OSCStream, ConnectionsPastTheCapOrIdleTooLongAreClosed) {
     // The second keeps talking, the first rests.
     for (int i = 0; i < 6; ++i) {
         ASSERT_TRUE(
-            sendAll(second.get(), framed(OSCFraming::lengthPrefixed, message("/alive", i))));
+            sendAll(second.get(), framePacket(OSCFraming::lengthPrefixed, message("/alive", i))));
         std::this_thread::sleep_for(150ms);  // the pace of a talking peer, not a wait
     }
     ASSERT_TRUE(recorder->waitFor([&] { return recorder->closed.size() == 1; }));
@@ -306,10 +282,10 @@ TEST(OSCStream, AFutureBundleWaitsForItsTimeWithItsMessagesInOrder) {
     for (std::int32_t i = 0; i < 8; ++i) elements.emplace_back(message("/m", i));
     const auto sent = Clock::now();
     const auto due = std::chrono::system_clock::now() + 300ms;
-    ASSERT_TRUE(
-        sendAll(peer.get(), framed(OSCFraming::lengthPrefixed,
-                                   OSCBundle(OSCTimeTag::fromDate(due), std::move(elements)))));
-    ASSERT_TRUE(sendAll(peer.get(), framed(OSCFraming::lengthPrefixed, message("/now", 0))));
+    ASSERT_TRUE(sendAll(peer.get(),
+                        framePacket(OSCFraming::lengthPrefixed,
+                                    OSCBundle(OSCTimeTag::fromDate(due), std::move(elements)))));
+    ASSERT_TRUE(sendAll(peer.get(), framePacket(OSCFraming::lengthPrefixed, message("/now", 0))));
     ASSERT_TRUE(recorder->waitFor([&] { return recorder->received.size() == 9; }));
     recorder->read([&] {
         EXPECT_EQ(recorder->received[0].address, "/now");

@@ -29,7 +29,6 @@ using namespace std::chrono_literals;
 TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
     Fixture fixture(OSCServer::TimeTagMode::ignore);
     ASSERT_TRUE(fixture.server);
-    EXPECT_EQ(fixture.server->timeTagMode(), OSCServer::TimeTagMode::ignore);
     RawSocket sender;
     const auto port = fixture.server->boundPort();
 
@@ -219,7 +218,6 @@ TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried
                                     [&](const OSCMessage& message, const OSCTimeTag&) {
                                         received.push_back(message.addressPattern.rawAddress());
                                     });
-    EXPECT_EQ(server->port(), holder->port());
     try {
         server->start();
         FAIL() << "start() succeeded on a port held exclusively";

@@ -22,12 +22,9 @@ const char* const kHosts[] = {"127.0.0.1", "::1"};
 
 // For a condition nothing announces: checks it every few milliseconds, up to the bound.
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds bound = 5s) {
-    const auto deadline = Clock::now() + bound;
-    while (!condition()) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(5ms);
+    for (const auto deadline = Clock::now() + bound; !condition();
+         std::this_thread::sleep_for(5ms)) {
+        if (Clock::now() > deadline) return false;
     }
     return true;
 }
@@ -42,15 +39,12 @@ std::size_t endedWithin(const std::vector<Fd>& clients, std::size_t expected,
                         std::chrono::milliseconds bound) {
     std::vector<bool> ended(clients.size());
     std::size_t count = 0;
-    const auto deadline = Clock::now() + bound;
-    while (count < expected && Clock::now() < deadline) {
+    for (const auto deadline = Clock::now() + bound; count < expected && Clock::now() < deadline;) {
         std::vector<pollfd> entries;
         for (std::size_t i = 0; i < clients.size(); ++i) {
             entries.push_back({ended[i] ? -1 : clients[i].get(), POLLIN, 0});
         }
-        if (::poll(entries.data(), entries.size(), 100) <= 0) {
-            continue;
-        }
+        if (::poll(entries.data(), entries.size(), 100) <= 0) continue;
         for (std::size_t i = 0; i < entries.size(); ++i) {
             std::uint8_t byte;
             if (entries[i].revents && ::recv(clients[i].get(), &byte, 1, MSG_DONTWAIT) <= 0) {
@@ -178,13 +172,13 @@ TEST(TcpSocketConnect, TimesOutAgainstAFullBacklog) {
         SCOPED_TRACE(host);
         std::uint16_t port = 0;
         Fd listener = rawListen(host, &port, 0);
+        const SocketAddress address = SocketAddress::fromNumericHost(host, port);
         std::vector<Fd> fillers;
         for (int i = 0; i < 4; ++i) {
-            const SocketAddress address = loopbackAddress(host, port);
-            Fd filler(::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-            ::connect(filler.get(), reinterpret_cast<const sockaddr*>(address.data()),
+            fillers.emplace_back(
+                ::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+            ::connect(fillers.back().get(), reinterpret_cast<const sockaddr*>(address.data()),
                       static_cast<socklen_t>(address.size()));
-            fillers.push_back(std::move(filler));
         }
         Endpoint e;
         TcpSocketError error;
@@ -194,12 +188,11 @@ TEST(TcpSocketConnect, TimesOutAgainstAFullBacklog) {
         ASSERT_TRUE(d->error);
         EXPECT_EQ(d->error->code(), TcpSocketError::connectTimeout) << describe(d->error);
         EXPECT_EQ(d->error->description(), "Attempt to connect to host timed out");
+        EXPECT_TRUE(e.recorder->read([&] { return e.recorder->connected.empty(); }));
         EXPECT_EQ(e.recorder->disconnectsOf(e.socket.get()), 1u);
     }
 }
 
-// Length-prefixed and delimited frames, each split across sends so that lengths, prefixes and
-// delimiters straddle what one receive returns.
 TEST(TcpSocketRead, ReadsToLengthAndToDelimiterAcrossFragments) {
     for (const std::string host : kHosts) {
         SCOPED_TRACE(host);
@@ -231,39 +224,43 @@ TEST(TcpSocketRead, ReadsToLengthAndToDelimiterAcrossFragments) {
     }
 }
 
-TEST(TcpSocketRead, DelimiterPastTheMaximumClosesTheConnection) {
-    ClientAndBarePeer c("127.0.0.1");
-    ASSERT_TRUE(c.connected) << c.connectError;
-    ASSERT_TRUE(c.client.socket->readToDelimiter({0xC0}, 64, -1.0, 1));
-    // Delimiter ending exactly at the maximum: allowed. One byte later: too long.
-    ASSERT_TRUE(sendAll(c.peer.get(), Bytes(63, 'a')));
-    ASSERT_TRUE(sendAll(c.peer.get(), Bytes{0xC0}));
-    ASSERT_TRUE(c.client.recorder->waitFor([&] { return c.client.recorder->reads.size() == 1; }));
-    ASSERT_TRUE(c.client.socket->readToDelimiter({0xC0}, 64, -1.0, 2));
-    ASSERT_TRUE(sendAll(c.peer.get(), Bytes(64, 'b')));
-    ASSERT_TRUE(sendAll(c.peer.get(), Bytes{0xC0}));
-    const auto d = c.client.recorder->waitForDisconnect(c.client.socket.get());
-    ASSERT_TRUE(d);
-    ASSERT_TRUE(d->error);
-    EXPECT_EQ(d->error->code(), TcpSocketError::readMaxedOut) << describe(d->error);
-    EXPECT_EQ(d->error->description(), "Read operation reached set maximum length");
-    EXPECT_EQ(c.client.recorder->read([&] { return c.client.recorder->reads.size(); }), 1u);
-    EXPECT_TRUE(seesEndOfStream(c.peer.get()));
-}
-
-TEST(TcpSocketRead, TimeOutsAndTheWriteQueueBound) {
+// Each bound ends the connection with its own error: a delimiter past the maximum, a read or a
+// write past its time-out; a write past the queue's bound is refused at once.
+TEST(TcpSocketRead, BoundsEndTheConnectionWithTheirError) {
     {
+        SCOPED_TRACE("delimiter past the maximum");
+        ClientAndBarePeer c("127.0.0.1");
+        ASSERT_TRUE(c.connected) << c.connectError;
+        ASSERT_TRUE(c.client.socket->readToDelimiter({0xC0}, 64, -1.0, 1));
+        // Delimiter ending exactly at the maximum: allowed. One byte later: too long.
+        ASSERT_TRUE(sendAll(c.peer.get(), Bytes(63, 'a')));
+        ASSERT_TRUE(sendAll(c.peer.get(), Bytes{0xC0}));
+        ASSERT_TRUE(
+            c.client.recorder->waitFor([&] { return c.client.recorder->reads.size() == 1; }));
+        ASSERT_TRUE(c.client.socket->readToDelimiter({0xC0}, 64, -1.0, 2));
+        ASSERT_TRUE(sendAll(c.peer.get(), Bytes(64, 'b')));
+        ASSERT_TRUE(sendAll(c.peer.get(), Bytes{0xC0}));
+        const auto d = c.client.recorder->waitForDisconnect(c.client.socket.get());
+        ASSERT_TRUE(d);
+        ASSERT_TRUE(d->error);
+        EXPECT_EQ(d->error->code(), TcpSocketError::readMaxedOut) << describe(d->error);
+        EXPECT_EQ(d->error->description(), "Read operation reached set maximum length");
+        EXPECT_EQ(c.client.recorder->read([&] { return c.client.recorder->reads.size(); }), 1u);
+        EXPECT_TRUE(seesEndOfStream(c.peer.get()));
+    }
+    {
+        SCOPED_TRACE("read time-out");
         ClientAndBarePeer c("::1");
         ASSERT_TRUE(c.connected) << c.connectError;
         ASSERT_TRUE(c.client.socket->readExactly(10, 0.2, 1));
         ASSERT_TRUE(sendAll(c.peer.get(), bytes("12345")));  // not enough
         const auto d = c.client.recorder->waitForDisconnect(c.client.socket.get());
         ASSERT_TRUE(d);
-        EXPECT_EQ(describe(d->error),
-                  describe(TcpSocketError::readTimeoutError()));
+        EXPECT_EQ(describe(d->error), describe(TcpSocketError::readTimeoutError()));
         EXPECT_EQ(c.client.recorder->read([&] { return c.client.recorder->partialReadBytes; }), 5u);
     }
     {
+        SCOPED_TRACE("write time-out and queue bound");
         // The peer reads nothing: the system's buffers fill and the write waits until its
         // time-out. Only one write of any size goes into an empty queue; the next one that
         // would pass the bound is refused at once.
@@ -427,10 +424,7 @@ TEST(TcpSocketAccept, CapsOpenConnectionsAndKeepsServing) {
     EXPECT_EQ(server.socket->acceptedConnectionCount(), kCap);
 
     // Dropping the accepted sockets closes them and frees their places.
-    server.recorder->read([&] {
-        server.recorder->accepted.clear();
-        return 0;
-    });
+    server.recorder->read([&] { server.recorder->accepted.clear(); });
     clients.clear();
     EXPECT_TRUE(eventually([&] { return server.socket->acceptedConnectionCount() == 0; }));
     Fd late = rawConnect("127.0.0.1", port);
@@ -440,10 +434,7 @@ TEST(TcpSocketAccept, CapsOpenConnectionsAndKeepsServing) {
     EXPECT_TRUE(server.socket->isAccepting());
 
     // Every descriptor of the connections, their readiness sources and the listener is closed.
-    server.recorder->read([&] {
-        server.recorder->accepted.clear();
-        return 0;
-    });
+    server.recorder->read([&] { server.recorder->accepted.clear(); });
     late = Fd();
     server.socket->disconnect();
     EXPECT_TRUE(eventually([&] { return openDescriptors() == descriptorsBefore; }))

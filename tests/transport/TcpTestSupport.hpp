@@ -1,7 +1,8 @@
 #pragma once
 
-// What the TcpSocket tests share: a delegate that records every report, a bare BSD socket peer,
-// and the description of an error for failure messages.
+// What the socket and stream tests share: recording of reports, a TcpSocket delegate that
+// records every report, a bare BSD socket peer, and the description of an error for failure
+// messages.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -39,18 +40,59 @@ inline std::string text(const Bytes& data) {
 }
 
 inline std::string describe(const std::optional<TcpSocketError>& error) {
-    if (!error) {
-        return "no error";
-    }
+    if (!error) return "no error";
     return error->domain() + " " + std::to_string(error->code()) + ": " + error->description() +
            (error->failureReason() ? " (" + *error->failureReason() + ")" : "");
 }
 
-// Records every report under a lock, with the socket it came from; tests wait on it with a
-// bound. onWillAccept and onAccept, when set, run on the delegate queue for each accepted
-// socket, as a server's delegate would choose its delegate and start its reads there.
-class Recorder : public TcpSocketDelegate {
+// Reports recorded under a lock, each noting whether it came on the delegate queue; tests wait
+// on them with a bound.
+class Recording {
   public:
+    explicit Recording(std::shared_ptr<DispatchQueue> queue, std::chrono::milliseconds bound = 10s)
+        : queue_(std::move(queue)), bound_(bound) {}
+
+    // Waits until done() holds (checked under the lock); false after the bound.
+    template <class Done>
+    bool waitFor(Done done, std::optional<std::chrono::milliseconds> bound = std::nullopt) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, bound.value_or(bound_), [&] { return done(); });
+    }
+
+    template <class Look>
+    auto read(Look look) {
+        std::lock_guard lock(mutex_);
+        return look();
+    }
+
+    bool allOnDelegateQueue = true;
+
+  protected:
+    template <class F>
+    void record(F f) {
+        std::lock_guard lock(mutex_);
+        allOnDelegateQueue = allOnDelegateQueue && queue_->isCurrent();
+        f();
+        changed_.notify_all();
+    }
+
+  private:
+    std::shared_ptr<DispatchQueue> queue_;
+    std::chrono::milliseconds bound_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+};
+
+// Every TcpSocket report, with the socket it came from. onWillAccept and onAccept, when set,
+// run on the delegate queue for each accepted socket, as a server's delegate would choose its
+// delegate and start its reads there.
+class Recorder : public TcpSocketDelegate, public Recording {
+  public:
+    struct Connected {
+        TcpSocket* socket;
+        std::string host;
+        std::uint16_t port;
+    };
     struct Read {
         TcpSocket* socket;
         std::int64_t tag;
@@ -61,20 +103,16 @@ class Recorder : public TcpSocketDelegate {
         std::optional<TcpSocketError> error;
     };
 
-    explicit Recorder(std::shared_ptr<DispatchQueue> queue) : queue_(std::move(queue)) {}
+    using Recording::Recording;
 
     void socketDidConnect(TcpSocket& sock, const std::string& host, std::uint16_t port) override {
         record([&] { connected.push_back({&sock, host, port}); });
     }
     void socketWillAccept(TcpSocket&, const SocketAddress&, AcceptedConnection& setup) override {
-        if (onWillAccept) {
-            onWillAccept(setup);
-        }
+        if (onWillAccept) onWillAccept(setup);
     }
     void socketDidAccept(TcpSocket&, std::shared_ptr<TcpSocket> newSocket) override {
-        if (onAccept) {
-            onAccept(newSocket);
-        }
+        if (onAccept) onAccept(newSocket);
         record([&] { accepted.push_back(std::move(newSocket)); });
     }
     void socketDidReadData(TcpSocket& sock, Bytes data, std::int64_t tag) override {
@@ -96,50 +134,25 @@ class Recorder : public TcpSocketDelegate {
         record([&] { disconnects.push_back({&sock, error}); });
     }
 
-    // Waits until done() holds (checked under the lock); false after the bound.
-    template <class Done>
-    bool waitFor(Done done, std::chrono::milliseconds bound = 10s) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, bound, [&] { return done(); });
-    }
-
-    template <class Read>
-    auto read(Read read) {
-        std::lock_guard lock(mutex_);
-        return read();
-    }
-
     // The first disconnect of sock, once it has come.
-    std::optional<Disconnect> waitForDisconnect(TcpSocket* sock, std::chrono::milliseconds bound = 10s) {
+    std::optional<Disconnect> waitForDisconnect(TcpSocket* sock) {
         std::optional<Disconnect> found;
-        waitFor(
-            [&] {
-                for (const auto& d : disconnects) {
-                    if (d.socket == sock) {
-                        found = d;
-                    }
-                }
-                return found.has_value();
-            },
-            bound);
+        waitFor([&] {
+            for (const auto& d : disconnects) {
+                if (d.socket == sock) found = d;
+            }
+            return found.has_value();
+        });
         return found;
     }
 
     std::size_t disconnectsOf(TcpSocket* sock) {
         return read([&] {
             std::size_t count = 0;
-            for (const auto& d : disconnects) {
-                count += d.socket == sock;
-            }
+            for (const auto& d : disconnects) count += d.socket == sock;
             return count;
         });
     }
-
-    struct Connected {
-        TcpSocket* socket;
-        std::string host;
-        std::uint16_t port;
-    };
 
     std::function<void(AcceptedConnection&)> onWillAccept;
     std::function<void(const std::shared_ptr<TcpSocket>&)> onAccept;
@@ -151,20 +164,6 @@ class Recorder : public TcpSocketDelegate {
     std::size_t partialWriteBytes = 0;
     std::vector<TcpSocket*> secured;
     std::vector<Disconnect> disconnects;
-    bool allOnDelegateQueue = true;
-
-  private:
-    template <class F>
-    void record(F f) {
-        std::lock_guard lock(mutex_);
-        allOnDelegateQueue = allOnDelegateQueue && queue_->isCurrent();
-        f();
-        changed_.notify_all();
-    }
-
-    std::shared_ptr<DispatchQueue> queue_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
 };
 
 // A socket with a recording delegate on a serial delegate queue of its own.
@@ -190,9 +189,7 @@ class Fd {
         return *this;
     }
     ~Fd() {
-        if (fd_ != -1) {
-            ::close(fd_);
-        }
+        if (fd_ != -1) ::close(fd_);
     }
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ != -1; }
@@ -202,12 +199,8 @@ class Fd {
 };
 
 // The bare peer: plain blocking BSD sockets on a numeric loopback host.
-inline SocketAddress loopbackAddress(const std::string& host, std::uint16_t port) {
-    return SocketAddress::fromNumericHost(host, port);
-}
-
 inline Fd rawListen(const std::string& host, std::uint16_t* port, int backlog = 16) {
-    const SocketAddress address = loopbackAddress(host, 0);
+    const SocketAddress address = SocketAddress::fromNumericHost(host, 0);
     Fd fd(::socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
     ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -229,14 +222,12 @@ inline bool waitReadable(int fd, std::chrono::milliseconds bound) {
 }
 
 inline Fd rawAccept(int listener, std::chrono::milliseconds bound = 10s) {
-    if (!waitReadable(listener, bound)) {
-        return {};
-    }
+    if (!waitReadable(listener, bound)) return {};
     return Fd(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
 }
 
 inline Fd rawConnect(const std::string& host, std::uint16_t port) {
-    const SocketAddress address = loopbackAddress(host, port);
+    const SocketAddress address = SocketAddress::fromNumericHost(host, port);
     Fd fd(::socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(address.data()),
                   static_cast<socklen_t>(address.size())) != 0) {
@@ -249,9 +240,7 @@ inline bool sendAll(int fd, const Bytes& data) {
     std::size_t sent = 0;
     while (sent < data.size()) {
         const ssize_t n = ::send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0) {
-            return false;
-        }
+        if (n <= 0) return false;
         sent += static_cast<std::size_t>(n);
     }
     return true;
@@ -264,13 +253,11 @@ inline Bytes recvUpTo(int fd, std::size_t length, std::chrono::milliseconds boun
     std::uint8_t buffer[65536];
     while (received.size() < length) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0 || !waitReadable(fd, left)) {
-            break;
-        }
-        const ssize_t n = ::recv(fd, buffer, std::min(sizeof buffer, length - received.size()), 0);
-        if (n <= 0) {
-            break;
-        }
+        const ssize_t n =
+            left.count() > 0 && waitReadable(fd, left)
+                ? ::recv(fd, buffer, std::min(sizeof buffer, length - received.size()), 0)
+                : 0;
+        if (n <= 0) break;
         received.insert(received.end(), buffer, buffer + n);
     }
     return received;
@@ -278,9 +265,7 @@ inline Bytes recvUpTo(int fd, std::size_t length, std::chrono::milliseconds boun
 
 // True when the peer has closed: the stream ends (or is reset) within the bound.
 inline bool seesEndOfStream(int fd, std::chrono::milliseconds bound = 10s) {
-    if (!waitReadable(fd, bound)) {
-        return false;
-    }
+    if (!waitReadable(fd, bound)) return false;
     std::uint8_t byte;
     return ::recv(fd, &byte, 1, MSG_DONTWAIT) <= 0;
 }
