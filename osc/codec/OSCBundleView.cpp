@@ -45,18 +45,7 @@ OSCBundle OSCBundleView::bundle() const {
     return OSCBundle::decode(bytes_);
 }
 
-// Defined here, beside their only user, so that reading an element inlines them.
-OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, Checked) : bytes_(bytes) {
-    const auto* const end = bytes.data() + bytes.size();
-    const auto* address = bytes.data();
-    const auto addressLength = scanZeroByte(address, end - address).zero;
-    address_ = {reinterpret_cast<const char*>(address), static_cast<std::size_t>(addressLength)};
-    const auto* tags = address + stringChunk::size(addressLength);
-    const auto tagsLength = scanZeroByte(tags, end - tags).zero;
-    tags_ = {reinterpret_cast<const char*>(tags), static_cast<std::size_t>(tagsLength)};
-    arguments_ = tags + stringChunk::size(tagsLength);
-}
-
+// Defined here, beside its only user, so that reading an element inlines it.
 OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, std::size_t addressLength,
                                std::size_t tagsLength, Checked)
     : bytes_(bytes) {
@@ -69,17 +58,22 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, std::size_t 
 
 OSCPacketView OSCBundleView::Iterator::operator*() const {
     const std::span<const std::uint8_t> element(at_ + 4, bigEndian::load32(at_));
-    if (heads_ != nullptr && index_ < knownHeads && heads_[index_].addressLength != 0) {
-        return OSCPacketView(OSCPacketView::Key(), std::in_place_type<OSCMessageView>, element,
-                             heads_[index_].addressLength, heads_[index_].tagsLength,
-                             OSCMessageView::Checked());
-    }
-    if (rawBytes::startsWithBundleHeader(element)) {
-        return OSCPacketView(OSCPacketView::Key(), std::in_place_type<OSCBundleView>, element,
-                             Checked());
+    MessageHead head;
+    if (heads_ != nullptr && index_ < knownHeads) head = heads_[index_];
+    if (head.addressLength == 0) {
+        if (rawBytes::startsWithBundleHeader(element)) {
+            return OSCPacketView(OSCPacketView::Key(), std::in_place_type<OSCBundleView>, element,
+                                 Checked());
+        }
+        // Checked already: each string ends at its first zero byte.
+        const auto* const end = element.data() + element.size();
+        head.addressLength =
+            static_cast<std::uint32_t>(scanZeroByte(element.data(), end - element.data()).zero);
+        const auto* tags = element.data() + stringChunk::size(head.addressLength);
+        head.tagsLength = static_cast<std::uint32_t>(scanZeroByte(tags, end - tags).zero);
     }
     return OSCPacketView(OSCPacketView::Key(), std::in_place_type<OSCMessageView>, element,
-                         OSCMessageView::Checked());
+                         head.addressLength, head.tagsLength, OSCMessageView::Checked());
 }
 
 OSCBundleView::Iterator& OSCBundleView::Iterator::operator++() {

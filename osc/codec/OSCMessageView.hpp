@@ -43,14 +43,13 @@ class OSCMessageView {
     // The owned message, equal to OSCMessage::decode(bytes()).
     OSCMessage message() const;
 
-    // For bytes already checked as part of a bundle: only finds the parts. Only OSCBundleView
-    // can make the key; the constructor is public so that a view can be made in place.
+    // For bytes already checked as part of a bundle, whose address and tag strings have these
+    // lengths. Only OSCBundleView can make the key; the constructor is public so that a view can
+    // be made in place.
     class Checked {
         friend class OSCBundleView;
         explicit Checked() = default;
     };
-    OSCMessageView(std::span<const std::uint8_t> bytes, Checked);
-    // The same, with the lengths of the address and tag strings already known.
     OSCMessageView(std::span<const std::uint8_t> bytes, std::size_t addressLength,
                    std::size_t tagsLength, Checked);
 
