@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QTemporaryDir>
+#include <optional>
 
+#include "PrivateEnvironment.hpp"
 #include "app/FatalError.hpp"
 
 int main(int argc, char* argv[]) {
@@ -14,5 +17,12 @@ int main(int argc, char* argv[]) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
     }
     QApplication app(argc, argv);
+    // A death test's child dies before its fixture removes its temporary folder, so every
+    // process of the run makes its folders in one that the first of them removes at the end.
+    std::optional<QTemporaryDir> scratch;
+    if (qEnvironmentVariableIsEmpty(kavrin::test::scratchVariable)) {
+        scratch.emplace();
+        qputenv(kavrin::test::scratchVariable, scratch->path().toUtf8());
+    }
     return RUN_ALL_TESTS();
 }
