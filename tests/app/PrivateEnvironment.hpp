@@ -1,14 +1,10 @@
 #pragma once
 
-#include <QDir>
 #include <QSettings>
 #include <QString>
 #include <QTemporaryDir>
 
 namespace kavrin::test {
-
-// The folder under which the test run makes its temporary folders; set by the test main.
-inline constexpr char scratchVariable[] = "KAVRIN_TEST_SCRATCH";
 
 // Points the user's configuration and data at a fresh temporary directory, so that the
 // settings file and the store of one test never meet those of another, or the user's.
@@ -28,8 +24,7 @@ class PrivateEnvironment {
     QString storeFile() const { return dataHome() + QStringLiteral("/Kavrin/Kavrin_Store.sqlite"); }
 
   private:
-    QTemporaryDir directory_{qEnvironmentVariable(scratchVariable, QDir::tempPath()) +
-                             QStringLiteral("/environment-XXXXXX")};
+    QTemporaryDir directory_;
 };
 
 }  // namespace kavrin::test

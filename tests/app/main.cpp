@@ -3,9 +3,7 @@
 
 #include <QApplication>
 #include <QTemporaryDir>
-#include <optional>
 
-#include "PrivateEnvironment.hpp"
 #include "app/FatalError.hpp"
 
 int main(int argc, char* argv[]) {
@@ -17,12 +15,10 @@ int main(int argc, char* argv[]) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
     }
     QApplication app(argc, argv);
-    // A death test's child dies before its fixture removes its temporary folder, so every
-    // process of the run makes its folders in one that the first of them removes at the end.
-    std::optional<QTemporaryDir> scratch;
-    if (qEnvironmentVariableIsEmpty(kavrin::test::scratchVariable)) {
-        scratch.emplace();
-        qputenv(kavrin::test::scratchVariable, scratch->path().toUtf8());
-    }
+    // A death test's child dies before its fixture removes its temporary folder: every
+    // temporary file of the run goes into one folder, removed when the run ends. A child makes
+    // its own inside its parent's.
+    const QTemporaryDir scratch;
+    qputenv("TMPDIR", scratch.path().toUtf8());
     return RUN_ALL_TESTS();
 }
