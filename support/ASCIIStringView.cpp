@@ -1,9 +1,8 @@
 #include "support/ASCIIStringView.hpp"
 
-#include <algorithm>
 #include <cstdint>
 
-#include <unicode/utf8.h>
+#include "support/UTF8.hpp"
 
 namespace kavrin {
 
@@ -16,13 +15,11 @@ void ASCIIStringView::throwFirstOffender(std::string_view text, bool printableOn
             }
             continue;
         }
-        // A UTF-8 sequence is at most four bytes.
-        const auto length = static_cast<std::int32_t>(std::min<std::size_t>(text.size() - at, 4));
-        std::int32_t next = 0;
-        UChar32 scalar;
-        U8_NEXT(bytes + at, next, length, scalar);
-        if (scalar < 0) throw ASCIIError(ASCIIError::Reason::invalidUTF8, bytes[at], at);
-        throw ASCIIError(ASCIIError::Reason::nonASCII, static_cast<char32_t>(scalar), at);
+        char32_t scalar = 0;
+        if (leadingUTF8Scalar(text.substr(at), scalar) == 0) {
+            throw ASCIIError(ASCIIError::Reason::invalidUTF8, bytes[at], at);
+        }
+        throw ASCIIError(ASCIIError::Reason::nonASCII, scalar, at);
     }
     // Unreachable while the word scans and this loop agree; a disagreement is a bug to see.
     throw std::logic_error("ASCII check found no offending byte");

@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "support/HashCombine.hpp"
+#include "support/UTF8.hpp"
 
 namespace kavrin {
 
@@ -80,41 +81,6 @@ bool appendEscapeFor(std::string& text, char32_t scalar) {
     return false;
 }
 
-// The length of the well-formed UTF-8 sequence at the start of `text` and its scalar; 0 when
-// the first byte starts none.
-std::size_t decodeUTF8(std::string_view text, char32_t& scalar) {
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char lead = byte(0);
-    std::size_t length;
-    std::uint32_t value;
-    if (lead < 0x80) {
-        scalar = lead;
-        return 1;
-    } else if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-        value = lead & 0x1F;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        value = lead & 0x0F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        value = lead & 0x07;
-    } else {
-        return 0;
-    }
-    if (text.size() < length) return 0;
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xC0) != 0x80) return 0;
-        value = value << 6 | (byte(i) & 0x3F);
-    }
-    const std::uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (value < smallest[length] || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) {
-        return 0;
-    }
-    scalar = static_cast<char32_t>(value);
-    return length;
-}
-
 // Text as a description shows it: printable characters as they are, controls, separators and
 // bytes that are no UTF-8 escaped, and the backslash doubled so that the escapes stay readable
 // as such. One value stays on one line.
@@ -126,7 +92,7 @@ std::string escaped(std::string_view text) {
     result.reserve(text.size() + 8);
     while (!text.empty()) {
         char32_t scalar = 0;
-        const std::size_t length = decodeUTF8(text, scalar);
+        const std::size_t length = leadingUTF8Scalar(text, scalar);
         if (length == 0) {
             appendEscape(result, "\\x%02X", static_cast<unsigned char>(text[0]));
             text.remove_prefix(1);

@@ -8,6 +8,7 @@
 
 #include "support/ASCIIString.hpp"
 #include "support/LossyASCII.hpp"
+#include "support/UTF8.hpp"
 
 namespace kavrin {
 namespace {
@@ -129,6 +130,45 @@ TEST(LossyASCII, TransliteratesThenDropsEverythingOutsidePrintableASCII) {
         EXPECT_EQ(lossyASCII(c.text), c.ascii) << c.text;
         EXPECT_EQ(ASCIIString::lossy(c.text).str(), c.ascii) << c.text;
     }
+}
+
+// Well-formed UTF-8 is RFC 3629's: overlong forms, surrogates, scalars above U+10FFFF and
+// broken sequences are refused wherever they stand.
+TEST(UTF8, AcceptsWellFormedTextOnly) {
+    const struct {
+        std::string text;
+        std::size_t leading;  // the first sequence's length, 0 for none
+        char32_t scalar;
+        bool valid;
+    } cases[] = {
+        {"w\xC3\xB6rld", 1, U'w', true},
+        {"\xC3\xB6", 2, 0xF6, true},
+        {"\xE2\x82\xAC!", 3, 0x20AC, true},
+        {"\xF0\x9F\x91\x8D", 4, 0x1F44D, true},
+        {"\xF4\x8F\xBF\xBF", 4, 0x10FFFF, true},  // the last scalar
+        {"\xED\x9F\xBF", 3, 0xD7FF, true},          // just below the surrogates
+        {std::string("a\0b", 3), 1, U'a', true},
+        {"", 0, 0, true},
+        {"\xC0\xAF", 0, 0, false},               // overlong "/"
+        {"\xE0\x80\xAF", 0, 0, false},          // overlong "/" again
+        {"\xF0\x80\x80\xAF", 0, 0, false},     // and again
+        {"\xED\xA0\x80", 0, 0, false},          // U+D800, a surrogate
+        {"\xF4\x90\x80\x80", 0, 0, false},     // U+110000
+        {"\xF5\x80\x80\x80", 0, 0, false},
+        {"\x80", 0, 0, false},                  // a continuation byte alone
+        {"\xC3", 0, 0, false},                  // cut short
+        {"\xE2\x82", 0, 0, false},
+        {"ok\xC3(", 1, U'o', false},             // broken further on
+        {"\xFF", 0, 0, false},
+    };
+    for (const auto& c : cases) {
+        char32_t scalar = 0;
+        EXPECT_EQ(leadingUTF8Scalar(c.text, scalar), c.leading) << c.text;
+        EXPECT_EQ(scalar, c.scalar) << c.text;
+        EXPECT_EQ(isValidUTF8(c.text), c.valid) << c.text;
+    }
+    // Past the word that the ASCII scan skips.
+    EXPECT_FALSE(isValidUTF8("abcdefghijklmnop\xED\xA0\x80"));
 }
 
 TEST(LossyASCII, SharesItsTransliteratorSafelyBetweenThreads) {
