@@ -1,5 +1,6 @@
-// Decodes arbitrary bytes with the owning decoders and with the views: both must refuse them with
-// the same error, find them neither message nor bundle, or read the same values from them.
+// Decodes arbitrary bytes with the owning decoders and with the views, under each text policy:
+// both must refuse them with the same error, find them neither message nor bundle, or read the
+// same values from them.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

@@ -9,6 +9,7 @@
 #include "osc/codec/OSCPacketWriter.hpp"
 #include "osc/codec/OSCPacketView.hpp"
 #include "osc/codec/OSCSerialization.hpp"
+#include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/codec/OSCTypeTag.hpp"
 #include "osc/codec/OSCValue.hpp"

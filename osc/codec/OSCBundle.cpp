@@ -39,37 +39,37 @@ OSCBundle& OSCBundle::operator=(const OSCBundle&) = default;
 OSCBundle& OSCBundle::operator=(OSCBundle&&) noexcept = default;
 OSCBundle::~OSCBundle() = default;
 
-std::vector<std::uint8_t> OSCBundle::rawData() const {
-    std::vector<std::uint8_t> bytes(encodedSize(1));
-    encodeInto(bytes.data(), 1);
+std::vector<std::uint8_t> OSCBundle::rawData(OSCTextPolicy policy) const {
+    std::vector<std::uint8_t> bytes(encodedSize(1, policy));
+    encodeInto(bytes.data(), 1, policy);
     return bytes;
 }
 
-std::size_t OSCBundle::encodedSize() const {
-    return encodedSize(1);
+std::size_t OSCBundle::encodedSize(OSCTextPolicy policy) const {
+    return encodedSize(1, policy);
 }
 
-std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out) const {
-    return encodeInto(out, 1);
+std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out, OSCTextPolicy policy) const {
+    return encodeInto(out, 1, policy);
 }
 
-std::size_t OSCBundle::encodedSize(int depth) const {
+std::size_t OSCBundle::encodedSize(int depth, OSCTextPolicy policy) const {
     if (depth > maximumDepth)
         throw OSCEncodeError(OSCEncodeError::Case::general, wireFormat::bundleTooDeep());
     std::size_t size = 16;
     for (const auto& element : elements) {
         size += 4;
         if (const auto* message = std::get_if<OSCMessage>(&element.base())) {
-            size += message->encodedSize();
+            size += message->encodedSize(policy);
         } else {
-            size += std::get<OSCBundle>(element.base()).encodedSize(depth + 1);
+            size += std::get<OSCBundle>(element.base()).encodedSize(depth + 1, policy);
         }
     }
     return size;
 }
 
 // Each element's size word is filled in once the element is written.
-std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out, int depth) const {
+std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out, int depth, OSCTextPolicy policy) const {
     std::memcpy(out, rawBytes::bundleHeader, 8);
     bigEndian::store64(out + 8, timeTag.rawValue);
     out += 16;
@@ -77,9 +77,9 @@ std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out, int depth) const {
         std::uint8_t* start = out + 4;
         std::uint8_t* end = nullptr;
         if (const auto* message = std::get_if<OSCMessage>(&element.base())) {
-            end = message->writeMeasured(start);
+            end = message->writeMeasured(start, policy);
         } else {
-            end = std::get<OSCBundle>(element.base()).encodeInto(start, depth + 1);
+            end = std::get<OSCBundle>(element.base()).encodeInto(start, depth + 1, policy);
         }
         bigEndian::store32(out, static_cast<std::uint32_t>(end - start));
         out = end;
@@ -87,21 +87,22 @@ std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out, int depth) const {
     return out;
 }
 
-OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes) {
+OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes, OSCTextPolicy policy) {
     auto copy = rawBytes::shareCopy(bytes);
     const std::span<const std::uint8_t> kept(copy.get(), bytes.size());
-    return decode(kept, std::move(copy), 1);
+    return decode(kept, std::move(copy), 1, policy);
 }
 
 OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes,
-                            std::shared_ptr<const std::uint8_t[]> owner, int depth) {
+                            std::shared_ptr<const std::uint8_t[]> owner, int depth,
+                            OSCTextPolicy policy) {
     OSCBundle bundle;
     if (bytes.size() >= 16) bundle.elements.reserve(elementCount(bytes));
     bundle.timeTag = wireFormat::readBundle(bytes, depth, [&](auto element, bool isBundle) {
         if (isBundle) {
-            bundle.elements.emplace_back(decode(element, owner, depth + 1));
+            bundle.elements.emplace_back(decode(element, owner, depth + 1, policy));
         } else {
-            bundle.elements.emplace_back(OSCMessage::decode(element, owner));
+            bundle.elements.emplace_back(OSCMessage::decode(element, owner, policy));
         }
     });
     bundle.decodedFrom_ = rawBytes::DecodedBytes(std::move(owner), bytes);

@@ -40,10 +40,13 @@ struct OSCBundle {
     OSCBundle& operator=(OSCBundle&&) noexcept;
     ~OSCBundle();
 
-    // Throws OSCEncodeError (a value without an encoder, nesting beyond the limits).
-    std::vector<std::uint8_t> rawData() const;
-    // Throws OSCDecodeError with one of the fixed texts; never reads outside `bytes`.
-    static OSCBundle decode(std::span<const std::uint8_t> bytes);
+    // Throws OSCEncodeError (a value without an encoder, nesting beyond the limits). Strings as
+    // `policy` has them (OSCTextPolicy).
+    std::vector<std::uint8_t> rawData(OSCTextPolicy policy = OSCTextPolicy::ascii) const;
+    // Throws OSCDecodeError with one of the fixed texts; never reads outside `bytes`. The
+    // string arguments may hold what `policy` allows.
+    static OSCBundle decode(std::span<const std::uint8_t> bytes,
+                            OSCTextPolicy policy = OSCTextPolicy::ascii);
     std::optional<std::span<const std::uint8_t>> decodedFrom() const;
 
     // "OSCBundle(timeTag: ...)", followed by " with elements:" and one element per line when
@@ -51,17 +54,18 @@ struct OSCBundle {
     std::string description() const;
 
     // For framing code, as for OSCMessage.
-    std::size_t encodedSize() const;
-    std::uint8_t* encodeInto(std::uint8_t* out) const;
+    std::size_t encodedSize(OSCTextPolicy policy = OSCTextPolicy::ascii) const;
+    std::uint8_t* encodeInto(std::uint8_t* out, OSCTextPolicy policy = OSCTextPolicy::ascii) const;
 
     friend bool operator==(const OSCBundle& lhs, const OSCBundle& rhs);
 
   private:
     friend struct OSCPacket;
     static OSCBundle decode(std::span<const std::uint8_t> bytes,
-                            std::shared_ptr<const std::uint8_t[]> owner, int depth);
-    std::size_t encodedSize(int depth) const;
-    std::uint8_t* encodeInto(std::uint8_t* out, int depth) const;
+                            std::shared_ptr<const std::uint8_t[]> owner, int depth,
+                            OSCTextPolicy policy);
+    std::size_t encodedSize(int depth, OSCTextPolicy policy) const;
+    std::uint8_t* encodeInto(std::uint8_t* out, int depth, OSCTextPolicy policy) const;
 
     rawBytes::DecodedBytes decodedFrom_;
 };

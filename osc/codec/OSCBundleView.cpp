@@ -8,14 +8,16 @@
 
 namespace kavrin {
 
-OSCBundleView::OSCBundleView(std::span<const std::uint8_t> bytes) : OSCBundleView(bytes, 1) {}
+OSCBundleView::OSCBundleView(std::span<const std::uint8_t> bytes, OSCTextPolicy policy)
+    : OSCBundleView(bytes, 1, policy) {}
 
-OSCBundleView::OSCBundleView(std::span<const std::uint8_t> bytes, int depth) : bytes_(bytes) {
+OSCBundleView::OSCBundleView(std::span<const std::uint8_t> bytes, int depth, OSCTextPolicy policy)
+    : bytes_(bytes) {
     wireFormat::readBundle(bytes, depth, [&](std::span<const std::uint8_t> element, bool isBundle) {
         if (isBundle) {
-            OSCBundleView(element, depth + 1);
+            OSCBundleView(element, depth + 1, policy);
         } else {
-            const OSCMessageView message{element};
+            const OSCMessageView message(element, policy);
             if (count_ < knownHeads) {
                 heads_[count_] = {static_cast<std::uint32_t>(message.address().size()),
                                   static_cast<std::uint32_t>(message.typeTags().size())};
@@ -41,8 +43,9 @@ OSCBundleView::Iterator OSCBundleView::end() const {
     return Iterator(bytes_.data() + bytes_.size(), nullptr);
 }
 
+// As OSCMessageView::message: the bytes are checked, and utf8 takes all that ascii takes.
 OSCBundle OSCBundleView::bundle() const {
-    return OSCBundle::decode(bytes_);
+    return OSCBundle::decode(bytes_, OSCTextPolicy::utf8);
 }
 
 // Defined here, beside its only user, so that reading an element inlines it.

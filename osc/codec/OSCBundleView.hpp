@@ -7,6 +7,7 @@
 #include <span>
 
 #include "osc/codec/OSCBundle.hpp"
+#include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 
 namespace kavrin {
@@ -22,8 +23,9 @@ class OSCBundleView {
   public:
     class Iterator;
 
-    // Throws OSCDecodeError as OSCBundle::decode would for the same bytes.
-    explicit OSCBundleView(std::span<const std::uint8_t> bytes);
+    // Throws OSCDecodeError as OSCBundle::decode would for the same bytes and policy.
+    explicit OSCBundleView(std::span<const std::uint8_t> bytes,
+                           OSCTextPolicy policy = OSCTextPolicy::ascii);
 
     OSCTimeTag timeTag() const;
     std::size_t elementCount() const { return count_; }
@@ -31,7 +33,7 @@ class OSCBundleView {
     Iterator end() const;
 
     std::span<const std::uint8_t> bytes() const { return bytes_; }
-    // The owned bundle, equal to OSCBundle::decode(bytes()).
+    // The owned bundle, equal to OSCBundle::decode(bytes()) under the view's policy.
     OSCBundle bundle() const;
 
     // For bytes already checked as part of an enclosing bundle; the key is this class's own,
@@ -44,7 +46,7 @@ class OSCBundleView {
 
   private:
     friend class OSCPacketView;
-    OSCBundleView(std::span<const std::uint8_t> bytes, int depth);
+    OSCBundleView(std::span<const std::uint8_t> bytes, int depth, OSCTextPolicy policy);
 
     // What the check found of the first messages, so that reading a small bundle does not look
     // for their strings again. Five fill the room the variant of OSCPacketView has beside a

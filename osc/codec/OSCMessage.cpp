@@ -33,58 +33,59 @@ std::size_t tagCount(const std::vector<OSCValue>& values) {
 OSCMessage::OSCMessage(OSCAddressPattern pattern, std::vector<OSCValue> values)
     : addressPattern(std::move(pattern)), values(std::move(values)) {}
 
-std::size_t OSCMessage::encodedSize() const {
-    return layout().total();
+std::size_t OSCMessage::encodedSize(OSCTextPolicy policy) const {
+    return layout(policy).total();
 }
 
-std::uint8_t* OSCMessage::encodeInto(std::uint8_t* out) const {
-    return write(layout(), out);
+std::uint8_t* OSCMessage::encodeInto(std::uint8_t* out, OSCTextPolicy policy) const {
+    return write(layout(policy), out, policy);
 }
 
-std::vector<std::uint8_t> OSCMessage::rawData() const {
-    const auto sizes = layout();
+std::vector<std::uint8_t> OSCMessage::rawData(OSCTextPolicy policy) const {
+    const auto sizes = layout(policy);
     std::vector<std::uint8_t> bytes(sizes.total());
-    write(sizes, bytes.data());
+    write(sizes, bytes.data(), policy);
     return bytes;
 }
 
 // The measuring pass: the sizes of the three parts.
-OSCMessage::Layout OSCMessage::layout() const {
-    OSCValueEncoder measure(OSCSerialization::shared());
+OSCMessage::Layout OSCMessage::layout(OSCTextPolicy policy) const {
+    OSCValueEncoder measure(OSCSerialization::shared(), policy);
     for (const auto& value : values) measure.serialization().measureValue(value, measure);
     return {padding::nullTerminatedSize(addressPattern.rawAddress().size()),
             padding::nullTerminatedSize(1 + measure.tagCount()), measure.argumentByteCount()};
 }
 
 // The writing pass into zero-filled bytes, each part at its place.
-std::uint8_t* OSCMessage::write(const Layout& sizes, std::uint8_t* out) const {
+std::uint8_t* OSCMessage::write(const Layout& sizes, std::uint8_t* out,
+                                OSCTextPolicy policy) const {
     const auto& address = addressPattern.rawAddress();
     std::memcpy(out, address.data(), address.size());
     std::uint8_t* tags = out + sizes.address;
     *tags = ',';
     std::uint8_t* arguments = tags + sizes.tags;
-    OSCValueEncoder writer(OSCSerialization::shared(), tags + 1, arguments);
+    OSCValueEncoder writer(OSCSerialization::shared(), tags + 1, arguments, policy);
     for (const auto& value : values) writer.serialization().encodeValue(value, writer);
     return arguments + writer.argumentByteCount();
 }
 
-std::uint8_t* OSCMessage::writeMeasured(std::uint8_t* out) const {
+std::uint8_t* OSCMessage::writeMeasured(std::uint8_t* out, OSCTextPolicy policy) const {
     return write({padding::nullTerminatedSize(addressPattern.rawAddress().size()),
                   padding::nullTerminatedSize(1 + tagCount(values)), 0},
-                 out);
+                 out, policy);
 }
 
-OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes) {
+OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes, OSCTextPolicy policy) {
     auto copy = rawBytes::shareCopy(bytes);
     const std::span<const std::uint8_t> kept(copy.get(), bytes.size());
-    return decode(kept, std::move(copy));
+    return decode(kept, std::move(copy), policy);
 }
 
 OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes,
-                              std::shared_ptr<const std::uint8_t[]> owner) {
+                              std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy) {
     // The view makes every check of the format, in its order and with its texts, and finds the
     // arguments; what is left is to copy them out.
-    const OSCMessageView view(bytes);
+    const OSCMessageView view(bytes, policy);
     OSCMessage message;
     message.addressPattern = OSCAddressPattern(view.address(), OSCAddressPattern::ASCII{});
     message.values.reserve(view.argumentCount());

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "osc/pattern/OSCAddressPattern.hpp"
+#include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCValue.hpp"
 #include "osc/codec/OSCValueMask.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
@@ -32,10 +33,13 @@ struct OSCMessage {
     OSCMessage() = default;
     OSCMessage(OSCAddressPattern pattern, std::vector<OSCValue> values = {});
 
-    // Encodes; throws OSCEncodeError only for a value kind without an encoder or a too deep array.
-    std::vector<std::uint8_t> rawData() const;
-    // Throws OSCDecodeError with one of the fixed texts; never reads outside `bytes`.
-    static OSCMessage decode(std::span<const std::uint8_t> bytes);
+    // Encodes, strings as `policy` has them (OSCTextPolicy); throws OSCEncodeError only for a
+    // value kind without an encoder or a too deep array.
+    std::vector<std::uint8_t> rawData(OSCTextPolicy policy = OSCTextPolicy::ascii) const;
+    // Throws OSCDecodeError with one of the fixed texts; never reads outside `bytes`. The
+    // string arguments may hold what `policy` allows.
+    static OSCMessage decode(std::span<const std::uint8_t> bytes,
+                             OSCTextPolicy policy = OSCTextPolicy::ascii);
     // The bytes this message was decoded from (shared with its bundle, if any); nothing for a
     // message built in code.
     std::optional<std::span<const std::uint8_t>> decodedFrom() const;
@@ -50,9 +54,10 @@ struct OSCMessage {
     }
 
     // For framing code: the size of the encoding, and the encoding written at `out` (which
-    // must hold encodedSize() zero bytes); returns the end of what was written.
-    std::size_t encodedSize() const;
-    std::uint8_t* encodeInto(std::uint8_t* out) const;
+    // must hold encodedSize() zero bytes, under the same policy); returns the end of what was
+    // written.
+    std::size_t encodedSize(OSCTextPolicy policy = OSCTextPolicy::ascii) const;
+    std::uint8_t* encodeInto(std::uint8_t* out, OSCTextPolicy policy = OSCTextPolicy::ascii) const;
 
     friend bool operator==(const OSCMessage& lhs, const OSCMessage& rhs);
 
@@ -63,15 +68,15 @@ struct OSCMessage {
         std::size_t address, tags, arguments;
         std::size_t total() const { return address + tags + arguments; }
     };
-    Layout layout() const;
-    std::uint8_t* write(const Layout& sizes, std::uint8_t* out) const;
+    Layout layout(OSCTextPolicy policy) const;
+    std::uint8_t* write(const Layout& sizes, std::uint8_t* out, OSCTextPolicy policy) const;
     // The writing pass alone, for a message whose encoding has already been measured (and so
     // is known to succeed): the tag string's size follows from the values without a pass.
-    std::uint8_t* writeMeasured(std::uint8_t* out) const;
+    std::uint8_t* writeMeasured(std::uint8_t* out, OSCTextPolicy policy) const;
 
     // Decodes `bytes`, a part of the buffer `owner`, which the message keeps.
     static OSCMessage decode(std::span<const std::uint8_t> bytes,
-                             std::shared_ptr<const std::uint8_t[]> owner);
+                             std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy);
 
     rawBytes::DecodedBytes decodedFrom_;
 };

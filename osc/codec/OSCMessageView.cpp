@@ -34,7 +34,8 @@ constexpr auto stringTags = [] {
 
 // Checks the bytes of one value with an atomic or variable tag as the owning decoder reads
 // them. Kept apart from arrays so that it inlines into the loop over the tags.
-[[gnu::always_inline]] inline void checkAtomic(char tag, PassiveDataReader& reader) {
+[[gnu::always_inline]] inline void checkAtomic(char tag, PassiveDataReader& reader,
+                                               OSCTextPolicy policy) {
     const OSCTypeTag* entry = oscTypeTag::find(tag);
     if (entry == nullptr) throw wireFormat::noConcreteType(tag);
     switch (entry->format) {
@@ -62,7 +63,7 @@ constexpr auto stringTags = [] {
             reader.readUInt64();
             break;
         case OSCArgumentFormat::string:
-            reader.readStringView();
+            reader.readStringView(policy);
             break;
         case OSCArgumentFormat::blob:
             reader.readBlobView();
@@ -74,7 +75,7 @@ constexpr auto stringTags = [] {
 
 // Checks the array whose "[" is tags[index] and moves `index` past its "]".
 void checkArray(std::string_view tags, std::size_t& index, PassiveDataReader& reader,
-                int& arrayDepth) {
+                int& arrayDepth, OSCTextPolicy policy) {
     wireFormat::enterArray(arrayDepth);
     for (++index; index < tags.size();) {
         if (tags[index] == oscArrayEnd) {
@@ -83,9 +84,9 @@ void checkArray(std::string_view tags, std::size_t& index, PassiveDataReader& re
             return;
         }
         if (tags[index] == oscArrayStart) {
-            checkArray(tags, index, reader, arrayDepth);
+            checkArray(tags, index, reader, arrayDepth, policy);
         } else {
-            checkAtomic(tags[index++], reader);
+            checkAtomic(tags[index++], reader, policy);
         }
     }
     throw wireFormat::arrayNotTerminated();
@@ -93,7 +94,8 @@ void checkArray(std::string_view tags, std::size_t& index, PassiveDataReader& re
 
 }  // namespace
 
-OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(bytes) {
+OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, OSCTextPolicy policy)
+    : bytes_(bytes) {
     const auto* const begin = bytes.data();
     const auto* const end = begin + bytes.size();
     // The header's usual case here; any fault goes through the reader, which knows the texts.
@@ -149,9 +151,9 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes) : bytes_(byt
         PassiveDataReader reader({at, end});
         auto index = static_cast<std::size_t>(tag - tagString.data());
         if (*tag == oscArrayStart) {
-            checkArray(tagString, index, reader, arrayDepth);
+            checkArray(tagString, index, reader, arrayDepth, policy);
         } else {
-            checkAtomic(tagString[index++], reader);
+            checkAtomic(tagString[index++], reader, policy);
         }
         tag = tagString.data() + index;
         at += reader.readOffset();
@@ -188,8 +190,10 @@ OSCArgumentView OSCMessageView::argument(std::size_t index) const {
     return *it;
 }
 
+// The bytes passed the view's policy when it was made, and utf8 takes everything ascii takes:
+// decoding under utf8 gives the same message whichever policy that was.
 OSCMessage OSCMessageView::message() const {
-    return OSCMessage::decode(bytes_);
+    return OSCMessage::decode(bytes_, OSCTextPolicy::utf8);
 }
 
 }  // namespace kavrin

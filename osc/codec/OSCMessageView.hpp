@@ -7,6 +7,7 @@
 
 #include "osc/codec/OSCArgumentView.hpp"
 #include "osc/codec/OSCMessage.hpp"
+#include "osc/codec/OSCTextPolicy.hpp"
 
 namespace kavrin {
 
@@ -23,8 +24,9 @@ namespace kavrin {
 // A plain value: distinct objects from any thread, a shared one for reading only.
 class OSCMessageView {
   public:
-    // Throws OSCDecodeError as OSCMessage::decode would for the same bytes.
-    explicit OSCMessageView(std::span<const std::uint8_t> bytes);
+    // Throws OSCDecodeError as OSCMessage::decode would for the same bytes and policy.
+    explicit OSCMessageView(std::span<const std::uint8_t> bytes,
+                            OSCTextPolicy policy = OSCTextPolicy::ascii);
 
     std::string_view address() const { return address_; }
     // The tag string as on the wire, commas included.
@@ -40,7 +42,7 @@ class OSCMessageView {
     OSCArgumentView argument(std::size_t index) const;
 
     std::span<const std::uint8_t> bytes() const { return bytes_; }
-    // The owned message, equal to OSCMessage::decode(bytes()).
+    // The owned message, equal to OSCMessage::decode(bytes()) under the view's policy.
     OSCMessage message() const;
 
     // For bytes already checked as part of a bundle, whose address and tag strings have these

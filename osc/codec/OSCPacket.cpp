@@ -4,30 +4,34 @@
 
 namespace kavrin {
 
-std::vector<std::uint8_t> OSCPacket::rawData() const {
-    return std::visit([](const auto& packet) { return packet.rawData(); }, base());
+std::vector<std::uint8_t> OSCPacket::rawData(OSCTextPolicy policy) const {
+    return std::visit([policy](const auto& packet) { return packet.rawData(policy); }, base());
 }
 
 std::string OSCPacket::description() const {
     return std::visit([](const auto& packet) { return packet.description(); }, base());
 }
 
-std::optional<OSCPacket> OSCPacket::decode(std::span<const std::uint8_t> bytes) {
+std::optional<OSCPacket> OSCPacket::decode(std::span<const std::uint8_t> bytes,
+                                           OSCTextPolicy policy) {
     const auto type = classifyPacket(bytes);
     if (!type) return std::nullopt;
-    if (*type == OSCObjectType::bundle) return OSCPacket(OSCBundle::decode(bytes));
-    return OSCPacket(OSCMessage::decode(bytes));
+    if (*type == OSCObjectType::bundle) return OSCPacket(OSCBundle::decode(bytes, policy));
+    return OSCPacket(OSCMessage::decode(bytes, policy));
 }
 
-std::optional<OSCPacket> OSCPacket::decode(std::vector<std::uint8_t>&& bytes) {
+std::optional<OSCPacket> OSCPacket::decode(std::vector<std::uint8_t>&& bytes,
+                                           OSCTextPolicy policy) {
     const auto type = classifyPacket(bytes);
     if (!type) return std::nullopt;
     // The vector itself becomes the shared copy the packet keeps: one allocation, no copy.
     auto holder = std::make_shared<const std::vector<std::uint8_t>>(std::move(bytes));
     const std::span<const std::uint8_t> kept(holder->data(), holder->size());
     std::shared_ptr<const std::uint8_t[]> owner(holder, holder->data());
-    if (*type == OSCObjectType::bundle) return OSCPacket(OSCBundle::decode(kept, owner, 1));
-    return OSCPacket(OSCMessage::decode(kept, std::move(owner)));
+    if (*type == OSCObjectType::bundle) {
+        return OSCPacket(OSCBundle::decode(kept, owner, 1, policy));
+    }
+    return OSCPacket(OSCMessage::decode(kept, std::move(owner), policy));
 }
 
 }  // namespace kavrin

@@ -18,14 +18,17 @@ struct OSCPacket : std::variant<OSCMessage, OSCBundle> {
     using variant::variant;
     const variant& base() const { return *this; }
 
-    std::vector<std::uint8_t> rawData() const;
+    std::vector<std::uint8_t> rawData(OSCTextPolicy policy = OSCTextPolicy::ascii) const;
     std::string description() const;
     // Nothing when the bytes are neither a bundle nor a message (the caller drops them);
-    // throws OSCDecodeError when they are one of them but malformed.
-    static std::optional<OSCPacket> decode(std::span<const std::uint8_t> bytes);
+    // throws OSCDecodeError when they are one of them but malformed. The string arguments may
+    // hold what `policy` allows.
+    static std::optional<OSCPacket> decode(std::span<const std::uint8_t> bytes,
+                                           OSCTextPolicy policy = OSCTextPolicy::ascii);
     // The same, keeping `bytes` as the packet's own copy instead of copying them again: for a
     // receiver that was handed the datagram.
-    static std::optional<OSCPacket> decode(std::vector<std::uint8_t>&& bytes);
+    static std::optional<OSCPacket> decode(std::vector<std::uint8_t>&& bytes,
+                                           OSCTextPolicy policy = OSCTextPolicy::ascii);
 };
 
 enum class OSCObjectType { message, bundle };

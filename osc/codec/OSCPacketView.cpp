@@ -7,13 +7,14 @@ namespace kavrin {
 // What a bundle view keeps of its first messages must not make every packet view larger.
 static_assert(sizeof(OSCBundleView) <= sizeof(OSCMessageView));
 
-std::optional<OSCPacketView> OSCPacketView::decode(std::span<const std::uint8_t> bytes) {
+std::optional<OSCPacketView> OSCPacketView::decode(std::span<const std::uint8_t> bytes,
+                                                   OSCTextPolicy policy) {
     std::optional<OSCPacketView> packet;
     const auto type = classifyPacket(bytes);
     if (type == OSCObjectType::bundle) {
-        packet.emplace(Key(), std::in_place_type<OSCBundleView>, bytes);
+        packet.emplace(Key(), std::in_place_type<OSCBundleView>, bytes, policy);
     } else if (type == OSCObjectType::message) {
-        packet.emplace(Key(), std::in_place_type<OSCMessageView>, bytes);
+        packet.emplace(Key(), std::in_place_type<OSCMessageView>, bytes, policy);
     }
     return packet;
 }
@@ -27,8 +28,8 @@ std::span<const std::uint8_t> OSCPacketView::bytes() const {
 }
 
 OSCPacket OSCPacketView::packet() const {
-    if (isBundle()) return OSCBundle::decode(bytes());
-    return OSCMessage::decode(bytes());
+    if (isBundle()) return bundle().bundle();
+    return message().message();
 }
 
 }  // namespace kavrin

@@ -17,8 +17,9 @@ namespace kavrin {
 class OSCPacketView {
   public:
     // Nothing when the bytes are neither a message nor a bundle; throws OSCDecodeError as
-    // OSCPacket::decode would.
-    static std::optional<OSCPacketView> decode(std::span<const std::uint8_t> bytes);
+    // OSCPacket::decode would for the same bytes and policy.
+    static std::optional<OSCPacketView> decode(std::span<const std::uint8_t> bytes,
+                                               OSCTextPolicy policy = OSCTextPolicy::ascii);
 
     bool isMessage() const { return view_.index() == 0; }
     bool isBundle() const { return view_.index() == 1; }
@@ -35,7 +36,7 @@ class OSCPacketView {
     }
 
     std::span<const std::uint8_t> bytes() const;
-    // The owned packet, equal to OSCPacket::decode(bytes()).
+    // The owned packet, equal to OSCPacket::decode(bytes()) under the view's policy.
     OSCPacket packet() const;
 
     // For std::optional::emplace, which makes the view in place, without a copy; only this

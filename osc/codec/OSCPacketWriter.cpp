@@ -25,7 +25,8 @@ constexpr const char* outOfOrder = "OSC packet written out of order.";
 
 }  // namespace
 
-OSCPacketWriter::OSCPacketWriter(std::span<std::uint8_t> buffer) : buffer_(buffer) {}
+OSCPacketWriter::OSCPacketWriter(std::span<std::uint8_t> buffer, OSCTextPolicy policy)
+    : buffer_(buffer), policy_(policy) {}
 
 void OSCPacketWriter::fail(const char* text) {
     failed_ = true;
@@ -159,14 +160,13 @@ OSCPacketWriter& OSCPacketWriter::stringAlt(std::string_view value) {
     return textValue(oscTypeTag::tagFor<OSCValueKind::stringAlt>, value);
 }
 
-// As the string encoder writes it: text with a zero or a byte that is not ASCII is made
-// printable ASCII first.
+// As the string encoder writes it.
 OSCPacketWriter& OSCPacketWriter::textValue(char tag, std::string_view value) {
     this->tag(tag);
-    if (hasZeroOrNonASCII(value)) {
-        text(lossyASCII(value));
-    } else {
+    if (wireFormat::keepsText(value, policy_)) {
         text(value);
+    } else {
+        text(lossyASCII(value));
     }
     return *this;
 }

@@ -6,6 +6,7 @@
 #include <span>
 #include <string_view>
 
+#include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/codec/OSCValue.hpp"
 
@@ -13,7 +14,7 @@ namespace kavrin {
 
 // Writes a packet straight into a buffer the caller owns, value by value, without allocating: a
 // sender's fast path when it need not keep the packet. The bytes are those OSCMessage and
-// OSCBundle encode for the same values (text that is not ASCII, or holds a zero, is made
+// OSCBundle encode for the same values and text policy (text the policy does not keep is made
 // printable ASCII as they make it, which then allocates).
 //
 //     std::array<std::uint8_t, 256> buffer;
@@ -27,7 +28,8 @@ namespace kavrin {
 // One writer belongs to one thread; the buffer must outlive it.
 class OSCPacketWriter {
   public:
-    explicit OSCPacketWriter(std::span<std::uint8_t> buffer);
+    explicit OSCPacketWriter(std::span<std::uint8_t> buffer,
+                             OSCTextPolicy policy = OSCTextPolicy::ascii);
 
     OSCPacketWriter& beginBundle(OSCTimeTag timeTag);
     OSCPacketWriter& endBundle();
@@ -65,6 +67,7 @@ class OSCPacketWriter {
     [[noreturn]] void fail(const char* text);
 
     std::span<std::uint8_t> buffer_;
+    const OSCTextPolicy policy_;
     std::size_t size_ = 0;  // bytes written, the open message's arguments included
     // The open message: where its tag string starts, and its tags, kept at the buffer's far
     // end, last first, until the message ends and they go in front of the arguments.

@@ -12,13 +12,11 @@ namespace kavrin {
 
 namespace {
 
-// Text goes on the wire as it is when it is ASCII without zero bytes; anything else is first
-// made printable ASCII (the decoder accepts nothing else, and a zero would end the string).
 void putText(const std::string& text, OSCValueEncoder& encoder) {
-    if (hasZeroOrNonASCII(text)) {
-        encoder.nullTerminated(lossyASCII(text));
-    } else {
+    if (wireFormat::keepsText(text, encoder.textPolicy())) {
         encoder.nullTerminated(text);
+    } else {
+        encoder.nullTerminated(lossyASCII(text));
     }
 }
 

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCTypeTag.hpp"
 #include "osc/codec/OSCValue.hpp"
 #include "osc/codec/OSCValueTagIdentity.hpp"
@@ -20,18 +21,26 @@ class OSCSerialization;
 
 // Where encoders put tags and argument bytes. Encoding runs twice over the same values: first
 // measuring (nothing is written, sizes are counted), then writing into a buffer sized from the
-// first pass, so the output is allocated once. One encoding pass, one thread.
+// first pass, so the output is allocated once. Both passes must have the same text policy. One
+// encoding pass, one thread.
 class OSCValueEncoder {
   public:
     // Measuring.
-    explicit OSCValueEncoder(const OSCSerialization& serialization)
-        : serialization_(serialization) {}
+    explicit OSCValueEncoder(const OSCSerialization& serialization,
+                             OSCTextPolicy policy = OSCTextPolicy::ascii)
+        : serialization_(serialization), policy_(policy) {}
     // Writing: tags and arguments go to separate, zero-filled areas of the output.
     OSCValueEncoder(const OSCSerialization& serialization, std::uint8_t* tags,
-                    std::uint8_t* arguments)
-        : serialization_(serialization), tags_(tags), arguments_(arguments), writing_(true) {}
+                    std::uint8_t* arguments, OSCTextPolicy policy = OSCTextPolicy::ascii)
+        : serialization_(serialization),
+          policy_(policy),
+          tags_(tags),
+          arguments_(arguments),
+          writing_(true) {}
 
     const OSCSerialization& serialization() const { return serialization_; }
+    // What string arguments may hold as they are; other text is made printable ASCII.
+    OSCTextPolicy textPolicy() const { return policy_; }
     std::size_t tagCount() const { return tagCount_; }
     std::size_t argumentByteCount() const { return argumentBytes_; }
 
@@ -69,6 +78,7 @@ class OSCValueEncoder {
 
   private:
     const OSCSerialization& serialization_;
+    const OSCTextPolicy policy_;
     std::uint8_t* tags_ = nullptr;
     std::uint8_t* arguments_ = nullptr;
     std::size_t tagCount_ = 0;

@@ -10,8 +10,10 @@
 #include <vector>
 
 #include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/detail/OSCStringChunk.hpp"
+#include "support/UTF8.hpp"
 
 namespace kavrin {
 
@@ -42,22 +44,24 @@ class PassiveDataReader {
     // The content of a null-terminated chunk padded with zeros to a multiple of 4 bytes (always
     // at least one zero). The view points into the reader's bytes.
     std::span<const std::uint8_t> readNullTerminatedChunk() { return readChunk().content; }
-    // The same read for content that must be ASCII: nothing, and nothing consumed, when it is
-    // not; the chunk's own faults throw as above.
-    std::optional<std::string_view> readASCIIChunk() {
+    // The same read for content that must be text: ASCII, or under the utf8 policy well-formed
+    // UTF-8 (OSCTextPolicy). Nothing, and nothing consumed, when it is not; the chunk's own
+    // faults throw as above.
+    std::optional<std::string_view> readTextChunk(OSCTextPolicy policy) {
         const auto chunk = readChunk();
-        if (!chunk.isASCII) {
-            offset_ -= chunk.size;
-            return std::nullopt;
-        }
-        return std::string_view(reinterpret_cast<const char*>(chunk.content.data()),
-                                chunk.content.size());
+        const std::string_view text(reinterpret_cast<const char*>(chunk.content.data()),
+                                    chunk.content.size());
+        if (chunk.isASCII || (policy == OSCTextPolicy::utf8 && isValidUTF8(text))) return text;
+        offset_ -= chunk.size;
+        return std::nullopt;
     }
-    // A null-terminated chunk whose content must be ASCII.
-    std::string readString() { return std::string(readStringView()); }
+    // A string argument: a text chunk as above.
+    std::string readString(OSCTextPolicy policy = OSCTextPolicy::ascii) {
+        return std::string(readStringView(policy));
+    }
     // The same read, the text a view into the reader's bytes.
-    std::string_view readStringView() {
-        if (const auto text = readASCIIChunk()) return *text;
+    std::string_view readStringView(OSCTextPolicy policy = OSCTextPolicy::ascii) {
+        if (const auto text = readTextChunk(policy)) return *text;
         fail(
             "Failed to form valid ASCII string from 4-byte aligned null-terminated ASCII string "
             "chunk. Non-ASCII characters may be present or the data is malformed.");

@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCPacketView.hpp"
 #include "tests/codec/CodecTestSupport.hpp"
 #include "tests/codec/ViewAgreement.hpp"
 
@@ -71,13 +72,57 @@ TEST(OSCMessageEncoding, KnownMessagesEncodeByteExact) {
     EXPECT_EQ(OSCMessage::decode(kinds), mixed);
 }
 
-TEST(OSCMessageEncoding, TextThatCannotGoOnTheWireIsMadeASCII) {
-    const OSCMessage message(
-        "/t", {std::string("caf\xC3\xA9"), std::string("a\0b", 3), OSCStringAltValue{"\xC3\xBC"}});
-    const auto decoded = OSCMessage::decode(message.rawData());
-    EXPECT_EQ(decoded.values[0], OSCValue(std::string("cafe")));
-    EXPECT_EQ(decoded.values[1], OSCValue(std::string("ab")));
-    EXPECT_EQ(decoded.values[2], OSCValue(OSCStringAltValue{"u"}));
+// ascii, the default, keeps strings ASCII both ways. utf8 lets well-formed UTF-8 through in s
+// and S, never in the address or the tags, and refuses the rest with the ASCII text.
+TEST(OSCMessageText, StringsHoldWhatTheTextPolicyAllows) {
+    const OSCMessage message("/t", {std::string("caf\xC3\xA9"), std::string("a\0b", 3),
+                                    OSCStringAltValue{"\xC3\xBC"}, std::string("bad\xFF"),
+                                    OSCArrayValue{{std::string("w\xC3\xB6rld")}}});
+    EXPECT_EQ(OSCMessage::decode(message.rawData()),
+              OSCMessage("/t", {std::string("cafe"), std::string("ab"), OSCStringAltValue{"u"},
+                                std::string("bad"), OSCArrayValue{{std::string("world")}}}));
+    const auto utf8 = message.rawData(OSCTextPolicy::utf8);
+    EXPECT_EQ(OSCMessage::decode(utf8, OSCTextPolicy::utf8),
+              OSCMessage("/t", {std::string("caf\xC3\xA9"), std::string("ab"),
+                                OSCStringAltValue{"\xC3\xBC"}, std::string("bad"),
+                                OSCArrayValue{{std::string("w\xC3\xB6rld")}}}));
+
+    const std::string notASCII =
+        "Failed to form valid ASCII string from 4-byte aligned null-terminated ASCII string "
+        "chunk. Non-ASCII characters may be present or the data is malformed.";
+    const char* umlaut = "w\xC3\xB6rld";
+    const std::string badAddress = "Address pattern string could not be parsed.";
+    const std::string badTags = "Couldn't extract OSC-type chunk.";
+    const struct {
+        Bytes data;
+        std::string ascii;  // the error under ascii
+        std::string utf8;   // under utf8: the string's printed form, or the error
+    } cases[] = {
+        {bytes({"/a", 0, 0, ",s", 0, 0, umlaut, 0, 0}), notASCII, umlaut},
+        {bytes({"/a", 0, 0, ",S", 0, 0, "\xF0\x9F\x91\x8D", 0, 0, 0, 0}), notASCII,
+         "\xF0\x9F\x91\x8D"},
+        {bytes({"/a", 0, 0, ",s", 0, 0, "\xC0\xAF", 0, 0}), notASCII, notASCII},    // overlong
+        {bytes({"/a", 0, 0, ",s", 0, 0, "\xED\xA0\x80", 0}), notASCII, notASCII},  // surrogate
+        {bytes({"/\xC3\xA4", 0, ",", 0, 0, 0}), badAddress, badAddress},
+        {bytes({"/a", 0, 0, ",\xC3\xA4", 0}), badTags, badTags},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(decodeFailure(c.data), c.ascii);
+        try {
+            EXPECT_EQ(printedForm(OSCMessage::decode(c.data, OSCTextPolicy::utf8).values.at(0)),
+                      c.utf8);
+        } catch (const OSCDecodeError& error) {
+            EXPECT_EQ(error.what(), c.utf8);
+        }
+        EXPECT_EQ(test::viewDisagreement(c.data), "");  // under both policies
+    }
+    // Within a bundle, through the views as through the owning decoders.
+    const OSCBundle bundle({0, 1}, {OSCMessage("/b", {std::string(umlaut)})});
+    const auto bundled = bundle.rawData(OSCTextPolicy::utf8);
+    EXPECT_THROW(OSCPacket::decode(bundled), OSCDecodeError);
+    EXPECT_EQ(OSCPacket::decode(bundled, OSCTextPolicy::utf8), OSCPacket(bundle));
+    EXPECT_EQ(OSCPacketView::decode(bundled, OSCTextPolicy::utf8)->packet(), OSCPacket(bundle));
+    EXPECT_EQ(test::viewDisagreement(bundled), "");
 }
 
 TEST(OSCMessageDecoding, EveryKindRoundTripsAndKeepsItsBytes) {

@@ -79,24 +79,27 @@ TEST(OSCPacketWriter, WritesTheBytesOfTheOwningEncoderWithoutAllocating) {
         EXPECT_TRUE(writer.isComplete());
         EXPECT_EQ(Bytes(writer.bytes().begin(), writer.bytes().end()), everyKind(blob).rawData());
     }
-    {
-        // Nested bundles, and text that must be made ASCII as the owning types make it.
-        OSCPacketWriter writer(buffer);
+    // Nested bundles, and text as the owning types write it under each text policy.
+    for (const auto policy : {OSCTextPolicy::ascii, OSCTextPolicy::utf8}) {
+        OSCPacketWriter writer(buffer, policy);
         writer.beginBundle(OSCTimeTag::immediate())
             .beginMessage("/a")
             .endMessage()
             .beginBundle({0, 5})
             .beginMessage("/caf\xC3\xA9")
             .string(std::string_view("z\xC3\xA9ro\0!", 7))
+            .stringAlt("\xC3\xA9t\xC3\xA9")
             .endMessage()
             .endBundle()
             .endBundle();
         const OSCBundle expected(
             OSCTimeTag::immediate(),
             {OSCMessage("/a"),
-             OSCBundle({0, 5}, {OSCMessage("/caf\xC3\xA9", {std::string("z\xC3\xA9ro\0!", 7)})})});
-        EXPECT_EQ(Bytes(writer.bytes().begin(), writer.bytes().end()), expected.rawData());
-        EXPECT_EQ(OSCPacket::decode(writer.bytes())->rawData(), expected.rawData());
+             OSCBundle({0, 5}, {OSCMessage("/caf\xC3\xA9", {std::string("z\xC3\xA9ro\0!", 7),
+                                                            OSCStringAltValue{"\xC3\xA9t\xC3\xA9"}})})});
+        EXPECT_EQ(Bytes(writer.bytes().begin(), writer.bytes().end()), expected.rawData(policy));
+        EXPECT_EQ(OSCPacket::decode(writer.bytes(), policy)->rawData(policy),
+                  expected.rawData(policy));
     }
 }
 

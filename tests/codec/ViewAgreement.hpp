@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -23,7 +24,7 @@ namespace kavrin::test {
 // every input.
 inline void referenceDecodeValue(std::string_view tags, std::size_t& index,
                                  PassiveDataReader& reader, int& arrayDepth,
-                                 std::vector<OSCValue>& values) {
+                                 std::vector<OSCValue>& values, OSCTextPolicy policy) {
     const char tag = tags[index++];
     const auto* registration = OSCSerialization::shared().registration(tag);
     if (registration == nullptr) throw wireFormat::noConcreteType(tag);
@@ -63,9 +64,9 @@ inline void referenceDecodeValue(std::string_view tags, std::size_t& index,
             return;
         case OSCArgumentFormat::string:
             if (registration->kind == OSCValueKind::string) {
-                values.emplace_back(reader.readString());
+                values.emplace_back(reader.readString(policy));
             } else {
-                values.emplace_back(OSCStringAltValue{reader.readString()});
+                values.emplace_back(OSCStringAltValue{reader.readString(policy)});
             }
             return;
         case OSCArgumentFormat::blob:
@@ -81,19 +82,20 @@ inline void referenceDecodeValue(std::string_view tags, std::size_t& index,
                     values.emplace_back(std::move(array));
                     return;
                 }
-                referenceDecodeValue(tags, index, reader, arrayDepth, array.elements);
+                referenceDecodeValue(tags, index, reader, arrayDepth, array.elements, policy);
             }
             throw wireFormat::arrayNotTerminated();
         }
     }
 }
 
-inline OSCPacket registryDecode(std::span<const std::uint8_t> bytes, int depth = 1) {
+inline OSCPacket registryDecode(std::span<const std::uint8_t> bytes, OSCTextPolicy policy,
+                                int depth = 1) {
     if (rawBytes::startsWithBundleHeader(bytes)) {
         OSCBundle bundle;
         bundle.timeTag = wireFormat::readBundle(bytes, depth, [&](auto element, bool isBundle) {
-            bundle.elements.push_back(isBundle ? registryDecode(element, depth + 1)
-                                               : registryDecode(element));
+            bundle.elements.push_back(isBundle ? registryDecode(element, policy, depth + 1)
+                                               : registryDecode(element, policy));
         });
         return bundle;
     }
@@ -106,7 +108,7 @@ inline OSCPacket registryDecode(std::span<const std::uint8_t> bytes, int depth =
             ++index;
             continue;
         }
-        referenceDecodeValue(header.tags, index, reader, arrayDepth, values);
+        referenceDecodeValue(header.tags, index, reader, arrayDepth, values, policy);
     }
     return OSCMessage(OSCAddressPattern(header.address), std::move(values));
 }
@@ -136,25 +138,38 @@ std::string outcome(Decode decode) {
     }
 }
 
-// Empty when the three decoders agree about `bytes`, otherwise what each made of them.
-inline std::string viewDisagreement(std::span<const std::uint8_t> bytes) {
+// Empty when the three decoders agree about `bytes` under `policy`, otherwise what each made
+// of them. Encoding under the same policy gives back the strings as they were decoded.
+inline std::string viewDisagreement(std::span<const std::uint8_t> bytes, OSCTextPolicy policy) {
     using Encoded = std::optional<std::vector<std::uint8_t>>;
     const auto reference = outcome([&]() -> Encoded {
         if (!classifyPacket(bytes)) return std::nullopt;
-        return registryDecode(bytes).rawData();
+        return registryDecode(bytes, policy).rawData(policy);
     });
     const auto owning = outcome([&]() -> Encoded {
-        const auto packet = OSCPacket::decode(bytes);
+        const auto packet = OSCPacket::decode(bytes, policy);
         if (!packet) return std::nullopt;
-        return packet->rawData();
+        return packet->rawData(policy);
     });
     const auto viewed = outcome([&]() -> Encoded {
-        const auto view = OSCPacketView::decode(bytes);
+        const auto view = OSCPacketView::decode(bytes, policy);
         if (!view) return std::nullopt;
-        return ownedCopy(*view).rawData();
+        return ownedCopy(*view).rawData(policy);
     });
     if (reference == owning && owning == viewed) return {};
     return "reference: " + reference + "\nowning: " + owning + "\nview: " + viewed;
+}
+
+// The same under both policies. They differ only where a byte has its high bit set, so bytes
+// without one are decoded once.
+inline std::string viewDisagreement(std::span<const std::uint8_t> bytes) {
+    auto found = viewDisagreement(bytes, OSCTextPolicy::ascii);
+    const bool highBit = std::any_of(bytes.begin(), bytes.end(), [](auto b) { return b >= 0x80; });
+    if (found.empty() && highBit) {
+        found = viewDisagreement(bytes, OSCTextPolicy::utf8);
+        if (!found.empty()) found = "under utf8:\n" + found;
+    }
+    return found;
 }
 
 }  // namespace kavrin::test

@@ -15,7 +15,7 @@ MessageHeader readMessageHeader(PassiveDataReader& reader) {
     // A chunk that cannot be read, or is no ASCII, fails with the text of its part.
     const auto readPart = [&](const char* failure) {
         try {
-            if (const auto text = reader.readASCIIChunk()) return *text;
+            if (const auto text = reader.readTextChunk(OSCTextPolicy::ascii)) return *text;
         } catch (const OSCDecodeError&) {
         }
         throw OSCDecodeError::malformed(failure);

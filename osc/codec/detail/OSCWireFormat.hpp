@@ -8,9 +8,12 @@
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/codec/PassiveDataReader.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
+#include "support/ASCIIScan.hpp"
+#include "support/UTF8.hpp"
 
 // Internal to the codec: the checks and error texts of the wire format that the decoders share
 // (OSCMessageView and OSCBundleView, on which OSCMessage and OSCBundle decode), so that every
@@ -26,6 +29,14 @@ struct MessageHeader {
 // Checks the length, the header, the address and the tag string in this order, and leaves
 // `reader` (at offset 0 over the whole message) at the first argument byte.
 MessageHeader readMessageHeader(PassiveDataReader& reader);
+
+// Whether a string argument goes on the wire as it is under `policy`: text the decoder takes
+// back, with no zero byte (which would end it). Other text is made printable ASCII first.
+inline bool keepsText(std::string_view text, OSCTextPolicy policy) {
+    if (!hasZeroOrNonASCII(text)) return true;
+    return policy == OSCTextPolicy::utf8 && text.find('\0') == std::string_view::npos &&
+           isValidUTF8(text);
+}
 
 OSCDecodeError noConcreteType(char tag);
 OSCDecodeError arrayNotTerminated();
