@@ -34,9 +34,9 @@ void appendFrame(OSCFraming framing, std::span<const std::uint8_t> packet,
 }
 
 std::vector<std::uint8_t> framePacket(OSCFraming framing, const OSCPacket& packet,
-                                      std::size_t maximumFrame) {
+                                      std::size_t maximumFrame, OSCTextPolicy policy) {
     const std::size_t size =
-        std::visit([](const auto& p) { return p.encodedSize(); }, packet.base());
+        std::visit([policy](const auto& p) { return p.encodedSize(policy); }, packet.base());
     if (size > maximumFrame) {
         throw OSCFramingError("Packet of " + std::to_string(size) +
                               " bytes exceeds the maximum frame of " +
@@ -46,11 +46,11 @@ std::vector<std::uint8_t> framePacket(OSCFraming framing, const OSCPacket& packe
     if (framing == OSCFraming::lengthPrefixed) {
         std::vector<std::uint8_t> out(4 + size);  // zeroed, as encodeInto wants it
         bigEndian::store32(out.data(), static_cast<std::uint32_t>(size));
-        std::visit([&](const auto& p) { p.encodeInto(out.data() + 4); }, packet.base());
+        std::visit([&](const auto& p) { p.encodeInto(out.data() + 4, policy); }, packet.base());
         return out;
     }
     std::vector<std::uint8_t> out;
-    appendFrame(framing, packet.rawData(), out);
+    appendFrame(framing, packet.rawData(policy), out);
     return out;
 }
 

@@ -31,9 +31,11 @@ class OSCFramingError : public std::runtime_error {
 void appendFrame(OSCFraming framing, std::span<const std::uint8_t> packet,
                  std::vector<std::uint8_t>& out);
 
-/// Encodes and frames `packet`. Throws OSCEncodeError as encoding does, and OSCFramingError for
-/// a packet over `maximumFrame` bytes, which a receiver with that maximum would refuse.
+/// Encodes (strings under `policy`) and frames `packet`. Throws OSCEncodeError as encoding does,
+/// and OSCFramingError for a packet over `maximumFrame` bytes, which a receiver with that
+/// maximum would refuse.
 std::vector<std::uint8_t> framePacket(OSCFraming framing, const OSCPacket& packet,
-                                      std::size_t maximumFrame = oscDefaultMaximumFrame);
+                                      std::size_t maximumFrame = oscDefaultMaximumFrame,
+                                      OSCTextPolicy policy = OSCTextPolicy::ascii);
 
 }  // namespace kavrin

@@ -43,7 +43,7 @@ OSCStreamClient::OSCStreamClient(Private, std::string host, std::uint16_t port,
       settings_(std::move(settings)),
       receiver_(std::make_shared<OSCStreamReceiver>(
           SerialQueue::create("OSCStreamClient", QualityOfService::userInitiated),
-          std::move(dispatchQueue), mode, std::move(handler))) {}
+          std::move(dispatchQueue), mode, settings_.textPolicy, std::move(handler))) {}
 
 OSCStreamClient::~OSCStreamClient() {
     if (connection_) connection_->abort();
@@ -124,7 +124,8 @@ void OSCStreamClient::connectNow() {
 bool OSCStreamClient::send(const OSCPacket& packet, TcpSocketError* error) {
     std::vector<std::uint8_t> framed;
     try {
-        framed = framePacket(settings_.framing, packet, settings_.maximumFrame);
+        framed = framePacket(settings_.framing, packet, settings_.maximumFrame,
+                             settings_.textPolicy);
     } catch (const OSCFramingError& tooLong) {
         if (error) *error = TcpSocketError::badParamError(tooLong.what());
         return false;

@@ -22,6 +22,7 @@ OSCStreamConnection::OSCStreamConnection(Private, std::weak_ptr<OSCStreamReceive
       maximumFrame_(settings.maximumFrame),
       frameTimeout_(settings.frameTimeout),
       writeTimeout_(settings.writeTimeout),
+      textPolicy_(settings.textPolicy),
       tls_(sideOf(settings.tls, isServer)),
       id_(nextID_++),
       deframer_(settings.framing, settings.maximumFrame) {}
@@ -41,7 +42,7 @@ std::weak_ptr<TcpSocketDelegate> OSCStreamConnection::asDelegate() {
 bool OSCStreamConnection::send(const OSCPacket& packet, TcpSocketError* error) {
     std::vector<std::uint8_t> framed;
     try {
-        framed = framePacket(framing_, packet, maximumFrame_);
+        framed = framePacket(framing_, packet, maximumFrame_, textPolicy_);
     } catch (const OSCFramingError& tooLong) {
         if (error) *error = TcpSocketError::badParamError(tooLong.what());
         return false;

@@ -91,6 +91,7 @@ class OSCStreamConnection final : private TcpSocketDelegate,
     const std::size_t maximumFrame_;
     const double frameTimeout_;
     const double writeTimeout_;
+    const OSCTextPolicy textPolicy_;
     const std::optional<TlsSettings> tls_;
     const std::uint64_t id_;
     std::shared_ptr<TcpSocket> socket_;

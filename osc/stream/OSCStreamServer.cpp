@@ -45,7 +45,7 @@ OSCStreamServer::OSCStreamServer(Private, std::uint16_t port,
       settings_(std::move(settings)),
       receiver_(std::make_shared<OSCStreamReceiver>(
           SerialQueue::create("OSCStreamServer", QualityOfService::userInitiated),
-          std::move(dispatchQueue), mode, std::move(handler))),
+          std::move(dispatchQueue), mode, settings_.textPolicy, std::move(handler))),
       listenerDelegate_(std::make_shared<ListenerDelegate>()),
       listener_(TcpSocket::create(listenerDelegate_, receiver_->receiveQueue())) {}
 

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <optional>
 
+#include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/stream/OSCFraming.hpp"
 #include "osc/transport/TlsSettings.hpp"
 
@@ -23,6 +24,10 @@ struct OSCStreamSettings {
     double writeTimeout = 10.0;
     /// Client only: seconds a connect may take, negative for no limit.
     double connectTimeout = 10.0;
+    /// What string arguments may hold, both ways (OSCTextPolicy): received packets are decoded
+    /// and sent ones encoded under it. With ascii, a packet with UTF-8 in a string is dropped
+    /// as undecodable (the connection reads on) and such text is sent as printable ASCII.
+    OSCTextPolicy textPolicy = OSCTextPolicy::ascii;
     /// TLS on every connection when set. A server's side is taken as the server whatever
     /// `isServer` says, a client's as the client.
     std::optional<TlsSettings> tls;

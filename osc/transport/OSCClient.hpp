@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -7,6 +8,7 @@
 #include <string>
 
 #include "osc/codec/OSCPacket.hpp"
+#include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/transport/UdpSocketError.hpp"
 
 namespace kavrin {
@@ -44,6 +46,9 @@ class OSCClient {
     void send(const OSCPacket& packet, const std::string& host, std::uint16_t port);
     /// The same to the client's target; throws std::logic_error on a client made without one.
     void send(const OSCPacket& packet);
+    /// How sends encode string arguments (OSCTextPolicy): ascii, the default, makes text that
+    /// is not ASCII printable ASCII; utf8 keeps well-formed UTF-8 as it is.
+    void setTextPolicy(OSCTextPolicy policy) { textPolicy_.store(policy); }
 
   private:
     class Reporter;
@@ -51,6 +56,7 @@ class OSCClient {
     const std::shared_ptr<UdpSocket> udpClient;
     const std::optional<std::pair<std::string, std::uint16_t>> target;
     const std::shared_ptr<Reporter> reporter;  // only with a failure handler
+    std::atomic<OSCTextPolicy> textPolicy_{OSCTextPolicy::ascii};
 };
 
 }  // namespace kavrin

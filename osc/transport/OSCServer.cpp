@@ -162,6 +162,14 @@ void OSCServer::stop() {
     udpServer->close();
 }
 
+OSCTextPolicy OSCServer::textPolicy() const {
+    return textPolicy_.load();
+}
+
+void OSCServer::setTextPolicy(OSCTextPolicy policy) {
+    textPolicy_.store(policy);
+}
+
 void OSCServer::setScheduledLimit(ScheduledLimit limit) {
     planner.setLimit(limit);
 }
@@ -178,8 +186,9 @@ void OSCServer::receive(std::vector<std::uint8_t>&& datagram, const SocketAddres
     const bool keep = hasDropHandler.load();
     std::optional<OSCPacket> packet;
     try {
-        packet = keep ? OSCPacket::decode(std::span<const std::uint8_t>(datagram))
-                      : OSCPacket::decode(std::move(datagram));
+        const auto policy = textPolicy_.load();
+        packet = keep ? OSCPacket::decode(std::span<const std::uint8_t>(datagram), policy)
+                      : OSCPacket::decode(std::move(datagram), policy);
     } catch (const OSCDecodeError& error) {
         const auto reason = error.errorCase() == OSCDecodeError::Case::malformed
                                 ? DropReason::malformed

@@ -16,6 +16,7 @@
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/codec/OSCPacket.hpp"
+#include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/dispatch/DispatchQueue.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
@@ -70,6 +71,11 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     void setSourceHandler(SourceHandler handler);
     TimeTagMode timeTagMode() const;
     void setTimeTagMode(TimeTagMode mode);
+    /// What string arguments may hold (OSCTextPolicy): ascii, the default, drops a datagram
+    /// with UTF-8 in a string as malformed; utf8 delivers it. Takes effect from the next
+    /// datagram.
+    OSCTextPolicy textPolicy() const;
+    void setTextPolicy(OSCTextPolicy policy);
     /// The port asked for at creation.
     std::uint16_t port() const;
     /// The port the socket is bound to once started, 0 before: what the kernel chose for port 0,
@@ -179,6 +185,7 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     std::atomic<std::uint64_t> handlerGeneration{1};
     std::atomic<bool> hasDropHandler{false};
     std::atomic<TimeTagMode> mode;
+    std::atomic<OSCTextPolicy> textPolicy_{OSCTextPolicy::ascii};
     const std::uint16_t port_;
     // Immediate deliveries decided on the receive queue, on their way to the dispatch queue;
     // touched only on the receive queue, as are the routes.

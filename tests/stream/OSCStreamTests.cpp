@@ -88,12 +88,14 @@ std::shared_ptr<OSCStreamServer> startServer(
 
 // A console answers a ping on the connection it came in on: the client's messages and bundles
 // reach the server in order, each with its connection, and the answers come back on it, from
-// two clients at once, in either framing.
+// two clients at once, in either framing. Strings keep their UTF-8 both ways under the utf8
+// text policy (taken here with SLIP) and are made ASCII under the default.
 TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
     for (const OSCFraming framing : {OSCFraming::lengthPrefixed, OSCFraming::slip}) {
-        SCOPED_TRACE(framing == OSCFraming::slip ? "SLIP" : "length-prefixed");
+        SCOPED_TRACE(framing == OSCFraming::slip ? "SLIP, utf8" : "length-prefixed, ascii");
         OSCStreamSettings settings;
         settings.framing = framing;
+        if (framing == OSCFraming::slip) settings.textPolicy = OSCTextPolicy::utf8;
         auto atServer = std::make_shared<Recorder>();
         atServer->onMessage = [](const OSCMessage& m, const Connection& from) {
             from->send(OSCMessage("/reply" + m.addressPattern.rawAddress(), m.values));
@@ -119,7 +121,8 @@ TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
         // 0xC0 and 0xDB in the data: SLIP escapes them.
         OSCBundle bundle(OSCTimeTag::immediate(),
                          {OSCMessage("/b/0", {OSCValue(std::int32_t(0xC0DBC0))}),
-                          OSCMessage("/b/1", {OSCValue(OSCBlob{0xDB, 0xDC, 0xC0})})});
+                          OSCMessage("/b/1", {OSCValue(OSCBlob{0xDB, 0xDC, 0xC0}),
+                                              OSCValue(std::string("w\xC3\xB6rld"))})});
         ASSERT_TRUE(clients[0]->send(bundle));
 
         ASSERT_TRUE(atServer->waitFor([&] { return atServer->received.size() == 202; }))
@@ -156,6 +159,8 @@ TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
         atClients[0]->read([&] {
             EXPECT_EQ(atClients[0]->received[0].address, "/reply/c0");
             EXPECT_EQ(atClients[0]->received.back().address, "/reply/b/1");
+            EXPECT_EQ(atClients[0]->received.back().values.at(1),
+                      OSCValue(std::string(framing == OSCFraming::slip ? "w\xC3\xB6rld" : "world")));
         });
         EXPECT_EQ(server->counters().messagesDelivered, 202u);
         EXPECT_EQ(server->counters().connectionsOpened, 2u);

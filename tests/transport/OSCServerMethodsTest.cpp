@@ -107,12 +107,15 @@ TEST(OSCServerMethods, CountsWhatArrivesAndHandsEveryDroppedDatagramToTheHook) {
     const std::vector<std::uint8_t> shortInt = {'/', 'x', 0, 0, ',', 'i', 0, 0};
     const auto farAway = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 24h);
     const auto twoLater = bytes(OSCBundle(farAway, {OSCMessage("/a"), OSCMessage("/b")}));
+    const auto utf8 =
+        OSCMessage("/u", {std::string("w\xC3\xB6rld")}).rawData(OSCTextPolicy::utf8);
     ASSERT_TRUE(sender.sendTo(port, hello));
     ASSERT_TRUE(sender.sendTo(port, shortInt));
     ASSERT_TRUE(sender.sendTo(port, twoLater));  // two waiting messages, the limit is one
+    ASSERT_TRUE(sender.sendTo(port, utf8));      // the default text policy is ascii
     ASSERT_TRUE(sender.sendTo(port, bytes(OSCMessage("/ok"))));
     ASSERT_TRUE(fixture.main->drainUntil(
-        [&] { return dropped.size() == 3 && !fixture.deliveries.empty(); }, 5s));
+        [&] { return dropped.size() == 4 && !fixture.deliveries.empty(); }, 5s));
     EXPECT_EQ(dropped[0].datagram, hello);
     EXPECT_EQ(dropped[0].reason, OSCServer::DropReason::notOSC);
     EXPECT_EQ(dropped[0].error, "");
@@ -121,21 +124,26 @@ TEST(OSCServerMethods, CountsWhatArrivesAndHandsEveryDroppedDatagramToTheHook) {
     EXPECT_EQ(dropped[1].error, "Not enough bytes while reading Int32 data chunk.");
     EXPECT_EQ(dropped[2].datagram, twoLater);
     EXPECT_EQ(dropped[2].reason, OSCServer::DropReason::overScheduledLimit);
+    EXPECT_EQ(dropped[3].datagram, utf8);
+    EXPECT_EQ(dropped[3].reason, OSCServer::DropReason::malformed);
+    EXPECT_EQ(dropped[3].error.substr(0, 34), "Failed to form valid ASCII string ");
     EXPECT_EQ(dropped[0].senderPort, sender.port());
 
     const auto counted = server.counters();
-    EXPECT_EQ(counted.datagramsReceived, 4u);
+    EXPECT_EQ(counted.datagramsReceived, 5u);
     EXPECT_EQ(counted.messagesDelivered, 1u);
     EXPECT_EQ(counted.droppedNotOSC, 1u);
-    EXPECT_EQ(counted.droppedMalformed, 1u);
+    EXPECT_EQ(counted.droppedMalformed, 2u);
     EXPECT_EQ(counted.droppedOverScheduledLimit, 1u);
     EXPECT_EQ(counted.droppedUnexpectedType + counted.droppedInternalInconsistency, 0u);
 
-    // Without a hook the counting goes on, silently.
+    // Without a hook the counting goes on, silently. Under utf8 the UTF-8 string is taken.
     server.setDropHandler(nullptr);
+    server.setTextPolicy(OSCTextPolicy::utf8);
     ASSERT_TRUE(sender.sendTo(port, hello));
-    ASSERT_TRUE(sender.sendTo(port, bytes(OSCMessage("/ok2"))));
+    ASSERT_TRUE(sender.sendTo(port, utf8));
     ASSERT_TRUE(fixture.waitFor(2));
+    EXPECT_EQ(fixture.addresses().back(), "/u");
     EXPECT_EQ(server.counters().droppedNotOSC, 2u);
-    EXPECT_EQ(dropped.size(), 3u);
+    EXPECT_EQ(dropped.size(), 4u);
 }

@@ -4,11 +4,12 @@ namespace kavrin {
 
 OSCStreamReceiver::OSCStreamReceiver(std::shared_ptr<SerialQueue> receiveQueue,
                                      std::shared_ptr<DispatchQueue> dispatchQueue, TimeTagMode mode,
-                                     OSCStreamHandler handler)
+                                     OSCTextPolicy textPolicy, OSCStreamHandler handler)
     : receiveQueue_(std::move(receiveQueue)),
       dispatchQueue_(std::move(dispatchQueue)),
       handler_(handler ? std::make_shared<const OSCStreamHandler>(std::move(handler)) : nullptr),
       mode_(mode),
+      textPolicy_(textPolicy),
       deliveries_([this](std::vector<Planner::Delivery> block) { deliverNow(std::move(block)); }) {}
 
 void OSCStreamReceiver::setHooks(Opened opened, Closed closed) {
@@ -74,7 +75,7 @@ void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Conn
     }
     std::optional<OSCPacket> decoded;
     try {
-        decoded = OSCPacket::decode(packet);
+        decoded = OSCPacket::decode(packet, textPolicy_);
     } catch (const OSCDecodeError&) {
         ++counted_.droppedUndecodable;
         return;

@@ -31,7 +31,7 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
 
     OSCStreamReceiver(std::shared_ptr<SerialQueue> receiveQueue,
                       std::shared_ptr<DispatchQueue> dispatchQueue, TimeTagMode mode,
-                      OSCStreamHandler handler);
+                      OSCTextPolicy textPolicy, OSCStreamHandler handler);
     OSCStreamReceiver(const OSCStreamReceiver&) = delete;
     OSCStreamReceiver& operator=(const OSCStreamReceiver&) = delete;
 
@@ -74,6 +74,7 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
     std::shared_ptr<const PacketHandler> packetHandler_;  // guarded by handlerMutex_
     std::atomic<bool> hasPacketHandler_{false};
     std::atomic<TimeTagMode> mode_;
+    const OSCTextPolicy textPolicy_;
     Opened opened_;
     Closed closed_;
     // Receive queue only.
