@@ -23,8 +23,8 @@ using namespace kavrin;
 namespace {
 
 constexpr const char* usage =
-    "usage: kavrin-dump [--udp | --tcp | --slip] [--tls --cert FILE --key FILE] [--raw]\n"
-    "                   [--verbose] PORT\n"
+    "usage: kavrin-dump [--udp | --tcp | --slip] [--tls --cert FILE --key FILE] [--utf8]\n"
+    "                   [--raw] [--verbose] PORT\n"
     "\n"
     "Prints every OSC message received on PORT (IPv4 and IPv6) as one line on standard\n"
     "output: its address, its type tags and its values, as oscdump prints them; the messages\n"
@@ -34,6 +34,8 @@ constexpr const char* usage =
     "  --slip     a TCP stream of SLIP-framed packets (OSC 1.1)\n"
     "  --tls      secures each TCP connection, with the certificate chain and the private key\n"
     "             in the PEM files given by --cert and --key\n"
+    "  --utf8     takes strings in UTF-8 and prints them as they are, controls escaped (else\n"
+    "             a packet with a string that is not ASCII is dropped with a warning)\n"
     "  --raw      follows each packet's lines with a hex dump of its bytes\n"
     "  --verbose  logs connections and every packet to standard error (else only what is\n"
     "             dropped; KAVRIN_LOG chooses otherwise, e.g. KAVRIN_LOG=*=debug)\n"
@@ -47,15 +49,16 @@ int fail(const std::string& message) {
 // Prints what one packet holds, from whoever sent it.
 class Printer {
   public:
-    explicit Printer(bool raw)
+    Printer(bool raw, OSCTextPolicy policy)
         : raw_(raw),
+          policy_(policy),
           codec_(Logger::shared().category("codec")),
           transport_(Logger::shared().category("transport")) {}
 
     void print(std::span<const std::uint8_t> bytes, const std::string& sender) {
         transport_.debug("{} bytes from {}", bytes.size(), sender);
         try {
-            if (auto packet = OSCPacket::decode(bytes)) {
+            if (auto packet = OSCPacket::decode(bytes, policy_)) {
                 printLines(*packet);
             } else {
                 codec_.warning("dropped {} bytes from {}: not an OSC packet", bytes.size(), sender);
@@ -78,6 +81,7 @@ class Printer {
     }
 
     const bool raw_;
+    const OSCTextPolicy policy_;
     const LogCategory codec_;
     const LogCategory transport_;
 };
@@ -99,6 +103,7 @@ class DatagramPrinter final : public UdpSocketDelegate {
 int main(int argc, char** argv) {
     tools::TransportOptions transport;
     bool raw = false, verbose = false;
+    auto policy = OSCTextPolicy::ascii;
     std::string certificate, key;
     std::optional<std::uint16_t> port;
     for (int i = 1; i < argc; ++i) {
@@ -107,6 +112,8 @@ int main(int argc, char** argv) {
             std::cout << usage;
             return 0;
         } else if (transport.take(option)) {
+        } else if (option == "--utf8") {
+            policy = OSCTextPolicy::utf8;
         } else if (option == "--raw") {
             raw = true;
         } else if (option == "--verbose") {
@@ -134,7 +141,7 @@ int main(int argc, char** argv) {
 
     auto mainQueue = std::make_shared<RunLoop>();
     mainQueue->stopOnSignals({SIGINT, SIGTERM});
-    Printer printer(raw);
+    Printer printer(raw, policy);
 
     if (transport.mode == tools::TransportOptions::Mode::udp) {
         auto delegate = std::make_shared<DatagramPrinter>(printer);
@@ -153,6 +160,7 @@ int main(int argc, char** argv) {
 
     OSCStreamSettings settings;
     settings.framing = transport.framing();
+    settings.textPolicy = policy;
     if (transport.tls) {
         settings.tls = TlsSettings{};
         settings.tls->certificateChainFile = certificate;

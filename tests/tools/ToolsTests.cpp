@@ -310,9 +310,11 @@ TEST(ToolsOverSlip, BothWaysWithAJavaScriptPeer) {
     ASSERT_FALSE(modules.empty());
     const std::string script = KAVRIN_SOURCE_DIR "/tests/tools/slip_peer.js";
 
-    // Two packets on one connection; the first has SLIP's END and ESC bytes in its values.
+    // Two packets on one connection; the first has SLIP's END and ESC bytes in its values, the
+    // second a string in UTF-8, which --utf8 prints as it is.
     const auto port = freePort(SOCK_STREAM);
-    ChildProcess dump(kavrinDump, {"--slip", std::to_string(port)}, ChildProcess::Errors::separate);
+    ChildProcess dump(kavrinDump, {"--slip", "--utf8", std::to_string(port)},
+                      ChildProcess::Errors::separate);
     ASSERT_TRUE(accepting(port)) << dump.errors();
     const auto sent = run("node", {script, modules, "send", std::to_string(port)});
     EXPECT_EQ(sent.status, 0) << sent.errors;
@@ -321,7 +323,7 @@ TEST(ToolsOverSlip, BothWaysWithAJavaScriptPeer) {
               "\"text\" 'sym 'x' MIDI [0x01 0x90 0x3c 0x7f] [4b 0xc0 0xdb 0xdc 0xdd] "
               "eeb09384.80000000 #T #F Nil Infinitum [1 2.000000]")
         << dump.errors();
-    EXPECT_EQ(dump.nextLine(10s), "/peer/second ") << dump.errors();
+    EXPECT_EQ(dump.nextLine(10s), "/peer/second s \"w\xC3\xB6rld\\t\"") << dump.errors();
 
     ChildProcess peer("node", {script, modules, "receive"}, ChildProcess::Errors::separate);
     const auto announced = peer.nextLine(20s);

@@ -37,7 +37,8 @@ if (mode === "send") {
             {type: "t", value: {raw: [0xeeb09384, 0x80000000]}},
             {type: "T"}, {type: "F"}, {type: "N"}, {type: "I"},
             [{type: "i", value: 1}, {type: "f", value: 2}]]});
-        socketPort.send({address: "/peer/second", args: []});
+        // UTF-8 in a string, and a control that kavrin-dump escapes.
+        socketPort.send({address: "/peer/second", args: [{type: "s", value: "w\u00f6rld\t"}]});
         socketPort.close();
     });
     socketPort.open();
