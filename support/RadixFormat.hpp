@@ -1,15 +1,19 @@
 #pragma once
 
+#include <array>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <span>
 #include <string>
 #include <type_traits>
 
 namespace kavrin {
 
 // The integers written and read in hexadecimal and binary: every width and signedness, not bool.
+// In GNU mode (-std=gnu++20, CMake's default) the standard library counts __int128 and
+// unsigned __int128 as integral, and they are written and read at their full width too.
 template <class T>
 concept RadixInteger = std::integral<T> && !std::same_as<std::remove_cv_t<T>, bool>;
 
@@ -26,12 +30,24 @@ struct RadixFormat {
 };
 
 namespace radixDetail {
-std::string format(std::uint64_t bits, int radix, const RadixFormat& style);
-
-// The value's bits at its own width: a negative number in two's complement.
+// The 64-bit words that hold a value of T: one, or two for a 128-bit integer.
 template <RadixInteger T>
-std::uint64_t bitsOf(T value) {
-    return static_cast<std::make_unsigned_t<T>>(value);
+constexpr std::size_t wordsOf = (std::numeric_limits<std::make_unsigned_t<T>>::digits + 63) / 64;
+
+// The words least significant first.
+std::string format(std::span<const std::uint64_t> words, int radix, const RadixFormat& style);
+
+// The value's bits at its own width, a negative number in two's complement, in words.
+template <RadixInteger T>
+std::array<std::uint64_t, wordsOf<T>> bitsOf(T value) {
+    static_assert(wordsOf<T> <= 2, "integers wider than 128 bits are not supported");
+    auto bits = static_cast<std::make_unsigned_t<T>>(value);
+    std::array<std::uint64_t, wordsOf<T>> words{};
+    for (auto& word : words) {
+        word = static_cast<std::uint64_t>(bits);
+        if constexpr (wordsOf<T> > 1) bits >>= 64;
+    }
+    return words;
 }
 }  // namespace radixDetail
 

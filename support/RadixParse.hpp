@@ -1,8 +1,10 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -37,7 +39,22 @@ class RadixParseError : public std::invalid_argument {
 };
 
 namespace radixDetail {
-std::uint64_t parse(std::string_view text, int radix, int width, bool isSigned, char separator);
+// Puts the bits of a `width`-bit integer in `words`, least significant first.
+void parse(std::string_view text, int radix, int width, bool isSigned, char separator,
+           std::span<std::uint64_t> words);
+
+template <RadixInteger T>
+T parsed(std::string_view text, int radix, char separator) {
+    using Bits = std::make_unsigned_t<T>;
+    std::array<std::uint64_t, wordsOf<T>> words;
+    parse(text, radix, std::numeric_limits<Bits>::digits, std::is_signed_v<T>, separator, words);
+    Bits bits = 0;
+    for (std::size_t i = words.size(); i-- > 0;) {
+        if constexpr (wordsOf<T> > 1) bits <<= 64;
+        bits |= static_cast<Bits>(words[i]);
+    }
+    return static_cast<T>(bits);
+}
 }  // namespace radixDetail
 
 // Reads what formatHex writes: an optional '-' (signed types only), an optional "0x" or "0X",
@@ -47,17 +64,13 @@ std::uint64_t parse(std::string_view text, int radix, int width, bool isSigned, 
 // Nothing else is accepted: no '+', no spaces. Throws RadixParseError. Any thread.
 template <RadixInteger T>
 T parseHex(std::string_view text, char separator = '_') {
-    using Bits = std::make_unsigned_t<T>;
-    return static_cast<T>(static_cast<Bits>(radixDetail::parse(
-        text, 16, std::numeric_limits<Bits>::digits, std::is_signed_v<T>, separator)));
+    return radixDetail::parsed<T>(text, 16, separator);
 }
 
 // As parseHex, with "0b" or "0B" and the digits 0 and 1.
 template <RadixInteger T>
 T parseBinary(std::string_view text, char separator = '_') {
-    using Bits = std::make_unsigned_t<T>;
-    return static_cast<T>(static_cast<Bits>(radixDetail::parse(
-        text, 2, std::numeric_limits<Bits>::digits, std::is_signed_v<T>, separator)));
+    return radixDetail::parsed<T>(text, 2, separator);
 }
 
 }  // namespace kavrin

@@ -11,6 +11,12 @@
 namespace kavrin {
 namespace {
 
+// This target is built in GNU mode, where the 128-bit integers are integral: the templates
+// take them, so they must write and read them whole.
+__extension__ typedef unsigned __int128 UInt128;
+__extension__ typedef __int128 Int128;
+static_assert(RadixInteger<UInt128> && RadixInteger<Int128>);
+
 TEST(RadixFormat, WritesEveryWidthWithNegativesInTwosComplement) {
     EXPECT_EQ(formatHex(std::int8_t{-1}), "0xff");
     EXPECT_EQ(formatHex(std::int8_t{-128}), "0x80");
@@ -22,6 +28,10 @@ TEST(RadixFormat, WritesEveryWidthWithNegativesInTwosComplement) {
     EXPECT_EQ(formatBinary(std::int8_t{-3}), "0b11111101");
     EXPECT_EQ(formatBinary(std::uint16_t{5}), "0b101");
     EXPECT_EQ(formatBinary(std::int64_t{-1}), "0b" + std::string(64, '1'));
+    EXPECT_EQ(formatHex(UInt128{1} << 100), "0x1" + std::string(25, '0'));
+    EXPECT_EQ(formatHex(UInt128{0xab} << 64 | 0xc), "0xab000000000000000c");
+    EXPECT_EQ(formatHex(Int128{-1}), "0x" + std::string(32, 'f'));
+    EXPECT_EQ(formatBinary(UInt128{5} << 64, {.group = 64}), "0b101_" + std::string(64, '0'));
 }
 
 TEST(RadixFormat, PadsGroupsAndCasesAsAsked) {
@@ -66,6 +76,8 @@ TEST(RadixParse, ReadsBackWhatFormatWritesForEveryWidth) {
     expectRoundTrips<std::uint32_t>();
     expectRoundTrips<std::int64_t>();
     expectRoundTrips<std::uint64_t>();
+    expectRoundTrips<Int128>();
+    expectRoundTrips<UInt128>();
 }
 
 TEST(RadixParse, ReadsSignsAsMagnitudesAndDigitsAsBits) {
@@ -78,6 +90,9 @@ TEST(RadixParse, ReadsSignsAsMagnitudesAndDigitsAsBits) {
     EXPECT_EQ(parseHex<std::uint16_t>("0XBeeF"), 0xBEEF);
     EXPECT_EQ(parseHex<std::uint32_t>("000000000000000000ff"), 0xFFu);  // zeros are no overflow
     EXPECT_EQ(parseBinary<std::uint8_t>("0B1'0'1", '\''), 5);
+    EXPECT_TRUE(parseHex<UInt128>("0x10000000000000000000000000") == UInt128{1} << 100);
+    EXPECT_TRUE(parseHex<Int128>("-0x8" + std::string(31, '0')) == Int128{1} << 127);
+    EXPECT_TRUE(parseHex<Int128>("-1_0000_0000_0000_0001") == -(Int128{1} << 64 | 1));
 }
 
 TEST(RadixParse, ErrorsSayWhereAndWhy) {
@@ -122,6 +137,13 @@ TEST(RadixParse, ErrorsSayWhereAndWhy) {
         EXPECT_EQ(error.reason(), R::negativeUnsigned);
     }
     EXPECT_THROW(parseHex<std::uint64_t>("1" + std::string(16, '0')), RadixParseError);
+    try {
+        parseHex<Int128>("-0x8" + std::string(31, '0') + "1");
+        ADD_FAILURE() << "a magnitude beyond the least int128_t accepted";
+    } catch (const RadixParseError& error) {
+        EXPECT_STREQ(error.what(), "Value out of range for int128_t at position 35");
+    }
+    EXPECT_THROW(parseBinary<UInt128>("1" + std::string(128, '0')), RadixParseError);
 }
 
 TEST(HexDump, PrintsLinesAsXxdDoes) {
