@@ -113,7 +113,8 @@ OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes,
         if (isBundle) {
             bundle.elements.emplace_back(decode(element, owner, depth + 1, policy));
         } else {
-            bundle.elements.emplace_back(OSCMessage::decode(element, owner, policy));
+            auto& message = bundle.elements.emplace_back(std::in_place_type<OSCMessage>);
+            std::get<OSCMessage>(message).decodeFrom(element, owner, policy);
         }
     });
     bundle.decodedFrom_ = rawBytes::DecodedBytes(std::move(owner), bytes);

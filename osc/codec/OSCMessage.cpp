@@ -88,27 +88,29 @@ std::uint8_t* OSCMessage::writeMeasured(std::uint8_t* out, OSCTextPolicy policy)
 OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes, OSCTextPolicy policy) {
     auto copy = rawBytes::shareCopy(bytes);
     const std::span<const std::uint8_t> kept(copy.get(), bytes.size());
-    return decode(kept, std::move(copy), policy);
+    OSCMessage message;
+    message.decodeFrom(kept, std::move(copy), policy);
+    return message;
 }
 
 OSCMessage OSCMessage::decode(std::shared_ptr<const std::uint8_t[]> buffer, std::size_t size,
                               OSCTextPolicy policy) {
     const std::span<const std::uint8_t> bytes(buffer.get(), size);
-    return decode(bytes, std::move(buffer), policy);
+    OSCMessage message;
+    message.decodeFrom(bytes, std::move(buffer), policy);
+    return message;
 }
 
-OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes,
-                              std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy) {
+void OSCMessage::decodeFrom(std::span<const std::uint8_t> bytes,
+                            std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy) {
     // The view makes every check of the format, in its order and with its texts, and finds the
     // arguments; what is left is to take them out, long strings and blobs as views of `owner`.
     const OSCMessageView view(bytes, policy);
-    OSCMessage message;
-    message.addressPattern = OSCAddressPattern(view.address(), owner, OSCAddressPattern::ASCII{});
-    message.values.reserve(view.argumentCount());
-    for (const auto argument : view) argument.appendTo(message.values, &owner);
+    addressPattern = OSCAddressPattern(view.address(), owner, OSCAddressPattern::ASCII{});
+    values.reserve(view.argumentCount());
+    for (const auto argument : view) argument.appendTo(values, &owner);
     // Whatever follows the last argument is ignored.
-    message.decodedFrom_ = rawBytes::DecodedBytes(std::move(owner), bytes);
-    return message;
+    decodedFrom_ = rawBytes::DecodedBytes(std::move(owner), bytes);
 }
 
 std::optional<std::span<const std::uint8_t>> OSCMessage::decodedFrom() const {

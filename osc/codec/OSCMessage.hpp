@@ -36,7 +36,8 @@ struct OSCMessage {
     OSCAddressPattern addressPattern;
     OSCValueList values;
 
-    OSCMessage() = default;
+    // Made, not value-initialised: no zero-filling of the room for values first.
+    OSCMessage() {}
     OSCMessage(OSCAddressPattern pattern, OSCValueList values = {});
     OSCMessage(OSCAddressPattern pattern, std::initializer_list<OSCValue> values);
 
@@ -89,9 +90,10 @@ struct OSCMessage {
     // is known to succeed): the tag string's size follows from the values without a pass.
     std::uint8_t* writeMeasured(std::uint8_t* out, OSCTextPolicy policy) const;
 
-    // Decodes `bytes`, a part of the buffer `owner`, which the message keeps.
-    static OSCMessage decode(std::span<const std::uint8_t> bytes,
-                             std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy);
+    // Decodes `bytes`, a part of the buffer `owner`, into this message, made empty and kept in
+    // place: a packet or bundle decodes its messages where they will stay, with no move.
+    void decodeFrom(std::span<const std::uint8_t> bytes,
+                    std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy);
 
     rawBytes::DecodedBytes decodedFrom_;
 };

@@ -18,10 +18,8 @@ std::string OSCPacket::description() const {
 
 std::optional<OSCPacket> OSCPacket::decode(std::span<const std::uint8_t> bytes,
                                            OSCTextPolicy policy) {
-    const auto type = classifyPacket(bytes);
-    if (!type) return std::nullopt;
-    if (*type == OSCObjectType::bundle) return OSCPacket(OSCBundle::decode(bytes, policy));
-    return OSCPacket(OSCMessage::decode(bytes, policy));
+    if (!classifyPacket(bytes)) return std::nullopt;  // not copied only to be dropped
+    return decode(rawBytes::shareCopy(bytes), bytes.size(), policy);
 }
 
 std::optional<OSCPacket> OSCPacket::decode(std::vector<std::uint8_t>&& bytes,
@@ -40,9 +38,17 @@ std::optional<OSCPacket> OSCPacket::decode(std::shared_ptr<const std::uint8_t[]>
     const auto type = classifyPacket(bytes);
     if (!type) return std::nullopt;
     if (*type == OSCObjectType::bundle) {
-        return OSCPacket(OSCBundle::decode(bytes, std::move(buffer), 1, policy));
+        return std::optional<OSCPacket>(OSCBundle::decode(bytes, std::move(buffer), 1, policy));
     }
-    return OSCPacket(OSCMessage::decode(bytes, std::move(buffer), policy));
+    // The message is decoded where the caller wants it, never moved: it holds its values
+    // inside, so a move would move each one. (An empty optional made first would be zero-filled
+    // whole.)
+    const auto inPlace = [&] {
+        std::optional<OSCPacket> packet(std::in_place, std::in_place_type<OSCMessage>);
+        std::get<OSCMessage>(*packet).decodeFrom(bytes, std::move(buffer), policy);
+        return packet;
+    };
+    return inPlace();
 }
 
 }  // namespace kavrin
