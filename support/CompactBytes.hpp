@@ -104,7 +104,10 @@ class CompactBytes {
     };
 
     bool fitsInside() const noexcept { return size_ <= Capacity; }
-    void copyInside(const std::uint8_t* from) noexcept { std::memcpy(inline_, from, size_); }
+    // An empty span may have no data at all.
+    void copyInside(const std::uint8_t* from) noexcept {
+        if (size_ > 0) std::memcpy(inline_, from, size_);
+    }
     // The whole inside area, whatever the size: one copy of a fixed size, which is quicker
     // than one of the bytes' own.
     void copyWholeInside(const CompactBytes& other) noexcept {
