@@ -20,7 +20,8 @@ namespace kavrin {
 // components and tokens happens on demand and never fails: malformed wildcard syntax is read
 // as literal text. A "character" here is one user-perceived character (extended grapheme
 // cluster) held as its UTF-8 bytes; in ASCII text that is one byte, except that CR LF is one.
-// An address of up to 48 bytes is kept inside the object, so making one allocates nothing.
+// An address of up to 48 bytes is kept inside the object: making one from ASCII text, or
+// decoding one, allocates nothing.
 // A plain value: distinct objects may be used from any thread, a shared one for reading only.
 class OSCAddressPattern {
   public:
