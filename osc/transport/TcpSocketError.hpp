@@ -27,7 +27,10 @@ class TcpSocketError : public SocketError {
         idleTimeout = 8,     ///< "Connection idle for too long"
         writeQueueFull = 9,  ///< "Too much data waiting to be written"
         tls = 10,            ///< OpenSSL's reason text; for a refused certificate the reason
-                             ///< verification gave is the failure reason
+                             ///< verification gave is the failure reason. A file of the
+                             ///< settings that does not load is named with the cause:
+                             ///< `Cannot load the private key from "FILE": No such file or
+                             ///< directory`
         handshakeTimeout = 11,  ///< "TLS handshake timed out"
     };
 
