@@ -362,6 +362,12 @@ TEST(KavrinSend, RefusesBadInputAndSaysWhy) {
               2,
               "value '0102' for type m is not 8 hexadecimal digits"},
              {{"localhost", port, "/a", "ifs", "1", "2"}, 2, "no value for type s"},
+             {{"localhost", port, "/a", "f", "3.5e38"},
+              2,
+              "value '3.5e38' for type f is out of range: beyond the largest 32-bit float"},
+             {{"localhost", port, "/a", "d", "1e309"},
+              2,
+              "value '1e309' for type d is out of range: beyond the largest 64-bit float"},
              {{"localhost", port, "a"}, 2, "ADDRESS must start with '/'"},
              {{"localhost", "65536", "/a"}, 2, "not a port: 65536"},
              {{"--tcp", "localhost", "0", "/a"}, 2, "not a port: 0"},
@@ -373,6 +379,50 @@ TEST(KavrinSend, RefusesBadInputAndSaysWhy) {
         EXPECT_EQ(outcome.errors.rfind("kavrin-send: " + message, 0), 0u)
             << joined(arguments) << ": " << outcome.errors;
     }
+}
+
+// The datagram kavrin-send sends with these arguments, five hours west of UTC.
+std::string sentWestOfUTC(const Arguments& options, const Arguments& message) {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    auto address = loopback(0);
+    socklen_t length = sizeof address;
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), length), 0);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    Arguments arguments = {"TZ=EST5", kavrinSend};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    arguments.insert(arguments.end(), {"127.0.0.1", std::to_string(ntohs(address.sin_port))});
+    arguments.insert(arguments.end(), message.begin(), message.end());
+    const auto outcome = run("env", arguments);
+    EXPECT_EQ(outcome.status, 0) << joined(arguments) << ": " << outcome.errors;
+    std::string datagram(512, '\0');
+    pollfd ready{fd, POLLIN, 0};
+    const auto size = poll(&ready, 1, 10000) == 1 ? recv(fd, datagram.data(), 512, 0) : -1;
+    close(fd);
+    datagram.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    return datagram;
+}
+
+// f and d: what rounds to a finite value of the type is that value, and infinity and NaN are
+// sent when written as such (what is beyond the range is refused, above). t now counts from
+// NTP's epoch, or with --local-epoch from the library's default, 1900 in the local zone.
+TEST(KavrinSend, WritesFloatsAsTheyRoundAndTimeTagsFromNTPsEpoch) {
+    EXPECT_EQ(sentWestOfUTC({}, {"/f", "ffdd", "3.4028235e38", "-inf", "1e-400", "nan"}),
+              "/f\0\0,ffdd\0\0\0"
+              "\x7F\x7F\xFF\xFF"                  // the largest float
+              "\xFF\x80\0\0"                      // -inf
+              "\0\0\0\0\0\0\0\0"                  // rounds to 0
+              "\x7F\xF8\0\0\0\0\0\0"s);             // a quiet NaN
+    const auto secondsOf = [](const std::string& datagram) -> std::int64_t {
+        if (datagram.size() != 16) return 0;
+        const auto byte = [&](std::size_t i) { return std::int64_t{std::uint8_t(datagram[i])}; };
+        return byte(8) << 24 | byte(9) << 16 | byte(10) << 8 | byte(11);
+    };
+    const std::int64_t ntpNow = std::time(nullptr) + 2208988800;
+    const auto ntp = secondsOf(sentWestOfUTC({}, {"/t", "t", "now"}));
+    EXPECT_LT(std::abs(ntp - ntpNow), 600) << ntp << " for " << ntpNow;
+    // Midnight in that zone came five hours after midnight UTC.
+    const auto local = secondsOf(sentWestOfUTC({"--local-epoch"}, {"/t", "t", "now"}));
+    EXPECT_LT(std::abs(local - (ntpNow - 5 * 3600)), 600) << local << " for " << ntpNow;
 }
 
 }  // namespace
