@@ -124,8 +124,8 @@ void OSCStreamClient::connectNow() {
 bool OSCStreamClient::send(const OSCPacket& packet, TcpSocketError* error) {
     std::vector<std::uint8_t> framed;
     try {
-        framed = framePacket(settings_.framing, packet, settings_.maximumFrame,
-                             settings_.textPolicy);
+        framed =
+            framePacket(settings_.framing, packet, settings_.maximumFrame, settings_.textPolicy);
     } catch (const OSCFramingError& tooLong) {
         if (error) *error = TcpSocketError::badParamError(tooLong.what());
         return false;

@@ -95,8 +95,9 @@ TEST(OSCPacketWriter, WritesTheBytesOfTheOwningEncoderWithoutAllocating) {
         const OSCBundle expected(
             OSCTimeTag::immediate(),
             {OSCMessage("/a"),
-             OSCBundle({0, 5}, {OSCMessage("/caf\xC3\xA9", {std::string("z\xC3\xA9ro\0!", 7),
-                                                            OSCStringAltValue{"\xC3\xA9t\xC3\xA9"}})})});
+             OSCBundle({0, 5},
+                       {OSCMessage("/caf\xC3\xA9", {std::string("z\xC3\xA9ro\0!", 7),
+                                                    OSCStringAltValue{"\xC3\xA9t\xC3\xA9"}})})});
         EXPECT_EQ(Bytes(writer.bytes().begin(), writer.bytes().end()), expected.rawData(policy));
         EXPECT_EQ(OSCPacket::decode(writer.bytes(), policy)->rawData(policy),
                   expected.rawData(policy));

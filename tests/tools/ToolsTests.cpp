@@ -408,10 +408,10 @@ std::string sentWestOfUTC(const Arguments& options, const Arguments& message) {
 TEST(KavrinSend, WritesFloatsAsTheyRoundAndTimeTagsFromNTPsEpoch) {
     EXPECT_EQ(sentWestOfUTC({}, {"/f", "ffdd", "3.4028235e38", "-inf", "1e-400", "nan"}),
               "/f\0\0,ffdd\0\0\0"
-              "\x7F\x7F\xFF\xFF"                  // the largest float
-              "\xFF\x80\0\0"                      // -inf
-              "\0\0\0\0\0\0\0\0"                  // rounds to 0
-              "\x7F\xF8\0\0\0\0\0\0"s);             // a quiet NaN
+              "\x7F\x7F\xFF\xFF"         // the largest float
+              "\xFF\x80\0\0"             // -inf
+              "\0\0\0\0\0\0\0\0"         // rounds to 0
+              "\x7F\xF8\0\0\0\0\0\0"s);  // a quiet NaN
     const auto secondsOf = [](const std::string& datagram) -> std::int64_t {
         if (datagram.size() != 16) return 0;
         const auto byte = [&](std::size_t i) { return std::int64_t{std::uint8_t(datagram[i])}; };

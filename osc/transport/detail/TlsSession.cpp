@@ -186,8 +186,8 @@ bool configure(Impl& impl, TcpSocketError* error) {
         // unknown issuer.
         std::error_code status;
         if (!std::filesystem::is_directory(s.caPath, status)) {
-            return failWith(fileError(trusted, s.caPath,
-                                      status ? status.message() : "not a folder"));
+            return failWith(
+                fileError(trusted, s.caPath, status ? status.message() : "not a folder"));
         }
         if (SSL_CTX_load_verify_dir(ctx, s.caPath.c_str()) != 1) {
             return failWith(fileError(trusted, s.caPath, fileCause("certificate")));

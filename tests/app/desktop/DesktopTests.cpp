@@ -28,8 +28,8 @@ namespace {
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::Not;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 
 class DesktopTest : public ::testing::Test {
   protected:
