@@ -25,8 +25,13 @@ struct LinkConnection {
     bool refused = false;
     std::optional<std::string> reason;
     std::optional<std::chrono::steady_clock::time_point> retryAt;
-    // The framing the console's bytes seem to be in, when they broke this one's: "slip" or "tcp".
-    std::optional<std::string> otherFraming;
+    // That the console seems to frame the other way ("slip" or "tcp"): its bytes broke this
+    // framing as that one's would, or it hung up after pings without answering one.
+    struct FramingHint {
+        std::string framing;
+        bool fromBytes;
+    };
+    std::optional<FramingHint> framingHint;
 };
 
 }  // namespace kavrin

@@ -81,9 +81,11 @@ QString connectionLine(const LinkConnection& connection, steady_clock::time_poin
                             QString::fromStdString(connection.host))
                        .arg(connection.port)
                        .arg(state);
-    if (connection.otherFraming) {
-        line += QStringLiteral("\nThe console's bytes look like %1 framing: set the link to %1?")
-                    .arg(QString::fromStdString(*connection.otherFraming));
+    if (const auto& hint = connection.framingHint) {
+        line += (hint->fromBytes
+                     ? QStringLiteral("\nThe console's bytes look like %1 framing: set the link to %1?")
+                     : QStringLiteral("\nThe console hung up without answering: does it expect %1?"))
+                    .arg(QString::fromStdString(hint->framing));
     }
     return line;
 }

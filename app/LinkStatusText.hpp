@@ -24,7 +24,7 @@ QString replyAgeLine(std::optional<std::chrono::steady_clock::duration> age);
 QString droppedLine(std::uint64_t datagrams, std::optional<std::uint64_t> packets = std::nullopt);
 // "tcp 10.0.0.5:3032: connected", "… connecting…", "… refused, retrying in
 // 0.4 s", "… closed by the console, retrying in 1.0 s", with the last reason while connecting
-// again, and a second line suggesting the other framing when the bytes look framed that way.
+// again, and a second line suggesting the other framing when the console seems to use it.
 // Empty without a connection; `now` counts the retry down.
 QString connectionLine(const LinkConnection& connection, std::chrono::steady_clock::time_point now);
 // "0:00:04", "12:03:55": hours, minutes, seconds, to the nearest second.

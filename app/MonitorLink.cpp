@@ -16,16 +16,18 @@ namespace {
 // Seconds of a tick: the longest a connect, or a pause in the middle of a packet, may take.
 constexpr double tick = 2.0;
 
-// The framing the console's bytes seem to be in, when they broke `transport`'s. A SLIP stream
-// starts with an END byte, which read as a size is negative; a size-prefixed stream has no END
-// byte, so a SLIP reader waits for one until the packet outgrows the maximum or stalls.
-std::optional<std::string> otherFraming(MonitorLink::Transport transport, const TcpSocketError& error) {
+const char* otherFraming(MonitorLink::Transport transport) {
+    return transport == MonitorLink::Transport::slip ? "tcp" : "slip";
+}
+
+// Whether the console's bytes broke `transport`'s framing as the other framing's would. A SLIP
+// stream starts with an END byte, which read as a size is negative; a size-prefixed stream has
+// no END byte, so a SLIP reader waits for one until the packet outgrows the maximum or stalls.
+bool looksFramedTheOtherWay(MonitorLink::Transport transport, const TcpSocketError& error) {
     const bool brokenFraming = error.domain() == oscStreamErrorDomain;
     const bool stalledInPacket =
         error.domain() == TcpSocketError::socketDomain && error.code() == TcpSocketError::readTimeout;
-    if (transport == MonitorLink::Transport::tcp && brokenFraming) return "slip";
-    if (transport == MonitorLink::Transport::slip && (brokenFraming || stalledInPacket)) return "tcp";
-    return std::nullopt;
+    return brokenFraming || (transport == MonitorLink::Transport::slip && stalledInPacket);
 }
 
 }  // namespace
@@ -79,8 +81,9 @@ void MonitorLink::connect() {
         connection_.host, connection_.port, deliveryQueue_, settings,
         [self](const OSCMessage& message, const OSCTimeTag&, const std::shared_ptr<OSCStreamConnection>&) {
             if (!self) return;
-            if (self->connection_.otherFraming) {  // the framing fits after all
-                self->connection_.otherFraming.reset();
+            self->answeredOnConnection_ = true;
+            if (self->connection_.framingHint) {  // the framing fits after all
+                self->connection_.framingHint.reset();
                 emit self->connectionChanged();
             }
             self->receive_(message);
@@ -99,6 +102,7 @@ void MonitorLink::connect() {
             case OSCStreamClient::State::connected:
                 connection.state = LinkConnection::State::connected;
                 connection.reason.reset();
+                self->pingedOnConnection_ = self->answeredOnConnection_ = false;
                 break;
             case OSCStreamClient::State::waiting:
             case OSCStreamClient::State::closed:
@@ -106,8 +110,11 @@ void MonitorLink::connect() {
                 connection.refused = error && error->domain() == SocketError::posixDomain &&
                                      error->code() == ECONNREFUSED;
                 connection.reason = error ? std::optional(error->description()) : std::nullopt;
-                if (const auto other = error ? otherFraming(self->transport_, *error) : std::nullopt) {
-                    connection.otherFraming = other;
+                if (error && looksFramedTheOtherWay(self->transport_, *error)) {
+                    connection.framingHint = {otherFraming(self->transport_), true};
+                } else if (connection.wasConnected && self->pingedOnConnection_ &&
+                           !self->answeredOnConnection_) {
+                    connection.framingHint = {otherFraming(self->transport_), false};
                 }
                 connection.state = LinkConnection::State::waiting;
                 connection.retryAt = std::chrono::steady_clock::now() +
@@ -137,12 +144,19 @@ std::optional<std::int32_t> MonitorLink::ping(const std::string& address, const 
                                     ? stream_->connection()
                                     : nullptr;
         if (!connection) {
+            // The window may not have heard yet of a drop the client has seen.
+            const std::string why =
+                connection_.state == LinkConnection::State::connected ? "the connection closed"
+                : connection_.reason                                   ? *connection_.reason
+                : connection_.wasConnected                             ? "closed by the console"
+                                                                       : "connecting";
             throw std::runtime_error("not connected to " + connection_.host + ":" +
-                                     std::to_string(connection_.port) + " over " + nameOf(transport_) +
-                                     (connection_.reason ? ": " + *connection_.reason : ""));
+                                     std::to_string(connection_.port) + " over " +
+                                     nameOf(transport_) + ": " + why);
         }
         TcpSocketError error;
         if (!connection->send(packet, &error)) throw error;
+        pingedOnConnection_ = true;
     }
     if (!numbered) return std::nullopt;
     const std::int32_t number = nextNumber_;

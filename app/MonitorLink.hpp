@@ -73,6 +73,9 @@ class MonitorLink : public QObject {
     OSCClient udp_;
     std::shared_ptr<OSCStreamClient> stream_;
     LinkConnection connection_;
+    // Since the connection opened: whether a ping went out on it, and whether anything came back.
+    bool pingedOnConnection_ = false;
+    bool answeredOnConnection_ = false;
     std::uint64_t droppedBefore_ = 0;  // by the connections of earlier aims
     std::int32_t nextNumber_ = 1;
 };

@@ -59,6 +59,7 @@ ViewController::ViewController(MonitorSettings& defaults, std::shared_ptr<Dispat
                                LogLine log, std::filesystem::path historyFile, QWidget* parent)
     : QWidget(parent),
       defaults(defaults),
+      timer(new QTimer(this)),
       history_(std::move(historyFile), mainQueue,
                [self = QPointer<ViewController>(this)](const std::string& what) {
                    // Shown for the rest of the run: the history has a gap from here on.
@@ -75,9 +76,10 @@ ViewController::ViewController(MonitorSettings& defaults, std::shared_ptr<Dispat
       link_(new MonitorLink(deliveryQueue, [this](const OSCMessage& message) { receive(message); }, this)),
       log(std::move(log)) {
     Ui::MainWindow().setupUi(this);
-    timer.setInterval(pingInterval);
-    timer.setTimerType(Qt::PreciseTimer);
-    connect(&timer, &QTimer::timeout, this, &ViewController::sendPing);
+    timer->setObjectName(QStringLiteral("PingTimer"));  // tests that drive the ticks stop it
+    timer->setInterval(pingInterval);
+    timer->setTimerType(Qt::PreciseTimer);
+    connect(timer, &QTimer::timeout, this, &ViewController::sendPing);
     measuresTimer.setInterval(measuresInterval);
     connect(&measuresTimer, &QTimer::timeout, this, &ViewController::showMeasures);
     connect(link_, &MonitorLink::connectionChanged, this, &ViewController::showMeasures);
@@ -153,7 +155,7 @@ void ViewController::viewDidLoad() {
     if (MonitorLink::transportNamed(MyTransport) != MonitorLink::Transport::udp) aimLink();
     showLink();
     outlet<RoundTripPlot>("RoundTripPlot")->setHistory(&history_);
-    timer.start();
+    timer->start();
     measuresTimer.start();
 }
 

@@ -112,7 +112,7 @@ class ViewController : public QWidget {
     std::optional<PingTimes::Answer> lastAnswer;       // of the last ping answered
 
     MonitorSettings& defaults;
-    QTimer timer;
+    QTimer* timer;  // a child
     QTimer measuresTimer;
     LinkHistory history_;
     StatusTray* tray_;                          // a child
