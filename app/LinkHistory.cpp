@@ -248,7 +248,12 @@ struct LinkHistory::Database {
                  first = sqlite3_column_int64(row, 0);
                  latest = sqlite3_column_int64(row, 1);
              });
-        plot.from = from ? *from : first != 0 ? std::min(microsTimePoint(first), to) : to - std::chrono::hours(1);
+        // A span that starts before the first ping kept starts with it.
+        const auto oldest = first != 0 ? std::optional(std::min(microsTimePoint(first), to)) : std::nullopt;
+        plot.from = from && oldest ? std::max(*from, *oldest)
+                    : from         ? *from
+                    : oldest       ? *oldest
+                                   : to - std::chrono::hours(1);
         const std::int64_t start = micros(plot.from);
         const std::int64_t width =
             std::max<std::int64_t>(1, (micros(to) - start) / static_cast<std::int64_t>(std::max<std::size_t>(buckets, 1)) + 1);

@@ -110,9 +110,11 @@ class RoundTripPlot::Chart {
         outageBottom->replace({{msecs(plot.from), low}, {msecs(plot.to), low}});
         answered->replace(times);
         lost->replace(lostAt);
-        time->setFormat(plot.to - plot.from > hours(24) ? QStringLiteral("d MMM")
-                                                         : QStringLiteral("HH:mm"));
-        time->setRange(QDateTime::fromMSecsSinceEpoch(static_cast<qint64>(msecs(plot.from))),
+        // A minute at least, so that the first pings after a start do not fill the width.
+        const auto from = std::min(plot.from, plot.to - minutes(1));
+        time->setFormat(plot.to - from > hours(24) ? QStringLiteral("d MMM")
+                                                    : QStringLiteral("HH:mm"));
+        time->setRange(QDateTime::fromMSecsSinceEpoch(static_cast<qint64>(msecs(from))),
                        QDateTime::fromMSecsSinceEpoch(static_cast<qint64>(msecs(plot.to))));
     }
 

@@ -122,7 +122,7 @@ TEST_F(LinkHistoryTest, KeepsAWeekOfPingsAndPlotsThemInBucketsWithTheOutages) {
     std::vector<PingPlot> plots;
     const auto keep = [&](PingPlot plot) { plots.push_back(std::move(plot)); };
     history->plot(std::nullopt, at(10), 100, keep);  // from the oldest ping kept
-    history->plot(at(0), at(10), 2, keep);
+    history->plot(at(0), at(10), 2, keep);  // from before the first ping: from that one
     ASSERT_TRUE(QTest::qWaitFor([&] { return plots.size() == 2; }, 5000));
 
     using Bucket = PingPlot::Bucket;
@@ -132,7 +132,7 @@ TEST_F(LinkHistoryTest, KeepsAWeekOfPingsAndPlotsThemInBucketsWithTheOutages) {
         std::vector<std::tuple<Outage::TimePoint, int, int, std::int64_t>> buckets;  // first, pings, lost, worst
     } expected[] = {
         {at(1), {{at(1), 1, 0, 400}, {at(3), 1, 1, -1}, {at(5), 1, 0, 3000}, {at(7), 1, 0, -1}}},
-        {at(0), {{at(1), 3, 1, 3000}, {at(7), 1, 0, -1}}},
+        {at(1), {{at(1), 3, 1, 3000}, {at(7), 1, 0, -1}}},
     };
     for (std::size_t i = 0; i < plots.size(); ++i) {
         EXPECT_EQ(plots[i].from, expected[i].from) << i;
