@@ -98,9 +98,9 @@ class LinkHistory {
     std::vector<Outage> outages();
 
     // The pings from `from` (none, or before the oldest ping kept: from that one) to `to` in at
-    // most `buckets` buckets, read
-    // once the writes asked for before are done; `done` runs on the main queue with them. A
-    // failure is reported as any other, and `done` is not called.
+    // most `buckets` buckets, read once the writes asked for before are done; `done` runs on
+    // the main queue with them, never inside this call. A failure is reported as any other,
+    // and `done` is not called.
     void plot(std::optional<TimePoint> from, TimePoint to, std::size_t buckets,
               std::function<void(PingPlot)> done);
 

@@ -53,7 +53,7 @@ class RoundTripPlot::Chart {
         time->setFormat(QStringLiteral("HH:mm"));
         time->setTickCount(4);
         time->setLabelsFont(small(time->labelsFont()));
-        roundTrip->setLabelFormat(QStringLiteral("%g ms"));
+        roundTrip->setLabelFormat(QStringLiteral("%g"));  // the unit is in the title: room
         roundTrip->setMinorTickCount(0);
         roundTrip->setLabelsFont(small(roundTrip->labelsFont()));
         chart->addAxis(time, Qt::AlignBottom);
@@ -96,6 +96,8 @@ class RoundTripPlot::Chart {
         // Whole decades, at least 0.1 to 10 ms, so that the scale moves seldom.
         const double low = std::pow(10, std::floor(std::log10(std::min(fastest, 0.1))));
         const double high = std::pow(10, std::ceil(std::log10(std::max(slowest * 1.5, 10.0))));
+        // A label a decade is more than the plot's height holds over a wide range.
+        roundTrip->setBase(high / low > 1e4 ? 100 : 10);
         roundTrip->setRange(low, high);
         const double top = high / 1.6;  // just under the top on a log scale
         for (QPointF& at : lostAt) at.setY(top);
@@ -112,8 +114,10 @@ class RoundTripPlot::Chart {
         lost->replace(lostAt);
         // A minute at least, so that the first pings after a start do not fill the width.
         const auto from = std::min(plot.from, plot.to - minutes(1));
-        time->setFormat(plot.to - from > hours(24) ? QStringLiteral("d MMM")
-                                                    : QStringLiteral("HH:mm"));
+        const auto span = plot.to - from;
+        time->setFormat(span > hours(24)     ? QStringLiteral("d MMM")
+                        : span > minutes(10) ? QStringLiteral("HH:mm")
+                                             : QStringLiteral("HH:mm:ss"));
         time->setRange(QDateTime::fromMSecsSinceEpoch(static_cast<qint64>(msecs(from))),
                        QDateTime::fromMSecsSinceEpoch(static_cast<qint64>(msecs(plot.to))));
     }
@@ -130,7 +134,7 @@ class RoundTripPlot::Chart {
 
 RoundTripPlot::RoundTripPlot(QWidget* parent)
     : QWidget(parent), spanBox_(new QComboBox(this)), chart_(new Chart(this)) {
-    auto* title = new QLabel(tr("Round trips"), this);
+    auto* title = new QLabel(tr("Round trips, ms"), this);
     title->setFont(small(title->font()));
     spanBox_->addItems({tr("last hour"), tr("all kept")});
     spanBox_->setFont(small(spanBox_->font()));

@@ -35,9 +35,13 @@ std::string decimal(std::int64_t value) {
     return std::to_string(value);
 }
 
+bool isSocketPort(std::int64_t port) {
+    return port >= 0 && port <= 65535;
+}
+
 // Ports are kept as typed (any 32-bit value may be stored); only a socket needs 0...65535.
 std::uint16_t socketPort(std::int64_t port, const char* which) {
-    if (port < 0 || port > 65535) {
+    if (!isSocketPort(port)) {
         fatalError(std::string(which) + " port " + decimal(port) + " is outside 0...65535");
     }
     return static_cast<std::uint16_t>(port);
@@ -151,8 +155,12 @@ void ViewController::viewDidLoad() {
     // Printed after a failure too; deliberate.
     log("OSC Server started on port " + decimal(MyInPort));
 
-    // Over tcp or slip the connection is made now, so that the first tick finds it up.
-    if (MonitorLink::transportNamed(MyTransport) != MonitorLink::Transport::udp) aimLink();
+    // Over tcp or slip the connection is made now, so that the first tick finds it up; a port
+    // out of range stops the program at that tick, as over udp.
+    if (MonitorLink::transportNamed(MyTransport) != MonitorLink::Transport::udp &&
+        isSocketPort(MyOutPort)) {
+        aimLink(static_cast<std::uint16_t>(MyOutPort));
+    }
     showLink();
     outlet<RoundTripPlot>("RoundTripPlot")->setHistory(&history_);
     timer->start();
@@ -161,7 +169,7 @@ void ViewController::viewDidLoad() {
 
 void ViewController::sendPing() {
     const std::uint16_t port = socketPort(MyOutPort, "outgoing");
-    aimLink();  // a change of transport, host or port takes effect here
+    aimLink(port);  // a change of transport, host or port takes effect here
     const bool fromInPort = PingFromInPort && link_->transport() == MonitorLink::Transport::udp;
     try {
         const auto number = link_->ping(MyOutMsg.toStdString(), MyOutIP.toStdString(), port,
@@ -183,9 +191,8 @@ void ViewController::sendPing() {
     OSCgood = false;
 }
 
-void ViewController::aimLink() {
-    link_->aim(MonitorLink::transportNamed(MyTransport), MyOutIP.toStdString(),
-               socketPort(MyOutPort, "outgoing"));
+void ViewController::aimLink(std::uint16_t port) {
+    link_->aim(MonitorLink::transportNamed(MyTransport), MyOutIP.toStdString(), port);
 }
 
 void ViewController::receive(const OSCMessage& message) {

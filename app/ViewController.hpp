@@ -85,7 +85,7 @@ class ViewController : public QWidget {
   private:
     void receive(const OSCMessage& message);
     void setExpectedReply(QString text);
-    void aimLink();
+    void aimLink(std::uint16_t port);
     void showMeasures();  // the round trip, the reply's age, the connection and the drops
     void showLink();      // what the link row's choices mean for the fields
     template <class Widget>
