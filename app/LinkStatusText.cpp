@@ -64,7 +64,7 @@ QString connectionLine(const LinkConnection& connection, steady_clock::time_poin
                         : QStringLiteral("connecting\u2026");
             break;
         case State::connected:
-            state = QStringLiteral("connected");
+            state = QStringLiteral("connected, replies come over it");
             break;
         case State::waiting: {
             const auto left = connection.retryAt ? std::max(*connection.retryAt - now, steady_clock::duration())

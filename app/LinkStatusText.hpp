@@ -22,7 +22,7 @@ QString replyAgeLine(std::optional<std::chrono::steady_clock::duration> age);
 // "0 datagrams dropped (not OSC or undecodable)", "1 datagram dropped (…)"; with a connection,
 // "0 datagrams, 1 packet dropped (…)".
 QString droppedLine(std::uint64_t datagrams, std::optional<std::uint64_t> packets = std::nullopt);
-// "tcp 10.0.0.5:3032: connected", "… connecting…", "… refused, retrying in
+// "tcp 10.0.0.5:3032: connected, replies come over it", "… connecting…", "… refused, retrying in
 // 0.4 s", "… closed by the console, retrying in 1.0 s", with the last reason while connecting
 // again, and a second line suggesting the other framing when the console seems to use it.
 // Empty without a connection; `now` counts the retry down.
