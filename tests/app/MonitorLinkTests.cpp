@@ -29,14 +29,21 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using tcpTest::ChildProcess;
 
-enum class Peer { responder, liblo, node };
+#ifndef KAVRIN_LIBLO_CONSOLE
+#define KAVRIN_LIBLO_CONSOLE ""  // liblo-dev is not installed
+#endif
 
+// A link and a peer that answers it: the program, with "PORT" for the port it listens on, "IN"
+// for the monitor's listening port and "MODULES" for the npm peer's modules, and its first
+// words once it is ready.
 struct LinkSetup {
     const char* name;
     const char* transport;
     bool pingFromInPort;
     bool numberPings;
-    Peer peer;
+    const char* program;
+    std::vector<std::string> arguments;
+    const char* ready;
 };
 
 // Ping, reply and light, the same in every setup.
@@ -44,10 +51,8 @@ class MonitorLinkTest : public test::MonitorHarness, public ::testing::WithParam
   protected:
     void SetUp() override {
         const LinkSetup& setup = GetParam();
-#ifndef KAVRIN_LIBLO_CONSOLE
-        if (setup.peer == Peer::liblo) GTEST_SKIP() << "liblo-dev is not installed";
-#endif
-        if (setup.peer == Peer::node) {
+        if (*setup.program == 0) GTEST_SKIP() << "liblo-dev is not installed";
+        if (std::string(setup.program) == "node") {
             if (!test::onPath("node") || !test::onPath("npm")) GTEST_SKIP() << "node or npm is not installed";
             modules = test::npmPeers();
             ASSERT_FALSE(modules.empty());
@@ -62,31 +67,17 @@ class MonitorLinkTest : public test::MonitorHarness, public ::testing::WithParam
         settings->store().setValue("NumberPings", setup.numberPings);
     }
 
-    // The setup's peer on `port`, answering; null when it would not start.
+    // The setup's peer, answering; null when it would not start.
     std::unique_ptr<ChildProcess> startPeer() {
-        const LinkSetup& setup = GetParam();
-        const std::string listen = std::to_string(port);
-        const std::string replyPort = std::to_string(inPort);
-        std::unique_ptr<ChildProcess> peer;
-        std::string ready = "port ";
-        if (setup.peer == Peer::responder) {
-            std::vector<std::string> arguments = {"--listen", listen, "--reply-port", replyPort};
-            if (stream) arguments.push_back(std::string("--") + setup.transport);
-            if (setup.pingFromInPort) arguments.push_back("--reply-to-sender");
-            peer = std::make_unique<ChildProcess>(KAVRIN_RESPONDER_PATH, arguments);
-            ready = "listening on";
-        } else if (setup.peer == Peer::node) {
-            peer = std::make_unique<ChildProcess>(
-                "node", std::vector<std::string>{KAVRIN_SOURCE_DIR "/tests/tools/slip_peer.js", modules,
-                                                 "answer", listen});
-        } else {
-#ifdef KAVRIN_LIBLO_CONSOLE
-            std::vector<std::string> arguments = {setup.transport, listen};
-            if (!stream && !setup.pingFromInPort) arguments.push_back(replyPort);
-            peer = std::make_unique<ChildProcess>(KAVRIN_LIBLO_CONSOLE, arguments);
-#endif
+        std::vector<std::string> arguments = GetParam().arguments;
+        for (auto& argument : arguments) {
+            argument = argument == "PORT" ? std::to_string(port)
+                       : argument == "IN" ? std::to_string(inPort)
+                       : argument == "MODULES" ? modules
+                                               : argument;
         }
-        if (!peer->waitForOutput(ready, 20s)) {
+        auto peer = std::make_unique<ChildProcess>(GetParam().program, arguments);
+        if (!peer->waitForOutput(GetParam().ready, 20s)) {
             ADD_FAILURE() << "the peer did not start: " << peer->output();
             return nullptr;
         }
@@ -154,16 +145,20 @@ TEST_P(MonitorLinkTest, TheLightFollowsTheConsoleTickByTick) {
         << (stream ? "green by the 3rd tick after the peer accepts again" : "and again");
 }
 
+const char* const responder = KAVRIN_RESPONDER_PATH;
+const char* const slipPeer = KAVRIN_SOURCE_DIR "/tests/tools/slip_peer.js";
+
 INSTANTIATE_TEST_SUITE_P(
     Setups, MonitorLinkTest,
-    ::testing::Values(LinkSetup{"UdpResponder", "udp", false, false, Peer::responder},
-                      LinkSetup{"UdpFromInPortResponder", "udp", true, true, Peer::responder},
-                      LinkSetup{"TcpResponder", "tcp", false, true, Peer::responder},
-                      LinkSetup{"SlipResponder", "slip", false, false, Peer::responder},
-                      LinkSetup{"UdpLiblo", "udp", false, true, Peer::liblo},
-                      LinkSetup{"UdpFromInPortLiblo", "udp", true, false, Peer::liblo},
-                      LinkSetup{"TcpLiblo", "tcp", false, false, Peer::liblo},
-                      LinkSetup{"SlipNode", "slip", false, true, Peer::node}),
+    ::testing::Values(
+        LinkSetup{"UdpResponder", "udp", false, false, responder, {"--listen", "PORT", "--reply-port", "IN"}, "listening"},
+        LinkSetup{"UdpFromInPortResponder", "udp", true, true, responder, {"--listen", "PORT", "--reply-to-sender"}, "listening"},
+        LinkSetup{"TcpResponder", "tcp", false, true, responder, {"--listen", "PORT", "--tcp"}, "listening"},
+        LinkSetup{"SlipResponder", "slip", false, false, responder, {"--listen", "PORT", "--slip"}, "listening"},
+        LinkSetup{"UdpLiblo", "udp", false, true, KAVRIN_LIBLO_CONSOLE, {"udp", "PORT", "IN"}, "port "},
+        LinkSetup{"UdpFromInPortLiblo", "udp", true, false, KAVRIN_LIBLO_CONSOLE, {"udp", "PORT"}, "port "},
+        LinkSetup{"TcpLiblo", "tcp", false, false, KAVRIN_LIBLO_CONSOLE, {"tcp", "PORT"}, "port "},
+        LinkSetup{"SlipNode", "slip", false, true, "node", {slipPeer, "MODULES", "answer", "PORT"}, "port "}),
     [](const ::testing::TestParamInfo<LinkSetup>& info) { return std::string(info.param.name); });
 
 // The link against a console gone wrong: a raw TCP peer that writes what the test gives.
