@@ -14,6 +14,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -316,6 +317,10 @@ Round runRound(const Options& options) {
                 ::kill(pid, SIGKILL);
                 die("the monitor did not connect; see " + (home / "stderr").string());
             }
+            // Each message leaves as it is sent. With Nagle's algorithm the sender would hold
+            // messages back until the monitor acknowledges the last, which measures the sender.
+            const int on = 1;
+            ::setsockopt(sender, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         } else {
             std::uint16_t senderPort = 0;
             sender = loopbackSocket(&senderPort);
