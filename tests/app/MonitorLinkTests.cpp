@@ -220,6 +220,18 @@ TEST_F(MonitorLinkFaultsTest, ChangesTakeEffectAtTheNextTickAndNoPingWaitsForThe
     EXPECT_TRUE(read.size() >= first.size() && std::equal(first.begin(), first.end(), read.begin()));
 }
 
+TEST_F(MonitorLinkFaultsTest, APingFromTheListeningPortGoesOnlyWhileTheServerRuns) {
+    const std::uint16_t inPort = test::freeUdpPort();
+    test::UdpPeer holder(inPort, "0.0.0.0");  // holds the port without sharing it
+    settings->store().setValue("InPort", inPort);
+    settings->store().setValue("PingFromInPort", true);
+    start();
+    EXPECT_EQ(tick(), "ERROR sending ping: The OSC server on port " + std::to_string(inPort) +
+                          " is not running.");
+    EXPECT_FALSE(pingSink.receive(100ms).has_value());
+    EXPECT_EQ(status(), "OSC IS DEAD!!!");
+}
+
 TEST_F(MonitorLinkFaultsTest, ABrokenConnectionCostsOnlyItselfAndTheWindowSaysWhy) {
     settings->store().setValue("OutPort", console.port());
     settings->store().setValue("Transport", "tcp");
