@@ -46,6 +46,10 @@ struct LinkSetup {
     const char* ready;
 };
 
+void PrintTo(const LinkSetup& setup, std::ostream* out) {
+    *out << setup.name;
+}
+
 // Ping, reply and light, the same in every setup.
 class MonitorLinkTest : public test::MonitorHarness, public ::testing::WithParamInterface<LinkSetup> {
   protected:
