@@ -359,7 +359,8 @@ if run.get("app", False):
     if app_done:
         with open(app_path) as f:
             out.append("Messages `/load/msg ,i N` sent from loopback to the headless monitor at a "
-                       "steady rate by `scripts/bench-app`, which this run started"
+                       "steady rate, over UDP and over its TCP connection, by `scripts/bench-app`, "
+                       "which this run started"
                        f"{' with `' + run['app_args'] + '`' if run.get('app_args') else ''}:\n")
             out.append(f.read())
     else:

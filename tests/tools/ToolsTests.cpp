@@ -15,6 +15,7 @@
 #include <sstream>
 
 #include "../transport/TestCertificates.hpp"
+#include "NpmPeers.hpp"
 
 namespace kavrin {
 namespace {
@@ -23,18 +24,12 @@ using namespace std::chrono_literals;
 using namespace std::string_literals;
 using tcpTest::ChildProcess;
 using tcpTest::OpensslProcess;
+using test::npmPeers;
+using test::onPath;
 using Arguments = std::vector<std::string>;
 
 const std::string kavrinDump = KAVRIN_DUMP;
 const std::string kavrinSend = KAVRIN_SEND;
-
-bool onPath(const std::string& name) {
-    std::istringstream path(getenv("PATH") ? getenv("PATH") : "");
-    for (std::string dir; std::getline(path, dir, ':');) {
-        if (access((dir + "/" + name).c_str(), X_OK) == 0) return true;
-    }
-    return false;
-}
 
 std::string joined(const Arguments& arguments) {
     std::string text;
@@ -275,31 +270,6 @@ TEST(ToolsOverTls, AgainstOpensslClientAndServer) {
     close(listener);
     EXPECT_EQ(hungUp.waitForExit(10s), 1)
         << "kavrin-send to a server that hung up during the handshake: " << hungUp.errors();
-}
-
-// Installs the pinned npm package "osc" into the build folder, once; its node_modules folder.
-std::string npmPeers() {
-    namespace fs = std::filesystem;
-    const fs::path folder = KAVRIN_NPM_PEERS;
-    const fs::path pinned = KAVRIN_SOURCE_DIR "/tests/tools/package.json";
-    const auto text = [](const fs::path& file) {
-        std::ifstream in(file);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    };
-    // The copy named installed.json is made only once an install of that list succeeded.
-    if (text(folder / "installed.json") != text(pinned)) {
-        fs::create_directories(folder);
-        fs::copy_file(pinned, folder / "package.json", fs::copy_options::overwrite_existing);
-        ChildProcess npm("npm",
-                         {"install", "--prefix", folder.string(), "--no-package-lock", "--no-audit",
-                          "--no-fund", "--omit=optional", "--ignore-scripts", "--loglevel=error"});
-        if (npm.waitForExit(90s) != 0) {
-            ADD_FAILURE() << "npm install failed in " << folder << ": " << npm.output();
-            return "";
-        }
-        fs::copy_file(pinned, folder / "installed.json", fs::copy_options::overwrite_existing);
-    }
-    return (folder / "node_modules").string();
 }
 
 TEST(ToolsOverSlip, BothWaysWithAJavaScriptPeer) {
