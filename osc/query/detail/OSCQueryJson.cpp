@@ -254,7 +254,8 @@ OSCQueryNode node(const Json& json, const std::string& path, int depth) {
     attributes.tags = optionalField<std::vector<std::string>>(json, "TAGS", node.fullPath).value_or(
         std::vector<std::string>{});
     attributes.critical = optionalField<bool>(json, "CRITICAL", node.fullPath);
-    const auto groups = tagGroups(attributes.type.value_or(""));
+    const std::string type = attributes.type.value_or("");
+    const auto groups = tagGroups(type);  // views into `type`
     if (const auto value = json.find("VALUE"); value != json.end() && attributes.type) {
         // A value that does not fit its type is left out rather than guessed at.
         node.value = valuesFromJson(*value, *attributes.type).value_or(std::vector<OSCValue>{});
