@@ -5,6 +5,7 @@
 #include <limits>
 #include <string>
 
+#include "osc/codec/OSCSerialization.hpp"
 #include "osc/codec/OSCTypeTag.hpp"
 
 namespace kavrin::detail {
@@ -76,7 +77,7 @@ std::optional<std::vector<std::string_view>> tagGroups(std::string_view tags) {
         }
         std::size_t depth = 0, end = i;
         for (; end < tags.size(); ++end) {
-            if (tags[end] == oscArrayStart) ++depth;
+            if (tags[end] == oscArrayStart && ++depth > OSCSerialization::maximumArrayDepth) return std::nullopt;
             if (tags[end] == oscArrayEnd && --depth == 0) break;
             if (tags[end] != oscArrayStart && tags[end] != oscArrayEnd && !oscTypeTag::find(tags[end])) {
                 return std::nullopt;

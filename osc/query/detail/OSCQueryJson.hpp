@@ -26,7 +26,8 @@ struct OSCQueryFormatError : std::runtime_error {
 };
 
 /// The groups of a type tag string: one tag each, or a bracketed array ("i[ff]s": i, [ff], s).
-/// nullopt when a tag is unknown or a bracket unbalanced.
+/// nullopt when a tag is unknown, a bracket unbalanced or arrays nest deeper than the codec's
+/// limit.
 std::optional<std::vector<std::string_view>> tagGroups(std::string_view tags);
 
 /// A value as VALUE and RANGE hold it: numbers, strings, booleans, arrays; null for what JSON

@@ -1,6 +1,7 @@
-// A real browser reads the tree: headless Chromium loads a page from another origin (a port of
-// this test's own), which fetches the tree, opens the WebSocket, sends LISTEN and reports the
-// value update it receives back to the page's server. Skips when Chromium is not installed.
+// Independent peers read the tree: curl, and a real browser: headless Chromium loads a page
+// from another origin (a port of this test's own), which fetches the tree, opens the WebSocket,
+// sends LISTEN and reports the value update it receives back to the page's server. Each skips
+// when its peer is not installed.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -118,7 +119,7 @@ class PageServer {
     std::string result_;
 };
 
-TEST(OSCQueryBrowser, ChromiumReadsTheTreeAndListensFromAnotherOrigin) {
+TEST(OSCQueryPeers, ChromiumReadsTheTreeAndListensFromAnotherOrigin) {
     if (::access("/usr/bin/chromium", X_OK) != 0) GTEST_SKIP() << "chromium is not installed";
     ServedSpace served;
     std::string html = page;
@@ -140,6 +141,22 @@ TEST(OSCQueryBrowser, ChromiumReadsTheTreeAndListensFromAnotherOrigin) {
     ASSERT_TRUE(listening) << "the page never listened; it reported: " << pages.result() << "\n"
                            << chromium.errors().substr(0, 2000);
     EXPECT_EQ(pages.result(), "tree f 0.5, update 0.75") << chromium.errors().substr(0, 2000);
+}
+
+TEST(OSCQueryPeers, CurlReadsTheTreeAndAnAttribute) {
+    if (::access("/usr/bin/curl", X_OK) != 0) GTEST_SKIP() << "curl is not installed";
+    ServedSpace served;
+    const auto base = "http://127.0.0.1:" + std::to_string(served.port());
+    tcpTest::ChildProcess value("/usr/bin/curl", {"--silent", "--show-error", "--include", base + "/mixer/gain?VALUE"},
+                                tcpTest::ChildProcess::Errors::separate);
+    ASSERT_EQ(value.waitForExit(10s), 0) << value.errors();
+    EXPECT_TRUE(value.output().starts_with("HTTP/1.1 200 OK\r\n")) << value.output();
+    EXPECT_NE(value.output().find("\r\nContent-Type: application/json\r\n"), std::string::npos) << value.output();
+    EXPECT_TRUE(value.output().ends_with("\r\n\r\n{\"VALUE\":[0.5]}")) << value.output();
+    tcpTest::ChildProcess tree("/usr/bin/curl", {"--silent", "--show-error", "--fail", base + "/mixer"},
+                               tcpTest::ChildProcess::Errors::separate);
+    ASSERT_EQ(tree.waitForExit(10s), 0) << tree.errors();
+    EXPECT_TRUE(tree.output().starts_with("{\"CONTENTS\":{\"gain\":{")) << tree.output();
 }
 
 }  // namespace
