@@ -1,26 +1,14 @@
 // The only file of the client side that sees Boost.Beast, which is heavy to compile.
 #include "osc/query/detail/HttpClient.hpp"
 
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/post.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/http.hpp>
-#include <boost/beast/websocket.hpp>
-
 #include <deque>
 #include <optional>
 #include <thread>
 
+#include "osc/query/detail/BeastSupport.hpp"
 #include "support/Logger.hpp"
 
 namespace kavrin::detail {
-
-namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace http = beast::http;
-namespace websocket = beast::websocket;
-using tcp = asio::ip::tcp;
-using ErrorCode = beast::error_code;
 
 namespace {
 
@@ -92,16 +80,7 @@ struct HttpClient::Core : std::enable_shared_from_this<Core> {
     Core(std::string host, std::uint16_t port, std::chrono::milliseconds timeout)
         : host(std::move(host)), port(port), timeout(timeout) {}
 
-    void run() {
-        for (;;) {
-            try {
-                ioc.run();
-                return;
-            } catch (const std::exception& error) {
-                Logger::shared().category("query").error("the HTTP client's thread caught: {}", error.what());
-            }
-        }
-    }
+    void run() { runIoContext(ioc, "HTTP client"); }
 
     using Socket = websocket::stream<beast::tcp_stream>;
 

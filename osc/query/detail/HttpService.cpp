@@ -1,12 +1,6 @@
 // The only file of the server side that sees Boost.Beast, which is heavy to compile.
 #include "osc/query/detail/HttpService.hpp"
 
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/post.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/http.hpp>
-#include <boost/beast/websocket.hpp>
-
 #include <atomic>
 #include <deque>
 #include <map>
@@ -14,16 +8,10 @@
 #include <system_error>
 #include <thread>
 
+#include "osc/query/detail/BeastSupport.hpp"
 #include "support/Logger.hpp"
 
 namespace kavrin::detail {
-
-namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace http = beast::http;
-namespace websocket = beast::websocket;
-using tcp = asio::ip::tcp;
-using ErrorCode = beast::error_code;
 
 namespace {
 
@@ -58,16 +46,7 @@ class Connection {
 struct HttpService::Core : std::enable_shared_from_this<Core> {
     Core(Handlers handlers, Limits limits) : handlers(std::move(handlers)), limits(limits) {}
 
-    void run() {
-        for (;;) {
-            try {
-                ioc.run();
-                return;
-            } catch (const std::exception& error) {
-                log().error("the HTTP service's thread caught: {}", error.what());
-            }
-        }
-    }
+    void run() { runIoContext(ioc, "HTTP service"); }
 
     void accept();
     void admit(tcp::socket socket);
