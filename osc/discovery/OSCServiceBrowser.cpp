@@ -84,6 +84,7 @@ struct OSCServiceBrowser::Impl {
             report(status);
             return;
         }
+        if (!browsers.empty()) return;  // browsing already
         for (const auto& type : types) {
             auto* browser = avahi_service_browser_new(client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
                                                       type.c_str(), nullptr, AvahiLookupFlags{},
