@@ -83,7 +83,10 @@ class PageServer {
                 if (length <= 0) break;
                 request.append(buffer, static_cast<std::size_t>(length));
             }
-            const auto target = request.substr(4, request.find(' ', 4) - 4);
+            // A browser opens connections ahead of need and may close them unused.
+            const auto space = request.find(' ');
+            const auto target = space == request.npos ? std::string()
+                                                      : request.substr(space + 1, request.find(' ', space + 1) - space - 1);
             std::string response = "HTTP/1.1 204 No Content\r\nConnection: close\r\n\r\n";
             if (target.starts_with("/result?")) {
                 std::lock_guard lock(mutex_);
