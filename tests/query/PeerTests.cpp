@@ -123,7 +123,10 @@ class PageServer {
 };
 
 TEST(OSCQueryPeers, ChromiumReadsTheTreeAndListensFromAnotherOrigin) {
-    if (::access("/usr/bin/chromium", X_OK) != 0) GTEST_SKIP() << "chromium is not installed";
+    // The browser itself, not Debian's wrapper script: stopping the process started must stop
+    // the browser, which then ends its helpers.
+    const std::string browser = "/usr/lib/chromium/chromium";
+    if (::access(browser.c_str(), X_OK) != 0) GTEST_SKIP() << "chromium is not installed";
     ServedSpace served;
     std::string html = page;
     html.replace(html.find("QUERY_PORT"), 10, std::to_string(served.port()));
@@ -131,7 +134,7 @@ TEST(OSCQueryPeers, ChromiumReadsTheTreeAndListensFromAnotherOrigin) {
     const auto profile = std::filesystem::temp_directory_path() /
                          ("kavrin-chromium-" + std::to_string(::getpid()));
     tcpTest::ChildProcess chromium(
-        "/usr/bin/chromium",
+        browser,
         {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
          "--disable-background-networking", "--disable-component-update", "--disable-sync",
          "--user-data-dir=" + profile.string(), "http://127.0.0.1:" + std::to_string(pages.port()) + "/"},
