@@ -21,9 +21,14 @@ using detail::HttpService;
 using detail::Json;
 using PeerID = HttpService::PeerID;
 
-struct OSCQueryServer::Impl : std::enable_shared_from_this<Impl> {
-    Impl(std::shared_ptr<OSCAddressSpace> space, std::shared_ptr<DispatchQueue> spaceQueue,
-         Settings settings)
+namespace detail {
+
+// The server's state, in the internal namespace so that the shared library keeps it (and the
+// internal types its functions take) to itself.
+struct OSCQueryServerState : std::enable_shared_from_this<OSCQueryServerState> {
+    using Settings = OSCQueryServerSettings;
+    OSCQueryServerState(std::shared_ptr<OSCAddressSpace> space, std::shared_ptr<DispatchQueue> spaceQueue,
+                        Settings settings)
         : space(std::move(space)), spaceQueue(std::move(spaceQueue)), settings(std::move(settings)) {}
 
     HttpService::Handlers handlers() {
@@ -169,6 +174,12 @@ struct OSCQueryServer::Impl : std::enable_shared_from_this<Impl> {
     std::map<PeerID, Peer> peers;                         // guarded by mutex
     std::uint16_t port = 0;                               // guarded by mutex
     std::unique_ptr<HttpService> service;  // last: its thread ends before the rest goes
+};
+
+}  // namespace detail
+
+struct OSCQueryServer::Impl : detail::OSCQueryServerState {
+    using OSCQueryServerState::OSCQueryServerState;
 };
 
 OSCQueryServer::OSCQueryServer(std::shared_ptr<OSCAddressSpace> space,
