@@ -70,7 +70,11 @@ OSCCompiledPattern::OSCCompiledPattern(OSCAddressPattern pattern)
         steps.push_back(step);
     };
     for (std::size_t i = 0; i < texts.size(); ++i) {
-        if (i > 0) {
+        if (i > 0 && steps.size() > sealed && steps.back().kind == MatchStep::Kind::star &&
+            !steps.back().thenSeparator) {
+            // The star stops at the "/" it has to find anyway.
+            steps.back().thenSeparator = true;
+        } else if (i > 0) {
             MatchStep separator;
             separator.text = {texts[i].data() - 1, 1};
             append(separator);

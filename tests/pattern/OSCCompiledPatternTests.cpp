@@ -117,7 +117,7 @@ TEST(OSCCompiledPattern, AllMatchersAnswerLikeTheBacktrackingSearchOverATable) {
         "/ch/[0-9]*/{gain,mute}", "/mixer/*/fader/*", "/*a*a*a*a*a*b", "/a\r\n", "/[\r\n]",
         "/?", "/??", "/e*", "/**", "/*?", "/[xa-c-e]", "/[!-a]", "/[a-]{b}", "/{a,,b}[]",
         "/[{a,b}]", "/{[a,b]}", "/[a-c-e-g]*", "/*/x", "/q/*", "/q/x", "/a/b*", "/x/a*b/c",
-        "/[\t-\r\n]", "/a\r\n*", "/*\r?"};
+        "/[\t-\r\n]", "/a\r\n*", "/*\r?", "/*//b", "/a*//*"};
     const std::vector<std::string> addresses = {
         "", "/", "//", "/a", "a", "/a/", "/a/b", "/a/b/", "/a//c", "/a/b/c", "//a", "/a//b",
         "/xy", "/xaby", "/xya", "/abc", "/b", "/ac", "/abab", "/xabyab", "/bx", "/dx", "/-",

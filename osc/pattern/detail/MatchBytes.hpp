@@ -153,6 +153,10 @@ template <class Steps>
             step = after - 1;
         }
         at = stop;
+        if (step->thenSeparator) {
+            if (at == end) return false;
+            ++at;
+        }
     }
     where = at;
     return true;

@@ -32,6 +32,8 @@ struct MatchStep {
     Kind kind = Kind::text;
     bool acceptsCRLF = false;  // oneOf: the verdict on the one character CR LF
     bool exclusion = false;    // oneOf: the verdict on other characters that are not listed
+    // star: then the "/" that ends its component (the compiled pattern's steps only)
+    bool thenSeparator = false;
     std::uint32_t span = 0;    // star: how many steps follow it in its component (arrays only)
     std::string_view text;     // text, braceList
     // oneOf: the characters listed that are neither one ASCII byte nor CR LF (only lowered
