@@ -1,7 +1,6 @@
 #include "osc/pattern/OSCAddressPattern.hpp"
 
 #include "osc/pattern/detail/ComponentSyntax.hpp"
-#include "osc/pattern/detail/MatchBytes.hpp"
 #include "osc/pattern/detail/MatchRun.hpp"
 #include "osc/pattern/detail/MatchStep.hpp"
 #include "support/ASCIIScan.hpp"
@@ -39,8 +38,8 @@ class TokenMaker {
             set.insert(OSCAddressPattern::CharacterGroup::single(std::string(character)));
         }
         void range(std::string_view start, std::string_view end) {
-            set.insert(
-                OSCAddressPattern::CharacterGroup::asciiRange(std::string(start), std::string(end)));
+            set.insert(OSCAddressPattern::CharacterGroup::asciiRange(std::string(start),
+                                                                     std::string(end)));
         }
     };
 
@@ -194,16 +193,8 @@ bool OSCAddressPattern::matchComponent(const CharacterView& component,
     MatchProgram program;
     program.lower(tokens);
     const MatchStep* const first = program.steps.data();
-    const MatchStep* const last = first + program.steps.size();
-    const std::string_view text = component.text();
-    // Byte-wise, a "/" would end the component.
-    if (component.isOneBytePerCharacter() && text.find('/') == std::string_view::npos) {
-        const char* at = text.data();
-        return matchBytes::runBytes(first, last, program.pieces.data(), text.data(), at,
-                                  text.data() + text.size()) &&
-               at == text.data() + text.size();
-    }
-    return matchRun::matchesCharacters(first, last, program.pieces.data(), component);
+    return matchRun::matchesComponent(first, first + program.steps.size(), program.pieces.data(),
+                                      component);
 }
 
 }  // namespace kavrin

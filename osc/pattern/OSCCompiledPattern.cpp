@@ -26,20 +26,20 @@ struct OSCCompiledPattern::Program {
     const MatchStep* componentEnd(std::size_t i) const {
         return components.steps.data() + starts[i + 1];
     }
-    bool matchesCharacters(std::size_t i, const CharacterView& component) const {
-        return matchRun::matchesCharacters(componentBegin(i), componentEnd(i),
-                                           components.pieces.data(), component);
+    bool matchesComponent(std::size_t i, const CharacterView& component) const {
+        return matchRun::matchesComponent(componentBegin(i), componentEnd(i),
+                                          components.pieces.data(), component);
     }
     // Out of line, so that the byte-wise path keeps its registers.
     [[gnu::noinline]] bool matchesByCharacters(std::string_view address) const {
-        return matchRun::matchesByCharacters(
-            address, starts.size() - 1,
-            [&](std::size_t i, const CharacterView& component) { return matchesCharacters(i, component); });
+        return matchRun::matchesByCharacters(address, starts.size() - 1,
+                                             [&](std::size_t i, const CharacterView& component) {
+                                                 return matchesComponent(i, component);
+                                             });
     }
 };
 
-OSCCompiledPattern::OSCCompiledPattern(OSCAddressPattern pattern)
-    : pattern_(std::move(pattern)) {
+OSCCompiledPattern::OSCCompiledPattern(OSCAddressPattern pattern) : pattern_(std::move(pattern)) {
     auto program = std::make_shared<Program>();
     program->text = pattern_.rawAddress();
     std::string_view path = program->text;
@@ -64,7 +64,8 @@ OSCCompiledPattern::OSCCompiledPattern(OSCAddressPattern pattern)
         if (step.kind == MatchStep::Kind::text && steps.size() > sealed &&
             steps.back().kind == MatchStep::Kind::text &&
             steps.back().text.data() + steps.back().text.size() == step.text.data()) {
-            steps.back().text = {steps.back().text.data(), steps.back().text.size() + step.text.size()};
+            steps.back().text = {steps.back().text.data(),
+                                 steps.back().text.size() + step.text.size()};
             return;
         }
         steps.push_back(step);
@@ -97,8 +98,8 @@ bool OSCCompiledPattern::matches(std::string_view address) const {
     // Deliberate: a pattern without components matches nothing, not even "/".
     if (program.starts.size() == 1) return false;
     const MatchStep* const first = program.path.data();
-    if (const auto answer = matchBytes::matchesPathBytes(first, first + program.path.size(),
-                                                       program.components.pieces.data(), address)) {
+    if (const auto answer = matchBytes::matchesPathBytes(
+            first, first + program.path.size(), program.components.pieces.data(), address)) {
         return *answer;
     }
     return program.matchesByCharacters(address);
@@ -109,17 +110,8 @@ std::size_t OSCCompiledPattern::componentCount() const {
 }
 
 bool OSCCompiledPattern::matchesComponent(std::size_t index, std::string_view name) const {
-    const Program& program = *program_;
-    // Byte-wise, a "/" would end the component.
-    if (CharacterView::isOneBytePerCharacter(name) && name.find('/') == std::string_view::npos) {
-        const char* at = name.data();
-        const char* const end = at + name.size();
-        return matchBytes::runBytes(program.componentBegin(index), program.componentEnd(index),
-                                  program.components.pieces.data(), name.data(), at, end) &&
-               at == end;
-    }
     std::vector<std::uint32_t> storage;
-    return program.matchesCharacters(index, CharacterView::segment(name, storage));
+    return program_->matchesComponent(index, CharacterView::segment(name, storage));
 }
 
 std::optional<std::string_view> OSCCompiledPattern::literalComponent(std::size_t index) const {

@@ -20,7 +20,8 @@ class OSCCompiledPattern {
     const OSCAddressPattern& pattern() const { return pattern_; }
     bool matches(std::string_view address) const;
 
-    // The pattern's components one by one, for walking a tree of names level by level.
+    // The pattern's components one by one, for walking a tree of names level by level; each
+    // `index` below is less than componentCount().
     std::size_t componentCount() const;
     // Whether `name`, one component of an address, matches component `index`: the answer of
     // OSCAddressPattern::matchComponent for that component's tokens.

@@ -9,14 +9,13 @@
 
 // Internal to the pattern layer: the one reading of a pattern component's wildcard syntax,
 // shared by the parsed form (OSCAddressPattern::tokens, characterGroups) and the match steps.
-// Each reads the component through a text of characters: PatternBytes for a pattern's ASCII
-// text, CharacterView for any UTF-8. Plain functions: any thread.
+// It reads through a text of characters: PatternBytes for a pattern's ASCII text, CharacterView
+// for any UTF-8. Plain functions: any thread.
 namespace kavrin::componentSyntax {
 
-// A pattern's text from some point on, a byte per character, with CharacterView's operations
-// inline. It may run on past the end of the component being read: a "/" ends that, so nothing
-// is found past one. (A CR LF pair, one character, matters only between brackets: see
-// MatchStep.cpp.)
+// A pattern's text, a byte per character, with CharacterView's operations inline. It may run on
+// past the component being read, which a "/" ends: nothing is found past one. (CR LF, one
+// character, matters only between brackets: see readBracket.)
 class PatternBytes {
   public:
     explicit PatternBytes(std::string_view text) : text_(text) {}
@@ -27,11 +26,10 @@ class PatternBytes {
     PatternBytes slice(std::size_t from, std::size_t to) const {
         return PatternBytes({text_.data() + from, to - from});
     }
-    // Byte by byte: the texts searched are a few bytes long.
+    // Byte by byte: what is searched is a few bytes long.
     std::optional<std::size_t> find(std::string_view character, std::size_t from) const {
-        const char* const end = text_.data() + text_.size();
-        for (const char* at = text_.data() + from; at != end && *at != '/'; ++at) {
-            if (*at == character[0]) return static_cast<std::size_t>(at - text_.data());
+        for (std::size_t i = from; i < text_.size() && text_[i] != '/'; ++i) {
+            if (text_[i] == character[0]) return i;
         }
         return std::nullopt;
     }
@@ -42,16 +40,10 @@ class PatternBytes {
 
 // What the character at some index of a component begins.
 struct Reading {
-    enum class Kind : std::uint8_t {
-        literal,  // a character that stands as written
-        star,     // "*", or a run of them, which is one
-        any,      // "?"
-        bracket,  // "[...]"
-        brace,    // "{...}"
-    };
+    enum class Kind : std::uint8_t { literal, star, any, bracket, brace };
     Kind kind = Kind::literal;
     std::size_t next = 0;  // the index after it
-    // bracket and brace: the characters strictly between the brackets or braces ("[]" has none)
+    // bracket, brace: the characters strictly between the brackets or braces ("[]" has none)
     std::size_t contentsBegin = 0;
     std::size_t contentsEnd = 0;
 };
@@ -61,7 +53,7 @@ template <class Text>
     const std::string_view character = component[i];
     if (character == "*") {
         std::size_t next = i + 1;
-        while (next < component.size() && component[next] == "*") ++next;
+        while (next < component.size() && component[next] == "*") ++next;  // a run is one star
         return {Reading::Kind::star, next};
     }
     if (character == "?") return {Reading::Kind::any, i + 1};
@@ -80,55 +72,40 @@ template <class Text>
     return {Reading::Kind::literal, i + 1};
 }
 
-// Reads a whole component and tells `sink` what it finds, in order: literal(text) for each
-// run of literal characters, star(), any(), bracket(contents) and brace(contents). Malformed
-// syntax is literal text, never an error.
+// Reads a whole component and tells `sink`, in order: literal(text) for each run of literal
+// characters, star(), any(), bracket(contents), brace(contents).
 template <class Text, class Sink>
 void scan(const Text& component, Sink& sink) {
-    std::size_t literalStart = 0;  // the literal run is always [literalStart, i)
+    std::size_t literalStart = 0;  // the literal run is [literalStart, i)
     std::size_t i = 0;
     while (i < component.size()) {
         const Reading reading = read(component, i);
+        const auto contents = component.slice(reading.contentsBegin, reading.contentsEnd);
         if (reading.kind != Reading::Kind::literal && literalStart < i) {
             sink.literal(component.slice(literalStart, i));
         }
-        const auto contents = component.slice(reading.contentsBegin, reading.contentsEnd);
-        switch (reading.kind) {
-            case Reading::Kind::literal:
-                break;
-            case Reading::Kind::star:
-                sink.star();
-                break;
-            case Reading::Kind::any:
-                sink.any();
-                break;
-            case Reading::Kind::bracket:
-                sink.bracket(contents);
-                break;
-            case Reading::Kind::brace:
-                sink.brace(contents);
-                break;
-        }
+        if (reading.kind == Reading::Kind::star) sink.star();
+        if (reading.kind == Reading::Kind::any) sink.any();
+        if (reading.kind == Reading::Kind::bracket) sink.bracket(contents);
+        if (reading.kind == Reading::Kind::brace) sink.brace(contents);
         i = reading.next;
         if (reading.kind != Reading::Kind::literal) literalStart = i;
     }
     if (literalStart < i) sink.literal(component.slice(literalStart, i));
 }
 
-// Reads the contents of "[...]" and tells `sink` its groups: single(character) and
-// range(low, high), each character as its text. Returns whether it is an exclusion ("[!...]").
-// The first "-" of what remains is a literal dash when it stands first or last, and otherwise
-// a range of its two neighbours, which leave; characters before a range stay and may pair with
-// a later dash. So the characters read so far wait on a stack, and a dash pairs the top one
-// with the next; those left at the end are singles, then the literal dash, if one was seen.
+// Reads the contents of "[...]", telling `sink` single(character) and range(low, high) for its
+// groups; returns whether it is an exclusion ("[!...]"). The first "-" of what remains is a
+// literal dash when it stands first or last, else a range of its two neighbours, which leave;
+// characters before a range stay and may pair with a later dash. So the characters read so far
+// wait on a stack, a dash pairs the top one with the next, and those left at the end are
+// singles, then the literal dash, if one was seen.
 template <class Text, class Sink>
 bool scanGroups(const Text& contents, Sink& sink) {
     if (contents.empty()) return false;
-    std::size_t i = 0;
     const bool isExclusion = contents[0] == "!";
-    if (isExclusion) ++i;
     std::array<std::uint32_t, 32> small;
-    std::unique_ptr<std::uint32_t[]> large;  // only for long bracket contents
+    std::unique_ptr<std::uint32_t[]> large;  // only for long contents
     std::uint32_t* waiting = small.data();
     if (contents.size() > small.size()) {
         large = std::make_unique<std::uint32_t[]>(contents.size());
@@ -136,7 +113,7 @@ bool scanGroups(const Text& contents, Sink& sink) {
     }
     std::size_t count = 0;
     bool sawDash = false;
-    for (; i < contents.size(); ++i) {
+    for (std::size_t i = isExclusion ? 1 : 0; i < contents.size(); ++i) {
         if (contents[i] != "-") {
             waiting[count++] = static_cast<std::uint32_t>(i);
         } else if (count == 0 || i + 1 == contents.size()) {
@@ -157,7 +134,6 @@ template <class Text>
 class Alternatives {
   public:
     explicit Alternatives(const Text& contents) : contents_(contents) {}
-    // The next alternative, or nothing after the last.
     std::optional<Text> next() {
         while (begin_ <= contents_.size()) {
             const std::size_t begin = begin_;

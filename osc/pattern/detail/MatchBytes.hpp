@@ -14,7 +14,7 @@
 
 // Internal to the pattern layer: running steps byte by byte, where every byte of the text is a
 // character. Inline, for the compiled pattern and matches(): with calls, saving and restoring
-// registers costs more than matching a short address. Plain functions: any thread.
+// registers would cost more than matching a short address. Plain functions: any thread.
 namespace kavrin::matchBytes {
 
 // Whether [a, a + n) and [b, b + n) hold the same bytes. The texts are a few bytes long, so
@@ -37,16 +37,16 @@ namespace kavrin::matchBytes {
     return n == 0 || *a == *b;
 }
 
-// The first "/" in [at, end), or end. Byte by byte: what a star skips is a few bytes, which
-// one word's set-up would cost more than.
+// The first "/" in [at, end), or end. Byte by byte: a star skips a few bytes, fewer than one
+// word's set-up would cost.
 [[gnu::always_inline]] inline const char* findSlash(const char* at, const char* end) {
     while (at != end && *at != '/') ++at;
     return at;
 }
 
 // Up to eight bytes from `at` in one word, the first byte low; what lies past `end` is
-// unspecified. [first, end) may be read: near its end the last eight bytes are read and shifted,
-// so that short texts need no byte loop.
+// unspecified. [first, end) may be read: near its end the last eight bytes are read and
+// shifted, so that short texts need no byte loop.
 [[gnu::always_inline]] inline std::uint64_t loadAt(const char* first, const char* at,
                                                    const char* end) {
     const std::ptrdiff_t left = end - at;
@@ -61,14 +61,13 @@ namespace kavrin::matchBytes {
 }
 
 // The bytes a step other than a star takes at `at` in [at, end), or -1. [first, end) may be
-// read.
+// read; `pieces` are the program's, or null for steps read from a pattern's text.
 [[gnu::always_inline]] inline std::ptrdiff_t takeBytes(const MatchStep& step,
-                                                       const MatchPiece* pieces,
-                                                       const char* first, const char* at,
-                                                       const char* end) {
+                                                       const MatchPiece* pieces, const char* first,
+                                                       const char* at, const char* end) {
     const auto left = static_cast<std::size_t>(end - at);
-    // Alternatives that are prefixes of one text are prefixes of one another, and a prefix
-    // comes first in the set's order: so the first in that order that fits is the shortest.
+    // Alternatives that are prefixes of one text are prefixes of one another, and a prefix comes
+    // first in the set's order: so the first in that order that fits is the shortest.
     std::size_t shortest = SIZE_MAX;
     switch (step.kind) {
         case MatchStep::Kind::text: {
@@ -84,25 +83,25 @@ namespace kavrin::matchBytes {
             return byte != '/' && (step.bits[(byte >> 6) & 1] >> (byte & 63) & 1) != 0 ? 1 : -1;
         }
         case MatchStep::Kind::braceList: {
-            bool any = false;
             componentSyntax::Alternatives alternatives(componentSyntax::PatternBytes(step.text));
+            bool any = false;
             while (const auto alternative = alternatives.next()) {
                 any = true;
                 const std::size_t size = alternative->size();
-                if (size <= left && size < shortest && sameBytes(at, alternative->text().data(), size)) {
+                if (size <= left && size < shortest &&
+                    sameBytes(at, alternative->text().data(), size)) {
                     shortest = size;
                 }
             }
-            // "{}" takes nothing and matches, deliberately.
+            // Deliberate: "{}" takes nothing and matches.
             if (!any) return 0;
             break;
         }
         case MatchStep::Kind::strings: {
             if (step.count == 0) return 0;
-            // The bytes at `at` are read once for all alternatives.
-            const std::uint64_t word = loadAt(first, at, end);
-            for (const MatchPiece* piece = pieces + step.first; piece != pieces + step.first + step.count;
-                 ++piece) {
+            const std::uint64_t word = loadAt(first, at, end);  // once for all alternatives
+            for (const MatchPiece* piece = pieces + step.first;
+                 piece != pieces + step.first + step.count; ++piece) {
                 const std::size_t size = piece->text.size();
                 if (size <= left && size < shortest && (word & piece->mask) == piece->head &&
                     (size <= 8 || sameBytes(at + 8, piece->text.data() + 8, size - 8))) {
@@ -117,25 +116,25 @@ namespace kavrin::matchBytes {
     return shortest <= left ? static_cast<std::ptrdiff_t>(shortest) : -1;
 }
 
-// Out of line, so that steps without a star in the middle need no stack frame for it.
+// The search from a star through the rest of its component, [begin, stop). Out of line, so
+// that steps without a star in the middle need no stack frame for it.
 template <class Steps>
-[[gnu::noinline]] bool searchBytes(Steps& steps, const MatchPiece* pieces,
-                                   const char* begin, const char* stop) {
+[[gnu::noinline]] bool searchBytes(Steps& steps, const MatchPiece* pieces, const char* begin,
+                                   const char* stop) {
     return positionSearch::reachesEnd(steps, static_cast<std::size_t>(stop - begin),
-                      [&](const MatchStep& step, std::size_t p) {
-                          return takeBytes(step, pieces, begin, begin + p, stop);
-                      });
+                                      [&](const MatchStep& step, std::size_t p) {
+                                          return takeBytes(step, pieces, begin, begin + p, stop);
+                                      });
 }
 
-// Runs the steps [step, last) over the bytes [at, end), moving `at` to where they end; false
-// where one does not match. [begin, end) may be read. No step takes a "/" but text holding one,
-// and a star takes up to the next "/" (searching up to it when more of its component follows):
-// so the steps may be one component's, over a component without "/", or a whole pattern's, its
-// components' steps joined by "/" text, over a whole address.
+// Runs the steps [step, last) over the bytes [where, end), moving `where` to where they end;
+// false where one does not match. [first, end) may be read. No step takes a "/" but text
+// holding one, and a star takes up to the next "/" (searching up to it when more of its
+// component follows): so the steps may be one component's, over a component without "/", or a
+// whole path's, the components' steps joined by "/", over a whole address.
 [[gnu::always_inline]] inline bool runBytes(const MatchStep* step, const MatchStep* last,
-                                                  const MatchPiece* pieces,
-                                                  const char* first, const char*& where,
-                                                  const char* end) {
+                                            const MatchPiece* pieces, const char* first,
+                                            const char*& where, const char* end) {
     const char* at = where;
     for (; step != last; ++step) {
         if (step->kind != MatchStep::Kind::star) {
@@ -146,7 +145,6 @@ template <class Steps>
         }
         const char* const stop = findSlash(at, end);
         if (step->span != 0) {
-            // The star and the rest of its component, as one search up to the component's end.
             const MatchStep* const after = step + 1 + step->span;
             positionSearch::ArraySteps steps(step, after);
             if (!searchBytes(steps, pieces, at, stop)) return false;
@@ -162,11 +160,13 @@ template <class Steps>
     return true;
 }
 
-// Whether a whole pattern's steps (as runBytes takes them; a pattern with components) match
-// `address`. Nothing when the address is not a byte per character and a wildcard is met: then
-// the caller must answer character by character.
-[[gnu::always_inline]] inline std::optional<bool> matchesPathBytes(const MatchStep* first, const MatchStep* last,
-                                     const MatchPiece* pieces, std::string_view address) {
+// Whether a whole path's steps (a pattern with components) match `address`; nothing when the
+// address is not a byte per character and a wildcard is met, so that the caller must answer
+// character by character.
+[[gnu::always_inline]] inline std::optional<bool> matchesPathBytes(const MatchStep* first,
+                                                                   const MatchStep* last,
+                                                                   const MatchPiece* pieces,
+                                                                   std::string_view address) {
     const char* const begin = address.data();
     const char* at = begin;
     const char* end = at + address.size();
@@ -175,8 +175,8 @@ template <class Steps>
     if (at != end && end[-1] == '/') --end;
     // An address without components matches no pattern that has some.
     if (at == end) return false;
-    // Literal text before the first wildcard answers alike whatever the address holds, as in
-    // matchesPattern.
+    // Literal text before the first wildcard answers alike whatever the address holds (see
+    // matchRun::matchesPattern).
     if (first != last && first->kind == MatchStep::Kind::text) {
         if (takeBytes(*first, pieces, begin, at, end) < 0) return false;
         at += first->text.size();

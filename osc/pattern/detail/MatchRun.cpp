@@ -1,7 +1,5 @@
 #include "osc/pattern/detail/MatchRun.hpp"
 
-#include <algorithm>
-#include <bit>
 #include <cstdint>
 
 #include "osc/pattern/detail/ComponentSyntax.hpp"
@@ -13,9 +11,9 @@ namespace kavrin::matchRun {
 
 namespace {
 
+// The position search over the characters of `component`.
 template <class Steps>
-bool searchCharacters(Steps& steps, const MatchPiece* pieces,
-                      const CharacterView& component) {
+bool searchCharacters(Steps& steps, const MatchPiece* pieces, const CharacterView& component) {
     std::vector<std::uint32_t> storage;
     const auto take = [&](const MatchStep& step, std::size_t p) -> std::ptrdiff_t {
         const CharacterView rest = component.suffix(p);
@@ -28,28 +26,28 @@ bool searchCharacters(Steps& steps, const MatchPiece* pieces,
                 return !rest.empty() && oneOfAccepts(step, pieces, rest[0]) ? 1 : -1;
             case MatchStep::Kind::braceList:
             case MatchStep::Kind::strings: {
-                // The shortest alternative that is a prefix, as byte-wise.
+                // The shortest alternative that is a prefix, as byte-wise (matchBytes::takeBytes).
                 std::ptrdiff_t taken = -1;
-                std::size_t takenBytes = 0;
+                std::size_t takenBytes = SIZE_MAX;
+                bool any = false;
                 const auto consider = [&](std::string_view bytes) {
+                    any = true;
                     const CharacterView alternative = CharacterView::segment(bytes, storage);
-                    if ((taken < 0 || bytes.size() < takenBytes) && rest.startsWith(alternative)) {
+                    if (bytes.size() < takenBytes && rest.startsWith(alternative)) {
                         taken = static_cast<std::ptrdiff_t>(alternative.size());
                         takenBytes = bytes.size();
                     }
                 };
-                std::vector<std::string_view> alternatives;
-                for (std::uint32_t i = step.first; i < step.first + step.count; ++i) {
-                    alternatives.push_back(pieces[i].text);
-                }
-                if (step.kind == MatchStep::Kind::braceList) {
-                    componentSyntax::Alternatives each(componentSyntax::PatternBytes(step.text));
-                    while (const auto alternative = each.next()) {
-                        alternatives.push_back(alternative->text());
+                if (step.kind == MatchStep::Kind::strings) {
+                    for (std::uint32_t i = step.first; i < step.first + step.count; ++i) {
+                        consider(pieces[i].text);
                     }
+                } else {
+                    componentSyntax::Alternatives each(componentSyntax::PatternBytes(step.text));
+                    while (const auto alternative = each.next()) consider(alternative->text());
                 }
-                for (const std::string_view alternative : alternatives) consider(alternative);
-                return alternatives.empty() ? 0 : taken;
+                // Deliberate: "{}" takes nothing and matches.
+                return any ? taken : 0;
             }
             case MatchStep::Kind::star:
                 break;
@@ -62,19 +60,26 @@ bool searchCharacters(Steps& steps, const MatchPiece* pieces,
 // matches() for an address that is not a byte per character: each component's steps are read
 // and run character by character.
 [[gnu::noinline]] bool matchesPatternByCharacters(std::string_view pattern,
-                                                std::string_view address) {
+                                                  std::string_view address) {
     const auto components = OSCAddressPattern::pathComponents(pattern);
-    return matchesByCharacters(
-        address, components.size(), [&](std::size_t i, const CharacterView& component) {
-            PatternSteps steps(components[i]);
-            return searchCharacters(steps, nullptr, component);
-        });
+    return matchesByCharacters(address, components.size(),
+                               [&](std::size_t i, const CharacterView& component) {
+                                   PatternSteps steps(components[i]);
+                                   return searchCharacters(steps, nullptr, component);
+                               });
 }
 
 }  // namespace
 
-bool matchesCharacters(const MatchStep* first, const MatchStep* last,
-                       const MatchPiece* pieces, const CharacterView& component) {
+bool matchesComponent(const MatchStep* first, const MatchStep* last, const MatchPiece* pieces,
+                      const CharacterView& component) {
+    const std::string_view text = component.text();
+    // Byte-wise, a "/" would end the component.
+    if (component.isOneBytePerCharacter() && text.find('/') == std::string_view::npos) {
+        const char* at = text.data();
+        const char* const end = at + text.size();
+        return matchBytes::runBytes(first, last, pieces, text.data(), at, end) && at == end;
+    }
     positionSearch::ArraySteps steps(first, last);
     return searchCharacters(steps, pieces, component);
 }
@@ -107,10 +112,10 @@ bool matchesPattern(std::string_view pattern, std::string_view address) {
         // wildcard, then byte by byte.
         while (pathEnd - p >= 8 && end - a >= 8) {
             const auto word = loadWord<std::uint64_t>(p);
-            const auto stops = bytesEqual(word, '*') | bytesEqual(word, '?') |
-                               bytesEqual(word | asciiScanDetail::ones * 0x20, '{') |
-                               (~bytesEqual(word ^ loadWord<std::uint64_t>(a), 0) &
-                                asciiScanDetail::highBits);
+            const auto stops =
+                bytesEqual(word, '*') | bytesEqual(word, '?') |
+                bytesEqual(word | asciiScanDetail::ones * 0x20, '{') |
+                (~bytesEqual(word ^ loadWord<std::uint64_t>(a), 0) & asciiScanDetail::highBits);
             if (stops != 0) {
                 const auto same = static_cast<std::size_t>(std::countr_zero(stops)) / 8;
                 p += same;
@@ -137,7 +142,8 @@ bool matchesPattern(std::string_view pattern, std::string_view address) {
         }
         MatchStep step;
         const std::string_view text(path, static_cast<std::size_t>(pathEnd - path));
-        const char* const next = path + readWildcard(text, static_cast<std::size_t>(p - path), step);
+        const char* const next =
+            path + readWildcard(text, static_cast<std::size_t>(p - path), step);
         if (step.kind != MatchStep::Kind::star) {
             const std::ptrdiff_t taken = matchBytes::takeBytes(step, nullptr, first, a, end);
             if (taken < 0) return false;

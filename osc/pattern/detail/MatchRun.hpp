@@ -9,14 +9,15 @@
 #include "osc/pattern/OSCAddressPattern.hpp"
 #include "osc/pattern/detail/MatchStep.hpp"
 
-// Internal to the pattern layer: running match steps character by character, and matches(),
-// which runs them byte by byte where every byte of the address is a character
-// (MatchBytes.hpp). Plain functions: any thread.
+// Internal to the pattern layer: running match steps over a component or a whole address,
+// byte by byte (MatchBytes.hpp) where every byte is a character, else character by character.
+// Plain functions: any thread.
 namespace kavrin::matchRun {
 
-// Whether the steps of one component take exactly `component`, character by character.
-bool matchesCharacters(const MatchStep* first, const MatchStep* last,
-                       const MatchPiece* pieces, const CharacterView& component);
+// Whether the steps of one component take exactly `component`: byte by byte where every byte
+// is a character and none a "/", else character by character.
+bool matchesComponent(const MatchStep* first, const MatchStep* last, const MatchPiece* pieces,
+                      const CharacterView& component);
 
 // OSCAddressPattern::matches: reads the pattern's steps as the walk meets them, on the stack.
 bool matchesPattern(std::string_view pattern, std::string_view address);

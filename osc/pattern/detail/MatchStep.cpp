@@ -13,8 +13,7 @@ using Token = OSCAddressPattern::Token;
 void readBracketByCharacters(std::string_view contents, MatchStep& step) {
     std::vector<std::uint32_t> storage;
     matchStepDetail::OneOfBuilder builder(step, nullptr);
-    builder.finish(
-        componentSyntax::scanGroups(CharacterView::segment(contents, storage), builder));
+    builder.finish(componentSyntax::scanGroups(CharacterView::segment(contents, storage), builder));
 }
 
 const MatchStep* PatternSteps::next() {
@@ -23,7 +22,7 @@ const MatchStep* PatternSteps::next() {
         at_ = readWildcard(text_, at_, step_);
         return &step_;
     }
-    // A run of literal text, up to the next character that may open a wildcard.
+    // Literal text up to the next character that may open a wildcard.
     std::size_t end = at_ + 1;
     while (end < text_.size() && text_[end] != '/' && !opensWildcard(text_[end])) ++end;
     step_ = MatchStep();
@@ -38,7 +37,7 @@ void MatchProgram::read(std::string_view component) {
     while (const MatchStep* step = reader.next()) {
         steps.push_back(*step);
         if (step->kind != MatchStep::Kind::braceList) continue;
-        // Kept to be matched many times: the alternatives are listed once.
+        // Kept to be run many times: the alternatives are listed once.
         MatchStep& strings = steps.back();
         strings.kind = MatchStep::Kind::strings;
         strings.first = static_cast<std::uint32_t>(pieces.size());
@@ -108,8 +107,9 @@ bool oneOfAccepts(const MatchStep& step, const MatchPiece* pieces, std::string_v
     }
     if (character == "\r\n") return step.acceptsCRLF;
     const MatchPiece* const listed = pieces + step.first;
-    const bool isListed = std::any_of(listed, listed + step.count,
-                                      [&](const MatchPiece& piece) { return piece.text == character; });
+    const bool isListed = std::any_of(listed, listed + step.count, [&](const MatchPiece& piece) {
+        return piece.text == character;
+    });
     return isListed != step.exclusion;
 }
 

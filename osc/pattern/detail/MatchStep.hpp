@@ -16,36 +16,33 @@
 namespace kavrin {
 
 // Internal to the pattern layer: the one compiled form of a pattern component that every
-// matcher runs (matches(), matchComponent(), OSCCompiledPattern and so the address space). A
-// step takes some characters at a position in one way only, except the star, which may take
-// any number: so a component's steps are the parsed form's matchers and backtracking search,
-// with the same answers. Steps view text they do not own: the pattern's, or that of the tokens
-// they were lowered from.
+// matcher runs (matches(), matchComponent(), OSCCompiledPattern and through it the address
+// space). Every step but a star takes some characters at a position in one way only; a star
+// takes any number. Steps view text they do not own: the pattern's, or the tokens' they were
+// lowered from. Plain values and functions: any thread.
 struct MatchStep {
     enum class Kind : std::uint8_t {
-        text,       // characters that must stand as written
+        text,       // characters that stand as written
         oneOf,      // "?" or "[...]": one character, judged by the verdicts below
         braceList,  // "{...}" read from a pattern: `text` holds its contents
-        strings,    // "{...}" lowered from a token: the alternatives are listed
-        star,       // "*": any number of characters
+        strings,    // "{...}" kept or lowered from a token: its alternatives are listed
+        star,       // "*"
     };
     Kind kind = Kind::text;
-    bool acceptsCRLF = false;  // oneOf: the verdict on the one character CR LF
-    bool exclusion = false;    // oneOf: the verdict on other characters that are not listed
-    // star: then the "/" that ends its component (the compiled pattern's steps only)
-    bool thenSeparator = false;
-    std::uint32_t span = 0;    // star: how many steps follow it in its component (arrays only)
-    std::string_view text;     // text, braceList
-    // oneOf: the characters listed that are neither one ASCII byte nor CR LF (only lowered
-    // steps list any); strings: the alternatives. As [first, first + count) of the pieces.
+    bool acceptsCRLF = false;    // oneOf: the verdict on the one character CR LF
+    bool exclusion = false;      // oneOf: the verdict on other characters not listed
+    bool thenSeparator = false;  // star: then the "/" that ends its component (a whole path's)
+    std::uint32_t span = 0;      // star: how many steps follow it in its component (kept steps)
+    std::string_view text;       // text, braceList
+    // oneOf: the listed characters that are neither one ASCII byte nor CR LF (only lowered
+    // steps have any); strings: the alternatives. As [first, first + count) of the pieces.
     std::uint32_t first = 0;
     std::uint32_t count = 0;
     std::uint64_t bits[2] = {0, 0};  // oneOf: the verdict on each ASCII byte
 };
 
-// A piece of text that a step lists: an alternative of a brace list, or a character of a
-// bracket expression. Its first eight bytes are also held as one word, so that a brace list's
-// alternatives are compared with the address at once.
+// Text that a step lists: an alternative of a brace list, or a character of a bracket. Its
+// first eight bytes are also one word, so that alternatives are compared at once.
 struct MatchPiece {
     std::string_view text;
     std::uint64_t head = 0;  // the first eight bytes or fewer, the first byte low
@@ -58,15 +55,14 @@ struct MatchPiece {
     }
 };
 
-// The steps of a pattern's ASCII text, read one at a time as a search asks for them, from
-// `at` up to the "/" or end that ends the component. Nothing is kept, so reading them needs no
-// memory; none of them lists pieces.
+// The steps of a pattern's ASCII text from some point up to the "/" or end that ends its
+// component, read one at a time as a search asks for them: nothing is kept, so reading needs
+// no memory, and none of them lists pieces.
 class PatternSteps {
   public:
     explicit PatternSteps(std::string_view text) : text_(text) {}
-    // The next step, or null at the component's end. Valid until the next call.
+    // The next step, or null at the component's end; valid until the next call.
     const MatchStep* next();
-    // Where reading has got to in the text.
     std::size_t position() const { return at_; }
 
   private:
@@ -77,19 +73,18 @@ class PatternSteps {
 
 namespace matchStepDetail {
 
-// The bits [from, to) of one 64-bit word, 0 <= from, to <= 64.
+// The bits [from, to) of one word, 0 <= from, to <= 64.
 inline std::uint64_t bitsBetween(unsigned from, unsigned to) {
     if (from >= to) return 0;
-    const unsigned width = to - from;
-    return (width == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << width) - 1) << from;
+    return (to - from == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << (to - from)) - 1) << from;
 }
 
-// Makes the verdicts of a oneOf step from the groups of a bracket expression.
+// Makes the verdicts of a oneOf step from the groups of a bracket expression, as
+// componentSyntax::scanGroups or a token tells them. `pieces` may be null where every character
+// is one ASCII byte or CR LF, as in a pattern's text.
 class OneOfBuilder {
   public:
-    // `pieces` may be null where every character is one ASCII byte or CR LF: a pattern's text.
-    OneOfBuilder(MatchStep& step, std::vector<MatchPiece>* pieces)
-        : step_(step), pieces_(pieces) {
+    OneOfBuilder(MatchStep& step, std::vector<MatchPiece>* pieces) : step_(step), pieces_(pieces) {
         step_.kind = MatchStep::Kind::oneOf;
         if (pieces_) step_.first = static_cast<std::uint32_t>(pieces_->size());
     }
@@ -140,20 +135,20 @@ inline void makeAny(MatchStep& step) {
     matchStepDetail::OneOfBuilder(step, nullptr).finish(true);
 }
 
-// Makes `step` the oneOf step of a bracket's contents in a pattern's text.
+// Makes `step` the oneOf step of a bracket's contents in a pattern's text. CR LF is one
+// character there, at which a range may end: such contents are read character-wise.
 void readBracketByCharacters(std::string_view contents, MatchStep& step);
 inline void readBracket(std::string_view contents, MatchStep& step) {
     for (const char c : contents) {
-        // CR LF is one character, at which a range may end.
         if (c == '\r') return readBracketByCharacters(contents, step);
     }
     matchStepDetail::OneOfBuilder builder(step, nullptr);
     builder.finish(componentSyntax::scanGroups(componentSyntax::PatternBytes(contents), builder));
 }
 
-// Reads the step that the wildcard at `at` in a pattern's text begins (star, oneOf or brace
-// list), or else a text step of its one literal character; returns the index after it.
-// Inline: matches() reads every wildcard of the pattern on every call.
+// Reads the step that the character at `at` of a pattern's text begins, where a wildcard may
+// open: a star, oneOf or brace list, or else a text step of that one character. Returns the
+// index after it. Inline: matches() reads every wildcard of the pattern on every call.
 [[gnu::always_inline]] inline std::size_t readWildcard(std::string_view text, std::size_t at,
                                                        MatchStep& step) {
     using componentSyntax::Reading;
@@ -170,9 +165,9 @@ inline void readBracket(std::string_view contents, MatchStep& step) {
             makeAny(step);
             break;
         case Reading::Kind::bracket:
-            readBracket({text.data() + reading.contentsBegin,
-                         reading.contentsEnd - reading.contentsBegin},
-                        step);
+            readBracket(
+                {text.data() + reading.contentsBegin, reading.contentsEnd - reading.contentsBegin},
+                step);
             break;
         case Reading::Kind::brace:
             step.kind = MatchStep::Kind::braceList;
@@ -183,7 +178,7 @@ inline void readBracket(std::string_view contents, MatchStep& step) {
     return reading.next;
 }
 
-// Steps and the pieces they list, kept for matching many times.
+// Steps and the pieces they list, kept to be run many times or made from tokens.
 struct MatchProgram {
     std::vector<MatchStep> steps;
     std::vector<MatchPiece> pieces;
@@ -203,8 +198,7 @@ struct MatchProgram {
 // as its UTF-8 bytes.
 bool oneOfAccepts(const MatchStep& step, const MatchPiece* pieces, std::string_view character);
 
-// Whether a character of a pattern opens a wildcard where it stands (a "[" or "{" that is
-// never closed stays literal).
+// Whether a wildcard may open at a character of a pattern (a "[" or "{" never closed does not).
 [[gnu::always_inline]] inline bool opensWildcard(char c) {
     static constexpr auto opens = [] {
         std::array<bool, 256> table{};
