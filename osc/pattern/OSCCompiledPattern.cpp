@@ -110,8 +110,14 @@ std::size_t OSCCompiledPattern::componentCount() const {
 }
 
 bool OSCCompiledPattern::matchesComponent(std::size_t index, std::string_view name) const {
+    const Program& program = *program_;
+    // Inline for the address space, which asks this of every name at a level.
+    const auto answer = matchBytes::matchesComponentBytes(program.componentBegin(index),
+                                                          program.componentEnd(index),
+                                                          program.components.pieces.data(), name);
+    if (answer) return *answer;
     std::vector<std::uint32_t> storage;
-    return program_->matchesComponent(index, CharacterView::segment(name, storage));
+    return program.matchesComponent(index, CharacterView::segment(name, storage));
 }
 
 std::optional<std::string_view> OSCCompiledPattern::literalComponent(std::size_t index) const {

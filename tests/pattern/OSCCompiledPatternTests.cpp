@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <random>
 #include <string>
 #include <utility>
@@ -11,23 +8,7 @@
 
 #include "osc/pattern/CharacterView.hpp"
 #include "osc/pattern/OSCCompiledPattern.hpp"
-
-// Every allocation of this test program is counted, so that a test can see it made none.
-namespace {
-std::atomic<std::size_t> allocations{0};
-}
-
-void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
+#include "tests/AllocationCount.hpp"
 
 namespace kavrin {
 namespace {
@@ -184,9 +165,9 @@ TEST(OSCAddressPatternMatching, AllocatesNothingForTypicalPatterns) {
         const OSCAddressPattern plain(pattern);
         const OSCCompiledPattern compiled(plain);
         const std::string text(address);
-        const std::size_t before = allocations;
+        const std::size_t before = allocationCount;
         const bool agree = plain.matches(text) == compiled.matches(text);
-        EXPECT_EQ(allocations - before, 0u) << pattern;
+        EXPECT_EQ(allocationCount - before, 0u) << pattern;
         EXPECT_TRUE(agree) << pattern;
     }
 }

@@ -160,6 +160,22 @@ template <class Steps>
     return true;
 }
 
+// Whether the steps of one component take exactly `text`, byte by byte; nothing when the text
+// is not a byte per character, or holds a "/", which byte-wise would end the component, and
+// the answer is not yes: then characters must answer.
+[[gnu::always_inline]] inline std::optional<bool> matchesComponentBytes(const MatchStep* first,
+                                                                        const MatchStep* last,
+                                                                        const MatchPiece* pieces,
+                                                                        std::string_view text) {
+    if (!CharacterView::isOneBytePerCharacter(text)) return std::nullopt;
+    const char* at = text.data();
+    const char* const end = at + text.size();
+    // Byte-wise a "/" only stops a star or a oneOf, which never makes a wrong yes.
+    if (runBytes(first, last, pieces, text.data(), at, end) && at == end) return true;
+    if (findSlash(text.data(), end) != end) return std::nullopt;
+    return false;
+}
+
 // Whether a whole path's steps (a pattern with components) match `address`; nothing when the
 // address is not a byte per character and a wildcard is met, so that the caller must answer
 // character by character.

@@ -73,12 +73,10 @@ bool searchCharacters(Steps& steps, const MatchPiece* pieces, const CharacterVie
 
 bool matchesComponent(const MatchStep* first, const MatchStep* last, const MatchPiece* pieces,
                       const CharacterView& component) {
-    const std::string_view text = component.text();
-    // Byte-wise, a "/" would end the component.
-    if (component.isOneBytePerCharacter() && text.find('/') == std::string_view::npos) {
-        const char* at = text.data();
-        const char* const end = at + text.size();
-        return matchBytes::runBytes(first, last, pieces, text.data(), at, end) && at == end;
+    if (component.isOneBytePerCharacter()) {
+        const auto answer =
+            matchBytes::matchesComponentBytes(first, last, pieces, component.text());
+        if (answer) return *answer;
     }
     positionSearch::ArraySteps steps(first, last);
     return searchCharacters(steps, pieces, component);
