@@ -2,31 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <vector>
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCPacket.hpp"
-
-// Every allocation of this test program is counted, so that a test can see it made none.
-namespace {
-std::atomic<std::size_t> allocations{0};
-}
-
-void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
+#include "tests/AllocationCount.hpp"
 
 namespace kavrin {
 namespace {
@@ -73,9 +54,9 @@ TEST(OSCPacketWriter, WritesTheBytesOfTheOwningEncoderWithoutAllocating) {
     std::vector<std::uint8_t> buffer(512);
     {
         OSCPacketWriter writer(buffer);
-        const std::size_t before = allocations.load();
+        const std::size_t before = allocationCount.load();
         writeEveryKind(writer, blob);
-        EXPECT_EQ(allocations.load(), before);
+        EXPECT_EQ(allocationCount.load(), before);
         EXPECT_TRUE(writer.isComplete());
         EXPECT_EQ(Bytes(writer.bytes().begin(), writer.bytes().end()), everyKind(blob).rawData());
     }
