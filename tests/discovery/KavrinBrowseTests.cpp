@@ -47,7 +47,8 @@ TEST_F(Zeroconf, KavrinBrowseListsServicesAndOSCQueryTrees) {
     ChildProcess responder(KAVRIN_RESPONDER, {"--listen", "0", "--reply-to-sender", "--advertise",
                                               named("Responder"), "--oscquery", "0"},
                            ChildProcess::Errors::merged);
-    ASSERT_TRUE(responder.waitForOutput("listening on", 10s)) << responder.output();
+    // Standard error is unbuffered: the port is whole once what follows it has come.
+    ASSERT_TRUE(responder.waitForOutput(", replying", 10s)) << responder.output();
     const auto space = std::make_shared<OSCAddressSpace>();
     OSCQueryServer query(space, SerialQueue::create("space"));
     OSCQueryAttributes gain;
