@@ -11,8 +11,8 @@
 
 namespace kavrin {
 
-// The five settings of the link check, and three of how the link is carried, kept in the user's
-// preferences so that they survive a restart. Reading falls back to the defaults (a missing
+// The five settings of the link check, three of how the link is carried and whether the monitor
+// advertises itself, kept in the user's preferences so that they survive a restart. Reading falls back to the defaults (a missing
 // string, a port that reads as 0, a boolean that is neither true nor false); writing stores
 // exactly what the user typed or chose. Use from the GUI thread only.
 class MonitorSettings {
@@ -46,6 +46,8 @@ class MonitorSettings {
     Preference<bool> pingFromInPort{store_, "PingFromInPort", false};
     // Each ping carries one Int32, counting from 1 at start, to time its own reply.
     Preference<bool> numberPings{store_, "NumberPings", false};
+    // The monitor's own server is advertised with zeroconf, as _osc._udp.
+    Preference<bool> advertise{store_, "Advertise", true};
 
     // Stores the 32-bit reading of `text` (see toInt32) without any range check; returns it.
     static std::int64_t writePort(Preference<std::int64_t>& port, QStringView text);

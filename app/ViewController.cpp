@@ -13,6 +13,7 @@
 #include "app/MessageLogView.hpp"
 #include "app/DeliveryQueue.hpp"
 #include "app/DroppedDatagrams.hpp"
+#include "app/FindDevicesDialog.hpp"
 #include "app/LinkLight.hpp"
 #include "app/LinkStatusText.hpp"
 #include "app/RoundTripPlot.hpp"
@@ -78,6 +79,7 @@ ViewController::ViewController(MonitorSettings& defaults, std::shared_ptr<Dispat
       mainQueue(std::move(mainQueue)),
       deliveryQueue(std::make_shared<DeliveryQueue>(this->mainQueue)),
       link_(new MonitorLink(deliveryQueue, [this](const OSCMessage& message) { receive(message); }, this)),
+      advertiser_(new MonitorAdvertiser(this->mainQueue, this)),
       log(std::move(log)) {
     Ui::MainWindow().setupUi(this);
     timer->setObjectName(QStringLiteral("PingTimer"));  // tests that drive the ticks stop it
@@ -92,10 +94,13 @@ ViewController::ViewController(MonitorSettings& defaults, std::shared_ptr<Dispat
     showHistoryAction->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_H));
     connect(showHistoryAction, &QAction::triggered, this, &ViewController::showHistory);
     addAction(showHistoryAction);
+    auto* showFindAction = new QAction(QStringLiteral("Find\u2026"), this);
+    connect(showFindAction, &QAction::triggered, this, &ViewController::showFind);
     setContextMenuPolicy(Qt::CustomContextMenu);
     connect(this, &QWidget::customContextMenuRequested, this,
-            [this, showHistoryAction](const QPoint& at) {
+            [this, showHistoryAction, showFindAction](const QPoint& at) {
                 QMenu menu(this);
+                menu.addAction(showFindAction);
                 menu.addAction(showHistoryAction);
                 menu.exec(mapToGlobal(at));
             });
@@ -135,6 +140,8 @@ void ViewController::viewDidLoad() {
     outlet<QCheckBox>("PingFromInPortBox")->setChecked(PingFromInPort);
     NumberPings = defaults.numberPings.value();
     outlet<QCheckBox>("NumberPingsBox")->setChecked(NumberPings);
+    Advertise = defaults.advertise.value();
+    advertiser_->setEnabled(Advertise);
 
     const std::uint16_t inPort = socketPort(MyInPort, "incoming");
     oscServer = OSCServer::create(inPort, nullptr, deliveryQueue, OSCServer::TimeTagMode::ignore,
@@ -148,6 +155,7 @@ void ViewController::viewDidLoad() {
         });
     try {
         oscServer->start();
+        advertiser_->serverStarted(oscServer->boundPort());
     } catch (const std::exception& error) {
         // No retry: the monitor runs on without a server and stays red.
         log("Failed to start OSC Server on port " + decimal(MyInPort) + ": " + error.what());
@@ -265,6 +273,26 @@ void ViewController::showHistory() {
     historyDialog->activateWindow();
 }
 
+void ViewController::showFind() {
+    if (!findDialog) {
+        findDialog = new FindDevicesDialog(mainQueue, *advertiser_, Advertise, this);
+        connect(findDialog, &FindDevicesDialog::chosen, this, &ViewController::useDevice);
+        connect(findDialog, &FindDevicesDialog::advertiseToggled, this, &ViewController::ChangeAdvertise);
+    }
+    findDialog->show();
+    findDialog->raise();
+    findDialog->activateWindow();
+}
+
+void ViewController::useDevice(const DeviceChoice& choice) {
+    outlet<QLineEdit>("IpText")->setText(QString::fromStdString(choice.host));
+    ChangeIP();
+    outlet<QLineEdit>("OutPortText")->setText(QString::number(choice.port));
+    ChangeOutPort();
+    outlet<QComboBox>("TransportBox")->setCurrentText(MonitorLink::nameOf(choice.transport));
+    ChangeTransport();
+}
+
 bool ViewController::addressContains(const QString& address, const QString& expected) {
     if (expected.isEmpty()) {
         return false;
@@ -319,6 +347,12 @@ void ViewController::ChangePingFromInPort() {
 void ViewController::ChangeNumberPings() {
     NumberPings = outlet<QCheckBox>("NumberPingsBox")->isChecked();
     defaults.numberPings.set(NumberPings);
+}
+
+void ViewController::ChangeAdvertise(bool on) {
+    Advertise = on;
+    defaults.advertise.set(Advertise);
+    advertiser_->setEnabled(Advertise);
 }
 
 }  // namespace kavrin

@@ -15,6 +15,7 @@
 
 #include "app/LinkHistory.hpp"
 #include "app/LinkHistoryDialog.hpp"
+#include "app/MonitorAdvertiser.hpp"
 #include "app/MonitorLink.hpp"
 #include "app/MonitorSettings.hpp"
 #include "app/PingTimes.hpp"
@@ -27,6 +28,8 @@ class QMessageBox;
 namespace kavrin {
 
 class DispatchQueue;
+class FindDevicesDialog;
+struct DeviceChoice;
 struct OSCMessage;
 
 // The link check: every 2 s it pings the configured host and port, paints the status light
@@ -36,7 +39,9 @@ struct OSCMessage;
 // the last ping answered and the age of the last reply (on a steady clock), the connection's
 // state, what was dropped, and a plot of the round trips; it records each paint and ping in the
 // link history (`historyFile`) and mirrors the light in the system tray. The history opens from
-// the context menu or Ctrl+H. Its widgets come from MainWindow.ui and are looked up by name where
+// the context menu or Ctrl+H; the Find… window (context menu, or the button by the host) lists the
+// OSC devices on the network and fills the fields with the one chosen. The monitor's own server
+// is advertised with zeroconf unless the preferences say not to. Its widgets come from MainWindow.ui and are looked up by name where
 // they are used; a missing one is fatal. Everything here runs on the GUI thread: the timers, the
 // deliveries of the server and the connection (through `mainQueue`) and the field actions.
 class ViewController : public QWidget {
@@ -61,6 +66,7 @@ class ViewController : public QWidget {
     // Opens the link history window (the context menu's "Link History…", Ctrl+H).
     void showHistory();
     StatusTray& tray() { return *tray_; }
+    MonitorAdvertiser& advertiser() { return *advertiser_; }
     LinkHistory& history() { return history_; }
     MonitorLink& link() { return *link_; }
 
@@ -70,6 +76,8 @@ class ViewController : public QWidget {
 
   public slots:
     void sendPing();  // the timer's action
+    // Opens the Find… window (the context menu's "Find…", the button by the host field).
+    void showFind();
 
     // The field actions, connected by the layout to each field's editingFinished.
     void ChangeIP();
@@ -81,8 +89,12 @@ class ViewController : public QWidget {
     void ChangeTransport();
     void ChangePingFromInPort();
     void ChangeNumberPings();
+    // The Find… window's "Advertise" box.
+    void ChangeAdvertise(bool on);
 
   private:
+    // Fills the host, the port and the link as if typed and chosen, and stores them.
+    void useDevice(const DeviceChoice& choice);
     void receive(const OSCMessage& message);
     void setExpectedReply(QString text);
     void aimLink(std::uint16_t port);
@@ -100,6 +112,7 @@ class ViewController : public QWidget {
     std::string MyTransport = MonitorSettings::defaultTransport;  // as stored
     bool PingFromInPort = false;
     bool NumberPings = false;
+    bool Advertise = true;
     bool OSCgood = false;  // a matching reply arrived since the last tick
     // MyInMsg in the form each received address is checked against, and its two log lines.
     std::string expectedNFC;
@@ -117,10 +130,12 @@ class ViewController : public QWidget {
     LinkHistory history_;
     StatusTray* tray_;                          // a child
     QPointer<LinkHistoryDialog> historyDialog;  // a child, made when first asked for
+    QPointer<FindDevicesDialog> findDialog;     // a child, made when first asked for
     QMessageBox* alert;  // the in-port notice, reused; owned as a child
     std::shared_ptr<DispatchQueue> mainQueue;
     std::shared_ptr<DispatchQueue> deliveryQueue;  // the server's and the connection's
     MonitorLink* link_;                            // a child
+    MonitorAdvertiser* advertiser_;                // a child
     std::shared_ptr<OSCServer> oscServer;
     LogLine log;
 };

@@ -258,9 +258,10 @@ Round runRound(const Options& options) {
     std::uint16_t sinkPort = 0;
     const int sink = loopbackSocket(&sinkPort, options.tcp ? SOCK_STREAM : SOCK_DGRAM);
     const std::uint16_t inPort = freePort();
+    // Not advertised: a benchmark's monitor is nothing for the network to find.
     std::ofstream(home / "config/Kavrin/Kavrin.conf")
         << "[General]\nip=127.0.0.1\nOutPort=" << sinkPort << "\nInPort=" << inPort
-        << "\nTransport=" << (options.tcp ? "tcp" : "udp") << "\n";
+        << "\nTransport=" << (options.tcp ? "tcp" : "udp") << "\nAdvertise=false\n";
 
     std::vector<std::string> environment;
     for (char** e = environ; *e != nullptr; ++e) {

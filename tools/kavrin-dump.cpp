@@ -18,6 +18,7 @@
 #include "osc/transport/UdpSocket.hpp"
 #include "support/HexDump.hpp"
 #include "support/Logger.hpp"
+#include "tools/common/Advertising.hpp"
 #include "tools/common/CommandLine.hpp"
 #include "tools/common/MessageLine.hpp"
 
@@ -103,18 +104,6 @@ class DatagramPrinter final : public UdpSocketDelegate {
     Printer& printer_;
 };
 
-#ifdef KAVRIN_HAVE_DISCOVERY
-// Standard output is for messages only: how the advertising goes is logged.
-void reportAdvertising(const OSCZeroconfStatus& status, const std::string&) {
-    const auto log = Logger::shared().category("discovery");
-    if (status.state == OSCZeroconfStatus::State::running) {
-        log.info("{}", status.text);
-    } else if (status.state != OSCZeroconfStatus::State::connecting) {
-        log.warning("not advertised: {}", status.text);
-    }
-}
-#endif
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -160,7 +149,7 @@ int main(int argc, char** argv) {
     }
 #ifndef KAVRIN_HAVE_DISCOVERY
     if (!advertisedName.empty())
-        return fail("--advertise: built without zeroconf (libavahi-client-dev)");
+        return fail(tools::noZeroconf);
 #endif
     if (verbose) Logger::shared().setDefaultLevel(LogLevel::debug);
     const auto log = Logger::shared().category("transport");
@@ -186,7 +175,7 @@ int main(int argc, char** argv) {
         if (!advertisedName.empty()) {
             advertiser.emplace(
                 OSCService(advertisedName, std::string(oscUdpServiceType), socket->localPortIPv4()),
-                mainQueue, reportAdvertising);
+                mainQueue, tools::logAdvertising);
         }
 #endif
         return mainQueue->run();
@@ -231,7 +220,7 @@ int main(int argc, char** argv) {
 #ifdef KAVRIN_HAVE_DISCOVERY
     std::optional<OSCServiceAdvertiser> advertiser;
     if (!advertisedName.empty())
-        advertiser.emplace(advertisedName, *server, mainQueue, reportAdvertising);
+        advertiser.emplace(advertisedName, *server, mainQueue, tools::logAdvertising);
 #endif
     return mainQueue->run();
 }

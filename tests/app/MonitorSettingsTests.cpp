@@ -30,6 +30,7 @@ TEST_F(MonitorSettingsTest, MissingAndUnusableValuesReadAsTheDefaults) {
     EXPECT_EQ(settings->transport.value(), "udp");
     EXPECT_FALSE(settings->pingFromInPort.value());
     EXPECT_FALSE(settings->numberPings.value());
+    EXPECT_TRUE(settings->advertise.value());
 
     settings->store().setValue("OutPort", 0);
     settings->store().setValue("InPort", "not a number");

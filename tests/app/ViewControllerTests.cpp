@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <QCheckBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QtTest/QTest>
@@ -219,10 +220,36 @@ TEST_F(ViewControllerTest, AFailedServerStartIsLoggedAndTheMonitorRunsOn) {
               ("Failed to start OSC Server on port " + std::to_string(inPort) + ": ").size())
         << "the error's description follows";
     EXPECT_EQ(lines[1], "OSC Server started on port " + std::to_string(inPort));
+    EXPECT_EQ(controller->advertiser().status(), "Not advertised: the OSC server is not running.");
 
     controller->sendPing();
     EXPECT_EQ(nextPing(), test::oscMessageBytes("/eos/ping"));
     EXPECT_EQ(status(), "OSC IS DEAD!!!");
+}
+
+// The tests meet no Avahi daemon (test::withoutAvahi).
+TEST_F(ViewControllerTest, WithoutADaemonTheFindWindowSaysSoAndTheMonitorRunsAsBefore) {
+    start();
+    controller->showFind();
+    auto* found = widget<QLabel>("FindStatusLab");
+    auto* advertising = widget<QLabel>("AdvertiseStatusLab");
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] {
+            return found->text() == "Nothing can be found: the Avahi daemon is not running." &&
+                   advertising->text() == "Not advertised: the Avahi daemon is not running.";
+        },
+        5000))
+        << found->text().toStdString() << "; " << advertising->text().toStdString();
+
+    widget<QCheckBox>("AdvertiseBox")->click();
+    EXPECT_EQ(settings->store().value("Advertise").toString(), "false") << "stored at once";
+    EXPECT_EQ(advertising->text(), "Off: this monitor is not advertised.");
+
+    controller->sendPing();
+    EXPECT_EQ(nextPing(), test::oscMessageBytes("/eos/ping"));
+    EXPECT_THAT(lines, ElementsAre("OSC Server started on port " + std::to_string(inPort),
+                                   "Sent OSC ping to 127.0.0.1:" + std::to_string(pingSink.port()) +
+                                       " \xE2\x86\x92 pattern /eos/ping"));
 }
 
 using ViewControllerDeathTest = ViewControllerTest;

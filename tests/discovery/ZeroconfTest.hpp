@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -23,16 +24,23 @@ inline const std::string busAddress = "unix:path=" + directory + "/bus";
 /// services of a test run just before with the same names and other ports.
 inline std::string named(const std::string& name) { return name + " " + std::to_string(::getpid()); }
 
+/// Points this process at the test run's bus and daemon; why the zeroconf tests must skip
+/// instead, when they could not be had.
+inline std::optional<std::string> useTestDaemon() {
+    std::ifstream skip(directory + "/skip");
+    if (skip) {
+        std::stringstream reason;
+        reason << skip.rdbuf();
+        return "zeroconf tests skipped: " + reason.str();
+    }
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress.c_str(), 1);
+    return std::nullopt;
+}
+
 class Zeroconf : public ::testing::Test {
   protected:
     void SetUp() override {
-        std::ifstream skip(directory + "/skip");
-        if (skip) {
-            std::stringstream reason;
-            reason << skip.rdbuf();
-            GTEST_SKIP() << "zeroconf tests skipped: " << reason.str();
-        }
-        ::setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress.c_str(), 1);
+        if (const auto skip = useTestDaemon()) GTEST_SKIP() << *skip;
     }
     // The daemon stopped and started again, as when it is restarted; false when that failed.
     static bool stopDaemon() { return script("stop-daemon"); }
