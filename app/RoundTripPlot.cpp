@@ -41,12 +41,12 @@ QFont small(QFont font) {
 // The chart and its series, made once and refilled at each reading.
 class RoundTripPlot::Chart {
   public:
-    explicit Chart(QWidget* parent) : view(new QChartView(parent)) {
-        auto* chart = new QChart();
+    // Made with its chart: a view made without one makes its own, which setChart() would orphan.
+    explicit Chart(QWidget* parent) : view(new QChartView(new QChart(), parent)) {
+        auto* chart = view->chart();
         chart->legend()->hide();
         chart->setMargins(QMargins(2, 2, 2, 2));
         chart->setBackgroundRoundness(0);
-        view->setChart(chart);  // the view owns it
         view->setRenderHint(QPainter::Antialiasing);
         view->setMinimumHeight(110);
 
@@ -133,7 +133,7 @@ class RoundTripPlot::Chart {
 };
 
 RoundTripPlot::RoundTripPlot(QWidget* parent)
-    : QWidget(parent), spanBox_(new QComboBox(this)), chart_(new Chart(this)) {
+    : QWidget(parent), spanBox_(new QComboBox(this)), chart_(std::make_unique<Chart>(this)) {
     auto* title = new QLabel(tr("Round trips, ms"), this);
     title->setFont(small(title->font()));
     spanBox_->addItems({tr("last hour"), tr("all kept")});
@@ -151,6 +151,8 @@ RoundTripPlot::RoundTripPlot(QWidget* parent)
     layout->addLayout(header);
     layout->addWidget(chart_->view);
 }
+
+RoundTripPlot::~RoundTripPlot() = default;
 
 void RoundTripPlot::setHistory(LinkHistory* history) {
     history_ = history;

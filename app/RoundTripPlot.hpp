@@ -2,6 +2,8 @@
 
 #include <QWidget>
 
+#include <memory>
+
 #include "app/LinkHistory.hpp"
 
 class QComboBox;
@@ -21,6 +23,7 @@ class RoundTripPlot : public QWidget {
     enum class Span { lastHour, all };
 
     explicit RoundTripPlot(QWidget* parent = nullptr);
+    ~RoundTripPlot() override;
 
     // Reads `history` at once, and from then on as the span asks.
     void setHistory(LinkHistory* history);
@@ -44,7 +47,7 @@ class RoundTripPlot : public QWidget {
     int paintsSinceRead_ = 0;
     PingPlot shown_;
     QComboBox* spanBox_;
-    Chart* chart_;
+    std::unique_ptr<Chart> chart_;  // its Qt objects belong to this widget
 };
 
 }  // namespace kavrin
