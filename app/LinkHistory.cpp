@@ -24,8 +24,18 @@ Outage::TimePoint timePoint(std::int64_t millis) {
     return Outage::TimePoint(std::chrono::duration_cast<Outage::TimePoint::duration>(milliseconds(millis)));
 }
 
-// Times are milliseconds since 1970 UTC. A run ends by 'quit' or 'crash'; an outage by
-// 'recovered' (the light turned green), 'quit' or 'crash'. NULL while open.
+// Pings are kept to the microsecond, which makes their times unique keys.
+std::int64_t micros(Outage::TimePoint at) {
+    return std::chrono::duration_cast<microseconds>(at.time_since_epoch()).count();
+}
+
+Outage::TimePoint microsTimePoint(std::int64_t micros) {
+    return Outage::TimePoint(std::chrono::duration_cast<Outage::TimePoint::duration>(microseconds(micros)));
+}
+
+// Times are milliseconds since 1970 UTC, but a ping's, which is microseconds. A run ends by
+// 'quit' or 'crash'; an outage by 'recovered' (the light turned green), 'quit' or 'crash'. NULL
+// while open. A ping's round trip is NULL until it is answered.
 constexpr const char* schema = R"(
     PRAGMA journal_mode = WAL;
     PRAGMA synchronous = FULL;
@@ -36,8 +46,13 @@ constexpr const char* schema = R"(
     CREATE TABLE IF NOT EXISTS outages (
         id INTEGER PRIMARY KEY, run INTEGER NOT NULL REFERENCES runs(id),
         started_at INTEGER NOT NULL, ended_at INTEGER, ended_by TEXT);
-    CREATE TABLE IF NOT EXISTS round_trips (at INTEGER NOT NULL, micros INTEGER NOT NULL);
-    CREATE INDEX IF NOT EXISTS round_trips_at ON round_trips (at);
+    CREATE TABLE IF NOT EXISTS pings (sent_us INTEGER PRIMARY KEY, micros INTEGER);
+)";
+
+// Earlier versions kept only the round trips, under the time of the reply.
+constexpr const char* fromRoundTrips = R"(
+    INSERT OR IGNORE INTO pings (sent_us, micros) SELECT at * 1000 - micros, micros FROM round_trips;
+    DROP TABLE round_trips;
 )";
 
 }  // namespace
@@ -81,6 +96,14 @@ struct LinkHistory::Database {
             db = nullptr;
             throw Error(what);
         }
+        transaction([&] {
+            bool roundTripsKept = false;
+            exec("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'round_trips'", {},
+                 [&](sqlite3_stmt*) { roundTripsKept = true; });
+            if (roundTripsKept && sqlite3_exec(db, fromRoundTrips, nullptr, nullptr, nullptr) != SQLITE_OK) {
+                fail("cannot convert the round trips");
+            }
+        });
         closeCrashedRuns();
     }
 
@@ -140,11 +163,18 @@ struct LinkHistory::Database {
     void paint(const Paint& paint) {
         const std::int64_t at = millis(paint.at);
         transaction([&] {
-            for (const auto& [when, time] : paint.roundTrips) {
-                exec("INSERT INTO round_trips (at, micros) VALUES (?, ?)", {millis(when), time.count()});
+            for (const TimePoint sent : paint.sent) {
+                exec("INSERT OR REPLACE INTO pings (sent_us) VALUES (?)", {micros(sent)});
             }
+            for (const auto& [sent, time] : paint.answered) {
+                exec("UPDATE pings SET micros = ? WHERE sent_us = ?", {time.count(), micros(sent)});
+            }
+            exec("DELETE FROM pings WHERE sent_us < ?", {micros(paint.at - pingsKept)});
             // A run whose start could not be written starts at the first paint that can be.
             if (run == 0) {
+                const std::int64_t oldest = millis(paint.at - outagesKept);
+                exec("DELETE FROM outages WHERE ended_at < ?", {oldest});
+                exec("DELETE FROM runs WHERE ended_at < ? AND id NOT IN (SELECT run FROM outages)", {oldest});
                 exec("INSERT INTO runs (started_at, last_seen_at) VALUES (?, ?)", {at, at});
                 run = sqlite3_last_insert_rowid(db);
                 if (!paint.alive) exec("INSERT INTO outages (run, started_at) VALUES (?, ?)", {run, at});
@@ -196,8 +226,9 @@ struct LinkHistory::Database {
              });
         for (std::size_t i = 0; i < list.size(); ++i) {
             std::vector<std::int64_t> times;
-            exec("SELECT micros FROM round_trips WHERE at >= ? AND at < ? ORDER BY micros",
-                 {healthy[i].first, healthy[i].second},
+            exec("SELECT micros FROM pings WHERE sent_us >= ? AND sent_us < ? AND micros IS NOT NULL "
+                 "ORDER BY micros",
+                 {healthy[i].first * 1000, healthy[i].second * 1000},
                  [&](sqlite3_stmt* row) { times.push_back(sqlite3_column_int64(row, 0)); });
             if (times.empty()) continue;
             const std::size_t n = times.size();
@@ -205,6 +236,48 @@ struct LinkHistory::Database {
             list[i].worstRoundTrip = microseconds(times.back());
         }
         return list;
+    }
+
+    PingPlot plot(std::optional<TimePoint> from, TimePoint to, std::size_t buckets) {
+        open();
+        PingPlot plot;
+        plot.to = to;
+        std::int64_t first = 0, latest = 0;
+        exec("SELECT IFNULL(MIN(sent_us), 0), IFNULL(MAX(sent_us), 0) FROM pings", {},
+             [&](sqlite3_stmt* row) {
+                 first = sqlite3_column_int64(row, 0);
+                 latest = sqlite3_column_int64(row, 1);
+             });
+        // A span that starts before the first ping kept starts with it.
+        const auto oldest = first != 0 ? std::optional(std::min(microsTimePoint(first), to)) : std::nullopt;
+        plot.from = from && oldest ? std::max(*from, *oldest)
+                    : from         ? *from
+                    : oldest       ? *oldest
+                                   : to - std::chrono::hours(1);
+        const std::int64_t start = micros(plot.from);
+        const std::int64_t width =
+            std::max<std::int64_t>(1, (micros(to) - start) / static_cast<std::int64_t>(std::max<std::size_t>(buckets, 1)) + 1);
+        exec(R"(SELECT MIN(sent_us), COUNT(*), SUM(micros IS NULL AND sent_us < ?), MAX(micros)
+                FROM pings WHERE sent_us >= ? AND sent_us <= ?
+                GROUP BY (sent_us - ?) / ? ORDER BY 1)",
+             {latest, start, micros(to), start, width}, [&](sqlite3_stmt* row) {
+                 PingPlot::Bucket bucket;
+                 bucket.firstSent = microsTimePoint(sqlite3_column_int64(row, 0));
+                 bucket.pings = sqlite3_column_int(row, 1);
+                 bucket.lost = sqlite3_column_int(row, 2);
+                 if (sqlite3_column_type(row, 3) != SQLITE_NULL) {
+                     bucket.worstRoundTrip = microseconds(sqlite3_column_int64(row, 3));
+                 }
+                 plot.buckets.push_back(bucket);
+             });
+        const std::int64_t end = millis(to);
+        exec(R"(SELECT started_at, IFNULL(ended_at, ?) FROM outages
+                WHERE started_at <= ? AND (ended_at IS NULL OR ended_at >= ?) ORDER BY started_at)",
+             {end, end, millis(plot.from)}, [&](sqlite3_stmt* row) {
+                 plot.outages.emplace_back(timePoint(sqlite3_column_int64(row, 0)),
+                                           timePoint(sqlite3_column_int64(row, 1)));
+             });
+        return plot;
     }
 
     // Runs `work`, reporting a failure on the main queue instead of throwing.
@@ -238,14 +311,34 @@ std::filesystem::path LinkHistory::defaultFile() {
 }
 
 void LinkHistory::painted(TimePoint at, bool alive) {
-    queue_->async([database = database_, paint = Paint{at, alive, std::move(roundTrips_)}] {
+    next_.at = at;
+    next_.alive = alive;
+    queue_->async([database = database_, paint = std::move(next_)] {
         database->reporting([&] { database->paint(paint); });
     });
-    roundTrips_.clear();
+    next_ = {};
 }
 
-void LinkHistory::roundTrip(TimePoint at, std::chrono::microseconds time) {
-    roundTrips_.emplace_back(at, time);
+LinkHistory::TimePoint LinkHistory::pingSent(TimePoint at) {
+    at = std::chrono::floor<microseconds>(at);
+    if (lastSent_ && at <= *lastSent_) at = *lastSent_ + microseconds(1);
+    lastSent_ = at;
+    next_.sent.push_back(at);
+    return at;
+}
+
+void LinkHistory::pingAnswered(TimePoint sent, std::chrono::microseconds roundTrip) {
+    next_.answered.emplace_back(sent, roundTrip);
+}
+
+void LinkHistory::plot(std::optional<TimePoint> from, TimePoint to, std::size_t buckets,
+                       std::function<void(PingPlot)> done) {
+    queue_->async([database = database_, from, to, buckets, done = std::move(done)] {
+        database->reporting([&] {
+            database->mainQueue->async(
+                [done, plot = database->plot(from, to, buckets)]() mutable { done(std::move(plot)); });
+        });
+    });
 }
 
 std::vector<Outage> LinkHistory::outages() {

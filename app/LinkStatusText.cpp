@@ -1,5 +1,7 @@
 #include "app/LinkStatusText.hpp"
 
+#include <algorithm>
+
 namespace kavrin {
 
 using namespace std::chrono;
@@ -12,8 +14,9 @@ QString roundTripText(microseconds time) {
     return QStringLiteral("%1 ms").arg((time.count() + 500) / 1000);
 }
 
-QString roundTripLine(std::optional<microseconds> time) {
-    return QStringLiteral("round trip ") + (time ? roundTripText(*time) : QStringLiteral("\u2013"));
+QString roundTripLine(std::optional<microseconds> time, bool late) {
+    return QStringLiteral("round trip ") + (time ? roundTripText(*time) : QStringLiteral("\u2013")) +
+           (time && late ? QStringLiteral(", late") : QString());
 }
 
 // Whole units are shown as they are reached: 9.96 s is still "9.9 s".
@@ -34,10 +37,57 @@ QString replyAgeLine(std::optional<steady_clock::duration> age) {
     return QStringLiteral("last reply %1 ago").arg(text);
 }
 
-QString droppedLine(std::uint64_t count) {
-    return QStringLiteral("%1 %2 dropped (not OSC or undecodable)")
-        .arg(count)
-        .arg(count == 1 ? QStringLiteral("datagram") : QStringLiteral("datagrams"));
+QString droppedLine(std::uint64_t datagrams, std::optional<std::uint64_t> packets) {
+    const auto counted = [](std::uint64_t count, const char* one, const char* many) {
+        return QStringLiteral("%1 %2").arg(count).arg(QLatin1String(count == 1 ? one : many));
+    };
+    return counted(datagrams, "datagram", "datagrams") +
+           (packets ? QStringLiteral(", ") + counted(*packets, "packet", "packets") : QString()) +
+           QStringLiteral(" dropped (not OSC or undecodable)");
+}
+
+QString connectionLine(const LinkConnection& connection, steady_clock::time_point now) {
+    using State = LinkConnection::State;
+    if (connection.state == State::none) return {};
+    const QString reason = connection.reason ? QString::fromStdString(*connection.reason) : QString();
+    // A connection that never opened was refused or could not be made; one that had, closed.
+    const QString ended = connection.wasConnected
+                              ? (reason.isEmpty() ? QStringLiteral("closed by the console")
+                                                  : QStringLiteral("closed (%1)").arg(reason))
+                          : connection.refused ? QStringLiteral("refused")
+                                               : QStringLiteral("could not connect (%1)").arg(reason);
+    QString state;
+    switch (connection.state) {
+        case State::connecting:
+            state = connection.reason || connection.wasConnected
+                        ? QStringLiteral("connecting\u2026 (last: %1)").arg(ended)
+                        : QStringLiteral("connecting\u2026");
+            break;
+        case State::connected:
+            state = QStringLiteral("connected, replies come over it");
+            break;
+        case State::waiting: {
+            const auto left = connection.retryAt ? std::max(*connection.retryAt - now, steady_clock::duration())
+                                                 : steady_clock::duration();
+            const auto tenths = (duration_cast<milliseconds>(left).count() + 99) / 100;
+            state = QStringLiteral("%1, retrying in %2.%3 s").arg(ended).arg(tenths / 10).arg(tenths % 10);
+            break;
+        }
+        case State::none:
+            break;
+    }
+    QString line = QStringLiteral("%1 %2:%3: %4")
+                       .arg(QString::fromStdString(connection.transport),
+                            QString::fromStdString(connection.host))
+                       .arg(connection.port)
+                       .arg(state);
+    if (const auto& hint = connection.framingHint) {
+        line += (hint->fromBytes
+                     ? QStringLiteral("\nThe console's bytes look like %1 framing: set the link to %1?")
+                     : QStringLiteral("\nThe console hung up without answering: does it expect %1?"))
+                    .arg(QString::fromStdString(hint->framing));
+    }
+    return line;
 }
 
 QString durationText(milliseconds duration) {

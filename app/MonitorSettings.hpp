@@ -11,9 +11,10 @@
 
 namespace kavrin {
 
-// The five settings of the link check, kept in the user's preferences so that they survive a
-// restart. Reading falls back to the defaults (a missing string, or a port that reads as 0);
-// writing stores exactly what the user typed. Use from the GUI thread only.
+// The five settings of the link check, three of how the link is carried and whether the monitor
+// advertises itself, kept in the user's preferences so that they survive a restart. Reading falls back to the defaults (a missing
+// string, a port that reads as 0, a boolean that is neither true nor false); writing stores
+// exactly what the user typed or chose. Use from the GUI thread only.
 class MonitorSettings {
   public:
     static constexpr const char* defaultIP = "localhost";
@@ -21,6 +22,7 @@ class MonitorSettings {
     static constexpr std::int64_t defaultInPort = 8001;
     static constexpr const char* defaultPing = "/eos/ping";
     static constexpr const char* defaultReply = "/eos/out/ping";
+    static constexpr const char* defaultTransport = "udp";
 
     // The user's own store: organisation and application "Kavrin", native format, that is
     // $XDG_CONFIG_HOME/Kavrin/Kavrin.conf.
@@ -38,6 +40,14 @@ class MonitorSettings {
     Preference<std::int64_t> inPort{store_, "InPort", defaultInPort};
     Preference<std::string> ping{store_, "ping", defaultPing};
     Preference<std::string> reply{store_, "Reply", defaultReply};
+    // "udp", "tcp" or "slip"; any other text is kept as stored and carried as udp.
+    Preference<std::string> transport{store_, "Transport", defaultTransport};
+    // With udp: pings leave from the listening port, for consoles that answer the sender.
+    Preference<bool> pingFromInPort{store_, "PingFromInPort", false};
+    // Each ping carries one Int32, counting from 1 at start, to time its own reply.
+    Preference<bool> numberPings{store_, "NumberPings", false};
+    // The monitor's own server is advertised with zeroconf, as _osc._udp.
+    Preference<bool> advertise{store_, "Advertise", true};
 
     // Stores the 32-bit reading of `text` (see toInt32) without any range check; returns it.
     static std::int64_t writePort(Preference<std::int64_t>& port, QStringView text);

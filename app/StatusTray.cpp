@@ -31,7 +31,8 @@ QIcon StatusTray::lightIcon(bool alive) {
 void StatusTray::painted(bool alive) {
     const std::optional<bool> before = alive_;
     alive_ = alive;
-    if (icon_ == nullptr) {
+    const bool made = icon_ == nullptr;
+    if (made) {
         if (!QSystemTrayIcon::isSystemTrayAvailable()) return;
         icon_ = new QSystemTrayIcon(this);
         connect(icon_, &QSystemTrayIcon::activated, this, [this] {
@@ -41,12 +42,13 @@ void StatusTray::painted(bool alive) {
                 window_->activateWindow();
             }
         });
-        icon_->show();
     } else if (before == alive) {
         return;
     }
     icon_->setIcon(lightIcon(alive));
     icon_->setToolTip(lightText(alive));
+    // Shown once it has its icon: shown without one, Qt warns on stderr ("No Icon set").
+    if (made) icon_->show();
     if (before.has_value() && *before != alive) {
         icon_->showMessage(QStringLiteral("Kavrin"), lightText(alive), lightIcon(alive), 10'000);
     }

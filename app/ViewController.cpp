@@ -1,6 +1,8 @@
 #include "app/ViewController.hpp"
 
 #include <QAction>
+#include <QCheckBox>
+#include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
@@ -11,10 +13,11 @@
 #include "app/MessageLogView.hpp"
 #include "app/DeliveryQueue.hpp"
 #include "app/DroppedDatagrams.hpp"
+#include "app/FindDevicesDialog.hpp"
 #include "app/LinkLight.hpp"
 #include "app/LinkStatusText.hpp"
+#include "app/RoundTripPlot.hpp"
 #include "osc/codec/OSCMessage.hpp"
-#include "osc/codec/OSCPacket.hpp"
 #include "support/ASCIIScan.hpp"
 #include "support/FatalError.hpp"
 #include "ui_MainWindow.h"
@@ -33,9 +36,13 @@ std::string decimal(std::int64_t value) {
     return std::to_string(value);
 }
 
+bool isSocketPort(std::int64_t port) {
+    return port >= 0 && port <= 65535;
+}
+
 // Ports are kept as typed (any 32-bit value may be stored); only a socket needs 0...65535.
 std::uint16_t socketPort(std::int64_t port, const char* which) {
-    if (port < 0 || port > 65535) {
+    if (!isSocketPort(port)) {
         fatalError(std::string(which) + " port " + decimal(port) + " is outside 0...65535");
     }
     return static_cast<std::uint16_t>(port);
@@ -57,6 +64,7 @@ ViewController::ViewController(MonitorSettings& defaults, std::shared_ptr<Dispat
                                LogLine log, std::filesystem::path historyFile, QWidget* parent)
     : QWidget(parent),
       defaults(defaults),
+      timer(new QTimer(this)),
       history_(std::move(historyFile), mainQueue,
                [self = QPointer<ViewController>(this)](const std::string& what) {
                    // Shown for the rest of the run: the history has a gap from here on.
@@ -69,28 +77,36 @@ ViewController::ViewController(MonitorSettings& defaults, std::shared_ptr<Dispat
       tray_(new StatusTray(this)),
       alert(new QMessageBox(this)),
       mainQueue(std::move(mainQueue)),
+      deliveryQueue(std::make_shared<DeliveryQueue>(this->mainQueue)),
+      link_(new MonitorLink(deliveryQueue, [this](const OSCMessage& message) { receive(message); }, this)),
+      advertiser_(new MonitorAdvertiser(this->mainQueue, this)),
       log(std::move(log)) {
     Ui::MainWindow().setupUi(this);
-    timer.setInterval(pingInterval);
-    timer.setTimerType(Qt::PreciseTimer);
-    connect(&timer, &QTimer::timeout, this, &ViewController::sendPing);
+    timer->setObjectName(QStringLiteral("PingTimer"));  // tests that drive the ticks stop it
+    timer->setInterval(pingInterval);
+    timer->setTimerType(Qt::PreciseTimer);
+    connect(timer, &QTimer::timeout, this, &ViewController::sendPing);
     measuresTimer.setInterval(measuresInterval);
     connect(&measuresTimer, &QTimer::timeout, this, &ViewController::showMeasures);
+    connect(link_, &MonitorLink::connectionChanged, this, &ViewController::showMeasures);
 
     auto* showHistoryAction = new QAction(QStringLiteral("Link History\u2026"), this);
     showHistoryAction->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_H));
     connect(showHistoryAction, &QAction::triggered, this, &ViewController::showHistory);
     addAction(showHistoryAction);
+    auto* showFindAction = new QAction(QStringLiteral("Find\u2026"), this);
+    connect(showFindAction, &QAction::triggered, this, &ViewController::showFind);
     setContextMenuPolicy(Qt::CustomContextMenu);
     connect(this, &QWidget::customContextMenuRequested, this,
-            [this, showHistoryAction](const QPoint& at) {
+            [this, showHistoryAction, showFindAction](const QPoint& at) {
                 QMenu menu(this);
+                menu.addAction(showFindAction);
                 menu.addAction(showHistoryAction);
                 menu.exec(mapToGlobal(at));
             });
 }
 
-// The server and client close their sockets as they go.
+// The server, the client and the connection close their sockets as they go.
 ViewController::~ViewController() = default;
 
 template <class Widget>
@@ -116,10 +132,20 @@ void ViewController::viewDidLoad() {
     outlet<QLineEdit>("OutMsgText")->setText(MyOutMsg);
     setExpectedReply(QString::fromStdString(defaults.reply.value()));
     outlet<QLineEdit>("InMsgText")->setText(MyInMsg);
+    // Shown as udp when it names no other transport, and kept as stored until changed.
+    MyTransport = defaults.transport.value();
+    outlet<QComboBox>("TransportBox")
+        ->setCurrentText(MonitorLink::nameOf(MonitorLink::transportNamed(MyTransport)));
+    PingFromInPort = defaults.pingFromInPort.value();
+    outlet<QCheckBox>("PingFromInPortBox")->setChecked(PingFromInPort);
+    NumberPings = defaults.numberPings.value();
+    outlet<QCheckBox>("NumberPingsBox")->setChecked(NumberPings);
+    Advertise = defaults.advertise.value();
+    advertiser_->setEnabled(Advertise);
 
     const std::uint16_t inPort = socketPort(MyInPort, "incoming");
-    oscServer = OSCServer::create(inPort, nullptr, std::make_shared<DeliveryQueue>(mainQueue),
-                                  OSCServer::TimeTagMode::ignore, nullptr);
+    oscServer = OSCServer::create(inPort, nullptr, deliveryQueue, OSCServer::TimeTagMode::ignore,
+                                  nullptr);
     oscServer->setKernelReceiveBufferSize(kernelReceiveBuffer);
     oscServer->setHandler(
         [self = QPointer<ViewController>(this)](const OSCMessage& message, const OSCTimeTag&) {
@@ -129,6 +155,7 @@ void ViewController::viewDidLoad() {
         });
     try {
         oscServer->start();
+        advertiser_->serverStarted(oscServer->boundPort());
     } catch (const std::exception& error) {
         // No retry: the monitor runs on without a server and stays red.
         log("Failed to start OSC Server on port " + decimal(MyInPort) + ": " + error.what());
@@ -136,30 +163,44 @@ void ViewController::viewDidLoad() {
     // Printed after a failure too; deliberate.
     log("OSC Server started on port " + decimal(MyInPort));
 
-    timer.start();
+    // Over tcp or slip the connection is made now, so that the first tick finds it up; a port
+    // out of range stops the program at that tick, as over udp.
+    if (MonitorLink::transportNamed(MyTransport) != MonitorLink::Transport::udp &&
+        isSocketPort(MyOutPort)) {
+        aimLink(static_cast<std::uint16_t>(MyOutPort));
+    }
+    showLink();
+    outlet<RoundTripPlot>("RoundTripPlot")->setHistory(&history_);
+    timer->start();
     measuresTimer.start();
 }
 
 void ViewController::sendPing() {
-    const OSCMessage ping(OSCAddressPattern(MyOutMsg.toStdString()), {});
     const std::uint16_t port = socketPort(MyOutPort, "outgoing");
+    aimLink(port);  // a change of transport, host or port takes effect here
+    const bool fromInPort = PingFromInPort && link_->transport() == MonitorLink::Transport::udp;
     try {
-        oscClient.send(OSCPacket(ping), MyOutIP.toStdString(), port);
+        const auto number = link_->ping(MyOutMsg.toStdString(), MyOutIP.toStdString(), port,
+                                        NumberPings, fromInPort ? oscServer.get() : nullptr);
         log("Sent OSC ping to " + MyOutIP.toStdString() + ":" + decimal(MyOutPort) +
             " \u2192 pattern " + MyOutMsg.toStdString());
+        const auto now = std::chrono::system_clock::now();
+        pingTimes.sent(number, SteadyClock::now(), history_.pingSent(now));
     } catch (const std::exception& error) {
         log(std::string("ERROR sending ping: ") + error.what());
     }
-
-    lastPing = SteadyClock::now();
-    pingAnswered = false;
 
     // The reply to this ping usually arrives after the paint, so it counts at the next tick.
     paint(outlet<QWidget>("Background"), lightColour(OSCgood));
     outlet<QLabel>("StatusLab")->setText(lightText(OSCgood));
     history_.painted(std::chrono::system_clock::now(), OSCgood);
     tray_->painted(OSCgood);
+    outlet<RoundTripPlot>("RoundTripPlot")->painted();
     OSCgood = false;
+}
+
+void ViewController::aimLink(std::uint16_t port) {
+    link_->aim(MonitorLink::transportNamed(MyTransport), MyOutIP.toStdString(), port);
 }
 
 void ViewController::receive(const OSCMessage& message) {
@@ -179,11 +220,9 @@ void ViewController::receive(const OSCMessage& message) {
         OSCgood = true;
         log(matchedLine);
         lastReply = SteadyClock::now();
-        // A reply later than the next ping counts for that one: pings carry no number.
-        if (lastPing && !pingAnswered) {
-            pingAnswered = true;
-            roundTrip = std::chrono::duration_cast<std::chrono::microseconds>(*lastReply - *lastPing);
-            history_.roundTrip(std::chrono::system_clock::now(), *roundTrip);
+        if (const auto answer = pingTimes.answer(message, *lastReply)) {
+            lastAnswer = answer;
+            history_.pingAnswered(answer->keptAs, answer->roundTrip);
             showMeasures();
         }
     } else {
@@ -205,10 +244,27 @@ void ViewController::showMeasures() {
         auto* label = outlet<QLabel>(name);
         if (label->text() != text) label->setText(text);
     };
-    setText("RoundTripLab", roundTripLine(roundTrip));
-    setText("ReplyAgeLab", replyAgeLine(lastReply ? std::optional(SteadyClock::now() - *lastReply)
-                                                  : std::nullopt));
-    setText("DroppedLab", droppedLine(oscServer ? droppedDatagrams(*oscServer) : 0));
+    const auto now = SteadyClock::now();
+    setText("RoundTripLab", lastAnswer ? roundTripLine(lastAnswer->roundTrip, lastAnswer->late)
+                                       : roundTripLine(std::nullopt));
+    setText("ReplyAgeLab", replyAgeLine(lastReply ? std::optional(now - *lastReply) : std::nullopt));
+    setText("DroppedLab", droppedLine(oscServer ? droppedDatagrams(*oscServer) : 0,
+                                      link_->droppedPackets()));
+    const QString connection = connectionLine(link_->connection(), now);
+    setText("ConnectionLab", connection);
+    outlet<QLabel>("ConnectionLab")->setVisible(!connection.isEmpty());
+}
+
+void ViewController::showLink() {
+    // Over a connection the replies come on it; the server listens all the same.
+    const bool stream = MonitorLink::transportNamed(MyTransport) != MonitorLink::Transport::udp;
+    auto* inPortLabel = outlet<QLabel>("inPortLabel");
+    inPortLabel->setText(stream ? QStringLiteral("Also listen on") : QStringLiteral("Listen on port"));
+    inPortLabel->setToolTip(stream ? QStringLiteral("Replies come over the connection; UDP messages "
+                                                    "to this port count too.")
+                                   : QString());
+    outlet<QCheckBox>("PingFromInPortBox")->setEnabled(!stream);
+    showMeasures();
 }
 
 void ViewController::showHistory() {
@@ -217,6 +273,26 @@ void ViewController::showHistory() {
     historyDialog->show();
     historyDialog->raise();
     historyDialog->activateWindow();
+}
+
+void ViewController::showFind() {
+    if (!findDialog) {
+        findDialog = new FindDevicesDialog(mainQueue, *advertiser_, Advertise, this);
+        connect(findDialog, &FindDevicesDialog::chosen, this, &ViewController::useDevice);
+        connect(findDialog, &FindDevicesDialog::advertiseToggled, this, &ViewController::ChangeAdvertise);
+    }
+    findDialog->show();
+    findDialog->raise();
+    findDialog->activateWindow();
+}
+
+void ViewController::useDevice(const DeviceChoice& choice) {
+    outlet<QLineEdit>("IpText")->setText(QString::fromStdString(choice.host));
+    ChangeIP();
+    outlet<QLineEdit>("OutPortText")->setText(QString::number(choice.port));
+    ChangeOutPort();
+    outlet<QComboBox>("TransportBox")->setCurrentText(MonitorLink::nameOf(choice.transport));
+    ChangeTransport();
 }
 
 bool ViewController::addressContains(const QString& address, const QString& expected) {
@@ -256,6 +332,29 @@ void ViewController::ChangeOutMsg() {
 void ViewController::ChangeInMsgText() {
     setExpectedReply(outlet<QLineEdit>("InMsgText")->text());
     defaults.reply.set(MyInMsg.toStdString());
+}
+
+// The link follows at the next tick.
+void ViewController::ChangeTransport() {
+    MyTransport = outlet<QComboBox>("TransportBox")->currentText().toStdString();
+    defaults.transport.set(MyTransport);
+    showLink();
+}
+
+void ViewController::ChangePingFromInPort() {
+    PingFromInPort = outlet<QCheckBox>("PingFromInPortBox")->isChecked();
+    defaults.pingFromInPort.set(PingFromInPort);
+}
+
+void ViewController::ChangeNumberPings() {
+    NumberPings = outlet<QCheckBox>("NumberPingsBox")->isChecked();
+    defaults.numberPings.set(NumberPings);
+}
+
+void ViewController::ChangeAdvertise(bool on) {
+    Advertise = on;
+    defaults.advertise.set(Advertise);
+    advertiser_->setEnabled(Advertise);
 }
 
 }  // namespace kavrin

@@ -1,17 +1,21 @@
 // The monitor under load: starts the built program headless with a private configuration, sends
-// it `/load/msg ,i N` from loopback at a steady rate, one message per datagram, reads its stdout
-// as it comes, and reports per round what arrived, what the kernel dropped, the CPU time per
-// message, the lag from each send to its "Received OSC message" line, and the memory the
-// monitor grew by per 100,000 lines of its log view. Prints a markdown table of medians over
-// the rounds with their range. A plain program rather than a Google Benchmark: the monitor is a
-// separate process and the figures are rates, losses and latencies.
+// it `/load/msg ,i N` from loopback at a steady rate, reads its stdout as it comes, and reports
+// per round what arrived, what the kernel dropped, the CPU time per message, the lag from each
+// send to its "Received OSC message" line, and the memory the monitor grew by per 100,000 lines
+// of its log view. Over udp each message is a datagram to the monitor's listening port; over tcp
+// the program stands in for the console the monitor connects to (Transport=tcp) and sends each
+// message on that connection after its size. Prints a markdown table of medians over the rounds
+// with their range. A plain program rather than a Google Benchmark: the monitor is a separate
+// process and the figures are rates, losses and latencies.
 //
-// usage: monitor_load --monitor PATH [--rate N] [--seconds S] [--rounds R]
-//        (defaults: 20000 messages/s, 20 s, 5 rounds)
+// usage: monitor_load --monitor PATH [--transport udp|tcp] [--rate N] [--seconds S] [--rounds R]
+//        (defaults: udp, 20000 messages/s, 20 s, 5 rounds)
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/prctl.h>
@@ -54,6 +58,7 @@ namespace fs = std::filesystem;
 
 struct Options {
     std::string monitor;
+    bool tcp = false;
     double rate = 20'000;
     double seconds = 20;
     int rounds = 5;
@@ -72,15 +77,17 @@ struct Round {
     double achievedRate = 0;
 };
 
-// A UDP socket on 127.0.0.1 with a port of the kernel's choice.
-int loopbackSocket(std::uint16_t* port) {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+// A UDP socket (`type` SOCK_DGRAM) or a listening TCP socket (SOCK_STREAM) on 127.0.0.1 with a
+// port of the kernel's choice.
+int loopbackSocket(std::uint16_t* port, int type = SOCK_DGRAM) {
+    const int fd = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
     if (fd < 0) die(std::string("socket: ") + std::strerror(errno));
     sockaddr_in local{};
     local.sin_family = AF_INET;
     local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
-        die(std::string("bind: ") + std::strerror(errno));
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0 ||
+        (type == SOCK_STREAM && ::listen(fd, 1) != 0)) {
+        die(std::string("bind or listen: ") + std::strerror(errno));
     }
     socklen_t length = sizeof local;
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length);
@@ -94,10 +101,12 @@ std::uint16_t freePort() {
     return port;
 }
 
-// "/load/msg" padded to 12 bytes, the type tags ",i" padded to 4, then N as a big-endian int32.
-std::vector<std::uint8_t> loadMessage(std::int32_t n) {
+// "/load/msg" padded to 12 bytes, the type tags ",i" padded to 4, then N as a big-endian int32;
+// `framed`, after its size (20) as a big-endian int32.
+std::vector<std::uint8_t> loadMessage(std::int32_t n, bool framed) {
     std::vector<std::uint8_t> bytes = {'/', 'l', 'o', 'a', 'd', '/', 'm', 's', 'g', 0, 0, 0,
                                        ',', 'i', 0,   0};
+    if (framed) bytes.insert(bytes.begin(), {0, 0, 0, 20});
     const auto u = static_cast<std::uint32_t>(n);
     for (int shift : {24, 16, 8, 0}) bytes.push_back(static_cast<std::uint8_t>(u >> shift));
     return bytes;
@@ -245,11 +254,14 @@ Round runRound(const Options& options) {
     fs::remove_all(home);
     fs::create_directories(home / "config/Kavrin");
     fs::create_directories(home / "data");
+    // Takes the pings, unread: over tcp the console's end of the connection.
     std::uint16_t sinkPort = 0;
-    const int sink = loopbackSocket(&sinkPort);  // takes the pings, unread
+    const int sink = loopbackSocket(&sinkPort, options.tcp ? SOCK_STREAM : SOCK_DGRAM);
     const std::uint16_t inPort = freePort();
+    // Not advertised: a benchmark's monitor is nothing for the network to find.
     std::ofstream(home / "config/Kavrin/Kavrin.conf")
-        << "[General]\nip=127.0.0.1\nOutPort=" << sinkPort << "\nInPort=" << inPort << "\n";
+        << "[General]\nip=127.0.0.1\nOutPort=" << sinkPort << "\nInPort=" << inPort
+        << "\nTransport=" << (options.tcp ? "tcp" : "udp") << "\nAdvertise=false\n";
 
     std::vector<std::string> environment;
     for (char** e = environ; *e != nullptr; ++e) {
@@ -297,14 +309,29 @@ Round runRound(const Options& options) {
         const double rss0 = rssMiB(pid);
         const std::uint64_t drops0 = kernelDrops(inPort);
 
-        std::uint16_t senderPort = 0;
-        const int sender = loopbackSocket(&senderPort);
-        sockaddr_in monitor{};
-        monitor.sin_family = AF_INET;
-        monitor.sin_port = htons(inPort);
-        monitor.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (::connect(sender, reinterpret_cast<sockaddr*>(&monitor), sizeof monitor) != 0) {
-            die(std::string("connect: ") + std::strerror(errno));
+        int sender = -1;
+        if (options.tcp) {
+            // The monitor connects at start.
+            pollfd incoming{sink, POLLIN, 0};
+            if (::poll(&incoming, 1, 10'000) != 1 ||
+                (sender = ::accept4(sink, nullptr, nullptr, SOCK_CLOEXEC)) < 0) {
+                ::kill(pid, SIGKILL);
+                die("the monitor did not connect; see " + (home / "stderr").string());
+            }
+            // Each message leaves as it is sent. With Nagle's algorithm the sender would hold
+            // messages back until the monitor acknowledges the last, which measures the sender.
+            const int on = 1;
+            ::setsockopt(sender, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        } else {
+            std::uint16_t senderPort = 0;
+            sender = loopbackSocket(&senderPort);
+            sockaddr_in monitor{};
+            monitor.sin_family = AF_INET;
+            monitor.sin_port = htons(inPort);
+            monitor.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            if (::connect(sender, reinterpret_cast<sockaddr*>(&monitor), sizeof monitor) != 0) {
+                die(std::string("connect: ") + std::strerror(errno));
+            }
         }
         std::vector<Clock::time_point> sentAt(total);
         const auto period = std::chrono::duration<double>(1.0 / options.rate);
@@ -320,15 +347,14 @@ Round runRound(const Options& options) {
                 while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {
                 }
             }
-            const auto bytes = loadMessage(static_cast<std::int32_t>(n));
+            const auto bytes = loadMessage(static_cast<std::int32_t>(n), options.tcp);
             sentAt[n] = Clock::now();
-            if (::send(sender, bytes.data(), bytes.size(), 0) !=
+            if (::send(sender, bytes.data(), bytes.size(), MSG_NOSIGNAL) !=
                 static_cast<ssize_t>(bytes.size())) {
                 die(std::string("send: ") + std::strerror(errno));
             }
         }
         const double sendSeconds = std::chrono::duration<double>(Clock::now() - begin).count();
-        ::close(sender);
 
         // Waits for the last lines, bounded: until all arrived or none came for 3 s.
         std::size_t seen = reader.logged();
@@ -362,6 +388,7 @@ Round runRound(const Options& options) {
         round.lagP50Millis = percentile(lags, 0.50);
         round.lagP99Millis = percentile(lags, 0.99);
 
+        ::close(sender);  // after the last lines: a closed connection is no reason to stop reading
         ::kill(pid, SIGTERM);
         int status = 0;
         for (int i = 0; i < 100 && ::waitpid(pid, &status, WNOHANG) == 0; ++i) {
@@ -418,6 +445,8 @@ int main(int argc, char** argv) {
         const std::string_view option = argv[i];
         const char* value = argv[i + 1];
         if (option == "--monitor") options.monitor = value;
+        else if (option == "--transport" && (std::string_view(value) == "udp" || std::string_view(value) == "tcp"))
+            options.tcp = std::string_view(value) == "tcp";
         else if (option == "--rate") options.rate = std::atof(value);
         else if (option == "--seconds") options.seconds = std::atof(value);
         else if (option == "--rounds") options.rounds = std::atoi(value);
@@ -425,7 +454,8 @@ int main(int argc, char** argv) {
     }
     if (options.monitor.empty() || options.rate <= 0 || options.seconds <= 0 || options.rounds < 1) {
         std::fprintf(stderr,
-                     "usage: monitor_load --monitor PATH [--rate N] [--seconds S] [--rounds R]\n");
+                     "usage: monitor_load --monitor PATH [--transport udp|tcp] [--rate N] [--seconds S] "
+                     "[--rounds R]\n");
         return 2;
     }
     // Sleeps end on time, so the sends keep their pace instead of leaving in bursts.
@@ -447,8 +477,9 @@ int main(int argc, char** argv) {
     std::size_t clean = 0;
     for (const auto& r : rounds) clean += r.logged == r.sent && r.duplicates == 0;
 
-    std::printf("%g messages/s for %g s, %d rounds; load average %s before, %s after; %u cores\n\n",
-                options.rate, options.seconds, options.rounds, loadBefore.c_str(),
+    std::printf("%g messages/s over %s for %g s, %d rounds; load average %s before, %s after; %u cores\n\n",
+                options.rate, options.tcp ? "the monitor's TCP connection" : "UDP", options.seconds,
+                options.rounds, loadBefore.c_str(),
                 loadAverage().c_str(), std::thread::hardware_concurrency());
     std::printf("| measure | median (range) |\n|---|---|\n");
     std::printf("| rounds with every message logged once | %zu of %zu |\n", clean, rounds.size());
@@ -456,8 +487,10 @@ int main(int argc, char** argv) {
                 eachRound(rounds, [](const Round& r) { return r.logged; }).c_str());
     std::printf("| messages lost per round | %s |\n",
                 eachRound(rounds, [](const Round& r) { return r.sent - r.logged; }).c_str());
-    std::printf("| kernel receive-buffer drops per round | %s |\n",
-                eachRound(rounds, [](const Round& r) { return r.kernelDrops; }).c_str());
+    if (!options.tcp) {  // TCP holds back the sender instead
+        std::printf("| kernel receive-buffer drops per round | %s |\n",
+                    eachRound(rounds, [](const Round& r) { return r.kernelDrops; }).c_str());
+    }
     std::printf("| sender's achieved rate (messages/s) | %s |\n",
                 summary(rounds, &Round::achievedRate, 0).c_str());
     std::printf("| monitor CPU per message (µs) | %s |\n",

@@ -19,7 +19,7 @@ with open(os.path.join(build, "run-info.json")) as f:
     run = json.load(f)
 round_dirs = sorted((d for d in os.listdir(os.path.join(build, "rounds")) if d.isdigit()), key=int)
 short = {"compare_codec": "codec", "compare_matching": "matching", "compare_receive": "receive",
-         "compare_tcp": "tcp"}
+         "compare_tcp": "tcp", "query_bench": "query"}
 to_ns = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 page_begin = "<!-- results: scripts/bench writes what follows, up to the end marker -->"
 page_end = "<!-- end of results -->"
@@ -152,6 +152,41 @@ def google_table(name, title, prefix, columns, unit):
         rows.append(row)
     header = ["Case"] + [c[0] if isinstance(c, tuple) else f"{c} ({unit})" for c in columns]
     table(header, rows)
+
+
+# MARK: OSCQuery and zeroconf
+
+
+def query_table():
+    """Real time per iteration (the program's own measure) against each case's goal."""
+    found = results("query_bench")
+    out.append("### OSCQuery and zeroconf (median real time per iteration)\n")
+    if not found:
+        out.append("query_bench was not run.\n")
+        return
+    out.append(conditions("query_bench", found))
+    goals = {"Tree1000Methods": ("the whole tree of 1,000 methods over HTTP", "≤ 5 ms"),
+             "OneValueOf1000": ("one method's ?VALUE", ""),
+             "Stream10000PerSecondTo10Listeners": ("10,000 updates sent in 1 s, until 10 listeners have all",
+                                                   "none dropped"),
+             "BrowserReportsAService": ("an advertised service until a browser reports it", "≤ 2 s")}
+    rows = []
+    for case, (what, goal) in goals.items():
+        times, dropped, skipped = [], [], None
+        for data, _ in found:
+            for b in data["benchmarks"]:
+                if b["run_name"].split("/")[0] != case:
+                    continue
+                if b.get("error_occurred"):
+                    skipped = b.get("error_message", "skipped")
+                elif b.get("aggregate_name", "median") == "median":
+                    times.append(b["real_time"] * to_ns[b["time_unit"]] / 1e6)
+                    if "dropped" in b:
+                        dropped.append(b["dropped"])
+        row = [f"{case}: {what}", spread(times, lambda t: f"{t:,.2f} ms") or (skipped or "not run"), goal]
+        row.append(spread(dropped, lambda d: f"{d:.0f}") if dropped else "")
+        rows.append(row)
+    table(["Case", "Time", "Goal", "Dropped"], rows)
 
 
 # MARK: Receive
@@ -352,6 +387,7 @@ google_table("compare_matching", "Dispatch over 10,000 methods (median ns per di
              "Dispatch", ["kavrin"], "ns")
 receive = receive_tables()
 tcp_table()
+query_table()
 rounds_table()
 
 # The monitor's load test keeps its own rounds and writes its own table.
@@ -362,7 +398,8 @@ if run.get("app", False):
     if app_done:
         with open(app_path) as f:
             out.append("Messages `/load/msg ,i N` sent from loopback to the headless monitor at a "
-                       "steady rate by `scripts/bench-app`, which this run started"
+                       "steady rate, over UDP and over its TCP connection, by `scripts/bench-app`, "
+                       "which this run started"
                        f"{' with `' + run['app_args'] + '`' if run.get('app_args') else ''}:\n")
             out.append(f.read())
     else:

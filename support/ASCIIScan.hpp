@@ -90,6 +90,22 @@ constexpr bool isPrintableASCII(char32_t scalar) {
 // as they are. A borrow or carry leaving a byte only ever starts at an offender, so the word
 // answer is exact.
 [[gnu::always_inline]] inline bool isPrintableASCII(std::string_view text) {
+#if defined(__SSE2__)
+    if (text.size() >= 16) {
+        // As signed bytes, the printable ones are those above 0x1F and below 0x7F. Blocks of
+        // sixteen, the last one overlapping the one before.
+        const auto printable = [](const char* at) {
+            const auto block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+            return _mm_movemask_epi8(_mm_and_si128(_mm_cmpgt_epi8(block, _mm_set1_epi8(0x1F)),
+                                                   _mm_cmplt_epi8(block, _mm_set1_epi8(0x7F)))) ==
+                   0xFFFF;
+        };
+        for (std::size_t i = 0; i + 16 < text.size(); i += 16) {
+            if (!printable(text.data() + i)) return false;
+        }
+        return printable(text.data() + text.size() - 16);
+    }
+#endif
     return !asciiScanDetail::anyByteFlagged(text, [](auto word) {
         using Word = decltype(word);
         using asciiScanDetail::repeated;

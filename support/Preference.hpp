@@ -12,10 +12,11 @@ namespace kavrin {
 // A value kept under one key of a store, with a default for when the store has none. A missing
 // string reads as the default, while a stored empty string is kept. An integer that reads as 0
 // (absent or unreadable) gives the default: deliberately, a stored 0 does too, as a port of 0
-// is never wanted. Reads and writes go straight to the store, on the threads the store allows.
+// is never wanted. A boolean that is absent or neither true nor false gives the default. Reads and writes go straight to the store, on the threads the store allows.
 // The store must outlive the preference.
 template <class T>
-concept PreferenceValue = std::same_as<T, std::string> || std::same_as<T, std::int64_t>;
+concept PreferenceValue =
+    std::same_as<T, std::string> || std::same_as<T, std::int64_t> || std::same_as<T, bool>;
 
 template <PreferenceValue T>
 class Preference {
@@ -26,6 +27,8 @@ class Preference {
     T value() const {
         if constexpr (std::same_as<T, std::string>) {
             return store_->readString(key_).value_or(default_);
+        } else if constexpr (std::same_as<T, bool>) {
+            return store_->readBool(key_).value_or(default_);
         } else {
             const std::int64_t stored = store_->readInteger(key_);
             return stored != 0 ? stored : default_;
@@ -35,6 +38,8 @@ class Preference {
     void set(const T& value) {
         if constexpr (std::same_as<T, std::string>) {
             store_->writeString(key_, value);
+        } else if constexpr (std::same_as<T, bool>) {
+            store_->writeBool(key_, value);
         } else {
             store_->writeInteger(key_, value);
         }

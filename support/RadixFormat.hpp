@@ -45,7 +45,7 @@ std::array<std::uint64_t, wordsOf<T>> bitsOf(T value) {
     std::array<std::uint64_t, wordsOf<T>> words{};
     for (auto& word : words) {
         word = static_cast<std::uint64_t>(bits);
-        if constexpr (wordsOf<T> > 1) bits >>= 64;
+        if constexpr (std::numeric_limits<decltype(bits)>::digits > 64) bits >>= 64;
     }
     return words;
 }

@@ -102,8 +102,8 @@ void parse(std::string_view text, int radix, int width, bool isSigned, char sepa
             significant = std::bit_width(d);
         }
         value.shiftIn(shift, d);
-        const bool fits = significant < width ||
-                          (significant == width && (!negative || value.bitCount() == 1));
+        const bool fits =
+            significant < width || (significant == width && (!negative || value.bitCount() == 1));
         if (!fits) {
             throw RadixParseError(Reason::outOfRange, at, "Value out of range for " + typeName());
         }

@@ -50,7 +50,7 @@ T parsed(std::string_view text, int radix, char separator) {
     parse(text, radix, std::numeric_limits<Bits>::digits, std::is_signed_v<T>, separator, words);
     Bits bits = 0;
     for (std::size_t i = words.size(); i-- > 0;) {
-        if constexpr (wordsOf<T> > 1) bits <<= 64;
+        if constexpr (std::numeric_limits<Bits>::digits > 64) bits <<= 64;
         bits |= static_cast<Bits>(words[i]);
     }
     return static_cast<T>(bits);

@@ -10,11 +10,15 @@
 #include <string_view>
 
 #include "osc/codec/OSCPacket.hpp"
+#ifdef KAVRIN_HAVE_DISCOVERY
+#include "osc/discovery/OSCServiceAdvertiser.hpp"
+#endif
 #include "osc/dispatch/RunLoop.hpp"
 #include "osc/stream/OSCStreamServer.hpp"
 #include "osc/transport/UdpSocket.hpp"
 #include "support/HexDump.hpp"
 #include "support/Logger.hpp"
+#include "tools/common/Advertising.hpp"
 #include "tools/common/CommandLine.hpp"
 #include "tools/common/MessageLine.hpp"
 
@@ -24,7 +28,7 @@ namespace {
 
 constexpr const char* usage =
     "usage: kavrin-dump [--udp | --tcp | --slip] [--tls --cert FILE --key FILE] [--utf8]\n"
-    "                   [--raw] [--verbose] PORT\n"
+    "                   [--raw] [--verbose] [--advertise NAME] PORT\n"
     "\n"
     "Prints every OSC message received on PORT (IPv4 and IPv6) as one line on standard\n"
     "output: its address, its type tags and its values, as oscdump prints them; the messages\n"
@@ -39,6 +43,8 @@ constexpr const char* usage =
     "  --raw      follows each packet's lines with a hex dump of its bytes\n"
     "  --verbose  logs connections and every packet to standard error (else only what is\n"
     "             dropped; KAVRIN_LOG chooses otherwise, e.g. KAVRIN_LOG=*=debug)\n"
+    "  --advertise NAME  publishes the port with zeroconf as NAME, _osc._udp or _osc._tcp\n"
+    "             (framing=slip for --slip), through the Avahi daemon\n"
     "Runs until interrupted (SIGINT or SIGTERM).\n";
 
 int fail(const std::string& message) {
@@ -106,6 +112,7 @@ int main(int argc, char** argv) {
     auto policy = OSCTextPolicy::ascii;
     std::string certificate, key;
     std::optional<std::uint16_t> port;
+    std::string advertisedName;
     for (int i = 1; i < argc; ++i) {
         const std::string_view option = argv[i];
         if (option == "--help" || option == "-h") {
@@ -118,6 +125,10 @@ int main(int argc, char** argv) {
             raw = true;
         } else if (option == "--verbose") {
             verbose = true;
+        } else if (option == "--advertise") {
+            if (i + 1 >= argc || std::string_view(argv[i + 1]).empty())
+                return fail("missing NAME after --advertise");
+            advertisedName = argv[++i];
         } else if (option == "--cert" || option == "--key") {
             if (i + 1 >= argc) return fail("missing file after " + std::string(option));
             (option == "--cert" ? certificate : key) = argv[++i];
@@ -136,6 +147,10 @@ int main(int argc, char** argv) {
     if (!transport.tls && !(certificate.empty() && key.empty())) {
         return fail("--cert and --key go with --tls");
     }
+#ifndef KAVRIN_HAVE_DISCOVERY
+    if (!advertisedName.empty())
+        return fail(tools::noZeroconf);
+#endif
     if (verbose) Logger::shared().setDefaultLevel(LogLevel::debug);
     const auto log = Logger::shared().category("transport");
 
@@ -155,6 +170,14 @@ int main(int argc, char** argv) {
             return 1;
         }
         log.info("listening on UDP port {}", socket->localPortIPv4());
+#ifdef KAVRIN_HAVE_DISCOVERY
+        std::optional<OSCServiceAdvertiser> advertiser;
+        if (!advertisedName.empty()) {
+            advertiser.emplace(
+                OSCService(advertisedName, std::string(oscUdpServiceType), socket->localPortIPv4()),
+                mainQueue, tools::logAdvertising);
+        }
+#endif
         return mainQueue->run();
     }
 
@@ -194,5 +217,10 @@ int main(int argc, char** argv) {
         return 1;
     }
     log.info("listening on TCP port {}{}", server->boundPort(), transport.tls ? " with TLS" : "");
+#ifdef KAVRIN_HAVE_DISCOVERY
+    std::optional<OSCServiceAdvertiser> advertiser;
+    if (!advertisedName.empty())
+        advertiser.emplace(advertisedName, *server, mainQueue, tools::logAdvertising);
+#endif
     return mainQueue->run();
 }

@@ -11,6 +11,7 @@
 
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessage.hpp"
+#include "osc/codec/OSCTimeTag.hpp"
 #include "osc/dispatch/RunLoop.hpp"
 #include "osc/stream/OSCStreamClient.hpp"
 #include "osc/transport/UdpSocket.hpp"
@@ -23,7 +24,7 @@ namespace {
 
 constexpr const char* usage =
     "usage: kavrin-send [--udp | --tcp | --slip] [--tls [--ca FILE | --insecure]]\n"
-    "                   HOST PORT ADDRESS [TYPES [VALUES...]]\n"
+    "                   [--local-epoch] HOST PORT ADDRESS [TYPES [VALUES...]]\n"
     "\n"
     "Sends one OSC message to HOST (a name or a numeric address) and PORT, and exits 0 once\n"
     "it has gone out, or with 1 and the reason when it could not (a name that does not\n"
@@ -34,8 +35,12 @@ constexpr const char* usage =
     "  --tls       secures the connection; the server's certificate is checked against the\n"
     "              system's trusted CAs, or those in the PEM file given by --ca, and must\n"
     "              carry HOST; --insecure checks nothing (for tests only)\n"
+    "  --local-epoch\n"
+    "              time tags (t now) count from 1900 in this machine's time zone, the\n"
+    "              library's default, not from 1900 UTC as NTP and other programs do\n"
     "TYPES has one character per value, as oscsend reads them:\n"
-    "  i h f d  32- and 64-bit integers, 32- and 64-bit floating point\n"
+    "  i h f d  32- and 64-bit integers, 32- and 64-bit floating point (rounded to the\n"
+    "           type; inf, -inf and nan as written; beyond the type's range refused)\n"
     "  s S c    a string, a symbol, a character\n"
     "  m        4 MIDI bytes as 8 hexadecimal digits (port, status, data1, data2)\n"
     "  T F N I  true, false, nil, infinitum (no value)\n"
@@ -104,7 +109,7 @@ int sendOnStream(const OSCMessage& message, const std::string& host, std::uint16
 
 int main(int argc, char** argv) {
     tools::TransportOptions transport;
-    bool insecure = false;
+    bool insecure = false, localEpoch = false;
     std::string caFile;
     std::vector<std::string> positional;
     for (int i = 1; i < argc; ++i) {
@@ -117,6 +122,8 @@ int main(int argc, char** argv) {
         } else if (transport.take(option)) {
         } else if (option == "--insecure") {
             insecure = true;
+        } else if (option == "--local-epoch") {
+            localEpoch = true;
         } else if (option == "--ca") {
             if (i + 1 >= argc) return fail("missing file after --ca");
             caFile = argv[++i];
@@ -135,6 +142,8 @@ int main(int argc, char** argv) {
 
     if (!positional[2].starts_with('/')) return fail("ADDRESS must start with '/'");
 
+    // The tags go to other programs, which count from NTP's epoch.
+    if (!localEpoch) OSCTimeTag::setEpoch(OSCTimeTag::Epoch::utc);
     OSCMessage message;
     std::vector<std::uint8_t> packet;
     try {

@@ -5,7 +5,7 @@
 
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/dispatch/DispatchQueue.hpp"
-#include "osc/pattern/detail/OSCCompiledComponent.hpp"
+#include "osc/pattern/OSCCompiledPattern.hpp"
 
 namespace kavrin {
 
@@ -157,28 +157,28 @@ bool OSCAddressSpace::unregister(const MethodID& id) {
 std::vector<const OSCAddressSpace::Node*> OSCAddressSpace::matchingMethods(
     const OSCAddressPattern& pattern) const {
     std::vector<const Node*> level;
-    auto components = OSCAddressPattern::components(pattern.rawAddress());
-    if (components.empty()) return level;
+    // Read once per dispatch instead of once per child; the answers are matchComponent's.
+    const OSCCompiledPattern compiled(pattern);
+    if (compiled.componentCount() == 0) return level;
     level.push_back(root_.get());
     std::vector<const Node*> next;
-    for (auto& component : components) {
-        // Prepared once per level instead of once per child; the answers are matchComponent's.
-        const OSCCompiledComponent compiled(std::move(component.tokens));
+    for (std::size_t i = 0; i < compiled.componentCount(); ++i) {
+        const auto literal = compiled.literalComponent(i);
         next.clear();
-        if (compiled.isPlainText()) next.reserve(level.size());  // at most one child each
+        if (literal) next.reserve(level.size());  // at most one child each
         for (const Node* node : level) {
-            if (compiled.isPlainText()) {
+            if (literal) {
                 // Plain text matches only its own name, and sibling names are unique.
-                if (const Node* child = node->child(compiled.text())) next.push_back(child);
+                if (const Node* child = node->child(*literal)) next.push_back(child);
                 continue;
             }
-            if (compiled.isAnything()) {
+            if (compiled.matchesEveryName(i)) {
                 // A lone "*" matches every name.
                 for (const auto& child : node->children_) next.push_back(child.get());
                 continue;
             }
             for (const auto& child : node->children_) {
-                if (compiled.matches(child->name_)) next.push_back(child.get());
+                if (compiled.matchesComponent(i, child->name_)) next.push_back(child.get());
             }
         }
         level.swap(next);

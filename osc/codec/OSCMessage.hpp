@@ -10,12 +10,12 @@
 #include <tuple>
 #include <vector>
 
-#include "osc/pattern/OSCAddressPattern.hpp"
 #include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCValue.hpp"
 #include "osc/codec/OSCValueList.hpp"
 #include "osc/codec/OSCValueMask.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
+#include "osc/pattern/OSCAddressPattern.hpp"
 
 namespace kavrin {
 

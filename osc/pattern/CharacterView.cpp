@@ -131,12 +131,4 @@ std::optional<std::size_t> CharacterView::find(std::string_view character, std::
     return std::nullopt;
 }
 
-std::optional<std::uint8_t> CharacterView::asciiValue(std::string_view character) {
-    if (character.size() == 1 && static_cast<unsigned char>(character[0]) < 0x80) {
-        return static_cast<std::uint8_t>(character[0]);
-    }
-    if (character == "\r\n") return std::uint8_t{'\n'};
-    return std::nullopt;
-}
-
 }  // namespace kavrin

@@ -56,7 +56,13 @@ class CharacterView {
 
     // The ASCII value of a character, if it is one: a single byte below 0x80, or CR LF, which
     // counts as the line feed 0x0A.
-    static std::optional<std::uint8_t> asciiValue(std::string_view character);
+    static std::optional<std::uint8_t> asciiValue(std::string_view character) {
+        if (character.size() == 1 && static_cast<unsigned char>(character[0]) < 0x80) {
+            return static_cast<std::uint8_t>(character[0]);
+        }
+        if (character == "\r\n") return std::uint8_t{'\n'};
+        return std::nullopt;
+    }
 
   private:
     static bool isASCIIWithoutCRLF(std::string_view text);

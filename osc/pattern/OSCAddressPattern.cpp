@@ -1,9 +1,8 @@
 #include "osc/pattern/OSCAddressPattern.hpp"
 
-#include <variant>
-
-#include "osc/pattern/OSCAddressPatternToken.hpp"
-#include "osc/pattern/detail/OSCByteMatcher.hpp"
+#include "osc/pattern/detail/ComponentSyntax.hpp"
+#include "osc/pattern/detail/MatchRun.hpp"
+#include "osc/pattern/detail/MatchStep.hpp"
 #include "support/ASCIIScan.hpp"
 #include "support/HashCombine.hpp"
 #include "support/LossyASCII.hpp"
@@ -12,102 +11,39 @@ namespace kavrin {
 
 namespace {
 
-// The search state of one matchComponent call: one matcher per token and the shared position.
-class ComponentSearch {
+// The parsed form of what componentSyntax::scan reads.
+class TokenMaker {
   public:
-    using Matcher =
-        std::variant<OSCAddressPatternToken::Literal, OSCAddressPatternToken::ZeroOrMoreWildcard,
-                     OSCAddressPatternToken::SingleCharWildcard, OSCAddressPatternToken::SingleChar,
-                     OSCAddressPatternToken::Strings>;
-
-    ComponentSearch(const CharacterView& component,
-                    const std::vector<OSCAddressPattern::Token>& tokens)
-        : component_(component), length_(component.size()) {
-        // Reused per thread so that a search allocates nothing once warm.
-        thread_local std::vector<Matcher> matcherStorage;
-        thread_local std::vector<OSCAddressPatternToken*> matcherList;
-        thread_local std::vector<bool> failureStorage;
-        matchers_ = &matcherStorage;
-        list_ = &matcherList;
-        failed_ = &failureStorage;
-
-        matchers_->clear();
-        list_->clear();
-        matchers_->reserve(tokens.size());
-        std::size_t stars = 0;
-        for (const auto& token : tokens) {
-            using Kind = OSCAddressPattern::Token::Kind;
-            switch (token.kind) {
-                case Kind::literal:
-                    matchers_->emplace_back(std::in_place_type<OSCAddressPatternToken::Literal>,
-                                            token.text);
-                    break;
-                case Kind::zeroOrMoreWildcard:
-                    matchers_->emplace_back(
-                        std::in_place_type<OSCAddressPatternToken::ZeroOrMoreWildcard>);
-                    ++stars;
-                    break;
-                case Kind::singleCharWildcard:
-                    matchers_->emplace_back(
-                        std::in_place_type<OSCAddressPatternToken::SingleCharWildcard>);
-                    break;
-                case Kind::singleChar:
-                    matchers_->emplace_back(std::in_place_type<OSCAddressPatternToken::SingleChar>,
-                                            token.isExclusion, token.groups);
-                    break;
-                case Kind::strings:
-                    matchers_->emplace_back(std::in_place_type<OSCAddressPatternToken::Strings>,
-                                            token.alternatives);
-                    break;
-            }
-        }
-        for (auto& matcher : *matchers_) {
-            list_->push_back(
-                std::visit([](auto& m) -> OSCAddressPatternToken* { return &m; }, matcher));
-        }
-        // tryFrom(i) at a given position always gives the same answer (each level resets its
-        // matcher), so remembering failures changes no outcome. Only two or more stars can
-        // reach the same (token, position) twice; remembering them keeps "/*a*a*a*a*a*b"
-        // polynomial instead of exploring every split of a long component.
-        remembersFailures_ = stars >= 2;
-        if (remembersFailures_) failed_->assign(tokens.size() * (length_ + 1), false);
+    void literal(const CharacterView& text) {
+        tokens.push_back(OSCAddressPattern::Token::literal(std::string(text.text())));
+    }
+    void star() { tokens.push_back(OSCAddressPattern::Token::zeroOrMoreWildcard()); }
+    void any() { tokens.push_back(OSCAddressPattern::Token::singleCharWildcard()); }
+    void bracket(const CharacterView& contents) {
+        GroupSet groups;
+        const bool isExclusion = componentSyntax::scanGroups(contents, groups);
+        tokens.push_back(OSCAddressPattern::Token::singleChar(isExclusion, std::move(groups.set)));
+    }
+    void brace(const CharacterView& contents) {
+        std::set<std::string> alternatives;
+        componentSyntax::Alternatives<CharacterView> each(contents);
+        while (const auto alternative = each.next()) alternatives.emplace(alternative->text());
+        tokens.push_back(OSCAddressPattern::Token::strings(std::move(alternatives)));
     }
 
-    bool run() {
-        position_ = 0;
-        return tryFrom(0);
-    }
-
-  private:
-    bool tryFrom(std::size_t i) {
-        OSCAddressPatternToken& matcher = *(*list_)[i];
-        matcher.reset();
-        const std::size_t start = position_;
-        if (remembersFailures_ && (*failed_)[i * (length_ + 1) + start]) return false;
-        const bool isLast = i + 1 == list_->size();
-        for (;;) {
-            if (const auto consumed = matcher.match(component_.suffix(start))) {
-                position_ = start + *consumed;
-                if (isLast) {
-                    if (position_ == length_) return true;
-                } else if (tryFrom(i + 1)) {
-                    return true;
-                }
-            }
-            matcher.advance(length_ - start);
-            if (matcher.isExhausted()) break;
+    // The groups of a bracket expression as componentSyntax::scanGroups reads them.
+    struct GroupSet {
+        std::set<OSCAddressPattern::CharacterGroup> set;
+        void single(std::string_view character) {
+            set.insert(OSCAddressPattern::CharacterGroup::single(std::string(character)));
         }
-        if (remembersFailures_) (*failed_)[i * (length_ + 1) + start] = true;
-        return false;
-    }
+        void range(std::string_view start, std::string_view end) {
+            set.insert(OSCAddressPattern::CharacterGroup::asciiRange(std::string(start),
+                                                                     std::string(end)));
+        }
+    };
 
-    CharacterView component_;
-    std::size_t length_;
-    std::size_t position_ = 0;
-    bool remembersFailures_ = false;
-    std::vector<Matcher>* matchers_;
-    std::vector<OSCAddressPatternToken*>* list_;
-    std::vector<bool>* failed_;
+    std::vector<OSCAddressPattern::Token> tokens;
 };
 
 }  // namespace
@@ -124,13 +60,9 @@ OSCAddressPattern::CharacterGroup OSCAddressPattern::CharacterGroup::asciiRange(
 }
 
 bool OSCAddressPattern::CharacterGroup::accepts(std::string_view character) const {
-    if (kind == Kind::single) return character == start;
-    const auto value = CharacterView::asciiValue(character);
-    const auto low = CharacterView::asciiValue(start);
-    const auto high = CharacterView::asciiValue(end);
-    // Deliberate: a reversed range ("z-a") or one with a non-ASCII bound accepts nothing.
-    if (!value || !low || !high || *low > *high) return false;
-    return *low <= *value && *value <= *high;
+    MatchProgram program;
+    program.addOneOf(false, {*this});
+    return oneOfAccepts(program.steps.front(), program.pieces.data(), character);
 }
 
 OSCAddressPattern::Token OSCAddressPattern::Token::literal(std::string text) {
@@ -227,127 +159,24 @@ std::vector<OSCAddressPattern::Token> OSCAddressPattern::tokens(std::string_view
 }
 
 std::vector<OSCAddressPattern::Token> OSCAddressPattern::tokens(const CharacterView& component) {
-    std::vector<Token> result;
-    std::size_t literalStart = 0;  // the literal buffer is always the run [literalStart, i)
-    std::size_t i = 0;
-    const auto flush = [&] {
-        if (literalStart < i) {
-            result.push_back(Token::literal(std::string(component.slice(literalStart, i).text())));
-        }
-    };
-    // The characters strictly between an opening character at `open` and its closer at `close`;
-    // a two-character "[]" or "{}" has none.
-    const auto contents = [&](std::size_t open, std::size_t close) {
-        return close - open + 1 < 3 ? CharacterView() : component.slice(open + 1, close);
-    };
-
-    while (i < component.size()) {
-        const std::string_view character = component[i];
-        if (character == "*") {
-            flush();
-            if (result.empty() || result.back().kind != Token::Kind::zeroOrMoreWildcard) {
-                result.push_back(Token::zeroOrMoreWildcard());
-            }
-            literalStart = ++i;
-            continue;
-        }
-        if (character == "?") {
-            flush();
-            result.push_back(Token::singleCharWildcard());
-            literalStart = ++i;
-            continue;
-        }
-        if (character == "[") {
-            if (const auto close = component.find("]", i)) {
-                auto [isExclusion, groups] = characterGroups(contents(i, *close).text());
-                flush();
-                result.push_back(Token::singleChar(isExclusion, std::move(groups)));
-                literalStart = i = *close + 1;
-                continue;
-            }
-            // Deliberate: an unclosed "[" falls through to the brace rule, so "[a,b}" is a list.
-        }
-        if (character == "{" || character == "[") {
-            if (const auto close = component.find("}", i)) {
-                std::set<std::string> alternatives;
-                const CharacterView list = contents(i, *close);
-                for (std::size_t begin = 0; begin <= list.size();) {
-                    const std::size_t comma = list.find(",", begin).value_or(list.size());
-                    if (comma > begin) alternatives.emplace(list.slice(begin, comma).text());
-                    begin = comma + 1;
-                }
-                flush();
-                result.push_back(Token::strings(std::move(alternatives)));
-                literalStart = i = *close + 1;
-                continue;
-            }
-        }
-        ++i;  // anything else, unmatched "]" and "}" included, joins the literal run
-    }
-    flush();
-    return result;
+    TokenMaker maker;
+    componentSyntax::scan(component, maker);
+    return std::move(maker.tokens);
 }
 
 std::pair<bool, std::set<OSCAddressPattern::CharacterGroup>> OSCAddressPattern::characterGroups(
     std::string_view contents) {
-    std::set<CharacterGroup> groups;
-    if (contents.empty()) return {false, groups};
-
     std::vector<std::uint32_t> storage;
-    const CharacterView view = CharacterView::segment(contents, storage);
-    std::vector<std::string_view> rest;
-    rest.reserve(view.size());
-    for (std::size_t i = 0; i < view.size(); ++i) rest.push_back(view[i]);
-
-    bool isExclusion = false;
-    if (rest.front() == "!") {
-        isExclusion = true;
-        if (rest.size() == 1) return {true, groups};
-        rest.erase(rest.begin());
-    }
-
-    bool sawDash = false;
-    while (!rest.empty()) {
-        std::size_t dash = 0;
-        while (dash < rest.size() && rest[dash] != "-") ++dash;
-        if (dash == rest.size()) {
-            for (const auto character : rest)
-                groups.insert(CharacterGroup::single(std::string(character)));
-            break;
-        }
-        if (dash == 0 || dash == rest.size() - 1) {
-            rest.erase(rest.begin() + static_cast<std::ptrdiff_t>(dash));
-            sawDash = true;
-            continue;
-        }
-        // Characters before the range stay and are taken as singles on a later round.
-        groups.insert(
-            CharacterGroup::asciiRange(std::string(rest[dash - 1]), std::string(rest[dash + 1])));
-        rest.erase(rest.begin() + static_cast<std::ptrdiff_t>(dash - 1),
-                   rest.begin() + static_cast<std::ptrdiff_t>(dash + 2));
-    }
-    if (sawDash) groups.insert(CharacterGroup::single("-"));
-    return {isExclusion, groups};
+    TokenMaker::GroupSet groups;
+    const bool isExclusion =
+        componentSyntax::scanGroups(CharacterView::segment(contents, storage), groups);
+    return {isExclusion, std::move(groups.set)};
 }
 
 // MARK: Matching
 
 bool OSCAddressPattern::matches(std::string_view address) const {
-    // Nearly always the texts are walked side by side, with no parsed form built and nothing
-    // allocated; only wildcards that meet multi-byte characters need the parsed form.
-    if (const auto answer = byteMatcher::matches(rawAddress_, address)) return *answer;
-    const std::vector<Component> pattern = components(rawAddress_);
-    // Deliberate: the empty pattern and "/" have no components and match nothing, not even "/".
-    if (pattern.empty()) return false;
-    std::vector<std::uint32_t> storage;
-    const std::vector<CharacterView> parts =
-        pathComponents(CharacterView::segment(address, storage));
-    // A wildcard never spans a "/": the component counts must agree.
-    if (parts.size() != pattern.size()) return false;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        if (!matchComponent(parts[i], pattern[i].tokens)) return false;
-    }
-    return true;
+    return matchRun::matchesPattern(rawAddress_, address);
 }
 
 bool OSCAddressPattern::matchComponent(std::string_view component,
@@ -358,12 +187,11 @@ bool OSCAddressPattern::matchComponent(std::string_view component,
 
 bool OSCAddressPattern::matchComponent(const CharacterView& component,
                                        const std::vector<Token>& tokens) {
-    if (tokens.empty()) return component.empty();
-    if (tokens.size() == 1 && tokens[0].kind == Token::Kind::literal) {
-        return component.text() == tokens[0].text;
-    }
-    if (tokens.size() == 1 && tokens[0].kind == Token::Kind::zeroOrMoreWildcard) return true;
-    return ComponentSearch(component, tokens).run();
+    MatchProgram program;
+    program.lower(tokens);
+    const MatchStep* const first = program.steps.data();
+    return matchRun::matchesComponent(first, first + program.steps.size(), program.pieces.data(),
+                                      component);
 }
 
 }  // namespace kavrin

@@ -1,42 +1,41 @@
 #pragma once
 
+#include <cstddef>
+#include <memory>
 #include <optional>
-#include <string>
 #include <string_view>
-#include <vector>
 
 #include "osc/pattern/OSCAddressPattern.hpp"
-#include "osc/pattern/detail/OSCCompiledComponent.hpp"
 
 namespace kavrin {
 
-// An address pattern parsed once for matching many addresses. Its answers are exactly those of
-// OSCAddressPattern::matches (the same quirks included); ASCII addresses are matched byte by
-// byte without allocating, others go through the character-wise matcher. Immutable after
-// construction: matches() may be called from any number of threads at once.
+// An address pattern read once for matching many addresses, with exactly the answers of
+// OSCAddressPattern::matches (the same quirks included). Addresses that are a byte per
+// character are matched without allocating; others character by character. Immutable after
+// construction: any number of threads may use one at once, and copies share what was read.
 class OSCCompiledPattern {
   public:
     explicit OSCCompiledPattern(OSCAddressPattern pattern);
 
     const OSCAddressPattern& pattern() const { return pattern_; }
-    bool matches(std::string_view address) const {
-        // Inline: for short addresses the call would cost as much as the literal comparison.
-        if (literalPath_) return matchesLiteralPath(address);
-        return OSCCompiledComponent::matchesAddress(steps_, components_, address);
-    }
+    bool matches(std::string_view address) const;
+
+    // The pattern's components one by one, for walking a tree of names level by level; each
+    // `index` below is less than componentCount().
+    std::size_t componentCount() const;
+    // Whether `name`, one component of an address, matches component `index`: the answer of
+    // OSCAddressPattern::matchComponent for that component's tokens.
+    bool matchesComponent(std::size_t index, std::string_view name) const;
+    // The text of component `index` when it holds no wildcard: it matches only that name.
+    std::optional<std::string_view> literalComponent(std::size_t index) const;
+    // Whether component `index` is a lone "*", which matches every name.
+    bool matchesEveryName(std::size_t index) const;
 
   private:
-    bool matchesLiteralPath(std::string_view address) const;
+    struct Program;
 
     OSCAddressPattern pattern_;
-    std::vector<OSCCompiledComponent> components_;
-    // The components' steps joined for matching ASCII addresses in one pass.
-    std::vector<OSCCompiledComponent::Step> steps_;
-    // Set when every component is plain text: the components joined by "/". Such a pattern
-    // matches exactly the addresses that read the same once one leading and one trailing "/"
-    // are dropped (components hold no "/", and the pattern is ASCII, so this holds for
-    // non-ASCII addresses too).
-    std::optional<std::string> literalPath_;
+    std::shared_ptr<const Program> program_;
 };
 
 }  // namespace kavrin

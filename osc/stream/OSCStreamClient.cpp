@@ -110,7 +110,10 @@ void OSCStreamClient::connectNow() {
     std::unique_lock lock(mutex_);
     if (connection_ || state_ == State::closed) return;
     auto connection = OSCStreamConnection::make(receiver_, settings_, false);
-    auto socket = TcpSocket::create(connection->asDelegate(), receiver_->receiveQueue());
+    // The socket works on the receive queue too: a read and its report hand over within one
+    // queue instead of waking another for every chunk.
+    auto socket = TcpSocket::create(connection->asDelegate(), receiver_->receiveQueue(),
+                                    receiver_->receiveQueue());
     connection->attach(socket);
     connection_ = connection;
     if (state_ != State::connecting) changeState(State::connecting, std::nullopt);
@@ -124,8 +127,8 @@ void OSCStreamClient::connectNow() {
 bool OSCStreamClient::send(const OSCPacket& packet, TcpSocketError* error) {
     std::vector<std::uint8_t> framed;
     try {
-        framed = framePacket(settings_.framing, packet, settings_.maximumFrame,
-                             settings_.textPolicy);
+        framed =
+            framePacket(settings_.framing, packet, settings_.maximumFrame, settings_.textPolicy);
     } catch (const OSCFramingError& tooLong) {
         if (error) *error = TcpSocketError::badParamError(tooLong.what());
         return false;

@@ -91,6 +91,8 @@ class OSCStreamServer : public std::enable_shared_from_this<OSCStreamServer> {
 
     /// The port asked for at creation.
     std::uint16_t port() const { return port_; }
+    /// As given at creation.
+    const OSCStreamSettings& settings() const { return settings_; }
     /// The port listened on once started, 0 before: the kernel's choice for port 0, the same
     /// on IPv4 and IPv6.
     std::uint16_t boundPort() const;

@@ -81,7 +81,8 @@ OSCClient::~OSCClient() {
 }
 
 void OSCClient::send(const OSCPacket& packet, const std::string& host, std::uint16_t port) {
-    auto bytes = packet.rawData(textPolicy_.load());  // encoding may fail: before anything waits for an outcome
+    // Encoding may fail: before anything waits for an outcome.
+    auto bytes = packet.rawData(textPolicy_.load());
     // A plain client sends every datagram with tag 0, its outcome going nowhere.
     const std::int64_t tag = reporter ? reporter->tagFor(host, port) : 0;
     udpClient->sendData(std::move(bytes), host, port, sendTimeout, tag);

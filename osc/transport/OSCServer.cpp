@@ -11,6 +11,9 @@ namespace kavrin {
 
 namespace {
 
+// One timeout for every datagram sent, as the client's.
+constexpr double sendTimeout = 1.0;
+
 std::shared_ptr<const OSCServer::SourceHandler> withSource(OSCServer::Handler handler) {
     if (!handler) return nullptr;
     return std::make_shared<const OSCServer::SourceHandler>(
@@ -168,6 +171,24 @@ OSCTextPolicy OSCServer::textPolicy() const {
 
 void OSCServer::setTextPolicy(OSCTextPolicy policy) {
     textPolicy_.store(policy);
+}
+
+// An unbound socket would bind a port of its own to send: the point is to send from this one.
+std::vector<std::uint8_t> OSCServer::sendable(const OSCPacket& packet) const {
+    auto bytes = packet.rawData(textPolicy());
+    if (boundPort() == 0) {
+        throw UdpSocketError::badConfigError("The OSC server on port " + std::to_string(port_) +
+                                             " is not running.");
+    }
+    return bytes;
+}
+
+void OSCServer::send(const OSCPacket& packet, const std::string& host, std::uint16_t port) {
+    udpServer->sendData(sendable(packet), host, port, sendTimeout, 0);
+}
+
+void OSCServer::send(const OSCPacket& packet, const SocketAddress& to) {
+    udpServer->sendData(sendable(packet), to, sendTimeout, 0);
 }
 
 void OSCServer::setScheduledLimit(ScheduledLimit limit) {

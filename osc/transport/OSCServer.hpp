@@ -142,6 +142,16 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
                            DropReason reason, const std::string& error)>;
     void setDropHandler(DropHandler handler);
 
+    /// Sends `packet` from the server's own socket, bound to its port, so that a peer that
+    /// answers the sender reaches this server: to `host` (a name or a numeric address, resolved
+    /// off the caller's thread) and `port`, or to `to`, a sender as the source handler gave it.
+    /// Encodes under the text policy, queues and returns at once; the socket owns the bytes
+    /// from then on. Throws OSCEncodeError when the packet cannot be encoded, and
+    /// UdpSocketError before start() has bound the port or after stop(); nothing is sent then.
+    /// As with a plain OSCClient, name and send failures are not reported.
+    void send(const OSCPacket& packet, const std::string& host, std::uint16_t port);
+    void send(const OSCPacket& packet, const SocketAddress& to);
+
     /// Closes the socket if open, then enables port reuse, binds the port and starts receiving.
     /// Throws the socket's UdpSocketError unchanged at the first step that fails, leaving the
     /// socket as that step left it. May be called again after a failure or a stop().
@@ -163,6 +173,8 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
         std::shared_ptr<const DropHandler> drop;
     };
 
+    // The encoded packet, once the socket is known to be bound; throws as send() says.
+    std::vector<std::uint8_t> sendable(const OSCPacket& packet) const;
     void receive(std::vector<std::uint8_t>&& datagram, const SocketAddress& sender);
     void drop(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
               DropReason reason, const std::string& error);

@@ -17,17 +17,20 @@ class TcpSocketError : public SocketError {
 
     /// Codes of socketDomain.
     enum Code : int {
-        badConfig = 1,       ///< the call does not fit the socket's state; text says why
-        badParam = 2,        ///< an argument is unusable; text says which
-        connectTimeout = 3,  ///< "Attempt to connect to host timed out"
-        readTimeout = 4,     ///< "Read operation timed out"
-        writeTimeout = 5,    ///< "Write operation timed out"
-        readMaxedOut = 6,    ///< "Read operation reached set maximum length"
-        closedByPeer = 7,    ///< "Socket closed by remote peer"
-        idleTimeout = 8,     ///< "Connection idle for too long"
-        writeQueueFull = 9,  ///< "Too much data waiting to be written"
-        tls = 10,            ///< OpenSSL's reason text; for a refused certificate the reason
-                             ///< verification gave is the failure reason
+        badConfig = 1,          ///< the call does not fit the socket's state; text says why
+        badParam = 2,           ///< an argument is unusable; text says which
+        connectTimeout = 3,     ///< "Attempt to connect to host timed out"
+        readTimeout = 4,        ///< "Read operation timed out"
+        writeTimeout = 5,       ///< "Write operation timed out"
+        readMaxedOut = 6,       ///< "Read operation reached set maximum length"
+        closedByPeer = 7,       ///< "Socket closed by remote peer"
+        idleTimeout = 8,        ///< "Connection idle for too long"
+        writeQueueFull = 9,     ///< "Too much data waiting to be written"
+        tls = 10,               ///< OpenSSL's reason text; for a refused certificate the reason
+                                ///< verification gave is the failure reason. A file of the
+                                ///< settings that does not load is named with the cause:
+                                ///< `Cannot load the private key from "FILE": No such file or
+                                ///< directory`
         handshakeTimeout = 11,  ///< "TLS handshake timed out"
     };
 

@@ -48,10 +48,12 @@ TEST_F(LinkHistoryTest, RecordsOutagesFromTheFirstPaintWithTheRoundTripsBeforeEa
         auto history = open();
         history->painted(at(0), false);  // red at the first paint: down from the start
         history->painted(at(2), true);
-        history->roundTrip(at(3), microseconds(400));
+        history->pingAnswered(history->pingSent(at(3)), microseconds(400));
         history->painted(at(4), true);
-        history->roundTrip(at(5), microseconds(1200));
-        history->roundTrip(at(5), microseconds(900));
+        const auto twice = history->pingSent(at(5));
+        EXPECT_GT(history->pingSent(at(5)), twice) << "each ping is kept under a time of its own";
+        history->pingAnswered(twice, microseconds(1200));
+        history->pingAnswered(history->pingSent(at(5)), microseconds(900));
         history->painted(at(6), false);
         history->painted(at(8), false);
         history->painted(at(10), true);
@@ -86,9 +88,12 @@ TEST_F(LinkHistoryTest, AnOutageACrashLeftOpenIsClosedAtTheNextStartAtItsLastPai
         history->painted(at(2), false);
         history->painted(at(4), false);
     }
-    // As if the monitor had stopped after its paint at 4 s without quitting.
+    // As if the monitor had stopped after its paint at 4 s without quitting; and as an earlier
+    // version kept round trips, under the time of the reply (400 µs after a ping at 1 s).
     tamper("UPDATE runs SET ended_at = NULL, ended_by = NULL, last_seen_at = 1700000004000;"
-           "UPDATE outages SET ended_at = NULL, ended_by = NULL;");
+           "UPDATE outages SET ended_at = NULL, ended_by = NULL;"
+           "CREATE TABLE round_trips (at INTEGER NOT NULL, micros INTEGER NOT NULL);"
+           "INSERT INTO round_trips VALUES (1700000001000, 400);");
 
     auto history = open();
     history->painted(at(100), false);
@@ -99,6 +104,45 @@ TEST_F(LinkHistoryTest, AnOutageACrashLeftOpenIsClosedAtTheNextStartAtItsLastPai
     EXPECT_EQ(outages[1].started, at(2));
     EXPECT_EQ(outages[1].ended, at(4));
     EXPECT_EQ(outages[1].end, End::crash);
+    EXPECT_EQ(outages[1].medianRoundTrip, microseconds(400));
+}
+
+TEST_F(LinkHistoryTest, KeepsAWeekOfPingsAndPlotsThemInBucketsWithTheOutages) {
+    auto history = open();
+    history->pingSent(at(-8 * 24 * 3600));
+    history->painted(at(-8 * 24 * 3600), true);
+    history->pingAnswered(history->pingSent(at(1)), microseconds(400));
+    history->painted(at(2), true);  // a week after the first ping: that one goes
+    history->pingSent(at(3));       // never answered
+    history->painted(at(4), false);
+    history->pingAnswered(history->pingSent(at(5)), milliseconds(3));
+    history->pingSent(at(7));  // the latest: still awaited, not lost
+    history->painted(at(8), true);
+
+    std::vector<PingPlot> plots;
+    const auto keep = [&](PingPlot plot) { plots.push_back(std::move(plot)); };
+    history->plot(std::nullopt, at(10), 100, keep);  // from the oldest ping kept
+    history->plot(at(0), at(10), 2, keep);  // from before the first ping: from that one
+    ASSERT_TRUE(QTest::qWaitFor([&] { return plots.size() == 2; }, 5000));
+
+    using Bucket = PingPlot::Bucket;
+    const auto worst = [](const Bucket& b) { return b.worstRoundTrip.value_or(microseconds(-1)).count(); };
+    const struct {
+        Outage::TimePoint from;
+        std::vector<std::tuple<Outage::TimePoint, int, int, std::int64_t>> buckets;  // first, pings, lost, worst
+    } expected[] = {
+        {at(1), {{at(1), 1, 0, 400}, {at(3), 1, 1, -1}, {at(5), 1, 0, 3000}, {at(7), 1, 0, -1}}},
+        {at(1), {{at(1), 3, 1, 3000}, {at(7), 1, 0, -1}}},
+    };
+    for (std::size_t i = 0; i < plots.size(); ++i) {
+        EXPECT_EQ(plots[i].from, expected[i].from) << i;
+        EXPECT_EQ(plots[i].to, at(10));
+        std::vector<std::tuple<Outage::TimePoint, int, int, std::int64_t>> buckets;
+        for (const Bucket& b : plots[i].buckets) buckets.emplace_back(b.firstSent, b.pings, b.lost, worst(b));
+        EXPECT_EQ(buckets, expected[i].buckets) << i;
+        EXPECT_EQ(plots[i].outages, (std::vector{std::pair(at(4), at(8))})) << i;
+    }
+    EXPECT_TRUE(failures.empty());
 }
 
 TEST_F(LinkHistoryTest, AFailureIsReportedAndNeverStopsTheMonitor) {

@@ -22,6 +22,7 @@ TEST(LinkStatusTextTest, RoundTripsInTenthsBelowTenMillisecondsThenWhole) {
     for (const auto& c : cases) EXPECT_EQ(roundTripText(c.time), c.text) << c.time.count();
     EXPECT_EQ(roundTripLine(microseconds(3'000)), "round trip 3.0 ms");
     EXPECT_EQ(roundTripLine(std::nullopt), "round trip \u2013");
+    EXPECT_EQ(roundTripLine(microseconds(2'345'000), true), "round trip 2345 ms, late");
 }
 
 TEST(LinkStatusTextTest, ReplyAgesCountUpInTenthsThenSecondsMinutesAndHours) {
@@ -43,8 +44,39 @@ TEST(LinkStatusTextTest, ReplyAgesCountUpInTenthsThenSecondsMinutesAndHours) {
 TEST(LinkStatusTextTest, DropsAndDurations) {
     EXPECT_EQ(droppedLine(0), "0 datagrams dropped (not OSC or undecodable)");
     EXPECT_EQ(droppedLine(1), "1 datagram dropped (not OSC or undecodable)");
+    EXPECT_EQ(droppedLine(2, 1), "2 datagrams, 1 packet dropped (not OSC or undecodable)");
     EXPECT_EQ(durationText(milliseconds(1'999)), "0:00:02");
     EXPECT_EQ(durationText(hours(12) + minutes(3) + seconds(55)), "12:03:55");
+}
+
+TEST(LinkStatusTextTest, TheConnectionSaysHowItEndedAndWhenItIsTriedAgain) {
+    using State = LinkConnection::State;
+    const auto now = steady_clock::now();
+    const auto line = [&](State state, bool wasConnected, bool refused, std::optional<std::string> reason,
+                          std::optional<LinkConnection::FramingHint> hint = std::nullopt) {
+        return connectionLine({state, "tcp", "10.0.0.5", 3032, wasConnected, refused, std::move(reason),
+                                now + milliseconds(550), std::move(hint)},
+                               now);
+    };
+    const struct {
+        QString line;
+        const char* text;
+    } cases[] = {
+        {line(State::none, false, false, {}), ""},
+        {line(State::connecting, false, false, {}), "tcp 10.0.0.5:3032: connecting\u2026"},
+        {line(State::connected, false, false, {}), "tcp 10.0.0.5:3032: connected, replies come over it"},
+        {line(State::waiting, false, true, "Connection refused"), "tcp 10.0.0.5:3032: refused, retrying in 0.6 s"},
+        {line(State::waiting, false, false, "Attempt to connect to host timed out"),
+         "tcp 10.0.0.5:3032: could not connect (Attempt to connect to host timed out), retrying in 0.6 s"},
+        {line(State::waiting, true, false, {}), "tcp 10.0.0.5:3032: closed by the console, retrying in 0.6 s"},
+        {line(State::connecting, true, false, "Read operation timed out", LinkConnection::FramingHint{"tcp", true}),
+         "tcp 10.0.0.5:3032: connecting\u2026 (last: closed (Read operation timed out))\n"
+         "The console's bytes look like tcp framing: set the link to tcp?"},
+        {line(State::waiting, true, false, {}, LinkConnection::FramingHint{"slip", false}),
+         "tcp 10.0.0.5:3032: closed by the console, retrying in 0.6 s\n"
+         "The console hung up without answering: does it expect slip?"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.line, c.text);
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <chrono>
 #include <string>
 
-#include "PrivateEnvironment.hpp"
+#include "MonitorProgram.hpp"
 #include "UdpPeer.hpp"
 
 namespace kavrin {
@@ -29,62 +29,23 @@ class MonitorProcessTest : public ::testing::Test {
         stored.setValue("InPort", inPort);
     }
 
-    ~MonitorProcessTest() override {
-        for (QProcess* process : {&monitor, &responder}) {
-            if (process->state() != QProcess::NotRunning) {
-                process->kill();
-                process->waitForFinished(5000);
-            }
-        }
-    }
-
     void startMonitor() {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("QT_QPA_PLATFORM", "offscreen");
-        env.insert("XDG_CONFIG_HOME", environment.configHome());
-        env.insert("XDG_DATA_HOME", environment.dataHome());
-        monitor.setProcessEnvironment(env);
-        monitor.start(KAVRIN_MONITOR_PATH, {});
-        ASSERT_TRUE(monitor.waitForStarted(10000)) << monitor.errorString().toStdString();
+        monitor.startMonitor(environment);
         sinceStart.start();
-    }
-
-    // The next whole line of the monitor's stdout, without its newline; empty on timeout.
-    std::string nextLine(int timeoutMs = 10000) {
-        QElapsedTimer waited;
-        waited.start();
-        while (!monitor.canReadLine()) {
-            const int left = timeoutMs - static_cast<int>(waited.elapsed());
-            if (left <= 0 || !monitor.waitForReadyRead(left)) {
-                ADD_FAILURE() << "no line from the monitor; stderr: "
-                              << monitor.readAllStandardError().toStdString();
-                return {};
-            }
-        }
-        return monitor.readLine().chopped(1).toStdString();
-    }
-
-    // Reads lines up to the one starting with `prefix`, and returns them all.
-    std::vector<std::string> linesThrough(const std::string& prefix) {
-        std::vector<std::string> lines;
-        do {
-            lines.push_back(nextLine());
-        } while (!lines.back().empty() && lines.back().rfind(prefix, 0) != 0);
-        return lines;
     }
 
     test::PrivateEnvironment environment;
     std::unique_ptr<test::UdpPeer> pingSink = std::make_unique<test::UdpPeer>();
     std::uint16_t inPort = test::freeUdpPort();
-    QProcess monitor;
-    QProcess responder;
+    test::MonitorProgram monitor;
+    test::MonitorProgram responder;
     QElapsedTimer sinceStart;
 };
 
 TEST_F(MonitorProcessTest, PingsEveryTwoSecondsAndLogsTheRepliesOfAResponder) {
     startMonitor();
     const std::string pingPort = std::to_string(pingSink->port());
-    EXPECT_EQ(nextLine(), "OSC Server started on port " + std::to_string(inPort));
+    EXPECT_EQ(monitor.nextLine(), "OSC Server started on port " + std::to_string(inPort));
 
     const auto ping = pingSink->receive(6s);
     ASSERT_TRUE(ping.has_value()) << "no ping within 6 s";
@@ -93,7 +54,7 @@ TEST_F(MonitorProcessTest, PingsEveryTwoSecondsAndLogsTheRepliesOfAResponder) {
     const std::vector<std::uint8_t> expected = {'/', 'e', 'o', 's', '/', 'p', 'i', 'n',
                                                 'g', 0,   0,   0,   ',', 0,   0,   0};
     EXPECT_EQ(*ping, expected);
-    EXPECT_EQ(nextLine(),
+    EXPECT_EQ(monitor.nextLine(),
               "Sent OSC ping to 127.0.0.1:" + pingPort + " \xE2\x86\x92 pattern /eos/ping");
 
 #ifdef KAVRIN_RESPONDER_PATH
@@ -104,7 +65,7 @@ TEST_F(MonitorProcessTest, PingsEveryTwoSecondsAndLogsTheRepliesOfAResponder) {
     ASSERT_TRUE(responder.waitForStarted(10000)) << responder.errorString().toStdString();
 
     // Each tick's reply is logged after the tick, and the log goes on until a reply matched.
-    const auto lines = linesThrough("Matched expected pattern");
+    const auto lines = monitor.linesThrough("Matched expected pattern");
     ASSERT_GE(lines.size(), 3u);
     EXPECT_THAT(lines[0], StartsWith("Sent OSC ping to 127.0.0.1:" + pingPort));
     EXPECT_THAT(lines[lines.size() - 2], HasSubstr("/eos/out/ping"));
@@ -132,7 +93,7 @@ TEST_F(MonitorProcessTest, PingsEveryTwoSecondsAndLogsTheRepliesOfAResponder) {
 TEST_F(MonitorProcessTest, AStoredPortOutOfRangeStopsTheProgramAtTheFirstTick) {
     QSettings(environment.settingsFile(), QSettings::IniFormat).setValue("OutPort", 70000);
     startMonitor();
-    EXPECT_EQ(nextLine(), "OSC Server started on port " + std::to_string(inPort));
+    EXPECT_EQ(monitor.nextLine(), "OSC Server started on port " + std::to_string(inPort));
 
     ASSERT_TRUE(monitor.waitForFinished(10000));
     EXPECT_EQ(monitor.exitStatus(), QProcess::NormalExit);

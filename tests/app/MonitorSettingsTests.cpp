@@ -27,18 +27,24 @@ TEST_F(MonitorSettingsTest, MissingAndUnusableValuesReadAsTheDefaults) {
     EXPECT_EQ(settings->store().fileName(), environment.settingsFile());
     EXPECT_EQ(settings->ip.value(), "localhost");
     EXPECT_EQ(settings->outPort.value(), 8000);
+    EXPECT_EQ(settings->transport.value(), "udp");
+    EXPECT_FALSE(settings->pingFromInPort.value());
+    EXPECT_FALSE(settings->numberPings.value());
+    EXPECT_TRUE(settings->advertise.value());
 
     settings->store().setValue("OutPort", 0);
     settings->store().setValue("InPort", "not a number");
     settings->store().setValue("Reply", QStringList{"two", "values"});
     settings->store().setValue("ip", "");
     settings->store().setValue("ping", 42);
+    settings->store().setValue("NumberPings", "maybe");
     const auto stored = reopen();
     EXPECT_EQ(stored->outPort.value(), 8000) << "0 means the default";
     EXPECT_EQ(stored->inPort.value(), 8001);
     EXPECT_EQ(stored->reply.value(), "/eos/out/ping");
     EXPECT_EQ(stored->ip.value(), "") << "an empty string is a value";
     EXPECT_EQ(stored->ping.value(), "42");
+    EXPECT_FALSE(stored->numberPings.value());
 }
 
 TEST_F(MonitorSettingsTest, PortsAreStoredAsTheLeadingNumberWithoutRangeCheck) {
@@ -75,6 +81,8 @@ TEST_F(MonitorSettingsTest, WrittenValuesSurviveARestart) {
     settings->ping.set("  /with spaces, and \u2192 commas ");
     settings->reply.set("@at sign");
     MonitorSettings::writePort(settings->inPort, u"9001");
+    settings->transport.set("slip");
+    settings->pingFromInPort.set(true);
     const auto stored = reopen();
 
     EXPECT_TRUE(QFileInfo::exists(environment.settingsFile()));
@@ -82,6 +90,9 @@ TEST_F(MonitorSettingsTest, WrittenValuesSurviveARestart) {
     EXPECT_EQ(stored->ping.value(), "  /with spaces, and \u2192 commas ");
     EXPECT_EQ(stored->reply.value(), "@at sign");
     EXPECT_EQ(stored->inPort.value(), 9001);
+    EXPECT_EQ(stored->transport.value(), "slip");
+    EXPECT_TRUE(stored->pingFromInPort.value());
+    EXPECT_EQ(stored->store().value("PingFromInPort").toString(), "true");
 }
 
 }  // namespace

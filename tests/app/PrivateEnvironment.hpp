@@ -6,6 +6,13 @@
 
 namespace kavrin::test {
 
+// Points this process, and the monitors it starts, at a system bus that does not exist: no test
+// meets an Avahi daemon, not even the machine's own, so none advertises on the network. The
+// zeroconf tests bring their own (tests/discovery/zeroconf).
+inline void withoutAvahi() {
+    qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/kavrin-tests/bus");
+}
+
 // Points the user's configuration and data at a fresh temporary directory, so that the
 // settings file and the store of one test never meet those of another, or the user's.
 class PrivateEnvironment {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <QCheckBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QtTest/QTest>
@@ -9,12 +10,9 @@
 #include <vector>
 
 #include "DialogAnswerer.hpp"
-#include "PrivateEnvironment.hpp"
+#include "MonitorHarness.hpp"
 #include "UdpPeer.hpp"
 #include "app/MessageLogView.hpp"
-#include "app/MonitorSettings.hpp"
-#include "app/QtMainQueue.hpp"
-#include "app/ViewController.hpp"
 #include "osc/codec/OSCMessage.hpp"
 
 namespace kavrin {
@@ -28,7 +26,7 @@ const QColor green(0x00, 0xFF, 0x00);
 const QColor red(0xFF, 0x00, 0x00);
 
 // A monitor on loopback: it pings `pingSink` and listens on `inPort`, logging into `lines`.
-class ViewControllerTest : public ::testing::Test {
+class ViewControllerTest : public test::MonitorHarness {
   protected:
     ViewControllerTest() {
         settings->store().setValue("ip", "127.0.0.1");
@@ -36,38 +34,11 @@ class ViewControllerTest : public ::testing::Test {
         settings->store().setValue("InPort", inPort);
     }
 
-    void start() {
-        controller = std::make_unique<ViewController>(
-            *settings, std::make_shared<QtMainQueue>(), [this](const std::string& line) {
-                lines.push_back(line);
-                if (echoToStderr) {  // lets a death test see what was logged before the end
-                    std::fprintf(stderr, "%s\n", line.c_str());
-                }
-            });
-        controller->viewDidLoad();
-    }
-
-    template <class Widget>
-    Widget* widget(const char* name) {
-        auto* found = controller->findChild<Widget*>(QLatin1String(name));
-        EXPECT_NE(found, nullptr) << name;
-        return found;
-    }
-
-    void edit(const char* field, const QString& text) {
-        auto* lineEdit = widget<QLineEdit>(field);
-        lineEdit->setText(text);
-        emit lineEdit->editingFinished();
-    }
-
     // Every line of the log view, each ended by a newline.
     QString logView() {
         auto* view = widget<MessageLogView>("MsgView");
         return view->text(0, view->lineCount());
     }
-
-    QString status() { return widget<QLabel>("StatusLab")->text(); }
-    QColor colour() { return widget<QWidget>("Background")->palette().color(QPalette::Window); }
 
     // Sends a message with `address` to the monitor and waits until it has logged it.
     std::vector<std::string> reply(const std::string& address, std::uint16_t port = 0) {
@@ -88,14 +59,9 @@ class ViewControllerTest : public ::testing::Test {
         return "Received OSC message: " + OSCMessage(address).description();
     }
 
-    test::PrivateEnvironment environment;
     test::UdpPeer pingSink;
     test::UdpPeer replier;
     std::uint16_t inPort = test::freeUdpPort();
-    std::unique_ptr<MonitorSettings> settings = std::make_unique<MonitorSettings>();
-    std::vector<std::string> lines;
-    bool echoToStderr = false;
-    std::unique_ptr<ViewController> controller;
 };
 
 TEST_F(ViewControllerTest, StartUpFillsTheFieldsAndStartsTheServer) {
@@ -254,10 +220,36 @@ TEST_F(ViewControllerTest, AFailedServerStartIsLoggedAndTheMonitorRunsOn) {
               ("Failed to start OSC Server on port " + std::to_string(inPort) + ": ").size())
         << "the error's description follows";
     EXPECT_EQ(lines[1], "OSC Server started on port " + std::to_string(inPort));
+    EXPECT_EQ(controller->advertiser().status(), "Not advertised: the OSC server is not running.");
 
     controller->sendPing();
     EXPECT_EQ(nextPing(), test::oscMessageBytes("/eos/ping"));
     EXPECT_EQ(status(), "OSC IS DEAD!!!");
+}
+
+// The tests meet no Avahi daemon (test::withoutAvahi).
+TEST_F(ViewControllerTest, WithoutADaemonTheFindWindowSaysSoAndTheMonitorRunsAsBefore) {
+    start();
+    controller->showFind();
+    auto* found = widget<QLabel>("FindStatusLab");
+    auto* advertising = widget<QLabel>("AdvertiseStatusLab");
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] {
+            return found->text() == "Nothing can be found: the Avahi daemon is not running." &&
+                   advertising->text() == "Not advertised: the Avahi daemon is not running.";
+        },
+        5000))
+        << found->text().toStdString() << "; " << advertising->text().toStdString();
+
+    widget<QCheckBox>("AdvertiseBox")->click();
+    EXPECT_EQ(settings->store().value("Advertise").toString(), "false") << "stored at once";
+    EXPECT_EQ(advertising->text(), "Off: this monitor is not advertised.");
+
+    controller->sendPing();
+    EXPECT_EQ(nextPing(), test::oscMessageBytes("/eos/ping"));
+    EXPECT_THAT(lines, ElementsAre("OSC Server started on port " + std::to_string(inPort),
+                                   "Sent OSC ping to 127.0.0.1:" + std::to_string(pingSink.port()) +
+                                       " \xE2\x86\x92 pattern /eos/ping"));
 }
 
 using ViewControllerDeathTest = ViewControllerTest;

@@ -4,6 +4,7 @@
 #include <QApplication>
 #include <QTemporaryDir>
 
+#include "PrivateEnvironment.hpp"
 #include "app/FatalError.hpp"
 
 int main(int argc, char* argv[]) {
@@ -20,5 +21,6 @@ int main(int argc, char* argv[]) {
     // its own inside its parent's.
     const QTemporaryDir scratch;
     qputenv("TMPDIR", scratch.path().toUtf8());
+    kavrin::test::withoutAvahi();
     return RUN_ALL_TESTS();
 }

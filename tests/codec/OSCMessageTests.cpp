@@ -14,7 +14,7 @@
 #include "osc/codec/OSCPacketView.hpp"
 #include "osc/codec/OSCPacket.hpp"
 #include "tests/codec/CodecTestSupport.hpp"
-#include "tests/codec/CountingAllocator.hpp"
+#include "tests/AllocationCount.hpp"
 #include "tests/codec/ViewAgreement.hpp"
 
 namespace kavrin {
@@ -80,9 +80,9 @@ TEST(OSCMessageEncoding, KnownMessagesEncodeByteExact) {
 // ascii, the default, keeps strings ASCII both ways. utf8 lets well-formed UTF-8 through in s
 // and S, never in the address or the tags, and refuses the rest with the ASCII text.
 TEST(OSCMessageText, StringsHoldWhatTheTextPolicyAllows) {
-    const OSCMessage message("/t", {std::string("caf\xC3\xA9"), std::string("a\0b", 3),
-                                    OSCStringAltValue{"\xC3\xBC"}, std::string("bad\xFF"),
-                                    OSCArrayValue{{std::string("w\xC3\xB6rld")}}});
+    const OSCMessage message(
+        "/t", {std::string("caf\xC3\xA9"), std::string("a\0b", 3), OSCStringAltValue{"\xC3\xBC"},
+               std::string("bad\xFF"), OSCArrayValue{{std::string("w\xC3\xB6rld")}}});
     EXPECT_EQ(OSCMessage::decode(message.rawData()),
               OSCMessage("/t", {std::string("cafe"), std::string("ab"), OSCStringAltValue{"u"},
                                 std::string("bad"), OSCArrayValue{{std::string("world")}}}));
@@ -106,7 +106,7 @@ TEST(OSCMessageText, StringsHoldWhatTheTextPolicyAllows) {
         {bytes({"/a", 0, 0, ",s", 0, 0, umlaut, 0, 0}), notASCII, umlaut},
         {bytes({"/a", 0, 0, ",S", 0, 0, "\xF0\x9F\x91\x8D", 0, 0, 0, 0}), notASCII,
          "\xF0\x9F\x91\x8D"},
-        {bytes({"/a", 0, 0, ",s", 0, 0, "\xC0\xAF", 0, 0}), notASCII, notASCII},    // overlong
+        {bytes({"/a", 0, 0, ",s", 0, 0, "\xC0\xAF", 0, 0}), notASCII, notASCII},   // overlong
         {bytes({"/a", 0, 0, ",s", 0, 0, "\xED\xA0\x80", 0}), notASCII, notASCII},  // surrogate
         {bytes({"/\xC3\xA4", 0, ",", 0, 0, 0}), badAddress, badAddress},
         {bytes({"/a", 0, 0, ",\xC3\xA4", 0}), badTags, badTags},

@@ -7,7 +7,7 @@
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCPacket.hpp"
-#include "tests/codec/CountingAllocator.hpp"
+#include "tests/AllocationCount.hpp"
 
 namespace kavrin {
 namespace {

@@ -7,6 +7,12 @@
 #include <vector>
 
 #include "osc/osc.hpp"
+#ifdef KAVRIN_CONSUMER_QUERY
+#include "osc/query/OSCQueryNode.hpp"
+#endif
+#ifdef KAVRIN_CONSUMER_DISCOVERY
+#include "osc/discovery/OSCServiceBrowser.hpp"
+#endif
 
 int main() {
     using namespace kavrin;
@@ -16,6 +22,15 @@ int main() {
     const auto [level] = received.masked<float>();
     const bool matched = OSCAddressPattern("/mixer/ch/*/fader").matches("/mixer/ch/12/fader");
     const bool sameHash = std::hash<OSCMessage>{}(sent) == std::hash<OSCMessage>{}(received);
+
+    bool layers = true;
+#ifdef KAVRIN_CONSUMER_QUERY
+    OSCQueryNode root{"/", {}, {}, {OSCQueryNode{"/mixer", {}, {}, {}, false}}, true};
+    layers = layers && root.find("/mixer") == &root.contents.front();
+#endif
+#ifdef KAVRIN_CONSUMER_DISCOVERY
+    layers = layers && OSCServiceBrowser::oscServiceTypes().size() == 3;
+#endif
 
     bool refused = false;
     try {
@@ -28,5 +43,5 @@ int main() {
                 received.addressPattern.description().c_str(), bytes.size(), level,
                 matched ? "matched" : "not matched", sameHash ? "equal" : "differ",
                 refused ? "refused" : "accepted");
-    return received == sent && matched && sameHash && refused ? 0 : 1;
+    return received == sent && matched && sameHash && refused && layers ? 0 : 1;
 }

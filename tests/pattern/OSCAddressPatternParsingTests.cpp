@@ -8,28 +8,11 @@
 
 namespace kavrin {
 
-// Readable failure messages for token lists.
+// Readable failure messages for token lists: kind, then payload.
 void PrintTo(const OSCAddressPattern::Token& token, std::ostream* out) {
-    using Kind = OSCAddressPattern::Token::Kind;
-    switch (token.kind) {
-        case Kind::literal:
-            *out << "literal(" << ::testing::PrintToString(token.text) << ")";
-            return;
-        case Kind::zeroOrMoreWildcard:
-            *out << "*";
-            return;
-        case Kind::singleCharWildcard:
-            *out << "?";
-            return;
-        case Kind::singleChar:
-            *out << "singleChar(" << (token.isExclusion ? "!" : "");
-            for (const auto& group : token.groups) *out << " " << group.start << "-" << group.end;
-            *out << ")";
-            return;
-        case Kind::strings:
-            *out << "strings(" << ::testing::PrintToString(token.alternatives) << ")";
-            return;
-    }
+    *out << "kind " << static_cast<int>(token.kind) << " " << ::testing::PrintToString(token.text)
+         << (token.isExclusion ? " !" : " ") << ::testing::PrintToString(token.alternatives);
+    for (const auto& group : token.groups) *out << " " << group.start << "-" << group.end;
 }
 
 namespace {

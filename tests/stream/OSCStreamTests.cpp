@@ -159,8 +159,9 @@ TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
         atClients[0]->read([&] {
             EXPECT_EQ(atClients[0]->received[0].address, "/reply/c0");
             EXPECT_EQ(atClients[0]->received.back().address, "/reply/b/1");
-            EXPECT_EQ(atClients[0]->received.back().values.at(1),
-                      OSCValue(std::string(framing == OSCFraming::slip ? "w\xC3\xB6rld" : "world")));
+            EXPECT_EQ(
+                atClients[0]->received.back().values.at(1),
+                OSCValue(std::string(framing == OSCFraming::slip ? "w\xC3\xB6rld" : "world")));
         });
         EXPECT_EQ(server->counters().messagesDelivered, 202u);
         EXPECT_EQ(server->counters().connectionsOpened, 2u);

@@ -42,5 +42,19 @@ TEST(Preference, IntegersFallBackWhenTheyReadAsZero) {
     EXPECT_EQ(port.value(), std::numeric_limits<std::int64_t>::min());
 }
 
+TEST(Preference, BooleansAreTrueOrFalseAndOtherwiseTheDefault) {
+    MemoryPreferenceStore store;
+    Preference<bool> numbered(store, "NumberPings", false);
+    EXPECT_FALSE(numbered.value());
+    numbered.set(true);
+    EXPECT_EQ(store.readString("NumberPings"), "true");
+    EXPECT_TRUE(numbered.value());
+    for (const char* unreadable : {"", "yes", "1", "True"}) {
+        store.writeString("NumberPings", unreadable);
+        EXPECT_EQ(Preference<bool>(store, "NumberPings", true).value(), true) << unreadable;
+        EXPECT_EQ(numbered.value(), false) << unreadable;
+    }
+}
+
 }  // namespace
 }  // namespace kavrin

@@ -15,6 +15,7 @@
 #include <sstream>
 
 #include "../transport/TestCertificates.hpp"
+#include "NpmPeers.hpp"
 
 namespace kavrin {
 namespace {
@@ -23,18 +24,12 @@ using namespace std::chrono_literals;
 using namespace std::string_literals;
 using tcpTest::ChildProcess;
 using tcpTest::OpensslProcess;
+using test::npmPeers;
+using test::onPath;
 using Arguments = std::vector<std::string>;
 
 const std::string kavrinDump = KAVRIN_DUMP;
 const std::string kavrinSend = KAVRIN_SEND;
-
-bool onPath(const std::string& name) {
-    std::istringstream path(getenv("PATH") ? getenv("PATH") : "");
-    for (std::string dir; std::getline(path, dir, ':');) {
-        if (access((dir + "/" + name).c_str(), X_OK) == 0) return true;
-    }
-    return false;
-}
 
 std::string joined(const Arguments& arguments) {
     std::string text;
@@ -277,31 +272,6 @@ TEST(ToolsOverTls, AgainstOpensslClientAndServer) {
         << "kavrin-send to a server that hung up during the handshake: " << hungUp.errors();
 }
 
-// Installs the pinned npm package "osc" into the build folder, once; its node_modules folder.
-std::string npmPeers() {
-    namespace fs = std::filesystem;
-    const fs::path folder = KAVRIN_NPM_PEERS;
-    const fs::path pinned = KAVRIN_SOURCE_DIR "/tests/tools/package.json";
-    const auto text = [](const fs::path& file) {
-        std::ifstream in(file);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    };
-    // The copy named installed.json is made only once an install of that list succeeded.
-    if (text(folder / "installed.json") != text(pinned)) {
-        fs::create_directories(folder);
-        fs::copy_file(pinned, folder / "package.json", fs::copy_options::overwrite_existing);
-        ChildProcess npm("npm",
-                         {"install", "--prefix", folder.string(), "--no-package-lock", "--no-audit",
-                          "--no-fund", "--omit=optional", "--ignore-scripts", "--loglevel=error"});
-        if (npm.waitForExit(90s) != 0) {
-            ADD_FAILURE() << "npm install failed in " << folder << ": " << npm.output();
-            return "";
-        }
-        fs::copy_file(pinned, folder / "installed.json", fs::copy_options::overwrite_existing);
-    }
-    return (folder / "node_modules").string();
-}
-
 TEST(ToolsOverSlip, BothWaysWithAJavaScriptPeer) {
     if (!onPath("node") || !onPath("npm")) {
         GTEST_SKIP() << "node or npm is not installed (scripts/setup installs them)";
@@ -362,6 +332,12 @@ TEST(KavrinSend, RefusesBadInputAndSaysWhy) {
               2,
               "value '0102' for type m is not 8 hexadecimal digits"},
              {{"localhost", port, "/a", "ifs", "1", "2"}, 2, "no value for type s"},
+             {{"localhost", port, "/a", "f", "3.5e38"},
+              2,
+              "value '3.5e38' for type f is out of range: beyond the largest 32-bit float"},
+             {{"localhost", port, "/a", "d", "1e309"},
+              2,
+              "value '1e309' for type d is out of range: beyond the largest 64-bit float"},
              {{"localhost", port, "a"}, 2, "ADDRESS must start with '/'"},
              {{"localhost", "65536", "/a"}, 2, "not a port: 65536"},
              {{"--tcp", "localhost", "0", "/a"}, 2, "not a port: 0"},
@@ -373,6 +349,50 @@ TEST(KavrinSend, RefusesBadInputAndSaysWhy) {
         EXPECT_EQ(outcome.errors.rfind("kavrin-send: " + message, 0), 0u)
             << joined(arguments) << ": " << outcome.errors;
     }
+}
+
+// The datagram kavrin-send sends with these arguments, five hours west of UTC.
+std::string sentWestOfUTC(const Arguments& options, const Arguments& message) {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    auto address = loopback(0);
+    socklen_t length = sizeof address;
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), length), 0);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    Arguments arguments = {"TZ=EST5", kavrinSend};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    arguments.insert(arguments.end(), {"127.0.0.1", std::to_string(ntohs(address.sin_port))});
+    arguments.insert(arguments.end(), message.begin(), message.end());
+    const auto outcome = run("env", arguments);
+    EXPECT_EQ(outcome.status, 0) << joined(arguments) << ": " << outcome.errors;
+    std::string datagram(512, '\0');
+    pollfd ready{fd, POLLIN, 0};
+    const auto size = poll(&ready, 1, 10000) == 1 ? recv(fd, datagram.data(), 512, 0) : -1;
+    close(fd);
+    datagram.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    return datagram;
+}
+
+// f and d: what rounds to a finite value of the type is that value, and infinity and NaN are
+// sent when written as such (what is beyond the range is refused, above). t now counts from
+// NTP's epoch, or with --local-epoch from the library's default, 1900 in the local zone.
+TEST(KavrinSend, WritesFloatsAsTheyRoundAndTimeTagsFromNTPsEpoch) {
+    EXPECT_EQ(sentWestOfUTC({}, {"/f", "ffdd", "3.4028235e38", "-inf", "1e-400", "nan"}),
+              "/f\0\0,ffdd\0\0\0"
+              "\x7F\x7F\xFF\xFF"         // the largest float
+              "\xFF\x80\0\0"             // -inf
+              "\0\0\0\0\0\0\0\0"         // rounds to 0
+              "\x7F\xF8\0\0\0\0\0\0"s);  // a quiet NaN
+    const auto secondsOf = [](const std::string& datagram) -> std::int64_t {
+        if (datagram.size() != 16) return 0;
+        const auto byte = [&](std::size_t i) { return std::int64_t{std::uint8_t(datagram[i])}; };
+        return byte(8) << 24 | byte(9) << 16 | byte(10) << 8 | byte(11);
+    };
+    const std::int64_t ntpNow = std::time(nullptr) + 2208988800;
+    const auto ntp = secondsOf(sentWestOfUTC({}, {"/t", "t", "now"}));
+    EXPECT_LT(std::abs(ntp - ntpNow), 600) << ntp << " for " << ntpNow;
+    // Midnight in that zone came five hours after midnight UTC.
+    const auto local = secondsOf(sentWestOfUTC({"--local-epoch"}, {"/t", "t", "now"}));
+    EXPECT_LT(std::abs(local - (ntpNow - 5 * 3600)), 600) << local << " for " << ntpNow;
 }
 
 }  // namespace

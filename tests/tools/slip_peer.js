@@ -2,6 +2,9 @@
 //   node slip_peer.js MODULES send PORT   sends two messages to localhost:PORT on one connection
 //   node slip_peer.js MODULES receive     prints "port N" for a port of the kernel's choice, then
 //                                         each message received as one line of JSON
+//   node slip_peer.js MODULES answer PORT listens on PORT, prints "port N", and answers each
+//                                         /eos/ping with /eos/out/ping and the ping's arguments
+//                                         on its connection, as a console does
 // MODULES is the node_modules folder the package was installed into.
 "use strict";
 const net = require("net");
@@ -50,6 +53,16 @@ if (mode === "send") {
         socketPort.on("error", fail);
     });
     server.listen(0, "127.0.0.1", () => console.log("port", server.address().port));
+} else if (mode === "answer") {
+    const server = net.createServer((socket) => {
+        const socketPort = new osc.TCPSocketPort({socket, metadata: true});
+        socketPort.on("message", (message) => {
+            if (message.address === "/eos/ping") socketPort.send({address: "/eos/out/ping", args: message.args});
+        });
+        // A monitor that hangs up or breaks the framing costs only its own connection.
+        socketPort.on("error", () => socket.destroy());
+    });
+    server.listen(Number(port), "127.0.0.1", () => console.log("port", server.address().port));
 } else {
-    fail(new Error("usage: node slip_peer.js MODULES send PORT | receive"));
+    fail(new Error("usage: node slip_peer.js MODULES send PORT | receive | answer PORT"));
 }

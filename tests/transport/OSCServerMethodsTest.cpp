@@ -107,8 +107,7 @@ TEST(OSCServerMethods, CountsWhatArrivesAndHandsEveryDroppedDatagramToTheHook) {
     const std::vector<std::uint8_t> shortInt = {'/', 'x', 0, 0, ',', 'i', 0, 0};
     const auto farAway = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 24h);
     const auto twoLater = bytes(OSCBundle(farAway, {OSCMessage("/a"), OSCMessage("/b")}));
-    const auto utf8 =
-        OSCMessage("/u", {std::string("w\xC3\xB6rld")}).rawData(OSCTextPolicy::utf8);
+    const auto utf8 = OSCMessage("/u", {std::string("w\xC3\xB6rld")}).rawData(OSCTextPolicy::utf8);
     ASSERT_TRUE(sender.sendTo(port, hello));
     ASSERT_TRUE(sender.sendTo(port, shortInt));
     ASSERT_TRUE(sender.sendTo(port, twoLater));  // two waiting messages, the limit is one

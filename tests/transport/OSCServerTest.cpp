@@ -241,6 +241,39 @@ TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried
     EXPECT_FALSE(main->drainUntil([&] { return received.size() > 1; }, 100ms));
 }
 
+// What the server sends leaves from its own port, so a peer that answers the sender reaches it.
+TEST(OSCServer, SendsFromItsOwnPortOnlyWhileItRuns) {
+    Fixture fixture(OSCServer::TimeTagMode::ignore);
+    ASSERT_TRUE(fixture.server);
+    const auto port = fixture.server->boundPort();
+    fixture.server->setSourceHandler(
+        [&](const OSCMessage& message, const OSCTimeTag&, const SocketAddress& sender) {
+            fixture.server->send(OSCMessage("/reply", message.values), sender);
+        });
+    RawSocket peer;
+    ASSERT_TRUE(peer.sendTo(port, bytes(OSCMessage("/ping", {OSCValue(std::int32_t{7})}))));
+    ASSERT_TRUE(fixture.main->waitForWork(5s));
+    fixture.main->drain();
+    const auto reply = peer.receiveFrom(5s);
+    ASSERT_TRUE(reply.has_value());
+    EXPECT_EQ(reply->first, bytes(OSCMessage("/reply", {OSCValue(std::int32_t{7})})));
+    EXPECT_EQ(reply->second, port);
+
+    fixture.server->send(OSCMessage("/to/host"), "127.0.0.1", peer.port());
+    const auto sent = peer.receiveFrom(5s);
+    ASSERT_TRUE(sent.has_value());
+    EXPECT_EQ(sent->first, bytes(OSCMessage("/to/host")));
+    EXPECT_EQ(sent->second, port);
+
+    // Not bound: the socket would send from a port of its own, so nothing goes.
+    fixture.server->stop();
+    auto idle = OSCServer::create(0, nullptr, fixture.main, OSCServer::TimeTagMode::ignore);
+    for (const auto& server : {fixture.server, idle}) {
+        EXPECT_THROW(server->send(OSCMessage("/x"), "127.0.0.1", peer.port()), UdpSocketError);
+    }
+    EXPECT_FALSE(peer.receiveFrom(100ms).has_value());
+}
+
 // Deliveries are handed over in batches; a burst of many datagrams, a bad one among them, must
 // still arrive whole and in order.
 TEST(OSCServer, DeliversABurstWholeAndInOrder) {

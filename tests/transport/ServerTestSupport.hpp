@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,6 +49,21 @@ class RawSocket {
         sockaddr_in address = loopback(port);
         return ::sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&address),
                         sizeof address) == static_cast<ssize_t>(bytes.size());
+    }
+
+    // The next datagram within `bound` and the port it came from, or nothing.
+    std::optional<std::pair<std::vector<std::uint8_t>, std::uint16_t>> receiveFrom(
+        std::chrono::milliseconds bound) const {
+        pollfd entry{fd_, POLLIN, 0};
+        if (::poll(&entry, 1, static_cast<int>(bound.count())) != 1) return std::nullopt;
+        std::vector<std::uint8_t> datagram(65536);
+        sockaddr_in from{};
+        socklen_t length = sizeof from;
+        const ssize_t size = ::recvfrom(fd_, datagram.data(), datagram.size(), 0,
+                                        reinterpret_cast<sockaddr*>(&from), &length);
+        if (size < 0) return std::nullopt;
+        datagram.resize(static_cast<std::size_t>(size));
+        return std::make_pair(std::move(datagram), ntohs(from.sin_port));
     }
 
   private:

@@ -187,6 +187,44 @@ TEST_F(TcpSocketTls, RefusesBadCertificatesWithReasons) {
     EXPECT_NE(d.error->description().find("alert"), std::string::npos) << describe(d.error);
 }
 
+// Settings that cannot be used are refused at once, naming the file and the cause.
+TEST_F(TcpSocketTls, FilesThatDoNotLoadAreNamedWithTheCause) {
+    const std::string chain = "Cannot load the certificate chain";
+    const std::string key = "Cannot load the private key";
+    const std::string trusted = "Cannot load the trusted certificates";
+    const std::string missing = path("missing.pem"), noFile = "No such file or directory";
+    const struct {
+        std::string chainFile, keyFile, caFile, caPath;  // a server when there is a chain
+        std::string what, file, cause;
+    } cases[] = {
+        {missing, path("server.key"), "", "", chain, missing, noFile},
+        {path("server.key"), path("server.key"), "", "", chain, path("server.key"),
+         "not a PEM certificate"},
+        {path("server.pem"), missing, "", "", key, missing, noFile},
+        {path("server.pem"), path("server.pem"), "", "", key, path("server.pem"),
+         "not a PEM private key"},
+        {path("server.pem"), path("other.key"), "", "", key, path("other.key"),
+         "the key does not match the certificate"},
+        {"", "", missing, "", trusted, missing, noFile},
+        {"", "", path("server.key"), "", trusted, path("server.key"), "not a PEM certificate"},
+        {"", "", "", path("missing"), trusted, path("missing"), noFile},
+    };
+    for (const auto& c : cases) {
+        TlsSettings settings;
+        settings.isServer = !c.chainFile.empty();
+        settings.certificateChainFile = c.chainFile;
+        settings.privateKeyFile = c.keyFile;
+        settings.caFile = c.caFile;
+        settings.caPath = c.caPath;
+        Endpoint client;
+        TcpSocketError error;
+        EXPECT_FALSE(client.socket->startTLS(settings, &error));
+        EXPECT_EQ(error.code(), TcpSocketError::tls) << describe(error);
+        EXPECT_EQ(error.description(), c.what + " from \"" + c.file + "\": " + c.cause)
+            << describe(error);
+    }
+}
+
 // A peer that accepts and then says nothing cannot hold a handshake open past its time-out.
 TEST_F(TcpSocketTls, StalledHandshakeTimesOut) {
     std::uint16_t port = 0;

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <type_traits>
 
 #include "support/RadixParse.hpp"
 
@@ -24,15 +25,27 @@ Integer integer(const std::string& text, char type) {
     return value;
 }
 
-double floating(const std::string& text, char type) {
+// Read straight as the type, so that it is rounded once: a value that rounds to a finite one is
+// that value ("3.4028235e38" is the largest float), one that rounds to infinity is refused, and
+// inf, -inf and nan written as such are themselves (strtof and strtod say ERANGE only for the
+// first two, and for an underflow, which rounds to a finite value).
+template <class Floating>
+Floating floating(const std::string& text, char type) {
     char* end = nullptr;
     errno = 0;
-    const double value = std::strtod(text.c_str(), &end);
+    Floating value;
+    if constexpr (std::is_same_v<Floating, float>) {
+        value = std::strtof(text.c_str(), &end);
+    } else {
+        value = std::strtod(text.c_str(), &end);
+    }
     if (text.empty() || end != text.c_str() + text.size()) {
         throw TypedValuesError("value '" + text + "' for type " + type + " is not a number");
     }
-    if (type == 'f' && std::isfinite(value) && std::fabs(value) > 3.4028234663852886e38) {
-        throw TypedValuesError("value '" + text + "' for type f is out of range");
+    if (errno == ERANGE && std::isinf(value)) {
+        throw TypedValuesError("value '" + text + "' for type " + type +
+                               " is out of range: beyond the largest " +
+                               (sizeof(Floating) == 4 ? "32" : "64") + "-bit float");
     }
     return value;
 }
@@ -53,9 +66,9 @@ OSCValue value(char type, const std::string& text) {
         case 'h':
             return integer<std::int64_t>(text, type);
         case 'f':
-            return static_cast<float>(floating(text, type));
+            return floating<float>(text, type);
         case 'd':
-            return floating(text, type);
+            return floating<double>(text, type);
         case 's':
             return text;
         case 'S':

@@ -4,18 +4,20 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
+#include "osc/pattern/detail/MatchStep.hpp"
+
+// Internal to the pattern layer: the one search over a component's steps, byte-wise and
+// character-wise. Whether some choice of lengths for the stars lets the steps match in turn
+// from position 0 up to the component's end: every step but a star has one way of matching at
+// a position, so instead of backtracking the search carries the set of positions the steps so
+// far can end at. The backtracking search's answer, in time linear in the steps times the
+// component, however many stars there are.
 namespace kavrin::positionSearch {
 
-// Internal to the pattern layer: the one search behind every byte-wise matcher of a component
-// with stars. Whether some choice of lengths for the stars lets every step match in turn up to
-// the component's end: every step but "*" has one way of matching at a given position, so
-// instead of backtracking the search carries the set of positions the steps read so far can end
-// at, step by step. The answers of a backtracking search, in time linear in the steps times the
-// component, however many stars there are.
-
-// Positions 0 to 63 in one word: components shorter than 64 bytes, nearly all of them.
+// Positions 0 to 63 in one word: components shorter than 64 characters, nearly all of them.
 class SmallPositions {
   public:
     explicit SmallPositions(std::size_t) {}
@@ -67,33 +69,44 @@ class LargePositions {
     std::vector<std::uint64_t> words_;
 };
 
-template <class Positions, class Steps>
-bool reachesEndWith(Steps& steps, std::size_t start, std::size_t last) {
-    Positions at(last);
-    Positions next(last);
-    at.set(start);
-    for (; !steps.done() && !at.empty(); steps.advance()) {
-        if (steps.isStar()) {
-            at.fillFromLowest(last);
+// A program's steps as the search reads them; PatternSteps reads them from a pattern's text.
+class ArraySteps {
+  public:
+    ArraySteps(const MatchStep* first, const MatchStep* last) : at_(first), last_(last) {}
+    const MatchStep* next() { return at_ == last_ ? nullptr : at_++; }
+
+  private:
+    const MatchStep* at_;
+    const MatchStep* last_;
+};
+
+template <class Positions, class Steps, class Take>
+bool reachesEndWith(Steps& steps, std::size_t length, Take take) {
+    Positions at(length);
+    Positions next(length);
+    at.set(0);
+    while (const MatchStep* step = steps.next()) {
+        if (step->kind == MatchStep::Kind::star) {
+            at.fillFromLowest(length);
             continue;
         }
         next.clear();
         at.forEach([&](std::size_t p) {
-            const std::ptrdiff_t n = steps.take(p);
-            if (n >= 0) next.set(p + static_cast<std::size_t>(n));
+            const std::ptrdiff_t taken = take(*step, p);
+            if (taken >= 0) next.set(p + static_cast<std::size_t>(taken));
         });
         std::swap(at, next);
+        if (at.empty()) return false;
     }
-    return at.test(last);
+    return at.test(length);
 }
 
-// Whether `steps`, from position `start`, can end exactly at `length`, the component's end.
-// Steps offers done(), advance(), isStar() and take(p): the bytes the current step takes at p
-// (never past the component's end), or -1.
-template <class Steps>
-bool reachesEnd(Steps steps, std::size_t start, std::size_t length) {
-    return length < 64 ? reachesEndWith<SmallPositions>(steps, start, length)
-                       : reachesEndWith<LargePositions>(steps, start, length);
+// Whether the steps that `steps.next()` gives, read once each, can end exactly at `length`.
+// `take(step, p)`: what a step other than a star takes at p (never past `length`), or -1.
+template <class Steps, class Take>
+bool reachesEnd(Steps& steps, std::size_t length, Take take) {
+    return length < 64 ? reachesEndWith<SmallPositions>(steps, length, take)
+                       : reachesEndWith<LargePositions>(steps, length, take);
 }
 
 }  // namespace kavrin::positionSearch

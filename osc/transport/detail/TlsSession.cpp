@@ -2,13 +2,17 @@
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
+#include <openssl/pemerr.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
+#include <openssl/x509err.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include "osc/transport/SocketAddress.hpp"
 
@@ -32,6 +36,8 @@ namespace {
 
 using Impl = TlsSession::Impl;
 
+constexpr const char* keyMismatch = "the key does not match the certificate";
+
 // OpenSSL's reason for the last error of this thread's calls; the queue is emptied.
 std::string lastReason() {
     const unsigned long code = ERR_peek_last_error();
@@ -42,6 +48,38 @@ std::string lastReason() {
 
 TcpSocketError loadError(const std::string& what) {
     return TcpSocketError::tlsError(lastReason(), what);
+}
+
+// Why a file of the settings did not load, from this thread's error queue, which is emptied:
+// the system's reason for a file that cannot be read, "not a PEM " and the kind for one that
+// holds no such PEM block, a key that does not fit the certificate, else OpenSSL's reason
+// for the first error (the deepest).
+std::string fileCause(const std::string& kind) {
+    std::string cause, first;
+    while (const unsigned long code = ERR_get_error()) {
+        const int library = ERR_GET_LIB(code);
+        const int reason = ERR_GET_REASON(code);
+        if (!cause.empty()) continue;
+        if (library == ERR_LIB_SYS) {
+            cause = std::system_category().message(reason);
+        } else if ((library == ERR_LIB_PEM && reason == PEM_R_NO_START_LINE) ||
+                   (library == ERR_LIB_OSSL_DECODER && reason == ERR_R_UNSUPPORTED) ||
+                   (library == ERR_LIB_X509 && reason == X509_R_NO_CERTIFICATE_OR_CRL_FOUND)) {
+            cause = "not a PEM " + kind;
+        } else if (library == ERR_LIB_X509 && reason == X509_R_KEY_VALUES_MISMATCH) {
+            cause = keyMismatch;
+        } else if (const char* text = ERR_reason_error_string(code); text && first.empty()) {
+            first = text;
+        }
+    }
+    if (!cause.empty()) return cause;
+    return first.empty() ? "unknown cause" : first;
+}
+
+// `Cannot load the private key from "server.key": No such file or directory`.
+TcpSocketError fileError(const std::string& what, const std::string& file,
+                         const std::string& cause) {
+    return TcpSocketError::tlsError(what + " from \"" + file + "\": " + cause);
 }
 
 bool wouldBlock(int code) {
@@ -122,25 +160,42 @@ bool configure(Impl& impl, TcpSocketError* error) {
     SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     // A peer asking for handshake after handshake could keep us busy for nothing.
     SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION);
+    const std::string chain = "Cannot load the certificate chain";
+    const std::string key = "Cannot load the private key";
+    const std::string trusted = "Cannot load the trusted certificates";
     if (!s.certificateChainFile.empty() &&
         SSL_CTX_use_certificate_chain_file(ctx, s.certificateChainFile.c_str()) != 1) {
-        return failWith(loadError("Cannot load the certificate chain " + s.certificateChainFile));
+        return failWith(fileError(chain, s.certificateChainFile, fileCause("certificate")));
     }
     if (!s.privateKeyFile.empty()) {
         if (SSL_CTX_use_PrivateKey_file(ctx, s.privateKeyFile.c_str(), SSL_FILETYPE_PEM) != 1) {
-            return failWith(loadError("Cannot load the private key " + s.privateKeyFile));
+            return failWith(fileError(key, s.privateKeyFile, fileCause("private key")));
         }
+        // A key of another algorithm than the certificate's fills a slot of its own and fails
+        // only here, as "no certificate assigned".
         if (SSL_CTX_check_private_key(ctx) != 1) {
-            return failWith(loadError("The private key does not match the certificate"));
+            ERR_clear_error();
+            return failWith(fileError(key, s.privateKeyFile, keyMismatch));
         }
     }
-    const bool trustGiven = !s.caFile.empty() || !s.caPath.empty();
-    const bool trustLoaded =
-        trustGiven ? SSL_CTX_load_verify_locations(ctx, s.caFile.empty() ? nullptr : s.caFile.c_str(),
-                                                   s.caPath.empty() ? nullptr : s.caPath.c_str()) == 1
-                   : SSL_CTX_set_default_verify_paths(ctx) == 1;
-    if (!trustLoaded) {
-        return failWith(loadError("Cannot load the trusted certificates"));
+    if (!s.caFile.empty() && SSL_CTX_load_verify_file(ctx, s.caFile.c_str()) != 1) {
+        return failWith(fileError(trusted, s.caFile, fileCause("certificate")));
+    }
+    if (!s.caPath.empty()) {
+        // OpenSSL looks in the folder only when it verifies: a wrong one would show as an
+        // unknown issuer.
+        std::error_code status;
+        if (!std::filesystem::is_directory(s.caPath, status)) {
+            return failWith(
+                fileError(trusted, s.caPath, status ? status.message() : "not a folder"));
+        }
+        if (SSL_CTX_load_verify_dir(ctx, s.caPath.c_str()) != 1) {
+            return failWith(fileError(trusted, s.caPath, fileCause("certificate")));
+        }
+    }
+    if (s.caFile.empty() && s.caPath.empty() && SSL_CTX_set_default_verify_paths(ctx) != 1) {
+        return failWith(TcpSocketError::tlsError("Cannot load the system's trusted certificates: " +
+                                                 fileCause("certificate")));
     }
     if (!s.isServer) {
         SSL_CTX_set_verify(ctx, s.verifyPeer ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, nullptr);

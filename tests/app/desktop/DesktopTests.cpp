@@ -3,7 +3,6 @@
 #include <sqlite3.h>
 
 #include <QApplication>
-#include <QElapsedTimer>
 #include <QLabel>
 #include <QProcess>
 #include <QSettings>
@@ -14,25 +13,30 @@
 #include <string>
 #include <vector>
 
+#include "MonitorHarness.hpp"
+#include "MonitorProgram.hpp"
 #include "PrivateEnvironment.hpp"
 #include "UdpPeer.hpp"
 #include "XSession.hpp"
 #include "app/LinkLight.hpp"
-#include "app/MonitorSettings.hpp"
-#include "app/QtMainQueue.hpp"
-#include "app/ViewController.hpp"
 
 namespace kavrin {
 namespace {
 
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
+using ::testing::Not;
+
+bool noDesktop() {
+    return test::desktopDisplay().empty();
+}
 
 class DesktopTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (test::desktopDisplay().empty()) GTEST_SKIP() << "Xvfb is not installed";
+        if (noDesktop()) GTEST_SKIP() << "Xvfb is not installed";
     }
 
     test::PrivateEnvironment environment;
@@ -41,23 +45,18 @@ class DesktopTest : public ::testing::Test {
 };
 
 // The monitor in this process, on the test's desktop.
-class MonitorWindowTest : public DesktopTest {
+class MonitorWindowTest : public test::MonitorHarness {
   protected:
     void SetUp() override {
-        DesktopTest::SetUp();
-        if (IsSkipped()) return;
-        settings.store().setValue("ip", "127.0.0.1");
-        settings.store().setValue("OutPort", pingSink.port());
-        settings.store().setValue("InPort", inPort);
-        controller = std::make_unique<ViewController>(settings, std::make_shared<QtMainQueue>(),
-                                                      [this](const std::string& line) { lines.push_back(line); });
-        controller->viewDidLoad();
+        if (noDesktop()) GTEST_SKIP() << "Xvfb is not installed";
+        settings->store().setValue("ip", "127.0.0.1");
+        settings->store().setValue("OutPort", pingSink.port());
+        settings->store().setValue("InPort", inPort);
+        start();
         controller->show();
     }
 
-    QString text(const char* label) {
-        return controller->findChild<QLabel*>(QLatin1String(label))->text();
-    }
+    QString text(const char* label) { return widget<QLabel>(label)->text(); }
 
     void tick() {
         controller->sendPing();
@@ -85,10 +84,9 @@ class MonitorWindowTest : public DesktopTest {
         return false;
     }
 
-    MonitorSettings settings;
+    test::UdpPeer pingSink;
     test::UdpPeer replier;
-    std::vector<std::string> lines;
-    std::unique_ptr<ViewController> controller;
+    std::uint16_t inPort = test::freeUdpPort();
 };
 
 TEST_F(MonitorWindowTest, TheTrayShowsTheLightAndNotifiesOnlyItsChanges) {
@@ -144,58 +142,27 @@ class MonitorProgramTest : public DesktopTest {
         stored.setValue("InPort", inPort);
     }
 
-    ~MonitorProgramTest() override {
-        for (QProcess* process : {&monitor, &responder}) {
-            if (process->state() != QProcess::NotRunning) {
-                process->kill();
-                process->waitForFinished(5000);
-            }
-        }
-    }
-
     void startMonitor() {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("QT_QPA_PLATFORM", "xcb");
-        env.insert("DISPLAY", QString::fromStdString(test::desktopDisplay()));
-        env.insert("XDG_CONFIG_HOME", environment.configHome());
-        env.insert("XDG_DATA_HOME", environment.dataHome());
+        QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
+        variables.insert("QT_QPA_PLATFORM", "xcb");
+        variables.insert("DISPLAY", QString::fromStdString(test::desktopDisplay()));
         // Under AddressSanitizer the X and D-Bus libraries keep memory until exit, which a leak
         // check would call the monitor's; its own leaks are checked on the offscreen platform.
-        env.insert("ASAN_OPTIONS", env.value("ASAN_OPTIONS") + ":detect_leaks=0");
-        monitor.setProcessEnvironment(env);
-        monitor.start(KAVRIN_MONITOR_PATH, {});
-        ASSERT_TRUE(monitor.waitForStarted(10000)) << monitor.errorString().toStdString();
+        variables.insert("ASAN_OPTIONS", variables.value("ASAN_OPTIONS") + ":detect_leaks=0");
+        monitor.startMonitor(environment, variables);
     }
 
-    // The next whole line of the monitor's stdout, without its newline; empty on timeout.
-    std::string nextLine(int timeoutMs = 10000) {
-        QElapsedTimer waited;
-        waited.start();
-        while (!monitor.canReadLine()) {
-            const int left = timeoutMs - static_cast<int>(waited.elapsed());
-            if (left <= 0 || !monitor.waitForReadyRead(left)) {
-                ADD_FAILURE() << "no line from the monitor; stderr: "
-                              << monitor.readAllStandardError().toStdString();
-                return {};
-            }
-        }
-        const QByteArray line = monitor.readLine();
-        printed += line;
-        return line.chopped(1).toStdString();
-    }
+    std::string nextLine() { return monitor.nextLine(); }
+    void readThrough(const std::string& prefix) { monitor.linesThrough(prefix); }
 
-    // Reads up to and including the next line that starts with `prefix`.
-    void readThrough(const std::string& prefix) {
-        for (std::string line = nextLine(); !line.empty() && line.rfind(prefix, 0) != 0;) {
-            line = nextLine();
-        }
-    }
-
+    // Ends the monitor, whose tray icon gave Qt nothing to warn about.
     void quit() {
         monitor.terminate();
         ASSERT_TRUE(monitor.waitForFinished(10000));
-        EXPECT_EQ(monitor.exitCode(), 0) << monitor.readAllStandardError().toStdString();
-        printed += monitor.readAllStandardOutput();
+        const std::string errors = monitor.readAllStandardError().toStdString();
+        EXPECT_EQ(monitor.exitCode(), 0) << errors;
+        EXPECT_THAT(errors, Not(HasSubstr("QSystemTrayIcon")));
+        monitor.printed += monitor.readAllStandardOutput();
     }
 
     void startResponder() {
@@ -210,9 +177,8 @@ class MonitorProgramTest : public DesktopTest {
     }
 
     std::uint16_t pingPort = test::freeUdpPort();
-    QProcess monitor;
-    QProcess responder;
-    QByteArray printed;  // all of the monitor's stdout read so far
+    test::MonitorProgram monitor;
+    test::MonitorProgram responder;
 };
 
 TEST_F(MonitorProgramTest, PrintsExactlyTheLinesItAlwaysHasForAScriptedExchange) {
@@ -242,7 +208,7 @@ TEST_F(MonitorProgramTest, PrintsExactlyTheLinesItAlwaysHasForAScriptedExchange)
     quit();
 
     const std::string noMatch = "No match for expected pattern '/eos/out/ping'. OSCgood remains false\n";
-    EXPECT_EQ(printed.toStdString(),
+    EXPECT_EQ(monitor.printed.toStdString(),
               "OSC Server started on port " + port + "\n" + sent + "\n" +
                   "Received OSC message: OSCMessage(\"/eos/out/ping/extra\") with values:\n"
                   "  Int32: 7\n"

@@ -7,6 +7,7 @@
 #include <QtTest/QTest>
 #include <memory>
 
+#include "PrivateEnvironment.hpp"
 #include "XSession.hpp"
 #include "app/FatalError.hpp"
 
@@ -41,6 +42,7 @@ int main(int argc, char* argv[]) {
         qputenv("DISPLAY", QByteArray::fromStdString(kavrin::test::display));
         qputenv("QT_QPA_PLATFORM", "xcb");
     }
+    kavrin::test::withoutAvahi();
     QApplication app(argc, argv);
     if (!kavrin::test::display.empty()) {
         // jwm takes the tray a moment after it starts; the tray test reports one that never came.

@@ -1,4 +1,4 @@
-#include "tests/codec/CountingAllocator.hpp"
+#include "tests/AllocationCount.hpp"
 
 #include <atomic>
 #include <cstdlib>

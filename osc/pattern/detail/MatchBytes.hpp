@@ -1,0 +1,206 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+#include "osc/pattern/CharacterView.hpp"
+#include "osc/pattern/detail/ComponentSyntax.hpp"
+#include "osc/pattern/detail/MatchStep.hpp"
+#include "osc/pattern/detail/PositionSearch.hpp"
+#include "support/ASCIIScan.hpp"
+
+// Internal to the pattern layer: running steps byte by byte, where every byte of the text is a
+// character. Inline, for the compiled pattern and matches(): with calls, saving and restoring
+// registers would cost more than matching a short address. Plain functions: any thread.
+namespace kavrin::matchBytes {
+
+// Whether [a, a + n) and [b, b + n) hold the same bytes. The texts are a few bytes long, so
+// overlapping word loads beat a library call; nothing outside the two ranges is read.
+[[gnu::always_inline]] inline bool sameBytes(const char* a, const char* b, std::size_t n) {
+    if (n >= 8) {
+        for (std::size_t i = 0; i + 8 < n; i += 8) {
+            if (loadWord<std::uint64_t>(a + i) != loadWord<std::uint64_t>(b + i)) return false;
+        }
+        return loadWord<std::uint64_t>(a + n - 8) == loadWord<std::uint64_t>(b + n - 8);
+    }
+    if (n >= 4) {
+        return loadWord<std::uint32_t>(a) == loadWord<std::uint32_t>(b) &&
+               loadWord<std::uint32_t>(a + n - 4) == loadWord<std::uint32_t>(b + n - 4);
+    }
+    if (n >= 2) {
+        return loadWord<std::uint16_t>(a) == loadWord<std::uint16_t>(b) &&
+               loadWord<std::uint16_t>(a + n - 2) == loadWord<std::uint16_t>(b + n - 2);
+    }
+    return n == 0 || *a == *b;
+}
+
+// The first "/" in [at, end), or end. Byte by byte: a star skips a few bytes, fewer than one
+// word's set-up would cost.
+[[gnu::always_inline]] inline const char* findSlash(const char* at, const char* end) {
+    while (at != end && *at != '/') ++at;
+    return at;
+}
+
+// Up to eight bytes from `at` in one word, the first byte low; what lies past `end` is
+// unspecified. [first, end) may be read: near its end the last eight bytes are read and
+// shifted, so that short texts need no byte loop.
+[[gnu::always_inline]] inline std::uint64_t loadAt(const char* first, const char* at,
+                                                   const char* end) {
+    const std::ptrdiff_t left = end - at;
+    if (left >= 8) return loadWord<std::uint64_t>(at);
+    if (left <= 0) return 0;
+    if (end - first >= 8) return loadWord<std::uint64_t>(end - 8) >> (8 * (8 - left));
+    std::uint64_t word = 0;
+    for (std::ptrdiff_t i = 0; i < left; ++i) {
+        word |= std::uint64_t{static_cast<unsigned char>(at[i])} << (8 * i);
+    }
+    return word;
+}
+
+// The bytes a step other than a star takes at `at` in [at, end), or -1. [first, end) may be
+// read; `pieces` are the program's, or null for steps read from a pattern's text.
+[[gnu::always_inline]] inline std::ptrdiff_t takeBytes(const MatchStep& step,
+                                                       const MatchPiece* pieces, const char* first,
+                                                       const char* at, const char* end) {
+    const auto left = static_cast<std::size_t>(end - at);
+    // Alternatives that are prefixes of one text are prefixes of one another, and a prefix comes
+    // first in the set's order: so the first in that order that fits is the shortest.
+    std::size_t shortest = SIZE_MAX;
+    switch (step.kind) {
+        case MatchStep::Kind::text: {
+            const std::size_t size = step.text.size();
+            return size <= left && sameBytes(at, step.text.data(), size)
+                       ? static_cast<std::ptrdiff_t>(size)
+                       : -1;
+        }
+        case MatchStep::Kind::oneOf: {
+            if (left == 0) return -1;
+            const auto byte = static_cast<unsigned char>(*at);  // ASCII: a byte per character
+            // "/" ends the component being matched.
+            return byte != '/' && (step.bits[(byte >> 6) & 1] >> (byte & 63) & 1) != 0 ? 1 : -1;
+        }
+        case MatchStep::Kind::braceList: {
+            componentSyntax::Alternatives alternatives(componentSyntax::PatternBytes(step.text));
+            bool any = false;
+            while (const auto alternative = alternatives.next()) {
+                any = true;
+                const std::size_t size = alternative->size();
+                if (size <= left && size < shortest &&
+                    sameBytes(at, alternative->text().data(), size)) {
+                    shortest = size;
+                }
+            }
+            // Deliberate: "{}" takes nothing and matches.
+            if (!any) return 0;
+            break;
+        }
+        case MatchStep::Kind::strings: {
+            if (step.count == 0) return 0;
+            const std::uint64_t word = loadAt(first, at, end);  // once for all alternatives
+            for (const MatchPiece* piece = pieces + step.first;
+                 piece != pieces + step.first + step.count; ++piece) {
+                const std::size_t size = piece->text.size();
+                if (size <= left && size < shortest && (word & piece->mask) == piece->head &&
+                    (size <= 8 || sameBytes(at + 8, piece->text.data() + 8, size - 8))) {
+                    shortest = size;
+                }
+            }
+            break;
+        }
+        case MatchStep::Kind::star:
+            return -1;
+    }
+    return shortest <= left ? static_cast<std::ptrdiff_t>(shortest) : -1;
+}
+
+// The search from a star through the rest of its component, [begin, stop). Out of line, so
+// that steps without a star in the middle need no stack frame for it.
+template <class Steps>
+[[gnu::noinline]] bool searchBytes(Steps& steps, const MatchPiece* pieces, const char* begin,
+                                   const char* stop) {
+    return positionSearch::reachesEnd(steps, static_cast<std::size_t>(stop - begin),
+                                      [&](const MatchStep& step, std::size_t p) {
+                                          return takeBytes(step, pieces, begin, begin + p, stop);
+                                      });
+}
+
+// Runs the steps [step, last) over the bytes [where, end), moving `where` to where they end;
+// false where one does not match. [first, end) may be read. No step takes a "/" but text
+// holding one, and a star takes up to the next "/" (searching up to it when more of its
+// component follows): so the steps may be one component's, over a component without "/", or a
+// whole path's, the components' steps joined by "/", over a whole address.
+[[gnu::always_inline]] inline bool runBytes(const MatchStep* step, const MatchStep* last,
+                                            const MatchPiece* pieces, const char* first,
+                                            const char*& where, const char* end) {
+    const char* at = where;
+    for (; step != last; ++step) {
+        if (step->kind != MatchStep::Kind::star) {
+            const std::ptrdiff_t taken = takeBytes(*step, pieces, first, at, end);
+            if (taken < 0) return false;
+            at += taken;
+            continue;
+        }
+        const char* const stop = findSlash(at, end);
+        if (step->span != 0) {
+            const MatchStep* const after = step + 1 + step->span;
+            positionSearch::ArraySteps steps(step, after);
+            if (!searchBytes(steps, pieces, at, stop)) return false;
+            step = after - 1;
+        }
+        at = stop;
+        if (step->thenSeparator) {
+            if (at == end) return false;
+            ++at;
+        }
+    }
+    where = at;
+    return true;
+}
+
+// Whether the steps of one component take exactly `text`, byte by byte; nothing when the text
+// is not a byte per character, or holds a "/", which byte-wise would end the component, and
+// the answer is not yes: then characters must answer.
+[[gnu::always_inline]] inline std::optional<bool> matchesComponentBytes(const MatchStep* first,
+                                                                        const MatchStep* last,
+                                                                        const MatchPiece* pieces,
+                                                                        std::string_view text) {
+    if (!CharacterView::isOneBytePerCharacter(text)) return std::nullopt;
+    const char* at = text.data();
+    const char* const end = at + text.size();
+    // Byte-wise a "/" only stops a star or a oneOf, which never makes a wrong yes.
+    if (runBytes(first, last, pieces, text.data(), at, end) && at == end) return true;
+    if (findSlash(text.data(), end) != end) return std::nullopt;
+    return false;
+}
+
+// Whether a whole path's steps (a pattern with components) match `address`; nothing when the
+// address is not a byte per character and a wildcard is met, so that the caller must answer
+// character by character.
+[[gnu::always_inline]] inline std::optional<bool> matchesPathBytes(const MatchStep* first,
+                                                                   const MatchStep* last,
+                                                                   const MatchPiece* pieces,
+                                                                   std::string_view address) {
+    const char* const begin = address.data();
+    const char* at = begin;
+    const char* end = at + address.size();
+    // One leading and then one trailing "/" go, as pathComponents drops them.
+    if (at != end && *at == '/') ++at;
+    if (at != end && end[-1] == '/') --end;
+    // An address without components matches no pattern that has some.
+    if (at == end) return false;
+    // Literal text before the first wildcard answers alike whatever the address holds (see
+    // matchRun::matchesPattern).
+    if (first != last && first->kind == MatchStep::Kind::text) {
+        if (takeBytes(*first, pieces, begin, at, end) < 0) return false;
+        at += first->text.size();
+        ++first;
+    }
+    if (first == last) return at == end;
+    if (!CharacterView::isOneBytePerCharacter(address)) return std::nullopt;
+    return runBytes(first, last, pieces, begin, at, end) && at == end;
+}
+
+}  // namespace kavrin::matchBytes

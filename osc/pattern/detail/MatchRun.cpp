@@ -1,0 +1,165 @@
+#include "osc/pattern/detail/MatchRun.hpp"
+
+#include <cstdint>
+
+#include "osc/pattern/detail/ComponentSyntax.hpp"
+#include "osc/pattern/detail/MatchBytes.hpp"
+#include "osc/pattern/detail/PositionSearch.hpp"
+#include "support/ASCIIScan.hpp"
+
+namespace kavrin::matchRun {
+
+namespace {
+
+// The position search over the characters of `component`.
+template <class Steps>
+bool searchCharacters(Steps& steps, const MatchPiece* pieces, const CharacterView& component) {
+    std::vector<std::uint32_t> storage;
+    const auto take = [&](const MatchStep& step, std::size_t p) -> std::ptrdiff_t {
+        const CharacterView rest = component.suffix(p);
+        switch (step.kind) {
+            case MatchStep::Kind::text: {
+                const CharacterView text = CharacterView::segment(step.text, storage);
+                return rest.startsWith(text) ? static_cast<std::ptrdiff_t>(text.size()) : -1;
+            }
+            case MatchStep::Kind::oneOf:
+                return !rest.empty() && oneOfAccepts(step, pieces, rest[0]) ? 1 : -1;
+            case MatchStep::Kind::braceList:
+            case MatchStep::Kind::strings: {
+                // The shortest alternative that is a prefix, as byte-wise (matchBytes::takeBytes).
+                std::ptrdiff_t taken = -1;
+                std::size_t takenBytes = SIZE_MAX;
+                bool any = false;
+                const auto consider = [&](std::string_view bytes) {
+                    any = true;
+                    const CharacterView alternative = CharacterView::segment(bytes, storage);
+                    if (bytes.size() < takenBytes && rest.startsWith(alternative)) {
+                        taken = static_cast<std::ptrdiff_t>(alternative.size());
+                        takenBytes = bytes.size();
+                    }
+                };
+                if (step.kind == MatchStep::Kind::strings) {
+                    for (std::uint32_t i = step.first; i < step.first + step.count; ++i) {
+                        consider(pieces[i].text);
+                    }
+                } else {
+                    componentSyntax::Alternatives each(componentSyntax::PatternBytes(step.text));
+                    while (const auto alternative = each.next()) consider(alternative->text());
+                }
+                // Deliberate: "{}" takes nothing and matches.
+                return any ? taken : 0;
+            }
+            case MatchStep::Kind::star:
+                break;
+        }
+        return -1;
+    };
+    return positionSearch::reachesEnd(steps, component.size(), take);
+}
+
+// matches() for an address that is not a byte per character: each component's steps are read
+// and run character by character.
+[[gnu::noinline]] bool matchesPatternByCharacters(std::string_view pattern,
+                                                  std::string_view address) {
+    const auto components = OSCAddressPattern::pathComponents(pattern);
+    return matchesByCharacters(address, components.size(),
+                               [&](std::size_t i, const CharacterView& component) {
+                                   PatternSteps steps(components[i]);
+                                   return searchCharacters(steps, nullptr, component);
+                               });
+}
+
+}  // namespace
+
+bool matchesComponent(const MatchStep* first, const MatchStep* last, const MatchPiece* pieces,
+                      const CharacterView& component) {
+    if (component.isOneBytePerCharacter()) {
+        const auto answer =
+            matchBytes::matchesComponentBytes(first, last, pieces, component.text());
+        if (answer) return *answer;
+    }
+    positionSearch::ArraySteps steps(first, last);
+    return searchCharacters(steps, pieces, component);
+}
+
+// The texts are walked side by side: literal text, the "/" between components included, is
+// compared as it stands, and each wildcard is read where the walk meets it and matched where the
+// walk has got to in the address. Only a star with more of its component after it needs a
+// search, which reads the rest of the component's steps as it goes. Up to the first wildcard this
+// is exact whatever the address holds: the pattern is ASCII, and a "/" that joins the character
+// after it in the address is followed there by a byte that no ASCII text has. From a wildcard on
+// the address must be a byte per character; otherwise the whole match is made character by
+// character.
+bool matchesPattern(std::string_view pattern, std::string_view address) {
+    const char* p = pattern.data();
+    const char* pathEnd = p + pattern.size();
+    const char* const first = address.data();
+    const char* a = first;
+    const char* end = a + address.size();
+    // One leading and then one trailing "/" go, as pathComponents drops them.
+    if (p != pathEnd && *p == '/') ++p;
+    if (p != pathEnd && pathEnd[-1] == '/') --pathEnd;
+    if (a != end && *a == '/') ++a;
+    if (a != end && end[-1] == '/') --end;
+    // Deliberate: a pattern without components matches nothing, not even "/".
+    if (p == pathEnd || a == end) return false;
+    const char* const path = p;
+    bool checked = false;
+    for (;;) {
+        // Literal text: eight bytes at a time up to the first that differs or may open a
+        // wildcard, then byte by byte.
+        while (pathEnd - p >= 8 && end - a >= 8) {
+            const auto word = loadWord<std::uint64_t>(p);
+            const auto stops =
+                bytesEqual(word, '*') | bytesEqual(word, '?') |
+                bytesEqual(word | asciiScanDetail::ones * 0x20, '{') |
+                (~bytesEqual(word ^ loadWord<std::uint64_t>(a), 0) & asciiScanDetail::highBits);
+            if (stops != 0) {
+                const auto same = static_cast<std::size_t>(std::countr_zero(stops)) / 8;
+                p += same;
+                a += same;
+                break;
+            }
+            p += 8;
+            a += 8;
+        }
+        const auto length = std::min(pathEnd - p, end - a);
+        std::ptrdiff_t same = 0;
+        for (; same != length && !opensWildcard(p[same]); ++same) {
+            if (a[same] != p[same]) return false;
+        }
+        p += same;
+        a += same;
+        if (p == pathEnd) return a == end;
+        if (!opensWildcard(*p)) return false;  // the address ended first
+        if (!checked) {
+            if (!CharacterView::isOneBytePerCharacter(address)) {
+                return matchesPatternByCharacters(pattern, address);
+            }
+            checked = true;
+        }
+        MatchStep step;
+        const std::string_view text(path, static_cast<std::size_t>(pathEnd - path));
+        const char* const next =
+            path + readWildcard(text, static_cast<std::size_t>(p - path), step);
+        if (step.kind != MatchStep::Kind::star) {
+            const std::ptrdiff_t taken = matchBytes::takeBytes(step, nullptr, first, a, end);
+            if (taken < 0) return false;
+            a += taken;
+            p = next;
+            continue;
+        }
+        const char* const stop = matchBytes::findSlash(a, end);
+        if (next != pathEnd && *next != '/') {
+            // The star and the rest of its component, as one search up to the component's end.
+            PatternSteps steps({p, static_cast<std::size_t>(pathEnd - p)});
+            if (!matchBytes::searchBytes(steps, nullptr, a, stop)) return false;
+            p += steps.position();
+        } else {
+            p = next;
+        }
+        a = stop;
+    }
+}
+
+}  // namespace kavrin::matchRun

@@ -1,0 +1,296 @@
+// The monitor's link to a console over each transport, set up through the preference keys, against
+// the ping responder and against independent peers (liblo in liblo_console, the npm package osc in
+// slip_peer.js) run as child processes; and the link's faults against a raw TCP peer. Ticks are
+// driven directly; a wait stands in for the real time between ticks only where the link needs
+// it (a reconnection), bounded by one tick.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QLabel>
+#include <QtTest/QTest>
+#include <algorithm>
+#include <memory>
+#include <string>
+
+#include "MonitorHarness.hpp"
+#include "TcpPeer.hpp"
+#include "UdpPeer.hpp"
+#include "app/LinkConnection.hpp"
+#include "app/RoundTripPlot.hpp"
+#include "tests/tools/NpmPeers.hpp"
+
+namespace kavrin {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using tcpTest::ChildProcess;
+
+#ifndef KAVRIN_LIBLO_CONSOLE
+#define KAVRIN_LIBLO_CONSOLE ""  // liblo-dev is not installed
+#endif
+
+// A link and a peer that answers it: the program, with "PORT" for the port it listens on, "IN"
+// for the monitor's listening port and "MODULES" for the npm peer's modules, and its first
+// words once it is ready.
+struct LinkSetup {
+    const char* name;
+    const char* transport;
+    bool pingFromInPort;
+    bool numberPings;
+    const char* program;
+    std::vector<std::string> arguments;
+    const char* ready;
+};
+
+void PrintTo(const LinkSetup& setup, std::ostream* out) {
+    *out << setup.name;
+}
+
+// Ping, reply and light, the same in every setup.
+class MonitorLinkTest : public test::MonitorHarness, public ::testing::WithParamInterface<LinkSetup> {
+  protected:
+    void SetUp() override {
+        const LinkSetup& setup = GetParam();
+        if (*setup.program == 0) GTEST_SKIP() << "liblo-dev is not installed";
+        if (std::string(setup.program) == "node") {
+            if (!test::onPath("node") || !test::onPath("npm")) GTEST_SKIP() << "node or npm is not installed";
+            modules = test::npmPeers();
+            ASSERT_FALSE(modules.empty());
+        }
+        stream = std::string(setup.transport) != "udp";
+        port = stream ? test::TcpPeer().port() : test::freeUdpPort();
+        settings->store().setValue("ip", "127.0.0.1");
+        settings->store().setValue("OutPort", port);
+        settings->store().setValue("InPort", inPort);
+        settings->store().setValue("Transport", setup.transport);
+        settings->store().setValue("PingFromInPort", setup.pingFromInPort);
+        settings->store().setValue("NumberPings", setup.numberPings);
+    }
+
+    // The setup's peer, answering; null when it would not start.
+    std::unique_ptr<ChildProcess> startPeer() {
+        std::vector<std::string> arguments = GetParam().arguments;
+        for (auto& argument : arguments) {
+            argument = argument == "PORT" ? std::to_string(port)
+                       : argument == "IN" ? std::to_string(inPort)
+                       : argument == "MODULES" ? modules
+                                               : argument;
+        }
+        auto peer = std::make_unique<ChildProcess>(GetParam().program, arguments);
+        if (!peer->waitForOutput(GetParam().ready, 20s)) {
+            ADD_FAILURE() << "the peer did not start: " << peer->output();
+            return nullptr;
+        }
+        return peer;
+    }
+
+    bool connected(int boundMs) {
+        return QTest::qWaitFor(
+            [&] { return controller->link().connection().state == LinkConnection::State::connected; },
+            boundMs);
+    }
+
+    // Ticks until a reply matched, and once more: the light this shows.
+    QString answeredTick() {
+        const std::size_t before = lines.size();
+        EXPECT_THAT(tick(), StartsWith("Sent OSC ping to 127.0.0.1:" + std::to_string(port)));
+        EXPECT_TRUE(logged("Matched expected pattern '/eos/out/ping'", before)) << "no reply";
+        tick();
+        return status();
+    }
+
+    std::string modules;
+    bool stream = false;
+    std::uint16_t port = 0;
+    std::uint16_t inPort = test::freeUdpPort();
+};
+
+TEST_P(MonitorLinkTest, TheLightFollowsTheConsoleTickByTick) {
+    auto peer = startPeer();
+    ASSERT_TRUE(peer);
+    start();
+    // The connection is made at start, well within the first tick's 2 s.
+    if (stream) {
+        ASSERT_TRUE(connected(2000)) << widget<QLabel>("ConnectionLab")->text().toStdString();
+    }
+
+    const std::size_t first = lines.size();
+    EXPECT_EQ(answeredTick(), "OSC IS ALIVE") << "green by the 2nd tick after the peer answers";
+    if (GetParam().numberPings) {
+        EXPECT_THAT(lines[first + 1], HasSubstr("Int32: 1")) << "the ping's number, echoed";
+    }
+    EXPECT_THAT(widget<QLabel>("RoundTripLab")->text().toStdString(), ::testing::EndsWith(" ms"));
+
+    // The peer stops once it has answered the last ping, and the link notices at once: both
+    // well within the two seconds between real ticks.
+    EXPECT_TRUE(logged("Matched expected pattern", lines.size() - 1));
+    peer.reset();
+    if (stream) {
+        EXPECT_TRUE(QTest::qWaitFor([&] { return !connected(0); }, 2000));
+    }
+    tick();
+    const std::string second = tick();
+    EXPECT_EQ(status(), "OSC IS DEAD!!!") << "red by the 2nd tick after the peer stops";
+    if (stream) {
+        EXPECT_THAT(second, StartsWith("ERROR sending ping: not connected to 127.0.0.1:"));
+    }
+
+    peer = startPeer();
+    ASSERT_TRUE(peer);
+    if (stream) {
+        tick();  // may come before the link connects again, but the next one may not
+        EXPECT_TRUE(connected(2000)) << "connected again within a tick";
+    }
+    EXPECT_EQ(answeredTick(), "OSC IS ALIVE")
+        << (stream ? "green by the 3rd tick after the peer accepts again" : "and again");
+}
+
+const char* const responder = KAVRIN_RESPONDER_PATH;
+const char* const slipPeer = KAVRIN_SOURCE_DIR "/tests/tools/slip_peer.js";
+
+INSTANTIATE_TEST_SUITE_P(
+    Setups, MonitorLinkTest,
+    ::testing::Values(
+        LinkSetup{"UdpResponder", "udp", false, false, responder, {"--listen", "PORT", "--reply-port", "IN"}, "listening"},
+        LinkSetup{"UdpFromInPortResponder", "udp", true, true, responder, {"--listen", "PORT", "--reply-to-sender"}, "listening"},
+        LinkSetup{"TcpResponder", "tcp", false, true, responder, {"--listen", "PORT", "--tcp"}, "listening"},
+        LinkSetup{"SlipResponder", "slip", false, false, responder, {"--listen", "PORT", "--slip"}, "listening"},
+        LinkSetup{"UdpLiblo", "udp", false, true, KAVRIN_LIBLO_CONSOLE, {"udp", "PORT", "IN"}, "port "},
+        LinkSetup{"UdpFromInPortLiblo", "udp", true, false, KAVRIN_LIBLO_CONSOLE, {"udp", "PORT"}, "port "},
+        LinkSetup{"TcpLiblo", "tcp", false, false, KAVRIN_LIBLO_CONSOLE, {"tcp", "PORT"}, "port "},
+        LinkSetup{"SlipNode", "slip", false, true, "node", {slipPeer, "MODULES", "answer", "PORT"}, "port "}),
+    [](const ::testing::TestParamInfo<LinkSetup>& info) { return std::string(info.param.name); });
+
+// The link against a console gone wrong: a raw TCP peer that writes what the test gives.
+class MonitorLinkFaultsTest : public test::MonitorHarness {
+  protected:
+    MonitorLinkFaultsTest() {
+        settings->store().setValue("ip", "127.0.0.1");
+        settings->store().setValue("OutPort", pingSink.port());
+        settings->store().setValue("InPort", test::freeUdpPort());
+    }
+
+    QString connection() { return widget<QLabel>("ConnectionLab")->text(); }
+    bool shows(const QString& text) {
+        return QTest::qWaitFor([&] { return connection().contains(text); }, 5000);
+    }
+    // `packet` after its size.
+    static std::vector<std::uint8_t> framed(std::vector<std::uint8_t> packet) {
+        const auto size = static_cast<std::uint32_t>(packet.size());
+        packet.insert(packet.begin(), {std::uint8_t(size >> 24), std::uint8_t(size >> 16),
+                                       std::uint8_t(size >> 8), std::uint8_t(size)});
+        return packet;
+    }
+
+    test::UdpPeer pingSink;
+    test::TcpPeer console;
+};
+
+TEST_F(MonitorLinkFaultsTest, ChangesTakeEffectAtTheNextTickAndNoPingWaitsForTheConnection) {
+    settings->store().setValue("Transport", "carrier pigeon");  // acts as udp, kept as stored
+    start();
+    EXPECT_EQ(widget<QComboBox>("TransportBox")->currentText(), "udp");
+    EXPECT_THAT(tick(), StartsWith("Sent OSC ping"));
+    EXPECT_TRUE(pingSink.receive(5s).has_value());
+    EXPECT_EQ(settings->store().value("Transport"), "carrier pigeon");
+
+    const auto nobody = QString::number(test::TcpPeer().port());
+    edit("OutPortText", nobody);
+    auto* transport = widget<QComboBox>("TransportBox");
+    transport->setCurrentText("tcp");
+    emit transport->activated(transport->currentIndex());
+    widget<QCheckBox>("NumberPingsBox")->click();
+    EXPECT_EQ(settings->store().value("Transport"), "tcp");
+    EXPECT_EQ(settings->store().value("NumberPings").toString(), "true");
+    EXPECT_TRUE(widget<QLabel>("ConnectionLab")->isHidden()) << "nothing changes before the tick";
+
+    EXPECT_THAT(tick(), StartsWith("ERROR sending ping: not connected to 127.0.0.1:" +
+                                   nobody.toStdString() + " over tcp: "));
+    EXPECT_TRUE(shows("tcp 127.0.0.1:" + nobody + ": refused, retrying in"));
+
+    edit("OutPortText", QString::number(console.port()));
+    tick();  // connects to the console, and pings if that was quick
+    ASSERT_TRUE(console.accept());
+    ASSERT_TRUE(shows("tcp 127.0.0.1:" + QString::number(console.port()) + ": connected"));
+    EXPECT_THAT(tick(), StartsWith("Sent OSC ping to 127.0.0.1:" + std::to_string(console.port())));
+    // The first ping on the wire is numbered 1: the ticks that sent nothing used no number.
+    const auto first = framed({'/', 'e', 'o', 's', '/', 'p', 'i', 'n', 'g', 0, 0, 0, ',', 'i', 0, 0,
+                               0, 0, 0, 1});
+    const auto read = console.read();
+    EXPECT_TRUE(read.size() >= first.size() && std::equal(first.begin(), first.end(), read.begin()));
+}
+
+TEST_F(MonitorLinkFaultsTest, APingFromTheListeningPortGoesOnlyWhileTheServerRuns) {
+    const std::uint16_t inPort = test::freeUdpPort();
+    test::UdpPeer holder(inPort, "0.0.0.0");  // holds the port without sharing it
+    settings->store().setValue("InPort", inPort);
+    settings->store().setValue("PingFromInPort", true);
+    start();
+    EXPECT_EQ(tick(), "ERROR sending ping: The OSC server on port " + std::to_string(inPort) +
+                          " is not running.");
+    EXPECT_FALSE(pingSink.receive(100ms).has_value());
+    EXPECT_EQ(status(), "OSC IS DEAD!!!");
+}
+
+TEST_F(MonitorLinkFaultsTest, ABrokenConnectionCostsOnlyItselfAndTheWindowSaysWhy) {
+    settings->store().setValue("OutPort", console.port());
+    settings->store().setValue("Transport", "tcp");
+    start();
+    ASSERT_TRUE(console.accept());
+    ASSERT_TRUE(shows("connected"));
+
+    // A well-framed packet that is not OSC costs only itself.
+    const std::size_t before = lines.size();
+    console.write(framed({'a', 'b', 'c', 'd'}));
+    console.write(framed({'/', 'e', 'o', 's', '/', 'o', 'u', 't', '/', 'p', 'i', 'n', 'g', 0, 0, 0,
+                          ',', 0, 0, 0}));
+    EXPECT_TRUE(logged("Matched expected pattern", before));
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return widget<QLabel>("DroppedLab")->text().contains("1 packet dropped"); }, 5000));
+    EXPECT_THAT(connection().toStdString(), HasSubstr("connected"));
+
+    // SLIP where sizes belong breaks the framing: the connection goes, and the window says why.
+    console.write({0xC0, '/', 'e', 'o', 's', 0, 0, 0, ',', 0, 0, 0, 0xC0});
+    EXPECT_TRUE(shows("closed (Frame size prefix is negative"));
+    EXPECT_TRUE(shows("look like slip framing")) << connection().toStdString();
+    EXPECT_TRUE(shows("retrying in"));
+    ASSERT_TRUE(console.accept()) << "connects again";
+
+    // So does a hang-up in the middle of a packet.
+    console.write({0, 0, 0, 16, '/', 'e', 'o'});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return connection().contains("connected"); }, 5000));
+    console.hangUp();
+    EXPECT_TRUE(shows("closed (Socket closed by remote peer)")) << connection().toStdString();
+
+    // A console that takes the pings and never answers leaves the light red.
+    ASSERT_TRUE(console.accept());
+    ASSERT_TRUE(shows(": connected"));
+    for (int i = 0; i < 2; ++i) EXPECT_THAT(tick(), StartsWith("Sent OSC ping"));
+    EXPECT_EQ(status(), "OSC IS DEAD!!!");
+    EXPECT_FALSE(console.read().empty());
+
+    // The plot shows the pings, the lost ones marked, the outage shaded.
+    tick();
+    const auto* plot = widget<RoundTripPlot>("RoundTripPlot");
+    int pings = 0, lost = 0;
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            pings = lost = 0;
+            for (const auto& bucket : plot->shown().buckets) {
+                pings += bucket.pings;
+                lost += bucket.lost;
+            }
+            return pings == 3;
+        },
+        5000))
+        << pings << " pings shown";
+    EXPECT_EQ(lost, 2) << "all but the latest, still awaited";
+    EXPECT_EQ(plot->shown().outages.size(), 1u);
+}
+
+}  // namespace
+}  // namespace kavrin

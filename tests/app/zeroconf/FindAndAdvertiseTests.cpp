@@ -1,0 +1,150 @@
+// The monitor against the test run's own Avahi daemon on loopback: the Find… window fills the
+// fields from the services published by avahi-publish and by the ping responder, and the monitor
+// advertises its own server unless switched off. Its stdout lines stay those of its ticks.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QPushButton>
+#include <QTreeWidget>
+
+#include "../../discovery/ZeroconfTest.hpp"
+#include "MonitorHarness.hpp"
+#include "MonitorProgram.hpp"
+#include "UdpPeer.hpp"
+#include "app/QtMainQueue.hpp"
+#include "osc/discovery/OSCServiceAdvertiser.hpp"
+#include "osc/discovery/OSCServiceBrowser.hpp"
+
+namespace kavrin {
+namespace {
+
+using ::testing::ElementsAre;
+using zeroconfTest::named;
+
+class MonitorZeroconfTest : public test::MonitorHarness {
+  protected:
+    void SetUp() override {
+        if (const auto skip = zeroconfTest::useTestDaemon()) GTEST_SKIP() << *skip;
+        settings->store().setValue("InPort", inPort);
+    }
+
+    // A child process that runs until the test ends, its stderr with its stdout.
+    test::MonitorProgram& run(const QString& program, const QStringList& arguments) {
+        auto& process = *children.emplace_back(std::make_unique<test::MonitorProgram>());
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.start(program, arguments);
+        EXPECT_TRUE(process.waitForStarted(10000)) << program.toStdString();
+        return process;
+    }
+
+    std::uint16_t inPort = test::freeUdpPort();
+    std::vector<std::unique_ptr<test::MonitorProgram>> children;
+};
+
+TEST_F(MonitorZeroconfTest, FindFillsHostPortAndLinkFromTheDeviceChosen) {
+    run("avahi-publish", {"-s", QString::fromStdString(named("Udp desk")), "_osc._udp", "9201"});
+    run("avahi-publish", {"-s", QString::fromStdString(named("Tcp desk")), "_osc._tcp", "9202"});
+    run("avahi-publish",
+        {"-s", QString::fromStdString(named("Slip desk")), "_osc._tcp", "9203", "framing=slip"});
+    // OSCQuery names TCP only; the responder's own _osc._tcp record says it is SLIP.
+    auto& responder = run(KAVRIN_RESPONDER_PATH, {"--listen", "0", "--slip", "--advertise",
+                                                  QString::fromStdString(named("Query desk")),
+                                                  "--oscquery", "0"});
+    const std::string listening = responder.linesThrough("osc_ping_responder: listening").back();
+    const QString slipPort = QString::fromStdString(listening).section(' ', 5, 5);
+    start();
+    controller->showFind();
+
+    const struct {
+        std::string name;
+        QString type;
+        QString port;
+        QString link;
+    } cases[] = {
+        {named("Tcp desk"), "_osc._tcp", "9202", "tcp"},
+        {named("Slip desk"), "_osc._tcp", "9203", "slip"},
+        {named("Udp desk"), "_osc._udp", "9201", "udp"},
+        {named("Query desk"), "_oscjson._tcp", slipPort, "slip"},
+    };
+    for (const auto& c : cases) {
+        auto* list = widget<QTreeWidget>("DeviceList");
+        QTreeWidgetItem* row = nullptr;
+        // An OSCQuery row says tcp until the device's own _osc._tcp record has been seen too.
+        const QString pingsGo = c.link + " 127.0.0.1:" + c.port;
+        ASSERT_TRUE(QTest::qWaitFor(
+            [&] {
+                const auto rows = list->findItems(QString::fromStdString(c.name), Qt::MatchExactly);
+                const auto it = std::find_if(rows.begin(), rows.end(), [&](QTreeWidgetItem* item) {
+                    return item->data(0, Qt::UserRole) == c.type && item->text(2) == pingsGo;
+                });
+                row = it == rows.end() ? nullptr : *it;
+                return row != nullptr;
+            },
+            10000))
+            << c.name << " " << c.type.toStdString() << " not found as " << pingsGo.toStdString()
+            << "; " << widget<QLabel>("FindStatusLab")->text().toStdString();
+        list->setCurrentItem(row);
+        widget<QPushButton>("UseButton")->click();
+
+        const auto text = [](const QString& value) { return value.toStdString(); };
+        EXPECT_EQ(text(widget<QLineEdit>("IpText")->text()), "127.0.0.1") << c.name;
+        EXPECT_EQ(widget<QLineEdit>("OutPortText")->text(), c.port) << c.name;
+        EXPECT_EQ(text(widget<QComboBox>("TransportBox")->currentText()), text(c.link)) << c.name;
+        EXPECT_EQ(text(settings->store().value("ip").toString()), "127.0.0.1") << c.name;
+        EXPECT_EQ(settings->store().value("OutPort").toString(), c.port) << c.name;
+        EXPECT_EQ(text(settings->store().value("Transport").toString()), text(c.link)) << c.name;
+        controller->showFind();  // a choice closes the window
+    }
+    EXPECT_THAT(lines, ElementsAre("OSC Server started on port " + std::to_string(inPort)));
+}
+
+TEST_F(MonitorZeroconfTest, TheMonitorAdvertisesItsServerUnlessSwitchedOff) {
+    settings->store().setValue("Advertise", false);
+    start();
+    OSCServiceBrowser browser({std::string(oscUdpServiceType)}, std::make_shared<QtMainQueue>(),
+                              [](OSCServiceBrowser::Event, const OSCService&) {});
+    const auto monitorService = [&]() -> std::optional<OSCService> {
+        for (const auto& service : browser.services()) {
+            if (service.port == inPort) return service;
+        }
+        return std::nullopt;
+    };
+    // Published after the monitor started: once it is seen, the monitor's would have been too.
+    const auto marker = named("Marker");
+    OSCServiceAdvertiser advertiser(OSCService(marker, std::string(oscUdpServiceType), 9204));
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            const auto services = browser.services();
+            return std::any_of(services.begin(), services.end(),
+                               [&](const OSCService& service) { return service.name == marker; });
+        },
+        10000));
+    EXPECT_EQ(monitorService(), std::nullopt);
+
+    controller->showFind();
+    auto* advertise = widget<QCheckBox>("AdvertiseBox");
+    EXPECT_FALSE(advertise->isChecked());
+    advertise->click();
+    EXPECT_EQ(settings->store().value("Advertise").toString(), "true");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return monitorService().has_value(); }, 10000));
+    // A name still in the daemon's cache from a test before is taken as "… #2".
+    EXPECT_THAT(monitorService()->name, ::testing::StartsWith(MonitorAdvertiser::serviceName()));
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] {
+            return widget<QLabel>("AdvertiseStatusLab")->text() ==
+                   QString::fromStdString("Advertised as \u201c" + monitorService()->name +
+                                          "\u201d: _osc._udp, port " + std::to_string(inPort) + ".");
+        },
+        5000))
+        << widget<QLabel>("AdvertiseStatusLab")->text().toStdString();
+
+    advertise->click();
+    EXPECT_EQ(settings->store().value("Advertise").toString(), "false");
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !monitorService().has_value(); }, 10000)) << "withdrawn";
+    EXPECT_THAT(lines, ElementsAre("OSC Server started on port " + std::to_string(inPort)));
+}
+
+}  // namespace
+}  // namespace kavrin
