@@ -206,14 +206,16 @@ void ViewController::aimLink(std::uint16_t port) {
 void ViewController::receive(const OSCMessage& message) {
     log("Received OSC message: " + message.description());
 
-    const std::string& address = message.addressPattern.rawAddress();
+    const std::string_view address = message.addressPattern.rawAddress();
     outlet<MessageLogView>("MsgView")->append(address);
 
     // Text without a byte above 127 is its own normal form, and containment in UTF-8 is
     // containment in characters: the usual address needs no conversion.
     const bool matches =
-        isASCII(address) ? !expectedNFC.empty() && address.find(expectedNFC) != std::string::npos
-              : addressContains(QString::fromStdString(address), MyInMsg);
+        isASCII(address)
+            ? !expectedNFC.empty() && address.find(expectedNFC) != std::string_view::npos
+            : addressContains(QString::fromUtf8(address.data(), static_cast<qsizetype>(address.size())),
+                              MyInMsg);
     if (matches) {
         OSCgood = true;
         log(matchedLine);

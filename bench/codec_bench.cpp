@@ -18,7 +18,7 @@ OSCMessage typicalMessage() {
 OSCMessage tenArgumentMessage() {
     return OSCMessage("/synth/voice/3/params",
                       {7, 0.5f, std::string("sine"), std::int64_t{1} << 40, 440.0, true, false,
-                       OSCNullValue{}, OSCBlob(16, 0xAB), std::string("release")});
+                       OSCNullValue{}, OSCBlob(std::vector<std::uint8_t>(16, 0xAB)), std::string("release")});
 }
 
 OSCBundle typicalBundle() {

@@ -4,13 +4,17 @@
 // (i f s h d T F N b s) and Bundle3 (three typical messages, immediate time tag).
 // Encode, from values (kavrin, liblo, oscpack): every iteration builds the case from its values
 // in each library's own form (our OSCMessage/OSCBundle, liblo's lo_message/lo_bundle, oscpack's
-// stream) and encodes it; kavrin_writer writes the same values into a caller's buffer through
-// OSCPacketWriter, as oscpack does. Encode, prebuilt (kavrin_prebuilt, liblo_prebuilt): only the encoding
-// of a form built before the loop; oscpack has none. Decode: from bytes to every argument read
-// into a sum, so that no decoder can skip work. Before any timing, every encoder must produce
-// the same bytes for each case and every decoder read the same values back from them;
-// otherwise the run stops. owning_floor is no decoder: it makes the allocations and values a
-// decode into OSCPacket cannot avoid, the lower bound for the owning decoder's figure.
+// stream) and encodes it into a buffer kept across iterations; kavrin_rawdata encodes ours with
+// rawData() instead, which returns a new vector each time; kavrin_writer writes the same values
+// into a caller's buffer through OSCPacketWriter, as oscpack does. Encode, prebuilt
+// (kavrin_prebuilt, liblo_prebuilt): only the encoding, into a kept buffer, of a form built
+// before the loop; oscpack has none. Decode: from bytes to every argument read into a sum, so
+// that no decoder can skip work; kavrin copies the bytes first (OSCPacket::decode of a span),
+// kavrin_shared decodes a shared buffer it is handed, as a receiver holding the datagram does.
+// Before any timing, every encoder must produce the same bytes for each case and every decoder
+// read the same values back from them; otherwise the run stops. owning_floor is no decoder: it
+// makes the copy and values a decode into OSCPacket from a span cannot avoid, the lower bound
+// for the kavrin decode figure.
 #include <benchmark/benchmark.h>
 #include <lo/lo.h>
 #include <lo/lo_lowlevel.h>
@@ -106,7 +110,7 @@ void readKavrinMessage(const OSCMessage& message, Sink& sink) {
                 sink.float32(std::get<float>(value));
                 break;
             case OSCValueKind::string:
-                sink.string(std::get<std::string>(value));
+                sink.string(std::get<OSCString>(value));
                 break;
             case OSCValueKind::blob: {
                 const auto& blob = std::get<OSCBlob>(value);
@@ -145,6 +149,19 @@ void readKavrinPacket(const OSCPacket& packet, Sink& sink) {
 template <class Sink>
 void decodeKavrin(const Bytes& bytes, Sink& sink) {
     readKavrinPacket(*OSCPacket::decode(bytes), sink);
+}
+
+// The datagram in a shared buffer, as a receiver would hold it; the packet keeps it.
+std::shared_ptr<const std::uint8_t[]> sharedCopy(const Bytes& bytes) {
+    auto buffer = std::make_shared_for_overwrite<std::uint8_t[]>(bytes.size());
+    std::memcpy(buffer.get(), bytes.data(), bytes.size());
+    return buffer;
+}
+
+template <class Sink>
+void decodeKavrinShared(const std::shared_ptr<const std::uint8_t[]>& buffer, std::size_t size,
+                        Sink& sink) {
+    readKavrinPacket(*OSCPacket::decode(buffer, size), sink);
 }
 
 // Ours, in place: OSCPacketView::decode, then the arguments.
@@ -452,16 +469,35 @@ void writerBundle3(OSCPacketWriter& writer) {
     writer.endBundle();
 }
 
+// Ours from values: built as OSCMessage or OSCBundle, as a user builds it, and encoded into
+// `out`, or with rawData().
+template <auto Build>
+void buildAndEncode(Bytes& out) {
+    Build().encode(out);
+}
+
+template <auto Build>
+Bytes buildAndRawData() {
+    return Build().rawData();
+}
+
+template <auto Build>
+OSCPacket buildPacket() {
+    return OSCPacket(Build());
+}
+
 // One case: how each library builds it from values, and the forms built once, in advance.
 struct Case {
     const char* name;
-    OSCPacket (*kavrin)();
+    void (*kavrin)(Bytes&);
+    Bytes (*kavrinRawData)();
     LoPacket (*liblo)();
     void (*oscpack)(osc::OutboundPacketStream&);
     void (*writer)(OSCPacketWriter&);
     OSCPacket packet;   // for the prebuilt encode and the owning floor
     LoPacket loPacket;  // for the prebuilt encode; kept for the run
     Bytes bytes;        // ours, decoded by everyone
+    std::shared_ptr<const std::uint8_t[]> shared;  // the same bytes, for kavrin_shared
 };
 
 constexpr std::size_t outputCapacity = 1024;
@@ -469,21 +505,17 @@ constexpr std::size_t outputCapacity = 1024;
 const std::vector<Case>& cases() {
     static const std::vector<Case> all = [] {
         std::vector<Case> list;
-        const auto add = [&list](const char* name, OSCPacket (*kavrin)(), LoPacket (*liblo)(),
-                                 void (*oscpack)(osc::OutboundPacketStream&),
-                                 void (*writer)(OSCPacketWriter&)) {
-            list.push_back({name, kavrin, liblo, oscpack, writer, kavrin(), liblo(), {}});
+        const auto add = [&list]<auto Build>(const char* name, LoPacket (*liblo)(),
+                                             void (*oscpack)(osc::OutboundPacketStream&),
+                                             void (*writer)(OSCPacketWriter&)) {
+            list.push_back({name, buildAndEncode<Build>, buildAndRawData<Build>, liblo, oscpack,
+                            writer, buildPacket<Build>(), liblo(), {}, {}});
             list.back().bytes = list.back().packet.rawData();
+            list.back().shared = sharedCopy(list.back().bytes);
         };
-        add(
-            "Typical", [] { return OSCPacket(typicalMessage()); }, loTypical, oscpackTypical,
-            writerTypical);
-        add(
-            "TenArgs", [] { return OSCPacket(tenArgsMessage()); }, loTenArgs, oscpackTenArgs,
-            writerTenArgs);
-        add(
-            "Bundle3", [] { return OSCPacket(bundle3()); }, loBundle3, oscpackBundle3,
-            writerBundle3);
+        add.operator()<typicalMessage>("Typical", loTypical, oscpackTypical, writerTypical);
+        add.operator()<tenArgsMessage>("TenArgs", loTenArgs, oscpackTenArgs, writerTenArgs);
+        add.operator()<bundle3>("Bundle3", loBundle3, oscpackBundle3, writerBundle3);
         return list;
     }();
     return all;
@@ -532,8 +564,11 @@ bool librariesAgree() {
     bool agree = true;
     for (const auto& c : cases()) {
         LoPacket fresh = c.liblo();
+        Bytes kept;
+        c.kavrin(kept);
         const std::pair<const char*, Bytes> encodings[] = {
-            {"kavrin", c.kavrin().rawData()},
+            {"kavrin", kept},
+            {"kavrin_rawdata", c.kavrinRawData()},
             {"liblo", libloBytes(fresh)},
             {"oscpack", oscpackBytes(c)},
             {"kavrin_writer", writerBytes(c)},
@@ -549,6 +584,10 @@ bool librariesAgree() {
         const auto ours = record(c.bytes, [](auto& b, auto& s) { decodeKavrin(b, s); });
         const std::pair<const char*, std::vector<std::string>> others[] = {
             {"kavrin_view", record(c.bytes, [](auto& b, auto& s) { decodeView(b, s); })},
+            {"kavrin_shared", record(c.bytes,
+                                     [&c](auto&, auto& s) {
+                                         decodeKavrinShared(c.shared, c.bytes.size(), s);
+                                     })},
             {"liblo", record(c.bytes, [](auto& b, auto& s) { decodeLiblo(b, s); })},
             {"oscpack", record(c.bytes, [](auto& b, auto& s) { decodeOscpack(b, s); })},
         };
@@ -568,11 +607,20 @@ bool librariesAgree() {
 // MARK: Benchmarks
 
 // From values: build the message or bundle, encode it and let it go, every iteration, which is
-// what sending a new message costs. Ours returns a new vector, the form OSCClient sends; liblo
-// and oscpack write into a buffer reused across iterations.
+// what sending a new message costs. Each library writes into a buffer reused across iterations;
+// kavrin_rawdata has rawData() return a new vector instead.
 void encodeKavrin(benchmark::State& state, const Case* c) {
+    Bytes buffer;
     for (auto _ : state) {
-        const auto bytes = c->kavrin().rawData();
+        c->kavrin(buffer);
+        benchmark::DoNotOptimize(buffer.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+void encodeKavrinRawData(benchmark::State& state, const Case* c) {
+    for (auto _ : state) {
+        const auto bytes = c->kavrinRawData();
         benchmark::DoNotOptimize(bytes.data());
     }
 }
@@ -611,9 +659,11 @@ void encodeKavrinWriter(benchmark::State& state, const Case* c) {
 // Prebuilt: the encoding alone, of a message or bundle built before the loop. oscpack has no
 // such form: its values go straight into the buffer.
 void encodeKavrinPrebuilt(benchmark::State& state, const Case* c) {
+    Bytes buffer;
     for (auto _ : state) {
-        const auto bytes = c->packet.rawData();
-        benchmark::DoNotOptimize(bytes.data());
+        c->packet.encode(buffer);
+        benchmark::DoNotOptimize(buffer.data());
+        benchmark::ClobberMemory();
     }
 }
 
@@ -630,6 +680,14 @@ void decodeWith(benchmark::State& state, const Case* c) {
     for (auto _ : state) {
         SumSink sink;
         Decode(c->bytes, sink);
+        benchmark::DoNotOptimize(sink.sum);
+    }
+}
+
+void decodeShared(benchmark::State& state, const Case* c) {
+    for (auto _ : state) {
+        SumSink sink;
+        decodeKavrinShared(c->shared, c->bytes.size(), sink);
         benchmark::DoNotOptimize(sink.sum);
     }
 }
@@ -653,6 +711,7 @@ void registerBenchmarks() {
     using Benchmark = void (*)(benchmark::State&, const Case*);
     const std::pair<const char*, Benchmark> encoders[] = {
         {"kavrin", encodeKavrin},
+        {"kavrin_rawdata", encodeKavrinRawData},
         {"liblo", encodeLiblo},
         {"oscpack", encodeOscpack},
         {"kavrin_writer", encodeKavrinWriter},
@@ -661,6 +720,7 @@ void registerBenchmarks() {
     };
     const std::pair<const char*, Benchmark> decoders[] = {
         {"kavrin", decodeWith<decodeKavrin<SumSink>>},
+        {"kavrin_shared", decodeShared},
         {"kavrin_view", decodeWith<decodeView<SumSink>>},
         {"liblo", decodeWith<decodeLiblo<SumSink>>},
         {"oscpack", decodeWith<decodeOscpack<SumSink>>},

@@ -43,7 +43,7 @@ std::unique_ptr<OSCQueryServer> servedTree(const std::shared_ptr<SerialQueue>& q
     for (int bank = 0; bank < 10; ++bank) {
         for (int channel = 0; channel < 100; ++channel) {
             const auto address = "/bank/" + std::to_string(bank) + "/ch/" + std::to_string(channel) + "/gain";
-            server->registerMethod(address, [](const std::vector<OSCValue>&) {}, gain);
+            server->registerMethod(address, [](const OSCValueList&) {}, gain);
             server->setValue(address, {OSCValue(0.5f)});
         }
     }

@@ -1,6 +1,7 @@
 #pragma once
 // OSC values, messages, bundles and time tags, and their wire form.
 #include "osc/codec/DataReader.hpp"
+#include "osc/codec/OSCBlob.hpp"
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessage.hpp"
@@ -9,9 +10,11 @@
 #include "osc/codec/OSCPacketView.hpp"
 #include "osc/codec/OSCPacketWriter.hpp"
 #include "osc/codec/OSCSerialization.hpp"
+#include "osc/codec/OSCString.hpp"
 #include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/codec/OSCTypeTag.hpp"
 #include "osc/codec/OSCValue.hpp"
+#include "osc/codec/OSCValueList.hpp"
 #include "osc/codec/OSCValueMask.hpp"
 #include "osc/codec/PassiveDataReader.hpp"

@@ -370,12 +370,15 @@ if run["mode"] == "quick":
                "everything runs.\n")
 google_table("compare_codec", "Encode (median ns per packet)", "Encode",
              ["kavrin", "liblo", "oscpack", ("kavrin ÷ fastest peer", "kavrin", ["liblo", "oscpack"]),
+              "kavrin_rawdata",
+              ("kavrin_rawdata ÷ fastest peer", "kavrin_rawdata", ["liblo", "oscpack"]),
               "kavrin_writer", ("kavrin_writer ÷ oscpack", "kavrin_writer", ["oscpack"]),
               "kavrin_prebuilt", "liblo_prebuilt",
               ("kavrin_prebuilt ÷ liblo_prebuilt", "kavrin_prebuilt", ["liblo_prebuilt"])], "ns")
 google_table("compare_codec", "Decode (median ns per packet)", "Decode",
-             ["kavrin", "kavrin_view", "liblo", "oscpack", "owning_floor",
+             ["kavrin", "kavrin_shared", "kavrin_view", "liblo", "oscpack", "owning_floor",
               ("kavrin ÷ fastest peer", "kavrin", ["liblo", "oscpack"]),
+              ("kavrin_shared ÷ fastest peer", "kavrin_shared", ["liblo", "oscpack"]),
               ("kavrin_view ÷ fastest peer", "kavrin_view", ["liblo", "oscpack"])], "ns")
 google_table("compare_matching", "Matching (median ns per match)", "Match",
              ["kavrin", "kavrin_compiled", "liblo", ("kavrin ÷ liblo", "kavrin", ["liblo"]),

@@ -97,7 +97,7 @@ class Publication {
             query_ = std::make_unique<OSCQueryServer>(std::make_shared<OSCAddressSpace>(), loop, settings);
             query_->describeOSCServer(server);
             // Described only: the server's handler answers the pings.
-            const auto answeredElsewhere = [](const std::vector<OSCValue>&) {};
+            const auto answeredElsewhere = [](const OSCValueList&) {};
             query_->registerMethod(pingAddress, answeredElsewhere);
             OSCQueryAttributes pings;
             pings.type = "i";

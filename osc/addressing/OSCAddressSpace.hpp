@@ -12,13 +12,13 @@
 #include <utility>
 #include <vector>
 
+#include "osc/codec/OSCValueList.hpp"
 #include "osc/pattern/OSCAddressPattern.hpp"
 
 namespace kavrin {
 
 class DispatchQueue;
 struct OSCMessage;
-struct OSCValue;
 
 // A tree of named nodes mapping concrete OSC method addresses ("/synth/1/gain") to handler
 // blocks; a message is dispatched to every method whose address its pattern matches.
@@ -28,7 +28,7 @@ struct OSCValue;
 class OSCAddressSpace {
   public:
     // A method's handler; it receives the message's values.
-    using Block = std::function<void(const std::vector<OSCValue>&)>;
+    using Block = std::function<void(const OSCValueList&)>;
 
     // The identity of a node: a random (version 4) UUID.
     struct MethodID {

@@ -41,78 +41,87 @@ OSCArgumentView::Range OSCArgumentView::elements() const {
     return {Iterator(tag_ + 1, data_), Iterator(close, data)};
 }
 
-namespace {
-
 // Makes the argument's value with make(std::in_place_type<Kind>, constructor arguments...),
 // which puts it where it belongs and returns it; an array is then filled in place.
 template <class Make>
-void makeValue(const OSCArgumentView& argument, Make&& make) {
-    switch (argument.kind()) {
-        case OSCValueKind::blob: {
-            const auto bytes = argument.blob();
-            make(std::in_place_type<OSCBlob>, bytes.begin(), bytes.end());
+void OSCArgumentView::makeValue(const Buffer* buffer, Make&& make) const {
+    switch (kind()) {
+        case OSCValueKind::blob:
+            if (buffer) {
+                make(std::in_place_type<OSCBlob>, blob(), *buffer);
+            } else {
+                make(std::in_place_type<OSCBlob>, blob());
+            }
             return;
-        }
         case OSCValueKind::float32:
-            make(std::in_place_type<float>, argument.float32());
+            make(std::in_place_type<float>, float32());
             return;
         case OSCValueKind::int32:
-            make(std::in_place_type<std::int32_t>, argument.int32());
+            make(std::in_place_type<std::int32_t>, int32());
             return;
         case OSCValueKind::string:
-            make(std::in_place_type<std::string>, argument.string());
+            if (buffer) {
+                make(std::in_place_type<OSCString>, string(), *buffer);
+            } else {
+                make(std::in_place_type<OSCString>, string());
+            }
             return;
         case OSCValueKind::boolean:
-            make(std::in_place_type<bool>, argument.boolean());
+            make(std::in_place_type<bool>, boolean());
             return;
         case OSCValueKind::character:
-            make(std::in_place_type<char32_t>, argument.character());
+            make(std::in_place_type<char32_t>, character());
             return;
         case OSCValueKind::float64:
-            make(std::in_place_type<double>, argument.float64());
+            make(std::in_place_type<double>, float64());
             return;
         case OSCValueKind::int64:
-            make(std::in_place_type<std::int64_t>, argument.int64());
+            make(std::in_place_type<std::int64_t>, int64());
             return;
         case OSCValueKind::array: {
             auto& array = std::get<OSCArrayValue>(make(std::in_place_type<OSCArrayValue>));
-            for (const auto element : argument.elements()) element.appendTo(array.elements);
+            for (const auto element : elements()) element.appendTo(array.elements, buffer);
             return;
         }
         case OSCValueKind::impulse:
             make(std::in_place_type<OSCImpulseValue>);
             return;
         case OSCValueKind::midi:
-            make(std::in_place_type<OSCMIDIValue>, argument.midi());
+            make(std::in_place_type<OSCMIDIValue>, midi());
             return;
         case OSCValueKind::null:
             make(std::in_place_type<OSCNullValue>);
             return;
         case OSCValueKind::stringAlt:
             make(std::in_place_type<OSCStringAltValue>,
-                 OSCStringAltValue{std::string(argument.string())});
+                 OSCStringAltValue{buffer ? OSCString(string(), *buffer) : OSCString(string())});
             return;
         case OSCValueKind::timeTag:
-            make(std::in_place_type<OSCTimeTag>, argument.timeTag());
+            make(std::in_place_type<OSCTimeTag>, timeTag());
             return;
     }
 }
 
-}  // namespace
-
 OSCValue OSCArgumentView::value() const {
     std::optional<OSCValue> value;
-    makeValue(*this, [&](auto kind, auto&&... arguments) -> OSCValue& {
+    makeValue(nullptr, [&](auto kind, auto&&... arguments) -> OSCValue& {
         return value.emplace(kind, std::forward<decltype(arguments)>(arguments)...);
     });
     return std::move(*value);
 }
 
-// In place in the vector: decoding a message makes one value per argument.
-void OSCArgumentView::appendTo(std::vector<OSCValue>& values) const {
-    makeValue(*this, [&](auto kind, auto&&... arguments) -> OSCValue& {
+// In place in the list: decoding a message makes one value per argument.
+template <class Values>
+void OSCArgumentView::appendTo(Values& values, const Buffer* buffer) const {
+    makeValue(buffer, [&](auto kind, auto&&... arguments) -> OSCValue& {
         return values.emplace_back(kind, std::forward<decltype(arguments)>(arguments)...);
     });
 }
+
+void OSCArgumentView::appendTo(OSCValueList& values) const {
+    appendTo(values, nullptr);
+}
+
+template void OSCArgumentView::appendTo(OSCValueList&, const Buffer*) const;
 
 }  // namespace kavrin

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -12,6 +13,7 @@
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/codec/OSCTypeTag.hpp"
 #include "osc/codec/OSCValue.hpp"
+#include "osc/codec/OSCValueList.hpp"
 #include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/detail/OSCPadding.hpp"
 
@@ -78,14 +80,23 @@ class OSCArgumentView {
     }
     Range elements() const;
 
-    // The argument as an owned value, as OSCMessage::decode gives it.
+    // The argument as an owned value, as OSCMessage::decode gives it; a long string or blob is
+    // copied.
     OSCValue value() const;
     // The same value made in place at the end of `values`, without a move.
-    void appendTo(std::vector<OSCValue>& values) const;
+    void appendTo(OSCValueList& values) const;
 
   private:
     friend class OSCMessageView;
     friend class OSCBundleView;
+    friend struct OSCMessage;
+    using Buffer = std::shared_ptr<const std::uint8_t[]>;
+    // A long string or blob shares `buffer` (nullptr: is copied), which holds the argument.
+    template <class Values>
+    void appendTo(Values& values, const Buffer* buffer) const;
+    template <class Make>
+    void makeValue(const Buffer* buffer, Make&& make) const;
+
     OSCArgumentView(const char* tag, const std::uint8_t* data) : tag_(tag), data_(data) {}
     // Only the kind's first tag passes; the table is read when this is compiled.
     template <OSCValueKind kind>

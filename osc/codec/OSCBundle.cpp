@@ -40,9 +40,14 @@ OSCBundle& OSCBundle::operator=(OSCBundle&&) noexcept = default;
 OSCBundle::~OSCBundle() = default;
 
 std::vector<std::uint8_t> OSCBundle::rawData(OSCTextPolicy policy) const {
-    std::vector<std::uint8_t> bytes(encodedSize(1, policy));
-    encodeInto(bytes.data(), 1, policy);
+    std::vector<std::uint8_t> bytes;
+    encode(bytes, policy);
     return bytes;
+}
+
+void OSCBundle::encode(std::vector<std::uint8_t>& into, OSCTextPolicy policy) const {
+    into.assign(encodedSize(1, policy), 0);  // the writing pass wants zeros
+    encodeInto(into.data(), 1, policy);
 }
 
 std::size_t OSCBundle::encodedSize(OSCTextPolicy policy) const {
@@ -93,6 +98,12 @@ OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes, OSCTextPolicy p
     return decode(kept, std::move(copy), 1, policy);
 }
 
+OSCBundle OSCBundle::decode(std::shared_ptr<const std::uint8_t[]> buffer, std::size_t size,
+                            OSCTextPolicy policy) {
+    const std::span<const std::uint8_t> bytes(buffer.get(), size);
+    return decode(bytes, std::move(buffer), 1, policy);
+}
+
 OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes,
                             std::shared_ptr<const std::uint8_t[]> owner, int depth,
                             OSCTextPolicy policy) {
@@ -102,7 +113,8 @@ OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes,
         if (isBundle) {
             bundle.elements.emplace_back(decode(element, owner, depth + 1, policy));
         } else {
-            bundle.elements.emplace_back(OSCMessage::decode(element, owner, policy));
+            auto& message = bundle.elements.emplace_back(std::in_place_type<OSCMessage>);
+            std::get<OSCMessage>(message).decodeFrom(element, owner, policy);
         }
     });
     bundle.decodedFrom_ = rawBytes::DecodedBytes(std::move(owner), bytes);

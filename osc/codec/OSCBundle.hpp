@@ -43,9 +43,14 @@ struct OSCBundle {
     // Throws OSCEncodeError (a value without an encoder, nesting beyond the limits). Strings as
     // `policy` has them (OSCTextPolicy).
     std::vector<std::uint8_t> rawData(OSCTextPolicy policy = OSCTextPolicy::ascii) const;
+    // Into a buffer reused from one call to the next, as OSCMessage::encode.
+    void encode(std::vector<std::uint8_t>& into, OSCTextPolicy policy = OSCTextPolicy::ascii) const;
     // Throws OSCDecodeError with one of the fixed texts; never reads outside `bytes`. The
     // string arguments may hold what `policy` allows.
     static OSCBundle decode(std::span<const std::uint8_t> bytes,
+                            OSCTextPolicy policy = OSCTextPolicy::ascii);
+    // From a shared buffer the bundle keeps instead of a copy, as OSCMessage's.
+    static OSCBundle decode(std::shared_ptr<const std::uint8_t[]> buffer, std::size_t size,
                             OSCTextPolicy policy = OSCTextPolicy::ascii);
     std::optional<std::span<const std::uint8_t>> decodedFrom() const;
 

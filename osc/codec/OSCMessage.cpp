@@ -18,7 +18,8 @@ namespace kavrin {
 namespace {
 
 // The tags the values write: one each, an array its brackets and its elements' tags.
-std::size_t tagCount(const std::vector<OSCValue>& values) {
+template <class Values>
+std::size_t tagCount(const Values& values) {
     std::size_t count = values.size();
     for (const auto& value : values) {
         if (const auto* array = std::get_if<OSCArrayValue>(&value.base())) {
@@ -30,8 +31,12 @@ std::size_t tagCount(const std::vector<OSCValue>& values) {
 
 }  // namespace
 
-OSCMessage::OSCMessage(OSCAddressPattern pattern, std::vector<OSCValue> values)
+OSCMessage::OSCMessage(OSCAddressPattern pattern, OSCValueList values)
     : addressPattern(std::move(pattern)), values(std::move(values)) {}
+
+// Straight into the list: no second list to move from.
+OSCMessage::OSCMessage(OSCAddressPattern pattern, std::initializer_list<OSCValue> values)
+    : addressPattern(std::move(pattern)), values(values) {}
 
 std::size_t OSCMessage::encodedSize(OSCTextPolicy policy) const {
     return layout(policy).total();
@@ -42,10 +47,15 @@ std::uint8_t* OSCMessage::encodeInto(std::uint8_t* out, OSCTextPolicy policy) co
 }
 
 std::vector<std::uint8_t> OSCMessage::rawData(OSCTextPolicy policy) const {
-    const auto sizes = layout(policy);
-    std::vector<std::uint8_t> bytes(sizes.total());
-    write(sizes, bytes.data(), policy);
+    std::vector<std::uint8_t> bytes;
+    encode(bytes, policy);
     return bytes;
+}
+
+void OSCMessage::encode(std::vector<std::uint8_t>& into, OSCTextPolicy policy) const {
+    const auto sizes = layout(policy);
+    into.assign(sizes.total(), 0);  // the writing pass wants zeros
+    write(sizes, into.data(), policy);
 }
 
 // The measuring pass: the sizes of the three parts.
@@ -59,7 +69,7 @@ OSCMessage::Layout OSCMessage::layout(OSCTextPolicy policy) const {
 // The writing pass into zero-filled bytes, each part at its place.
 std::uint8_t* OSCMessage::write(const Layout& sizes, std::uint8_t* out,
                                 OSCTextPolicy policy) const {
-    const auto& address = addressPattern.rawAddress();
+    const auto address = addressPattern.rawAddress();
     std::memcpy(out, address.data(), address.size());
     std::uint8_t* tags = out + sizes.address;
     *tags = ',';
@@ -78,21 +88,29 @@ std::uint8_t* OSCMessage::writeMeasured(std::uint8_t* out, OSCTextPolicy policy)
 OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes, OSCTextPolicy policy) {
     auto copy = rawBytes::shareCopy(bytes);
     const std::span<const std::uint8_t> kept(copy.get(), bytes.size());
-    return decode(kept, std::move(copy), policy);
+    OSCMessage message;
+    message.decodeFrom(kept, std::move(copy), policy);
+    return message;
 }
 
-OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes,
-                              std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy) {
-    // The view makes every check of the format, in its order and with its texts, and finds the
-    // arguments; what is left is to copy them out.
-    const OSCMessageView view(bytes, policy);
+OSCMessage OSCMessage::decode(std::shared_ptr<const std::uint8_t[]> buffer, std::size_t size,
+                              OSCTextPolicy policy) {
+    const std::span<const std::uint8_t> bytes(buffer.get(), size);
     OSCMessage message;
-    message.addressPattern = OSCAddressPattern(view.address(), OSCAddressPattern::ASCII{});
-    message.values.reserve(view.argumentCount());
-    for (const auto argument : view) argument.appendTo(message.values);
-    // Whatever follows the last argument is ignored.
-    message.decodedFrom_ = rawBytes::DecodedBytes(std::move(owner), bytes);
+    message.decodeFrom(bytes, std::move(buffer), policy);
     return message;
+}
+
+void OSCMessage::decodeFrom(std::span<const std::uint8_t> bytes,
+                            std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy) {
+    // The view makes every check of the format, in its order and with its texts, and finds the
+    // arguments; what is left is to take them out, long strings and blobs as views of `owner`.
+    const OSCMessageView view(bytes, policy);
+    addressPattern = OSCAddressPattern(view.address(), owner, OSCAddressPattern::ASCII{});
+    values.reserve(view.argumentCount());
+    for (const auto argument : view) argument.appendTo(values, &owner);
+    // Whatever follows the last argument is ignored.
+    decodedFrom_ = rawBytes::DecodedBytes(std::move(owner), bytes);
 }
 
 std::optional<std::span<const std::uint8_t>> OSCMessage::decodedFrom() const {
@@ -100,8 +118,8 @@ std::optional<std::span<const std::uint8_t>> OSCMessage::decodedFrom() const {
 }
 
 std::string OSCMessage::description() const {
-    return rawBytes::describedList("OSCMessage(\"" + addressPattern.rawAddress() + "\")", "values",
-                                   values, describe);
+    return rawBytes::describedList("OSCMessage(\"" + addressPattern.description() + "\")",
+                                   "values", values, describe);
 }
 
 bool operator==(const OSCMessage& lhs, const OSCMessage& rhs) {

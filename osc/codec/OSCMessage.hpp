@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <span>
@@ -11,6 +12,7 @@
 
 #include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCValue.hpp"
+#include "osc/codec/OSCValueList.hpp"
 #include "osc/codec/OSCValueMask.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/pattern/OSCAddressPattern.hpp"
@@ -21,6 +23,10 @@ namespace kavrin {
 // from (kept for the receiver, but no part of equality or hashing). A plain value: distinct
 // objects from any thread, a shared one for reading only.
 //
+// The usual message allocates nothing: an address of up to 48 bytes, up to 8 values and strings
+// and blobs of up to 32 bytes are all kept inside it. Decoded, longer strings and blobs share
+// the bytes it was decoded from instead of copying them.
+//
 // Wire form: the address, the tag string ("," and one tag per value) and the argument bytes,
 // each a whole number of 4-byte words. Decoding is lenient about the tag string: "," and zero
 // characters are skipped wherever they stand, so a missing leading comma is accepted. Arrays
@@ -28,17 +34,27 @@ namespace kavrin {
 // OSCDecodeError::malformed("Array nesting exceeds the maximum depth of 128 levels.").
 struct OSCMessage {
     OSCAddressPattern addressPattern;
-    std::vector<OSCValue> values;
+    OSCValueList values;
 
-    OSCMessage() = default;
-    OSCMessage(OSCAddressPattern pattern, std::vector<OSCValue> values = {});
+    // Made, not value-initialised: no zero-filling of the room for values first.
+    OSCMessage() {}
+    OSCMessage(OSCAddressPattern pattern, OSCValueList values = {});
+    OSCMessage(OSCAddressPattern pattern, std::initializer_list<OSCValue> values);
 
     // Encodes, strings as `policy` has them (OSCTextPolicy); throws OSCEncodeError only for a
     // value kind without an encoder or a too deep array.
     std::vector<std::uint8_t> rawData(OSCTextPolicy policy = OSCTextPolicy::ascii) const;
+    // Encodes into `into`, in place of what it held, with the errors of rawData(). Its capacity
+    // is kept: a buffer reused for each message stops allocating once it has held the largest.
+    void encode(std::vector<std::uint8_t>& into, OSCTextPolicy policy = OSCTextPolicy::ascii) const;
     // Throws OSCDecodeError with one of the fixed texts; never reads outside `bytes`. The
-    // string arguments may hold what `policy` allows.
+    // string arguments may hold what `policy` allows. The message keeps a copy of `bytes`.
     static OSCMessage decode(std::span<const std::uint8_t> bytes,
+                             OSCTextPolicy policy = OSCTextPolicy::ascii);
+    // The same for the first `size` bytes of `buffer`, which the message keeps as the bytes it
+    // was decoded from instead of a copy: for a receiver that holds the datagram in a shared
+    // buffer. Nothing may change those bytes while the message or a value taken from it lives.
+    static OSCMessage decode(std::shared_ptr<const std::uint8_t[]> buffer, std::size_t size,
                              OSCTextPolicy policy = OSCTextPolicy::ascii);
     // The bytes this message was decoded from (shared with its bundle, if any); nothing for a
     // message built in code.
@@ -74,9 +90,10 @@ struct OSCMessage {
     // is known to succeed): the tag string's size follows from the values without a pass.
     std::uint8_t* writeMeasured(std::uint8_t* out, OSCTextPolicy policy) const;
 
-    // Decodes `bytes`, a part of the buffer `owner`, which the message keeps.
-    static OSCMessage decode(std::span<const std::uint8_t> bytes,
-                             std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy);
+    // Decodes `bytes`, a part of the buffer `owner`, into this message, made empty and kept in
+    // place: a packet or bundle decodes its messages where they will stay, with no move.
+    void decodeFrom(std::span<const std::uint8_t> bytes,
+                    std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy);
 
     rawBytes::DecodedBytes decodedFrom_;
 };

@@ -12,7 +12,7 @@ namespace kavrin {
 
 namespace {
 
-void putText(const std::string& text, OSCValueEncoder& encoder) {
+void putText(std::string_view text, OSCValueEncoder& encoder) {
     if (wireFormat::keepsText(text, encoder.textPolicy())) {
         encoder.nullTerminated(text);
     } else {
@@ -95,8 +95,8 @@ void OSCSerialization::measureValue(const OSCValue& value, OSCValueEncoder& meas
     const EncodePlan& plan = plans_[value.index()];
     if (plan.registered) {
         if (plan.width != oscTypeTag::variableWidth) return measure.count(plan.width);
-        if (const auto* text = std::get_if<std::string>(&value.base());
-            text && !hasZeroOrNonASCII(*text)) {
+        if (const auto* text = std::get_if<OSCString>(&value.base());
+            text && !hasZeroOrNonASCII(text->view())) {
             return measure.count(padding::nullTerminatedSize(text->size()));
         }
         if (const auto* blob = std::get_if<OSCBlob>(&value.base())) {
@@ -145,7 +145,7 @@ void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encod
             encoder.uint64(as<OSCTimeTag>(value).rawValue);
             return;
         case OSCArgumentFormat::string:
-            putText(kindOf(value) == OSCValueKind::string ? as<std::string>(value)
+            putText(kindOf(value) == OSCValueKind::string ? as<OSCString>(value)
                                                           : as<OSCStringAltValue>(value).string,
                     encoder);
             return;

@@ -112,7 +112,7 @@ struct Printer {
     std::string operator()(double value) const { return floatingText(value); }
     std::string operator()(std::int32_t value) const { return std::to_string(value); }
     std::string operator()(std::int64_t value) const { return std::to_string(value); }
-    std::string operator()(const std::string& value) const { return escaped(value); }
+    std::string operator()(const OSCString& value) const { return escaped(value); }
     std::string operator()(bool value) const { return value ? "true" : "false"; }
     std::string operator()(char32_t value) const {
         std::string text;
@@ -180,14 +180,8 @@ std::string describe(const OSCValue& value) {
 std::size_t std::hash<kavrin::OSCValue>::operator()(const kavrin::OSCValue& value) const noexcept {
     std::size_t seed = value.index();
     const std::size_t payload = std::visit(
-        [](const auto& alternative) -> std::size_t {
-            using T = std::decay_t<decltype(alternative)>;
-            if constexpr (std::is_same_v<T, kavrin::OSCBlob>) {
-                return std::hash<std::string_view>{}(std::string_view(
-                    reinterpret_cast<const char*>(alternative.data()), alternative.size()));
-            } else {
-                return std::hash<T>{}(alternative);
-            }
+        [](const auto& alternative) {
+            return std::hash<std::decay_t<decltype(alternative)>>{}(alternative);
         },
         value.base());
     kavrin::hashCombine(seed, payload);

@@ -7,17 +7,18 @@
 #include <variant>
 #include <vector>
 
+#include "osc/codec/OSCBlob.hpp"
+#include "osc/codec/OSCString.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 
 namespace kavrin {
 
 // The closed set of OSC argument kinds and their tags:
-//   OSCBlob b, float f, int32_t i, std::string s, bool T/F, char32_t c, double d, int64_t h,
+//   OSCBlob b, float f, int32_t i, OSCString s, bool T/F, char32_t c, double d, int64_t h,
 //   OSCArrayValue [ ... ], OSCImpulseValue I, OSCMIDIValue m, OSCNullValue N,
 //   OSCStringAltValue S, OSCTimeTag t.
-// Plain values, usable from any thread.
-
-using OSCBlob = std::vector<std::uint8_t>;
+// Plain values, usable from any thread. None allocates but a string or blob of more than 32
+// bytes made in code, and an array's elements.
 
 // The impulse marker; every instance equals every other.
 struct OSCImpulseValue {
@@ -39,7 +40,7 @@ struct OSCMIDIValue {
 
 // Text sent with the tag S: a kind of its own so that a decoded S goes back out as S, not s.
 struct OSCStringAltValue {
-    std::string string;
+    OSCString string;
     friend bool operator==(const OSCStringAltValue&, const OSCStringAltValue&) = default;
 };
 
@@ -51,7 +52,7 @@ struct OSCArrayValue {
     friend bool operator==(const OSCArrayValue&, const OSCArrayValue&);
 };
 
-struct OSCValue : std::variant<OSCBlob, float, std::int32_t, std::string, bool, char32_t, double,
+struct OSCValue : std::variant<OSCBlob, float, std::int32_t, OSCString, bool, char32_t, double,
                                std::int64_t, OSCArrayValue, OSCImpulseValue, OSCMIDIValue,
                                OSCNullValue, OSCStringAltValue, OSCTimeTag> {
     using variant::variant;
@@ -121,6 +122,6 @@ struct std::hash<kavrin::OSCMIDIValue> {
 template <>
 struct std::hash<kavrin::OSCStringAltValue> {
     std::size_t operator()(const kavrin::OSCStringAltValue& value) const noexcept {
-        return std::hash<std::string>{}(value.string);
+        return std::hash<kavrin::OSCString>{}(value.string);
     }
 };

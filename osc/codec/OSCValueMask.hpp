@@ -14,10 +14,13 @@
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCNumberValue.hpp"
 #include "osc/codec/OSCValue.hpp"
+#include "osc/codec/OSCValueList.hpp"
 
 // Value masks: typed extraction of a message's values against a list of expected kinds, as in
 // message.masked<std::int32_t, std::string, std::optional<float>>(). A kind is any alternative
-// of OSCValue, OSCValue itself (anything), or OSCNumberValue. The numeric types int32_t,
+// of OSCValue, OSCValue itself (anything), or OSCNumberValue; std::string and std::string_view
+// take a String as OSCString does, std::vector<std::uint8_t> a Blob as OSCBlob (the view is
+// valid while the message lives). The numeric types int32_t,
 // int64_t, float and double, like OSCNumberValue, accept any of Int32, Int64, Float32 and Double
 // and convert (see OSCNumberValueBase). std::optional<Kind> may end the list: a missing value
 // gives std::nullopt. Misfits throw OSCValueMaskError.
@@ -66,6 +69,14 @@ T extract(const OSCValue& value, std::size_t index) {
             if constexpr (std::is_same_v<T, float>) return number->base.floatValue();
             if constexpr (std::is_same_v<T, double>) return number->base.doubleValue();
         }
+    } else if constexpr (std::is_same_v<T, std::string> || std::is_same_v<T, std::string_view>) {
+        const auto* text = std::get_if<OSCString>(&value.base());
+        if (!text) throwTypeMismatch(index, kindName(OSCValueKind::string), value);
+        return T(text->view());
+    } else if constexpr (std::is_same_v<T, std::vector<std::uint8_t>>) {
+        const auto* blob = std::get_if<OSCBlob>(&value.base());
+        if (!blob) throwTypeMismatch(index, kindName(OSCValueKind::blob), value);
+        return T(blob->begin(), blob->end());
     } else {
         if (const auto* found = std::get_if<T>(&value.base())) return *found;
         const OSCValue sample{T{}};
@@ -74,7 +85,7 @@ T extract(const OSCValue& value, std::size_t index) {
 }
 
 template <class... Kinds, std::size_t... I>
-std::tuple<Kinds...> extractAll(const std::vector<OSCValue>& values, std::index_sequence<I...>) {
+std::tuple<Kinds...> extractAll(const OSCValueList& values, std::index_sequence<I...>) {
     const auto one = [&values]<class K>(std::size_t index, std::type_identity<K>) -> K {
         if constexpr (Optional<K>::value) {
             if (index >= values.size()) return std::nullopt;
@@ -89,7 +100,7 @@ std::tuple<Kinds...> extractAll(const std::vector<OSCValue>& values, std::index_
 }  // namespace valueMask
 
 template <class... Kinds>
-std::tuple<Kinds...> maskValues(const std::vector<OSCValue>& values) {
+std::tuple<Kinds...> maskValues(const OSCValueList& values) {
     constexpr std::array<bool, sizeof...(Kinds)> optional = {valueMask::Optional<Kinds>::value...};
     constexpr std::size_t required = [&] {
         std::size_t count = 0;

@@ -107,17 +107,14 @@ OSCAddressPattern::OSCAddressPattern() = default;
 // All bytes below 0x80 is exactly "every character is one scalar <= 127, or CR LF": no ASCII
 // scalar extends a grapheme cluster except LF after CR.
 OSCAddressPattern::OSCAddressPattern(std::string_view text)
-    : rawAddress_(isASCII(text) ? std::string(text) : lossyASCII(text)) {}
+    : rawAddress_(isASCII(text) ? decltype(rawAddress_)(text)
+                                : decltype(rawAddress_)(std::string_view(lossyASCII(text)))) {}
 
 OSCAddressPattern::OSCAddressPattern(const char* text)
     : OSCAddressPattern(std::string_view(text ? text : "")) {}
 
 OSCAddressPattern::OSCAddressPattern(const std::string& text)
     : OSCAddressPattern(std::string_view(text)) {}
-
-std::span<const std::uint8_t> OSCAddressPattern::rawData() const {
-    return {reinterpret_cast<const std::uint8_t*>(rawAddress_.data()), rawAddress_.size()};
-}
 
 // MARK: Parsing
 
@@ -203,7 +200,7 @@ bool OSCAddressPattern::matchComponent(const CharacterView& component,
 
 std::size_t std::hash<kavrin::OSCAddressPattern>::operator()(
     const kavrin::OSCAddressPattern& pattern) const noexcept {
-    return std::hash<std::string>{}(pattern.rawAddress());
+    return std::hash<std::string_view>{}(pattern.rawAddress());
 }
 
 std::size_t std::hash<kavrin::OSCAddressPattern::CharacterGroup>::operator()(

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <set>
 #include <span>
 #include <string>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "osc/pattern/CharacterView.hpp"
+#include "support/CompactBytes.hpp"
 
 namespace kavrin {
 
@@ -18,6 +20,8 @@ namespace kavrin {
 // components and tokens happens on demand and never fails: malformed wildcard syntax is read
 // as literal text. A "character" here is one user-perceived character (extended grapheme
 // cluster) held as its UTF-8 bytes; in ASCII text that is one byte, except that CR LF is one.
+// An address of up to 48 bytes is kept inside the object: making one from ASCII text, or
+// decoding one, allocates nothing.
 // A plain value: distinct objects may be used from any thread, a shared one for reading only.
 class OSCAddressPattern {
   public:
@@ -86,11 +90,12 @@ class OSCAddressPattern {
     OSCAddressPattern(const char* text);
     OSCAddressPattern(const std::string& text);
 
-    const std::string& rawAddress() const { return rawAddress_; }
+    // Valid while this pattern lives.
+    std::string_view rawAddress() const { return rawAddress_.text(); }
     // The ASCII bytes of rawAddress(), no terminator and no padding; valid while this lives.
-    std::span<const std::uint8_t> rawData() const;
+    std::span<const std::uint8_t> rawData() const { return rawAddress_.bytes(); }
     // rawAddress() unchanged.
-    std::string description() const { return rawAddress_; }
+    std::string description() const { return std::string(rawAddress_.text()); }
 
     // Whether the concrete `address` (any UTF-8) matches this pattern. Parses the pattern on
     // every call; the empty pattern and "/" match nothing, not even "/".
@@ -117,10 +122,14 @@ class OSCAddressPattern {
   private:
     friend struct OSCMessage;
     struct ASCII {};
-    // For text already known to be ASCII (a decoded address): no second look at each byte.
-    OSCAddressPattern(std::string_view text, ASCII) : rawAddress_(text) {}
+    // For text already known to be ASCII (a decoded address): no second look at each byte. A
+    // long one shares `buffer`, the datagram it was found in.
+    OSCAddressPattern(std::string_view text, const std::shared_ptr<const std::uint8_t[]>& buffer,
+                      ASCII)
+        : rawAddress_(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()),
+                      buffer) {}
 
-    std::string rawAddress_;
+    CompactBytes<48> rawAddress_;
 };
 
 }  // namespace kavrin

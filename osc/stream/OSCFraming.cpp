@@ -49,8 +49,14 @@ std::vector<std::uint8_t> framePacket(OSCFraming framing, const OSCPacket& packe
         std::visit([&](const auto& p) { p.encodeInto(out.data() + 4, policy); }, packet.base());
         return out;
     }
+    // SLIP escapes the encoding into the frame: encoded first into a buffer this thread keeps,
+    // so that the frame is the one allocation. A rare large packet's room is not kept.
+    constexpr std::size_t keptRoom = 64 * 1024;
+    thread_local std::vector<std::uint8_t> encoded;
+    packet.encode(encoded, policy);
     std::vector<std::uint8_t> out;
-    appendFrame(framing, packet.rawData(policy), out);
+    appendFrame(framing, encoded, out);
+    if (encoded.capacity() > keptRoom) encoded = {};
     return out;
 }
 

@@ -20,10 +20,10 @@ using NodeType = OSCAddressSpace::NodeType;
 // Records which blocks ran, in order, with the values they got.
 struct CallLog {
     std::vector<std::string> calls;
-    std::vector<std::vector<OSCValue>> values;
+    std::vector<OSCValueList> values;
 
     OSCAddressSpace::Block block(std::string name) {
-        return [this, name](const std::vector<OSCValue>& given) {
+        return [this, name](const OSCValueList& given) {
             calls.push_back(name);
             values.push_back(given);
         };
@@ -182,12 +182,12 @@ TEST(OSCAddressSpace, WildcardsInRegisteredAddressesAreLiteralNames) {
 TEST(OSCAddressSpace, DispatchPassesTheValuesInlineOnTheCallingThread) {
     OSCAddressSpace space;
     std::vector<std::thread::id> threads;
-    std::vector<OSCValue> received;
-    space.registerMethod("/v", [&](const std::vector<OSCValue>& values) {
+    OSCValueList received;
+    space.registerMethod("/v", [&](const OSCValueList& values) {
         threads.push_back(std::this_thread::get_id());
         received = values;
     });
-    const std::vector<OSCValue> values = {std::int32_t{1}, std::string("x"), 2.5f};
+    const OSCValueList values = {std::int32_t{1}, std::string("x"), 2.5f};
     space.dispatch(OSCMessage("/v", values));
     EXPECT_EQ(threads, std::vector<std::thread::id>{std::this_thread::get_id()});
     EXPECT_EQ(received, values);
@@ -223,7 +223,7 @@ TEST(OSCAddressSpace, DispatchOnAQueuePostsOneWorkItemThatOwnsWhatItNeeds) {
     EXPECT_EQ(queue->drain(), 1u);
     EXPECT_EQ(log.calls, (std::vector<std::string>{"x", "y"}));
     EXPECT_EQ(log.values,
-              (std::vector<std::vector<OSCValue>>{{std::int32_t{7}}, {std::int32_t{7}}}));
+              (std::vector<OSCValueList>{{std::int32_t{7}}, {std::int32_t{7}}}));
     EXPECT_EQ(queue->drain(), 0u);
 }
 

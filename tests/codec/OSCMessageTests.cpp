@@ -5,11 +5,16 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <memory>
+#include <string>
 #include <unordered_set>
+#include <vector>
 
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCPacketView.hpp"
+#include "osc/codec/OSCPacket.hpp"
 #include "tests/codec/CodecTestSupport.hpp"
+#include "tests/AllocationCount.hpp"
 #include "tests/codec/ViewAgreement.hpp"
 
 namespace kavrin {
@@ -158,6 +163,41 @@ TEST(OSCMessageDecoding, EveryKindRoundTripsAndKeepsItsBytes) {
     EXPECT_EQ(back.rawData(), extremes.rawData());
     EXPECT_TRUE(std::isnan(std::get<float>(back.values[3])));
     EXPECT_TRUE(std::signbit(std::get<double>(back.values[2])));
+}
+
+TEST(OSCMessageAllocation, TheUsualMessageIsBuiltEncodedAndDecodedWithoutAllocating) {
+    // The largest usual message: a 48-byte address, 8 values, 32-byte strings and blob.
+    const std::string address = "/" + std::string(47, 'a');
+    const std::string text(32, 't');
+    const std::vector<std::uint8_t> blob(32, 0xB1);
+    std::vector<std::uint8_t> buffer;
+    const auto build = [&] {
+        return OSCMessage(address, {1, 2.5f, OSCString(text), OSCBlob(blob), true, 3.0,
+                                    std::int64_t{4}, OSCStringAltValue{text}});
+    };
+    build().encode(buffer);  // sizes the buffer, and makes the codec's tables
+    const Bytes encoded = buffer;
+
+    std::size_t before = test::allocationCount();
+    build().encode(buffer);
+    EXPECT_EQ(test::allocationCount(), before) << "building and encoding";
+    EXPECT_EQ(buffer, encoded);
+
+    // From a shared buffer the caller hands over, which the message keeps as its bytes; a
+    // long string shares it too.
+    const OSCMessage longText("/l", {OSCString(std::string(100, 'x'))});
+    for (const auto& expected : {build(), longText}) {
+        const Bytes bytes = expected.rawData();
+        const auto shared = std::make_shared_for_overwrite<std::uint8_t[]>(bytes.size());
+        std::copy(bytes.begin(), bytes.end(), shared.get());
+        before = test::allocationCount();
+        const auto message = OSCMessage::decode(shared, bytes.size());
+        const auto packet = OSCPacket::decode(shared, bytes.size());
+        EXPECT_EQ(test::allocationCount(), before) << "decoding " << expected.description();
+        EXPECT_EQ(message, expected);
+        EXPECT_EQ(std::get<OSCMessage>(packet->base()), expected);
+        EXPECT_EQ(message.decodedFrom()->data(), shared.get());
+    }
 }
 
 TEST(OSCMessageDecoding, TagStringsAreLenientAboutCommas) {

@@ -54,9 +54,9 @@ TEST(OSCPacketWriter, WritesTheBytesOfTheOwningEncoderWithoutAllocating) {
     std::vector<std::uint8_t> buffer(512);
     {
         OSCPacketWriter writer(buffer);
-        const std::size_t before = allocationCount.load();
+        const std::size_t before = test::allocationCount();
         writeEveryKind(writer, blob);
-        EXPECT_EQ(allocationCount.load(), before);
+        EXPECT_EQ(test::allocationCount(), before);
         EXPECT_TRUE(writer.isComplete());
         EXPECT_EQ(Bytes(writer.bytes().begin(), writer.bytes().end()), everyKind(blob).rawData());
     }
@@ -76,9 +76,8 @@ TEST(OSCPacketWriter, WritesTheBytesOfTheOwningEncoderWithoutAllocating) {
         const OSCBundle expected(
             OSCTimeTag::immediate(),
             {OSCMessage("/a"),
-             OSCBundle({0, 5},
-                       {OSCMessage("/caf\xC3\xA9", {std::string("z\xC3\xA9ro\0!", 7),
-                                                    OSCStringAltValue{"\xC3\xA9t\xC3\xA9"}})})});
+             OSCBundle({0, 5}, {OSCMessage("/caf\xC3\xA9", {std::string("z\xC3\xA9ro\0!", 7),
+                                                            OSCStringAltValue{"\xC3\xA9t\xC3\xA9"}})})});
         EXPECT_EQ(Bytes(writer.bytes().begin(), writer.bytes().end()), expected.rawData(policy));
         EXPECT_EQ(OSCPacket::decode(writer.bytes(), policy)->rawData(policy),
                   expected.rawData(policy));

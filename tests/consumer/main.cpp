@@ -40,7 +40,7 @@ int main() {
     }
 
     std::printf("%s: %zu bytes, level %.2f, %s, hashes %s, bad packet %s\n",
-                received.addressPattern.rawAddress().c_str(), bytes.size(), level,
+                received.addressPattern.description().c_str(), bytes.size(), level,
                 matched ? "matched" : "not matched", sameHash ? "equal" : "differ",
                 refused ? "refused" : "accepted");
     return received == sent && matched && sameHash && refused && layers ? 0 : 1;

@@ -53,8 +53,8 @@ TEST_F(Zeroconf, KavrinBrowseListsServicesAndOSCQueryTrees) {
     OSCQueryServer query(space, SerialQueue::create("space"));
     OSCQueryAttributes gain;
     gain.type = "f";
-    query.registerMethod("/mixer/gain", [](const std::vector<OSCValue>&) {}, gain);
-    query.registerMethod("/ping", [](const std::vector<OSCValue>&) {});
+    query.registerMethod("/mixer/gain", [](const OSCValueList&) {}, gain);
+    query.registerMethod("/ping", [](const OSCValueList&) {});
     query.start();
     OSCServiceAdvertiser advertiser(OSCService(named("Query desk"), std::string(oscQueryServiceType), query.boundPort()));
 

@@ -165,9 +165,9 @@ TEST(OSCAddressPatternMatching, AllocatesNothingForTypicalPatterns) {
         const OSCAddressPattern plain(pattern);
         const OSCCompiledPattern compiled(plain);
         const std::string text(address);
-        const std::size_t before = allocationCount;
+        const std::size_t before = test::allocationCount();
         const bool agree = plain.matches(text) == compiled.matches(text);
-        EXPECT_EQ(allocationCount - before, 0u) << pattern;
+        EXPECT_EQ(test::allocationCount() - before, 0u) << pattern;
         EXPECT_TRUE(agree) << pattern;
     }
 }

@@ -78,7 +78,7 @@ TEST(OSCQueryClient, ListensToValuesAndFollowsTheTree) {
 
     OSCQueryAttributes mute;
     mute.type = "T";
-    served.server->registerMethod("/mixer/mute", [](const std::vector<OSCValue>&) {}, mute);
+    served.server->registerMethod("/mixer/mute", [](const OSCValueList&) {}, mute);
     served.server->unregisterMethod("/mixer/mute");
     ASSERT_TRUE(listener.until([&] { return changes.size() == 2; }));
     EXPECT_EQ(changes, (std::vector<std::string>{"+/mixer/mute T", "-/mixer/mute"}));

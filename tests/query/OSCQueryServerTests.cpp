@@ -175,7 +175,7 @@ TEST(OSCQueryServer, AListenerThatNeverReadsIsDroppedPastTheQueueBound) {
     ASSERT_TRUE(slow.upgrade());
     slow.sendFrame(1, R"({"COMMAND": "LISTEN", "DATA": "/big"})");
     ASSERT_TRUE(eventually([&] { return served.server->listenerCount("/big") == 1; }));
-    const OSCValue blob(OSCBlob(60'000, 0xAB));
+    const OSCValue blob(OSCBlob(std::vector<std::uint8_t>(60'000, 0xAB)));
     // 16 MiB waits for it at most, besides what the kernel's buffers hold.
     for (int i = 0; i < 2000 && served.server->listenerCount("/big") == 1; ++i) {
         served.server->setValue("/big", {blob});

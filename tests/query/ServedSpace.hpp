@@ -40,12 +40,12 @@ struct ServedSpace {
         gain.description = "Gain";
         gain.access = OSCQueryAccess::readWrite;
         gain.range = {OSCQueryRange{OSCValue(0.0f), OSCValue(1.0f), {}}};
-        server->registerMethod("/mixer/gain", [this](const std::vector<OSCValue>&) { ++gainWrites; }, gain);
+        server->registerMethod("/mixer/gain", [this](const OSCValueList&) { ++gainWrites; }, gain);
         OSCQueryAttributes name;
         name.type = "s";
         name.access = OSCQueryAccess::readOnly;
-        server->registerMethod("/mixer/name", [](const std::vector<OSCValue>&) {}, name);
-        server->registerMethod("/ping", [](const std::vector<OSCValue>&) {});
+        server->registerMethod("/mixer/name", [](const OSCValueList&) {}, name);
+        server->registerMethod("/ping", [](const OSCValueList&) {});
         server->setValue("/mixer/gain", {OSCValue(0.5f)});
         queue->sync([] {});
     }

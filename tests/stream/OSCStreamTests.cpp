@@ -24,7 +24,7 @@ class Recorder : public Recording, public std::enable_shared_from_this<Recorder>
   public:
     struct Received {
         std::string address;
-        std::vector<OSCValue> values;
+        OSCValueList values;
         OSCTimeTag timeTag;
         Connection from;
         Clock::time_point at;
@@ -43,7 +43,7 @@ class Recorder : public Recording, public std::enable_shared_from_this<Recorder>
         return [this, self = shared_from_this()](
                    const OSCMessage& message, const OSCTimeTag& timeTag, const Connection& from) {
             record([&] {
-                received.push_back({message.addressPattern.rawAddress(), message.values, timeTag,
+                received.push_back({std::string(message.addressPattern.rawAddress()), message.values, timeTag,
                                     from, Clock::now()});
             });
             if (onMessage) onMessage(message, from);
@@ -98,7 +98,7 @@ TEST(OSCStream, MessagesAndBundlesGoBothWaysOnEachConnectionInEitherFraming) {
         if (framing == OSCFraming::slip) settings.textPolicy = OSCTextPolicy::utf8;
         auto atServer = std::make_shared<Recorder>();
         atServer->onMessage = [](const OSCMessage& m, const Connection& from) {
-            from->send(OSCMessage("/reply" + m.addressPattern.rawAddress(), m.values));
+            from->send(OSCMessage("/reply" + std::string(m.addressPattern.rawAddress()), m.values));
         };
         auto server = startServer(atServer, settings);
         ASSERT_NE(server->boundPort(), 0);

@@ -19,7 +19,7 @@ TEST(OSCServerMethods, RouteMatchingMessagesInTheSpacesOrderBesidesTheHandler) {
     std::vector<std::string> calls;
     const auto note = [&](std::string name) {
         return [&calls, name](const OSCMessage& message, const OSCTimeTag&) {
-            calls.push_back(name + " " + message.addressPattern.rawAddress());
+            calls.push_back(name + " " + std::string(message.addressPattern.rawAddress()));
         };
     };
     const auto x = server.addMethod("/mixer/x", note("x"));
@@ -30,7 +30,7 @@ TEST(OSCServerMethods, RouteMatchingMessagesInTheSpacesOrderBesidesTheHandler) {
     });
     std::vector<std::string> mismatches;
     server.setMismatchHandler([&](const OSCMessage& message, const OSCValueMaskError& error) {
-        mismatches.push_back(message.addressPattern.rawAddress() + ": " + error.what());
+        mismatches.push_back(std::string(message.addressPattern.rawAddress()) + ": " + error.what());
     });
 
     RawSocket sender;
@@ -68,7 +68,7 @@ TEST(OSCServerMethods, PortZeroGivesOneBoundPortForBothFamilies) {
     std::vector<std::string> received;
     auto server = OSCServer::create(0, nullptr, main, OSCServer::TimeTagMode::ignore,
                                     [&](const OSCMessage& message, const OSCTimeTag&) {
-                                        received.push_back(message.addressPattern.rawAddress());
+                                        received.emplace_back(message.addressPattern.rawAddress());
                                     });
     EXPECT_EQ(server->boundPort(), 0) << "not bound before start";
     ASSERT_NO_THROW(server->start());

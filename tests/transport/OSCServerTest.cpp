@@ -64,7 +64,7 @@ TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
     ASSERT_TRUE(fixture.main->waitForWork(5s));
     std::vector<std::string> replaced;
     fixture.server->setHandler([&](const OSCMessage& message, const OSCTimeTag&) {
-        replaced.push_back(message.addressPattern.rawAddress());
+        replaced.emplace_back(message.addressPattern.rawAddress());
     });
     EXPECT_EQ(fixture.main->drain(), 1u);
     EXPECT_EQ(replaced, std::vector<std::string>{"/late-bound"});
@@ -125,7 +125,7 @@ TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
     auto server = OSCServer::create(0, nullptr, queue, OSCServer::TimeTagMode::osc1_0,
                                     [&](const OSCMessage& message, const OSCTimeTag&) {
                                         std::lock_guard lock(mutex);
-                                        seen.push_back(message.addressPattern.rawAddress());
+                                        seen.emplace_back(message.addressPattern.rawAddress());
                                         changed.notify_all();
                                     });
     ASSERT_NO_THROW(server->start());
@@ -216,7 +216,7 @@ TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried
     std::vector<std::string> received;
     auto server = OSCServer::create(holder->port(), nullptr, main, OSCServer::TimeTagMode::ignore,
                                     [&](const OSCMessage& message, const OSCTimeTag&) {
-                                        received.push_back(message.addressPattern.rawAddress());
+                                        received.emplace_back(message.addressPattern.rawAddress());
                                     });
     try {
         server->start();

@@ -107,7 +107,7 @@ struct Fixture {
         return [this](const OSCMessage& message, const OSCTimeTag& timeTag) {
             if (!main->isCurrent()) offQueue = true;
             deliveries.push_back(
-                {message.addressPattern.rawAddress(), timeTag, DispatchQueue::Clock::now()});
+                {std::string(message.addressPattern.rawAddress()), timeTag, DispatchQueue::Clock::now()});
         };
     }
 

@@ -38,7 +38,7 @@ struct Line {
     void operator()(double value) { add('d', printed("%f", value)); }
     void operator()(std::int32_t value) { add('i', std::to_string(value)); }
     void operator()(std::int64_t value) { add('h', std::to_string(value)); }
-    void operator()(const std::string& value) { add('s', "\"" + printedForm(value) + "\""); }
+    void operator()(const OSCString& value) { add('s', "\"" + printedForm(value) + "\""); }
     void operator()(const OSCStringAltValue& value) { add('S', "'" + printedForm(value)); }
     void operator()(bool value) { add(value ? 'T' : 'F', value ? "#T" : "#F"); }
     void operator()(char32_t value) { add('c', "'" + printedForm(value) + "'"); }
@@ -72,7 +72,7 @@ std::string messageLine(const OSCMessage& message) {
     std::string text;
     Line line{tags, text};
     for (const auto& value : message.values) std::visit(line, value.base());
-    return message.addressPattern.rawAddress() + " " + tags + text;
+    return std::string(message.addressPattern.rawAddress()) + " " + tags + text;
 }
 
 }  // namespace kavrin::tools

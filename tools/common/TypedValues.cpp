@@ -93,11 +93,11 @@ OSCValue value(char type, const std::string& text) {
                 throw TypedValuesError("value '" + text +
                                        "' for type b is not whole bytes in hexadecimal");
             }
-            OSCBlob blob;
+            std::vector<std::uint8_t> blob;
             for (std::size_t at = 0; at < text.size(); at += 2) {
                 blob.push_back(hex<std::uint8_t>(std::string_view(text).substr(at, 2), text, type));
             }
-            return blob;
+            return OSCBlob(blob);
         }
         case 't': {
             if (text == "now") return OSCTimeTag::now();

@@ -96,10 +96,12 @@ Json valueJson(const OSCValue& value) {
             using T = std::decay_t<decltype(v)>;
             if constexpr (std::is_same_v<T, float> || std::is_same_v<T, double> ||
                           std::is_same_v<T, std::int32_t> || std::is_same_v<T, std::int64_t> ||
-                          std::is_same_v<T, bool> || std::is_same_v<T, std::string>) {
+                          std::is_same_v<T, bool>) {
                 return v;
+            } else if constexpr (std::is_same_v<T, OSCString>) {
+                return std::string(v.view());
             } else if constexpr (std::is_same_v<T, OSCStringAltValue>) {
-                return v.string;
+                return std::string(v.string.view());
             } else if constexpr (std::is_same_v<T, char32_t>) {
                 return utf8(v);
             } else if constexpr (std::is_same_v<T, OSCMIDIValue>) {

@@ -1,0 +1,124 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <span>
+#include <string_view>
+#include <utility>
+
+namespace kavrin {
+
+// An immutable run of bytes (or text) that allocates nothing when it is short: up to Capacity
+// bytes are kept inside the object. Longer ones are a view into a shared buffer: one of their
+// own, made when they were copied in, or a buffer they were found in (a received datagram),
+// which they then keep alive instead of copying. Copies share that buffer.
+// Where the bytes are is told by their size alone: inside exactly when they fit.
+// A plain value: distinct objects from any thread, a shared one for reading only.
+template <std::size_t Capacity>
+class CompactBytes {
+  public:
+    using Buffer = std::shared_ptr<const std::uint8_t[]>;
+
+    static constexpr std::size_t inlineCapacity = Capacity;
+
+    CompactBytes() noexcept : inline_{} {}
+    // A copy of `bytes`: inside, or in a buffer of its own.
+    explicit CompactBytes(std::span<const std::uint8_t> bytes) : size_(bytes.size()) {
+        if (fitsInside()) {
+            copyInside(bytes.data());
+            return;
+        }
+        auto own = std::make_shared_for_overwrite<std::uint8_t[]>(size_);
+        std::memcpy(own.get(), bytes.data(), size_);
+        const std::uint8_t* data = own.get();
+        new (&shared_) Shared{std::move(own), data};
+    }
+    explicit CompactBytes(std::string_view text)
+        : CompactBytes(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size())) {
+    }
+    // `bytes`, which lie within `buffer`: copied inside when they fit, else a view that keeps
+    // `buffer` alive.
+    CompactBytes(std::span<const std::uint8_t> bytes, const Buffer& buffer) : size_(bytes.size()) {
+        if (fitsInside()) {
+            copyInside(bytes.data());
+        } else {
+            new (&shared_) Shared{buffer, bytes.data()};
+        }
+    }
+
+    CompactBytes(const CompactBytes& other) noexcept : size_(other.size_) {
+        if (fitsInside()) {
+            copyWholeInside(other);
+        } else {
+            new (&shared_) Shared(other.shared_);
+        }
+    }
+    CompactBytes(CompactBytes&& other) noexcept : size_(other.size_) {
+        if (fitsInside()) {
+            copyWholeInside(other);
+        } else {
+            new (&shared_) Shared(std::move(other.shared_));
+        }
+    }
+    CompactBytes& operator=(const CompactBytes& other) noexcept {
+        if (this != &other) {
+            this->~CompactBytes();
+            new (this) CompactBytes(other);
+        }
+        return *this;
+    }
+    CompactBytes& operator=(CompactBytes&& other) noexcept {
+        if (this != &other) {
+            this->~CompactBytes();
+            new (this) CompactBytes(std::move(other));
+        }
+        return *this;
+    }
+    ~CompactBytes() {
+        if (!fitsInside()) shared_.~Shared();
+    }
+
+    const std::uint8_t* data() const noexcept { return fitsInside() ? inline_ : shared_.data; }
+    std::size_t size() const noexcept { return size_; }
+    bool empty() const noexcept { return size_ == 0; }
+    std::span<const std::uint8_t> bytes() const noexcept { return {data(), size_}; }
+    std::string_view text() const noexcept {
+        return {reinterpret_cast<const char*>(data()), size_};
+    }
+    // As text, the way a std::string reads.
+    operator std::string_view() const noexcept { return text(); }
+    // Whether the bytes are inside the object: the short ones, always.
+    bool isInline() const noexcept { return fitsInside(); }
+
+    friend bool operator==(const CompactBytes& lhs, const CompactBytes& rhs) noexcept {
+        return lhs.text() == rhs.text();
+    }
+
+  private:
+    struct Shared {
+        Buffer buffer;
+        const std::uint8_t* data;
+    };
+
+    bool fitsInside() const noexcept { return size_ <= Capacity; }
+    // An empty span may have no data at all.
+    void copyInside(const std::uint8_t* from) noexcept {
+        if (size_ > 0) std::memcpy(inline_, from, size_);
+    }
+    // The whole inside area, whatever the size: one copy of a fixed size, which is quicker
+    // than one of the bytes' own.
+    void copyWholeInside(const CompactBytes& other) noexcept {
+        std::memcpy(inline_, other.inline_, Capacity);
+    }
+
+    union {
+        std::uint8_t inline_[Capacity];
+        Shared shared_;
+    };
+    std::size_t size_ = 0;
+};
+
+}  // namespace kavrin
