@@ -15,46 +15,10 @@ namespace {
 template <class Steps>
 bool searchCharacters(Steps& steps, const MatchPiece* pieces, const CharacterView& component) {
     std::vector<std::uint32_t> storage;
-    const auto take = [&](const MatchStep& step, std::size_t p) -> std::ptrdiff_t {
-        const CharacterView rest = component.suffix(p);
-        switch (step.kind) {
-            case MatchStep::Kind::text: {
-                const CharacterView text = CharacterView::segment(step.text, storage);
-                return rest.startsWith(text) ? static_cast<std::ptrdiff_t>(text.size()) : -1;
-            }
-            case MatchStep::Kind::oneOf:
-                return !rest.empty() && oneOfAccepts(step, pieces, rest[0]) ? 1 : -1;
-            case MatchStep::Kind::braceList:
-            case MatchStep::Kind::strings: {
-                // The shortest alternative that is a prefix, as byte-wise (matchBytes::takeBytes).
-                std::ptrdiff_t taken = -1;
-                std::size_t takenBytes = SIZE_MAX;
-                bool any = false;
-                const auto consider = [&](std::string_view bytes) {
-                    any = true;
-                    const CharacterView alternative = CharacterView::segment(bytes, storage);
-                    if (bytes.size() < takenBytes && rest.startsWith(alternative)) {
-                        taken = static_cast<std::ptrdiff_t>(alternative.size());
-                        takenBytes = bytes.size();
-                    }
-                };
-                if (step.kind == MatchStep::Kind::strings) {
-                    for (std::uint32_t i = step.first; i < step.first + step.count; ++i) {
-                        consider(pieces[i].text);
-                    }
-                } else {
-                    componentSyntax::Alternatives each(componentSyntax::PatternBytes(step.text));
-                    while (const auto alternative = each.next()) consider(alternative->text());
-                }
-                // Deliberate: "{}" takes nothing and matches.
-                return any ? taken : 0;
-            }
-            case MatchStep::Kind::star:
-                break;
-        }
-        return -1;
-    };
-    return positionSearch::reachesEnd(steps, component.size(), take);
+    return positionSearch::reachesEnd(
+        steps, component.size(), [&](const MatchStep& step, std::size_t p) {
+            return takeCharacters(step, pieces, component.suffix(p), storage);
+        });
 }
 
 // matches() for an address that is not a byte per character: each component's steps are read
@@ -70,6 +34,46 @@ bool searchCharacters(Steps& steps, const MatchPiece* pieces, const CharacterVie
 }
 
 }  // namespace
+
+std::ptrdiff_t takeCharacters(const MatchStep& step, const MatchPiece* pieces,
+                              const CharacterView& rest, std::vector<std::uint32_t>& storage) {
+    switch (step.kind) {
+        case MatchStep::Kind::text: {
+            const CharacterView text = CharacterView::segment(step.text, storage);
+            return rest.startsWith(text) ? static_cast<std::ptrdiff_t>(text.size()) : -1;
+        }
+        case MatchStep::Kind::oneOf:
+            return !rest.empty() && oneOfAccepts(step, pieces, rest[0]) ? 1 : -1;
+        case MatchStep::Kind::braceList:
+        case MatchStep::Kind::strings: {
+            // The shortest alternative that is a prefix, as byte-wise (matchBytes::takeBytes).
+            std::ptrdiff_t taken = -1;
+            std::size_t takenBytes = SIZE_MAX;
+            bool any = false;
+            const auto consider = [&](std::string_view bytes) {
+                any = true;
+                const CharacterView alternative = CharacterView::segment(bytes, storage);
+                if (bytes.size() < takenBytes && rest.startsWith(alternative)) {
+                    taken = static_cast<std::ptrdiff_t>(alternative.size());
+                    takenBytes = bytes.size();
+                }
+            };
+            if (step.kind == MatchStep::Kind::strings) {
+                for (std::uint32_t i = step.first; i < step.first + step.count; ++i) {
+                    consider(pieces[i].text);
+                }
+            } else {
+                componentSyntax::Alternatives each(componentSyntax::PatternBytes(step.text));
+                while (const auto alternative = each.next()) consider(alternative->text());
+            }
+            // Deliberate: "{}" takes nothing and matches.
+            return any ? taken : 0;
+        }
+        case MatchStep::Kind::star:
+            break;
+    }
+    return -1;
+}
 
 bool matchesComponent(const MatchStep* first, const MatchStep* last, const MatchPiece* pieces,
                       const CharacterView& component) {

@@ -14,6 +14,12 @@
 // Plain functions: any thread.
 namespace kavrin::matchRun {
 
+// What one step other than a star takes at the start of `rest`, in characters, or -1. A brace
+// list takes its shortest alternative that is a prefix, which in a set's lexicographic order is
+// also the first. `storage` holds the boundaries of the step's own text while it is judged.
+std::ptrdiff_t takeCharacters(const MatchStep& step, const MatchPiece* pieces,
+                              const CharacterView& rest, std::vector<std::uint32_t>& storage);
+
 // Whether the steps of one component take exactly `component`: byte by byte where every byte
 // is a character and none a "/", else character by character.
 bool matchesComponent(const MatchStep* first, const MatchStep* last, const MatchPiece* pieces,

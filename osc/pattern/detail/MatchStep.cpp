@@ -66,11 +66,8 @@ void MatchProgram::lower(const std::vector<Token>& tokens) {
                 addOneOf(token.isExclusion, token.groups);
                 continue;
             case Token::Kind::strings:
-                step.kind = MatchStep::Kind::strings;
-                step.first = static_cast<std::uint32_t>(pieces.size());
-                step.count = static_cast<std::uint32_t>(token.alternatives.size());
-                for (const auto& alternative : token.alternatives) pieces.emplace_back(alternative);
-                break;
+                addStrings(token.alternatives);
+                continue;
         }
         steps.push_back(step);
     }
@@ -89,6 +86,15 @@ void MatchProgram::addOneOf(bool isExclusion,
         }
     }
     builder.finish(isExclusion);
+    steps.push_back(step);
+}
+
+void MatchProgram::addStrings(const std::set<std::string>& alternatives) {
+    MatchStep step;
+    step.kind = MatchStep::Kind::strings;
+    step.first = static_cast<std::uint32_t>(pieces.size());
+    step.count = static_cast<std::uint32_t>(alternatives.size());
+    for (const auto& alternative : alternatives) pieces.emplace_back(alternative);
     steps.push_back(step);
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <set>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -189,6 +190,8 @@ struct MatchProgram {
     void lower(const std::vector<OSCAddressPattern::Token>& tokens);
     // Appends the oneOf step of a bracket expression's groups.
     void addOneOf(bool isExclusion, const std::set<OSCAddressPattern::CharacterGroup>& groups);
+    // Appends the strings step of a brace list's alternatives, which must outlive it.
+    void addStrings(const std::set<std::string>& alternatives);
 
   private:
     void setSpans(std::size_t from);
