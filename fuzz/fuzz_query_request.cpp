@@ -13,7 +13,7 @@ namespace {
 struct Served {
     Served() {
         for (const char* address : {"/mixer/gain", "/mixer/ch/1/name", "/ping", "/a/b/c/d"}) {
-            space.registerMethod(address, [](const std::vector<kavrin::OSCValue>&) {});
+            space.registerMethod(address, [](const kavrin::OSCValueList&) {});
         }
         auto& gain = states["/mixer/gain"];
         gain.attributes.type = "f";
