@@ -82,10 +82,6 @@ const OSCSerialization::Registration* OSCSerialization::registration(OSCValueKin
 }
 
 void OSCSerialization::measureOther(const OSCValue& value, OSCValueEncoder& measure) const {
-    if (const auto* text = std::get_if<OSCString>(&value.base());
-        text && !hasZeroOrNonASCII(text->view())) {
-        return measure.count(padding::nullTerminatedSize(text->size()));
-    }
     if (const auto* blob = std::get_if<OSCBlob>(&value.base())) {
         return measure.count(4 + padding::wordAligned(blob->size()));
     }

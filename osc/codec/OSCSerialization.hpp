@@ -16,6 +16,7 @@
 #include "osc/codec/OSCValueTagIdentity.hpp"
 #include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/detail/OSCPadding.hpp"
+#include "support/ASCIIScan.hpp"
 
 namespace kavrin {
 
@@ -151,8 +152,8 @@ class OSCSerialization {
     };
     std::array<EncodePlan, oscValueKindCount> plans_{};
 
-    // The kinds of a fixed width are put inline, in the caller's loop over its values; the
-    // rest (text, blobs, arrays, MIDI, unknown kinds) are put here.
+    // The kinds of a fixed width and plain ASCII strings are put inline, in the caller's loop
+    // over its values; the rest (other text, blobs, arrays, unknown kinds) are put here.
     void encodeOther(const OSCValue& value, const EncodePlan& plan,
                      OSCValueEncoder& encoder) const;
     void measureOther(const OSCValue& value, OSCValueEncoder& measure) const;
@@ -165,6 +166,12 @@ class OSCSerialization {
 inline void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const {
     const EncodePlan& plan = plans_[value.index()];
     if (!plan.registered || plan.width == oscTypeTag::variableWidth) {
+        // Text that goes out as it is, the usual string, is put here too.
+        if (const auto* text = std::get_if<OSCString>(&value.base());
+            text && plan.registered && !hasZeroOrNonASCII(text->view())) {
+            encoder.tag(plan.tag);
+            return encoder.nullTerminated(text->view());
+        }
         return encodeOther(value, plan, encoder);
     }
     // Bool chooses its tag by its value.
@@ -196,6 +203,10 @@ inline void OSCSerialization::measureValue(const OSCValue& value, OSCValueEncode
     const EncodePlan& plan = plans_[value.index()];
     if (plan.registered && plan.width != oscTypeTag::variableWidth) {
         return measure.count(plan.width);
+    }
+    if (const auto* text = std::get_if<OSCString>(&value.base());
+        text && plan.registered && !hasZeroOrNonASCII(text->view())) {
+        return measure.count(padding::nullTerminatedSize(text->size()));
     }
     measureOther(value, measure);
 }
