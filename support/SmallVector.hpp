@@ -165,9 +165,15 @@ class SmallVector {
     template <class Iterator>
     void append(Iterator first, Iterator last) {
         if constexpr (std::forward_iterator<Iterator>) {
-            reserve(size_ + static_cast<std::size_t>(std::distance(first, last)));
+            // Room first, then one pass with no check per element; a throw undoes the copies
+            // made and leaves the size as it was.
+            const auto count = static_cast<std::size_t>(std::distance(first, last));
+            reserve(size_ + count);
+            std::uninitialized_copy(first, last, data_ + size_);
+            size_ += count;
+        } else {
+            for (; first != last; ++first) emplace_back(*first);
         }
-        for (; first != last; ++first) emplace_back(*first);
     }
 
     // Moves the elements into `storage` (of `capacity`, on the heap) and makes it the vector's.

@@ -34,7 +34,8 @@ class OSCArgumentView {
 
     // The tag as on the wire: "[" for an array.
     char tag() const { return *tag_; }
-    OSCValueKind kind() const;
+    // A checked message holds only known tags.
+    OSCValueKind kind() const { return oscTypeTag::find(*tag_)->kind; }
 
     std::int32_t int32() const {
         expect<OSCValueKind::int32>();

@@ -8,6 +8,7 @@
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessageView.hpp"
 #include "osc/codec/OSCSerialization.hpp"
+#include "osc/codec/detail/OSCArgumentValue.hpp"
 #include "osc/codec/detail/OSCPadding.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"

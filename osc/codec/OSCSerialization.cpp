@@ -20,11 +20,6 @@ void putText(std::string_view text, OSCValueEncoder& encoder) {
     }
 }
 
-template <class T>
-const T& as(const OSCValue& value) {
-    return *std::get_if<T>(&value.base());
-}
-
 }  // namespace
 
 OSCSerialization::OSCSerialization(std::span<const OSCTypeTag> table) {
@@ -48,11 +43,6 @@ OSCSerialization::OSCSerialization(std::span<const OSCTypeTag> table) {
                                                  : OSCValueTagIdentity::variable(tags);
         registerKind({kind, identity, format});
     }
-}
-
-const OSCSerialization& OSCSerialization::shared() {
-    static const OSCSerialization instance(oscTypeTags);
-    return instance;
 }
 
 void OSCSerialization::registerKind(Registration registration) {
@@ -91,65 +81,29 @@ const OSCSerialization::Registration* OSCSerialization::registration(OSCValueKin
     return index < 0 ? nullptr : &registrations_[index];
 }
 
-void OSCSerialization::measureValue(const OSCValue& value, OSCValueEncoder& measure) const {
-    const EncodePlan& plan = plans_[value.index()];
-    if (plan.registered) {
-        if (plan.width != oscTypeTag::variableWidth) return measure.count(plan.width);
-        if (const auto* text = std::get_if<OSCString>(&value.base());
-            text && !hasZeroOrNonASCII(text->view())) {
-            return measure.count(padding::nullTerminatedSize(text->size()));
-        }
-        if (const auto* blob = std::get_if<OSCBlob>(&value.base())) {
-            return measure.count(4 + padding::wordAligned(blob->size()));
-        }
+void OSCSerialization::measureOther(const OSCValue& value, OSCValueEncoder& measure) const {
+    if (const auto* blob = std::get_if<OSCBlob>(&value.base())) {
+        return measure.count(4 + padding::wordAligned(blob->size()));
     }
-    encodeValue(value, measure);
+    encodeOther(value, plans_[value.index()], measure);
 }
 
-void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const {
-    const EncodePlan& plan = plans_[value.index()];
+void OSCSerialization::encodeOther(const OSCValue& value, const EncodePlan& plan,
+                                   OSCValueEncoder& encoder) const {
     if (!plan.registered) {
         throw OSCEncodeError(
             OSCEncodeError::Case::general,
             "No encoder is registered for OSC value kind: " + std::string(kindName(kindOf(value))));
     }
-    // An array writes its own tags around its elements'; Bool chooses by its value.
-    if (plan.format != OSCArgumentFormat::array) {
-        encoder.tag(plan.falseTag != 0 && !as<bool>(value) ? plan.falseTag : plan.tag);
-    }
     switch (plan.format) {
-        case OSCArgumentFormat::none:
-            return;
-        case OSCArgumentFormat::int32:
-            encoder.uint32(static_cast<std::uint32_t>(as<std::int32_t>(value)));
-            return;
-        case OSCArgumentFormat::float32:
-            encoder.uint32(std::bit_cast<std::uint32_t>(as<float>(value)));
-            return;
-        case OSCArgumentFormat::character:
-            encoder.uint32(static_cast<std::uint32_t>(as<char32_t>(value)));
-            return;
-        case OSCArgumentFormat::midi: {
-            const auto& midi = as<OSCMIDIValue>(value);
-            const std::uint8_t bytes[4] = {midi.portID, midi.status, midi.data1, midi.data2};
-            encoder.bytes(bytes, 4);
-            return;
-        }
-        case OSCArgumentFormat::int64:
-            encoder.uint64(static_cast<std::uint64_t>(as<std::int64_t>(value)));
-            return;
-        case OSCArgumentFormat::float64:
-            encoder.uint64(std::bit_cast<std::uint64_t>(as<double>(value)));
-            return;
-        case OSCArgumentFormat::timeTag:
-            encoder.uint64(as<OSCTimeTag>(value).rawValue);
-            return;
         case OSCArgumentFormat::string:
+            encoder.tag(plan.tag);
             putText(kindOf(value) == OSCValueKind::string ? as<OSCString>(value)
                                                           : as<OSCStringAltValue>(value).string,
                     encoder);
             return;
         case OSCArgumentFormat::blob: {
+            encoder.tag(plan.tag);
             const auto& blob = as<OSCBlob>(value);
             encoder.uint32(static_cast<std::uint32_t>(blob.size()));
             encoder.bytes(blob.data(), blob.size());
@@ -157,6 +111,7 @@ void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encod
             return;
         }
         case OSCArgumentFormat::array:
+            // An array writes its own tags around its elements'.
             if (++encoder.arrayDepth > maximumArrayDepth) {
                 throw OSCEncodeError(OSCEncodeError::Case::general, wireFormat::arrayTooDeep());
             }
@@ -167,6 +122,8 @@ void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encod
             encoder.tag(oscArrayEnd);
             --encoder.arrayDepth;
             return;
+        default:
+            return;  // every fixed width is put inline
     }
 }
 

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <span>
+#include <variant>
 #include <string_view>
 #include <vector>
 
@@ -14,6 +16,7 @@
 #include "osc/codec/OSCValueTagIdentity.hpp"
 #include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/detail/OSCPadding.hpp"
+#include "support/ASCIIScan.hpp"
 
 namespace kavrin {
 
@@ -108,7 +111,11 @@ class OSCSerialization {
     // destroying).
     static constexpr int maximumArrayDepth = 128;
 
-    static const OSCSerialization& shared();
+    // Inline, so that an encoding pass finds it with one guard check and no call.
+    static const OSCSerialization& shared() {
+        static const OSCSerialization instance(oscTypeTags);
+        return instance;
+    }
 
     // In the order of OSCValue's alternatives.
     const std::vector<Registration>& tagIdentities() const { return registrations_; }
@@ -144,6 +151,64 @@ class OSCSerialization {
         std::uint8_t width = oscTypeTag::variableWidth;  // the argument bytes of a fixed-size kind
     };
     std::array<EncodePlan, oscValueKindCount> plans_{};
+
+    // The kinds of a fixed width and plain ASCII strings are put inline, in the caller's loop
+    // over its values; the rest (other text, blobs, arrays, unknown kinds) are put here.
+    void encodeOther(const OSCValue& value, const EncodePlan& plan,
+                     OSCValueEncoder& encoder) const;
+    void measureOther(const OSCValue& value, OSCValueEncoder& measure) const;
+    template <class T>
+    static const T& as(const OSCValue& value) {
+        return *std::get_if<T>(&value.base());
+    }
 };
+
+inline void OSCSerialization::encodeValue(const OSCValue& value, OSCValueEncoder& encoder) const {
+    const EncodePlan& plan = plans_[value.index()];
+    if (!plan.registered || plan.width == oscTypeTag::variableWidth) {
+        // Text that goes out as it is, the usual string, is put here too.
+        if (const auto* text = std::get_if<OSCString>(&value.base());
+            text && plan.registered && !hasZeroOrNonASCII(text->view())) {
+            encoder.tag(plan.tag);
+            return encoder.nullTerminated(text->view());
+        }
+        return encodeOther(value, plan, encoder);
+    }
+    // Bool chooses its tag by its value.
+    encoder.tag(plan.falseTag != 0 && !as<bool>(value) ? plan.falseTag : plan.tag);
+    switch (plan.format) {
+        case OSCArgumentFormat::int32:
+            return encoder.uint32(static_cast<std::uint32_t>(as<std::int32_t>(value)));
+        case OSCArgumentFormat::float32:
+            return encoder.uint32(std::bit_cast<std::uint32_t>(as<float>(value)));
+        case OSCArgumentFormat::character:
+            return encoder.uint32(static_cast<std::uint32_t>(as<char32_t>(value)));
+        case OSCArgumentFormat::int64:
+            return encoder.uint64(static_cast<std::uint64_t>(as<std::int64_t>(value)));
+        case OSCArgumentFormat::float64:
+            return encoder.uint64(std::bit_cast<std::uint64_t>(as<double>(value)));
+        case OSCArgumentFormat::timeTag:
+            return encoder.uint64(as<OSCTimeTag>(value).rawValue);
+        case OSCArgumentFormat::midi: {
+            const auto& midi = as<OSCMIDIValue>(value);
+            const std::uint8_t bytes[4] = {midi.portID, midi.status, midi.data1, midi.data2};
+            return encoder.bytes(bytes, 4);
+        }
+        default:
+            return;  // none: the tag is all
+    }
+}
+
+inline void OSCSerialization::measureValue(const OSCValue& value, OSCValueEncoder& measure) const {
+    const EncodePlan& plan = plans_[value.index()];
+    if (plan.registered && plan.width != oscTypeTag::variableWidth) {
+        return measure.count(plan.width);
+    }
+    if (const auto* text = std::get_if<OSCString>(&value.base());
+        text && plan.registered && !hasZeroOrNonASCII(text->view())) {
+        return measure.count(padding::nullTerminatedSize(text->size()));
+    }
+    measureOther(value, measure);
+}
 
 }  // namespace kavrin
