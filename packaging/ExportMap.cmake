@@ -11,7 +11,7 @@ execute_process(COMMAND ${NM} -g -P --defined-only ${archives}
 # Mangled: an optional special name (typeinfo, vtable, thunk, guard variable) and an optional
 # enclosing function, then the nested name with its qualifiers.
 set(head "^_Z(T[A-Z]|Th[n0-9]+_|Tv[n0-9]+_[n0-9]+_|G[VR])?Z?N[KVrRO]*")
-set(internal "6detail|8rawBytes|7padding|11stringChunk|10wireFormat|15asciiScanDetail|9bigEndian|11byteMatcher|14positionSearch|10matchBytes|8matchRun|15matchStepDetail|15componentSyntax|4slip|9tcpSocket|9udpSocket|15DispatchRuntime")
+set(internal "6detail|8rawBytes|7padding|11stringChunk|10wireFormat|15asciiScanDetail|9bigEndian|14positionSearch|10matchBytes|8matchRun|15matchStepDetail|15componentSyntax|4slip|9tcpSocket|9udpSocket|15DispatchRuntime")
 file(STRINGS ${OUTPUT}.symbols symbols REGEX "${head}6kavrin|^_ZNKSt4hashIN6kavrin")
 list(FILTER symbols EXCLUDE REGEX "${head}6kavrin(${internal})")
 list(TRANSFORM symbols REPLACE " .*" "")
