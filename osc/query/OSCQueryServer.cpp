@@ -217,7 +217,9 @@ void OSCQueryServer::describeOSCServer(const OSCStreamServer& server) {
 
 void OSCQueryServer::setAttributes(std::string address, OSCQueryAttributes attributes) {
     std::lock_guard lock(impl_->mutex);
-    impl_->states[std::move(address)].attributes = std::move(attributes);
+    auto& state = impl_->states[std::move(address)];
+    state.attributes = std::move(attributes);
+    state.text.clear();
 }
 
 void OSCQueryServer::registerMethod(std::string address, OSCAddressSpace::Block block,
@@ -256,7 +258,9 @@ void OSCQueryServer::setValue(std::string_view address, std::vector<OSCValue> va
     std::vector<PeerID> listening;
     {
         std::lock_guard lock(impl_->mutex);
-        impl_->states[std::string(address)].value = std::move(values);
+        auto& state = impl_->states[std::string(address)];
+        state.value = std::move(values);
+        state.text.clear();
         if (const auto found = impl_->listeners.find(address); found != impl_->listeners.end()) {
             listening.assign(found->second.begin(), found->second.end());
         }

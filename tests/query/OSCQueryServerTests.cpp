@@ -53,8 +53,17 @@ TEST(OSCQueryServer, AnswersTheTreeItsAttributesAndHostInfo) {
             EXPECT_EQ(body, "") << test.target;
         } else {
             EXPECT_EQ(Json::parse(body, nullptr, false), test.body) << test.target << ": " << body;
+            EXPECT_EQ(body, Json::parse(body, nullptr, false).dump()) << "not as the JSON library writes it";
         }
     }
+    // The tree as it is now, not as it was last read.
+    served.server->setValue("/mixer/gain", {OSCValue(0.25f)});
+    OSCQueryAttributes desk;
+    desk.description = "Desk";
+    served.server->setAttributes("/mixer", desk);
+    const auto tree = Json::parse(bodyOf(served.get("/")));
+    EXPECT_EQ(tree["CONTENTS"]["mixer"]["DESCRIPTION"], "Desk");
+    EXPECT_EQ(tree["CONTENTS"]["mixer"]["CONTENTS"]["gain"]["VALUE"], Json::array({0.25}));
     const auto info = Json::parse(bodyOf(served.get("/?HOST_INFO")));
     EXPECT_EQ(info["NAME"], "Test desk");
     EXPECT_EQ(info["OSC_IP"], "127.0.0.1");  // where this client reached the server

@@ -1,6 +1,8 @@
 #include "osc/query/detail/OSCQueryResponder.hpp"
 
+#include <algorithm>
 #include <array>
+#include <utility>
 
 namespace kavrin::detail {
 
@@ -9,6 +11,10 @@ namespace {
 // The node attributes a query string may name; HOST_INFO is the server's.
 constexpr std::array<std::string_view, 9> nodeAttributes = {
     "FULL_PATH", "CONTENTS", "TYPE", "DESCRIPTION", "ACCESS", "VALUE", "RANGE", "TAGS", "CRITICAL"};
+
+std::string childPath(const std::string& path, const std::string& name) {
+    return (path == "/" ? "/" : path + "/") + name;
+}
 
 }  // namespace
 
@@ -31,7 +37,7 @@ const OSCAddressSpace::Node* OSCQueryResponder::nodeAt(std::string_view path) co
     return node;
 }
 
-Json OSCQueryResponder::nodeJson(const OSCAddressSpace::Node& node, const std::string& path) const {
+Json OSCQueryResponder::ownJson(const OSCAddressSpace::Node& node, const std::string& path) const {
     Json json = {{"FULL_PATH", path}};
     const auto state = states_.find(path);
     if (node.nodeType() == OSCAddressSpace::NodeType::method) {
@@ -42,14 +48,64 @@ Json OSCQueryResponder::nodeJson(const OSCAddressSpace::Node& node, const std::s
     } else if (state != states_.end() && !state->second.attributes.description.empty()) {
         json["DESCRIPTION"] = state->second.attributes.description;
     }
+    return json;
+}
+
+Json OSCQueryResponder::nodeJson(const OSCAddressSpace::Node& node, const std::string& path) const {
+    Json json = ownJson(node, path);
     if (node.nodeType() == OSCAddressSpace::NodeType::container || !node.children().empty()) {
         Json contents = Json::object();
         for (const auto& child : node.children()) {
-            contents[child->name()] = nodeJson(*child, (path == "/" ? "/" : path + "/") + child->name());
+            contents[child->name()] = nodeJson(*child, childPath(path, child->name()));
         }
         json["CONTENTS"] = std::move(contents);
     }
     return json;
+}
+
+void OSCQueryResponder::appendText(std::string& out, const OSCAddressSpace::Node& node,
+                                   const std::string& path) const {
+    if (node.nodeType() == OSCAddressSpace::NodeType::method && node.children().empty()) {
+        const auto state = states_.find(path);
+        if (state == states_.end()) {
+            out += jsonText(ownJson(node, path));
+            return;
+        }
+        if (state->second.text.empty()) state->second.text = jsonText(ownJson(node, path));
+        out += state->second.text;
+        return;
+    }
+    // The same bytes as jsonText(nodeJson()): members and children in the JSON library's order.
+    std::vector<const OSCAddressSpace::Node*> children;
+    for (const auto& child : node.children()) children.push_back(child.get());
+    std::sort(children.begin(), children.end(), [](const auto* a, const auto* b) { return a->name() < b->name(); });
+    char separator = '{';
+    const auto member = [&](const std::string& key) {
+        out += std::exchange(separator, ',');
+        out += jsonText(key);
+        out += ':';
+    };
+    bool contentsDone = false;
+    const auto contents = [&] {
+        member("CONTENTS");
+        out += '{';
+        for (const auto* child : children) {
+            if (child != children.front()) out += ',';
+            out += jsonText(child->name());
+            out += ':';
+            appendText(out, *child, childPath(path, child->name()));
+        }
+        out += '}';
+        contentsDone = true;
+    };
+    const Json own = ownJson(node, path);
+    for (const auto& [key, value] : own.items()) {
+        if (!contentsDone && key > "CONTENTS") contents();
+        member(key);
+        out += jsonText(value);
+    }
+    if (!contentsDone) contents();
+    out += '}';
 }
 
 Json OSCQueryResponder::describe(std::string_view path) const {
@@ -65,8 +121,12 @@ OSCQueryAnswer OSCQueryResponder::answer(const OSCQueryTarget& target, const Jso
     const auto* node = nodeAt(target.path);
     if (!node) return {404, jsonText(Json{{"ERROR", "no node at " + target.path}})};
     if (target.attribute == "HOST_INFO") return {200, jsonText(hostInfo)};
+    if (target.attribute.empty()) {
+        std::string text;
+        appendText(text, *node, target.path);
+        return {200, std::move(text)};
+    }
     Json json = nodeJson(*node, target.path);
-    if (target.attribute.empty()) return {200, jsonText(json)};
     const auto value = attribute(json, target.attribute);
     if (!value) return {204, {}};
     return {200, jsonText(Json{{target.attribute, *value}})};

@@ -16,6 +16,9 @@ namespace kavrin::detail {
 struct OSCQueryMethodState {
     OSCQueryAttributes attributes;
     std::vector<OSCValue> value;
+    /// The method's node as JSON text, built when first asked for and cleared whenever the
+    /// attributes or the value change: a tree is mostly methods, changing one at a time.
+    mutable std::string text;
 };
 using OSCQueryMethodStates = std::unordered_map<std::string, OSCQueryMethodState>;
 
@@ -41,7 +44,11 @@ class OSCQueryResponder {
 
   private:
     const OSCAddressSpace::Node* nodeAt(std::string_view path) const;
+    /// The node without its CONTENTS.
+    Json ownJson(const OSCAddressSpace::Node& node, const std::string& path) const;
     Json nodeJson(const OSCAddressSpace::Node& node, const std::string& path) const;
+    /// The text of nodeJson(), made of the methods' kept texts.
+    void appendText(std::string& out, const OSCAddressSpace::Node& node, const std::string& path) const;
 
     const OSCAddressSpace& space_;
     const OSCQueryMethodStates& states_;
