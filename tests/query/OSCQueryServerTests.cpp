@@ -61,7 +61,12 @@ TEST(OSCQueryServer, AnswersTheTreeItsAttributesAndHostInfo) {
     OSCQueryAttributes desk;
     desk.description = "Desk";
     served.server->setAttributes("/mixer", desk);
-    const auto tree = Json::parse(bodyOf(served.get("/")));
+    served.server->registerMethod(R"(/say"hi")", [](const OSCValueList&) {});
+    served.queue->sync([] {});
+    const auto body = bodyOf(served.get("/"));
+    const auto tree = Json::parse(body);
+    EXPECT_EQ(body, tree.dump());
+    EXPECT_EQ(tree["CONTENTS"]["say\"hi\""]["FULL_PATH"], R"(/say"hi")");
     EXPECT_EQ(tree["CONTENTS"]["mixer"]["DESCRIPTION"], "Desk");
     EXPECT_EQ(tree["CONTENTS"]["mixer"]["CONTENTS"]["gain"]["VALUE"], Json::array({0.25}));
     const auto info = Json::parse(bodyOf(served.get("/?HOST_INFO")));

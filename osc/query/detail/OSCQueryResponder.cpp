@@ -16,6 +16,21 @@ std::string childPath(const std::string& path, const std::string& name) {
     return (path == "/" ? "/" : path + "/") + name;
 }
 
+// Names and paths are mostly plain ASCII, which JSON writes as it is; anything else is left to
+// the JSON library.
+void appendString(std::string& out, std::string_view text) {
+    const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+        return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';
+    });
+    if (!plain) {
+        out += jsonText(std::string(text));
+        return;
+    }
+    out += '"';
+    out += text;
+    out += '"';
+}
+
 }  // namespace
 
 const OSCAddressSpace::Node* OSCQueryResponder::nodeAt(std::string_view path) const {
@@ -63,48 +78,67 @@ Json OSCQueryResponder::nodeJson(const OSCAddressSpace::Node& node, const std::s
     return json;
 }
 
+// Every node's text is made of these pieces, in the JSON library's order: members sorted by
+// key, CONTENTS among them, and children sorted by name.
 void OSCQueryResponder::appendText(std::string& out, const OSCAddressSpace::Node& node,
                                    const std::string& path) const {
-    if (node.nodeType() == OSCAddressSpace::NodeType::method && node.children().empty()) {
-        const auto state = states_.find(path);
+    const bool method = node.nodeType() == OSCAddressSpace::NodeType::method;
+    const auto state = states_.find(path);
+    if (method && node.children().empty()) {
         if (state == states_.end()) {
             out += jsonText(ownJson(node, path));
-            return;
+        } else {
+            if (state->second.text.empty()) state->second.text = jsonText(ownJson(node, path));
+            out += state->second.text;
         }
-        if (state->second.text.empty()) state->second.text = jsonText(ownJson(node, path));
-        out += state->second.text;
         return;
     }
-    // The same bytes as jsonText(nodeJson()): members and children in the JSON library's order.
-    std::vector<const OSCAddressSpace::Node*> children;
-    for (const auto& child : node.children()) children.push_back(child.get());
-    std::sort(children.begin(), children.end(), [](const auto* a, const auto* b) { return a->name() < b->name(); });
-    char separator = '{';
-    const auto member = [&](const std::string& key) {
-        out += std::exchange(separator, ',');
-        out += jsonText(key);
-        out += ':';
-    };
-    bool contentsDone = false;
-    const auto contents = [&] {
-        member("CONTENTS");
+    if (!method && state == states_.end()) {  // a container with nothing but its path
         out += '{';
-        for (const auto* child : children) {
-            if (child != children.front()) out += ',';
-            out += jsonText(child->name());
-            out += ':';
-            appendText(out, *child, childPath(path, child->name()));
-        }
+        appendContents(out, node, path);
+        out += R"(,"FULL_PATH":)";
+        appendString(out, path);
         out += '}';
-        contentsDone = true;
-    };
+        return;
+    }
+    char separator = '{';
+    bool contentsDone = false;
     const Json own = ownJson(node, path);
     for (const auto& [key, value] : own.items()) {
-        if (!contentsDone && key > "CONTENTS") contents();
-        member(key);
+        if (!contentsDone && key > "CONTENTS") {
+            out += std::exchange(separator, ',');
+            appendContents(out, node, path);
+            contentsDone = true;
+        }
+        out += std::exchange(separator, ',');
+        appendString(out, key);
+        out += ':';
         out += jsonText(value);
     }
-    if (!contentsDone) contents();
+    if (!contentsDone) {
+        out += separator;
+        appendContents(out, node, path);
+    }
+    out += '}';
+}
+
+void OSCQueryResponder::appendContents(std::string& out, const OSCAddressSpace::Node& node,
+                                       const std::string& path) const {
+    std::vector<const OSCAddressSpace::Node*> children;
+    children.reserve(node.children().size());
+    for (const auto& child : node.children()) children.push_back(child.get());
+    std::sort(children.begin(), children.end(), [](const auto* a, const auto* b) { return a->name() < b->name(); });
+    out += R"("CONTENTS":{)";
+    std::string childAt = path == "/" ? "/" : path + "/";
+    const auto base = childAt.size();
+    for (const auto* child : children) {
+        if (child != children.front()) out += ',';
+        appendString(out, child->name());
+        out += ':';
+        childAt.resize(base);
+        childAt += child->name();
+        appendText(out, *child, childAt);
+    }
     out += '}';
 }
 

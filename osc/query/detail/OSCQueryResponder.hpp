@@ -49,6 +49,7 @@ class OSCQueryResponder {
     Json nodeJson(const OSCAddressSpace::Node& node, const std::string& path) const;
     /// The text of nodeJson(), made of the methods' kept texts.
     void appendText(std::string& out, const OSCAddressSpace::Node& node, const std::string& path) const;
+    void appendContents(std::string& out, const OSCAddressSpace::Node& node, const std::string& path) const;
 
     const OSCAddressSpace& space_;
     const OSCQueryMethodStates& states_;
