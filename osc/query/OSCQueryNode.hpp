@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "osc/codec/OSCValue.hpp"
+#include "osc/codec/OSCValueList.hpp"
 
 namespace kavrin {
 
@@ -40,7 +41,7 @@ struct OSCQueryAttributes {
 struct OSCQueryNode {
     std::string fullPath;  ///< "/" for the root
     OSCQueryAttributes attributes;
-    std::vector<OSCValue> value;          ///< VALUE, read by the type tags; empty when none
+    OSCValueList value;                   ///< VALUE, read by the type tags; empty when none
     std::vector<OSCQueryNode> contents;   ///< the children, by name
     bool hasContents = false;             ///< CONTENTS was there, even empty
 

@@ -93,7 +93,7 @@ struct OSCQueryServerState : std::enable_shared_from_this<OSCQueryServerState> {
             return service->close(peer, "a bad command: " + *problem);
         }
         const auto& command = std::get<detail::OSCQueryCommand>(parsed);
-        std::vector<OSCValue> current;
+        OSCValueList current;
         {
             std::lock_guard lock(mutex);
             if (command.kind == detail::OSCQueryCommand::Kind::ignore) {
@@ -142,7 +142,7 @@ struct OSCQueryServerState : std::enable_shared_from_this<OSCQueryServerState> {
         }
     }
 
-    static HttpService::Frame frameOf(std::string_view address, const std::vector<OSCValue>& values) {
+    static HttpService::Frame frameOf(std::string_view address, const OSCValueList& values) {
         const auto bytes = OSCMessage(OSCAddressPattern(address), values).rawData();
         return std::make_shared<const std::string>(bytes.begin(), bytes.end());
     }
@@ -253,7 +253,7 @@ void OSCQueryServer::unregisterMethod(std::string address) {
     });
 }
 
-void OSCQueryServer::setValue(std::string_view address, std::vector<OSCValue> values) {
+void OSCQueryServer::setValue(std::string_view address, OSCValueList values) {
     auto frame = Impl::frameOf(address, values);
     std::vector<PeerID> listening;
     {

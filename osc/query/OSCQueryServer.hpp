@@ -80,7 +80,7 @@ class OSCQueryServer {
     void unregisterMethod(std::string address);
     /// The current value of the method at `address`, sent at once to its listeners as an OSC
     /// message. Throws OSCEncodeError for values OSC cannot carry (arrays nested too deep).
-    void setValue(std::string_view address, std::vector<OSCValue> values);
+    void setValue(std::string_view address, OSCValueList values);
 
     /// WebSocket clients listening to `address` now.
     std::size_t listenerCount(std::string_view address) const;

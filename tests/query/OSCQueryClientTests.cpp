@@ -40,7 +40,7 @@ TEST(OSCQueryClient, ReadsTheTreeAndHostInfo) {
     EXPECT_EQ(gain->attributes.description, "Gain");
     EXPECT_EQ(gain->attributes.access, OSCQueryAccess::readWrite);
     EXPECT_EQ(gain->attributes.range, (std::vector<OSCQueryRange>{{OSCValue(0.0f), OSCValue(1.0f), {}}}));
-    EXPECT_EQ(gain->value, std::vector<OSCValue>{OSCValue(0.5f)});
+    EXPECT_EQ(gain->value, OSCValueList{OSCValue(0.5f)});
     EXPECT_EQ(tree->find("/ping")->attributes.type, std::nullopt);
     EXPECT_EQ(tree->find("/mixer/gai"), nullptr);
 
@@ -108,7 +108,7 @@ TEST(OSCQueryJson, ValuesGoBothWaysByTheirTypeTags) {
     using detail::valuesJson;
     const struct {
         std::string tags;
-        std::vector<OSCValue> values;
+        OSCValueList values;
     } cases[] = {
         {"ihfd", {OSCValue(std::int32_t{-7}), OSCValue(std::int64_t{1} << 40), OSCValue(0.5f), OSCValue(2.25)}},
         {"sSc", {OSCValue(std::string("text")), OSCValue(OSCStringAltValue{"alt"}), OSCValue(char32_t{0xE9})}},

@@ -117,7 +117,7 @@ Json valueJson(const OSCValue& value) {
         value.base());
 }
 
-Json valuesJson(const std::vector<OSCValue>& values) {
+Json valuesJson(std::span<const OSCValue> values) {
     Json array = Json::array();
     for (const auto& value : values) array.push_back(valueJson(value));
     return array;
@@ -128,7 +128,7 @@ std::optional<OSCValue> valueFromJson(const Json& json, std::string_view group) 
         if (!json.is_array()) return std::nullopt;
         auto elements = valuesFromJson(json, group.substr(1, group.size() - 2));
         if (!elements) return std::nullopt;
-        return OSCValue(OSCArrayValue{std::move(*elements)});
+        return OSCValue(OSCArrayValue{{std::make_move_iterator(elements->begin()), std::make_move_iterator(elements->end())}});
     }
     switch (group.empty() ? '\0' : group[0]) {
         case 'i':
@@ -180,10 +180,10 @@ std::optional<OSCValue> valueFromJson(const Json& json, std::string_view group) 
     }
 }
 
-std::optional<std::vector<OSCValue>> valuesFromJson(const Json& json, std::string_view tags) {
+std::optional<OSCValueList> valuesFromJson(const Json& json, std::string_view tags) {
     const auto groups = tagGroups(tags);
     if (!groups || !json.is_array() || json.size() != groups->size()) return std::nullopt;
-    std::vector<OSCValue> values;
+    OSCValueList values;
     for (std::size_t i = 0; i < groups->size(); ++i) {
         auto value = valueFromJson(json[i], (*groups)[i]);
         if (!value) return std::nullopt;
@@ -261,7 +261,7 @@ OSCQueryNode node(const Json& json, const std::string& path, int depth) {
     const auto groups = tagGroups(type);  // views into `type`
     if (const auto value = json.find("VALUE"); value != json.end() && attributes.type) {
         // A value that does not fit its type is left out rather than guessed at.
-        node.value = valuesFromJson(*value, *attributes.type).value_or(std::vector<OSCValue>{});
+        node.value = valuesFromJson(*value, *attributes.type).value_or(OSCValueList{});
     }
     if (const auto ranges = json.find("RANGE"); ranges != json.end() && ranges->is_array()) {
         for (std::size_t i = 0; i < ranges->size(); ++i) {

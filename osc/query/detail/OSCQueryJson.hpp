@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -33,11 +34,11 @@ std::optional<std::vector<std::string_view>> tagGroups(std::string_view tags);
 /// A value as VALUE and RANGE hold it: numbers, strings, booleans, arrays; null for what JSON
 /// cannot carry (blobs, impulses, nils).
 Json valueJson(const OSCValue& value);
-Json valuesJson(const std::vector<OSCValue>& values);
+Json valuesJson(std::span<const OSCValue> values);
 /// One value of the group's tag (or array) from JSON; nullopt when it does not fit.
 std::optional<OSCValue> valueFromJson(const Json& json, std::string_view group);
 /// The values of a VALUE array by the type tags; nullopt when they do not fit.
-std::optional<std::vector<OSCValue>> valuesFromJson(const Json& json, std::string_view tags);
+std::optional<OSCValueList> valuesFromJson(const Json& json, std::string_view tags);
 
 /// Adds the attributes that are set to a node object.
 void addAttributes(Json& node, const OSCQueryAttributes& attributes);

@@ -15,7 +15,7 @@ namespace kavrin::detail {
 /// its current value.
 struct OSCQueryMethodState {
     OSCQueryAttributes attributes;
-    std::vector<OSCValue> value;
+    OSCValueList value;
     /// The method's node as JSON text, built when first asked for and cleared whenever the
     /// attributes or the value change: a tree is mostly methods, changing one at a time.
     mutable std::string text;
