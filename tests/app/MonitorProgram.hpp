@@ -34,6 +34,25 @@ class MonitorProgram : public QProcess {
         ASSERT_TRUE(waitForStarted(10000)) << errorString().toStdString();
     }
 
+    // Starts a peer of the monitor.
+    void startPeer(const QString& program, const QStringList& arguments) {
+        start(program, arguments);
+        ASSERT_TRUE(waitForStarted(10000)) << program.toStdString() << ": "
+                                           << errorString().toStdString();
+    }
+
+    // Ends the program as SIGTERM does, through its quit flow, expecting it to end normally;
+    // its stderr.
+    std::string quit() {
+        terminate();
+        EXPECT_TRUE(waitForFinished(10000)) << "still running";
+        const std::string errors = readAllStandardError().toStdString();
+        EXPECT_EQ(exitStatus(), QProcess::NormalExit) << errors;
+        EXPECT_EQ(exitCode(), 0) << errors;
+        printed += readAllStandardOutput();
+        return errors;
+    }
+
     // The next whole line of stdout, without its newline; empty on timeout.
     std::string nextLine(int timeoutMs = 10000) {
         QElapsedTimer waited;
