@@ -234,17 +234,24 @@ TEST_F(MonitorProgramTest, TheHistoryRecordsEachOutageAsTheResponderStopsAndStar
     stopResponder();
     readThrough("Sent OSC ping");  // tick 7: green from the reply to tick 6's ping
     readThrough("Sent OSC ping");  // tick 8: red
-    QTest::qWait(500);             // for the history to write the paint
-    monitor.kill();                // a crash during the outage
+    std::int64_t runStart = 0;
+    std::vector<Row> rows;
+    const auto thirdOutageEndedBy = [&](const std::string& end) {
+        return QTest::qWaitFor(
+            [&] {
+                rows = outageRows(environment.dataHome() + "/Kavrin/history.sqlite", &runStart);
+                return rows.size() >= 3 && rows[2].endedBy == end;
+            },
+            5000);
+    };
+    ASSERT_TRUE(thirdOutageEndedBy("")) << "the paint of tick 8 is kept";
+    monitor.kill();  // a crash during the outage
     ASSERT_TRUE(monitor.waitForFinished(5000));
 
     monitor.setStandardOutputFile(QProcess::nullDevice());
-    startMonitor();  // the next start closes what the crash left open
-    QTest::qWait(500);
+    startMonitor();
+    ASSERT_TRUE(thirdOutageEndedBy("crash")) << "the next start closes what the crash left open";
     monitor.quit();
-
-    std::int64_t runStart = 0;
-    const auto rows = outageRows(environment.dataHome() + "/Kavrin/history.sqlite", &runStart);
     ASSERT_EQ(rows.size(), 3u);
     EXPECT_EQ(rows[0].started, runStart) << "down from the first paint";
     EXPECT_NEAR(rows[0].ended - rows[0].started, 2000, 500);
