@@ -54,7 +54,7 @@ TEST_F(MonitorProcessTest, PingsEveryTwoSecondsAndLogsTheRepliesOfAResponder) {
 
 #ifdef KAVRIN_RESPONDER_PATH
     pingSink.reset();  // the responder takes over its port
-    responder.startPeer(KAVRIN_RESPONDER_PATH,
+    responder.startProgram(KAVRIN_RESPONDER_PATH,
                         {"--listen", QString::fromStdString(pingPort), "--reply-port",
                          QString::number(inPort), "--ping", "/eos/ping", "--reply", "/eos/out/ping"});
 

@@ -30,12 +30,11 @@ class MonitorProgram : public QProcess {
         variables.insert("XDG_CONFIG_HOME", environment.configHome());
         variables.insert("XDG_DATA_HOME", environment.dataHome());
         setProcessEnvironment(variables);
-        start(KAVRIN_MONITOR_PATH, {});
-        ASSERT_TRUE(waitForStarted(10000)) << errorString().toStdString();
+        startProgram(KAVRIN_MONITOR_PATH, {});
     }
 
-    // Starts a peer of the monitor.
-    void startPeer(const QString& program, const QStringList& arguments) {
+    // Starts `program`: the monitor, or one of its peers.
+    void startProgram(const QString& program, const QStringList& arguments) {
         start(program, arguments);
         ASSERT_TRUE(waitForStarted(10000)) << program.toStdString() << ": "
                                            << errorString().toStdString();

@@ -133,7 +133,7 @@ class MonitorProgramTest : public ::testing::Test {
     void quit() { EXPECT_THAT(monitor.quit(), Not(HasSubstr("QSystemTrayIcon"))); }
 
     void startResponder() {
-        responder.startPeer(KAVRIN_RESPONDER_PATH, {"--listen", QString::number(pingPort),
+        responder.startProgram(KAVRIN_RESPONDER_PATH, {"--listen", QString::number(pingPort),
                                                     "--reply-port", QString::number(inPort)});
     }
 

@@ -32,7 +32,7 @@ class MonitorZeroconfTest : public test::MonitorHarness {
     test::MonitorProgram& run(const QString& program, const QStringList& arguments) {
         auto& process = *children.emplace_back(std::make_unique<test::MonitorProgram>());
         process.setProcessChannelMode(QProcess::MergedChannels);
-        process.startPeer(program, arguments);
+        process.startProgram(program, arguments);
         return process;
     }
 
