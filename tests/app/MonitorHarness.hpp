@@ -15,13 +15,21 @@
 #include "app/MonitorSettings.hpp"
 #include "app/QtMainQueue.hpp"
 #include "app/ViewController.hpp"
+#include "tests/UdpPeer.hpp"
 
 namespace kavrin::test {
 
 // The monitor in this process, on private settings set before start(), logging into `lines`;
-// tests drive its ticks (tick()) instead of its timer.
+// tests drive its ticks (tick()) instead of its timer. Unless the settings say otherwise, it
+// pings `pingSink` on loopback and listens on `inPort`, where `replier` answers.
 class MonitorHarness : public ::testing::Test {
   protected:
+    MonitorHarness() {
+        settings->store().setValue("ip", "127.0.0.1");
+        settings->store().setValue("OutPort", pingSink.port());
+        settings->store().setValue("InPort", inPort);
+    }
+
     void start() {
         controller = std::make_unique<ViewController>(
             *settings, std::make_shared<QtMainQueue>(), [this](const std::string& line) {
@@ -53,6 +61,21 @@ class MonitorHarness : public ::testing::Test {
         return lines.back();
     }
 
+    // Sends a message with `address` to the monitor and waits until it has logged it; the lines.
+    std::vector<std::string> reply(const std::string& address, std::uint16_t port = 0) {
+        const std::size_t before = lines.size();
+        replier.sendTo(port != 0 ? port : inPort, oscMessageBytes(address));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return lines.size() >= before + 2; }, 5000))
+            << "no reply logged for " << address;
+        return {lines.begin() + static_cast<std::ptrdiff_t>(before), lines.end()};
+    }
+
+    std::vector<std::uint8_t> nextPing() {
+        auto ping = pingSink.receive(std::chrono::seconds(5));
+        EXPECT_TRUE(ping.has_value()) << "no ping arrived";
+        return ping.value_or(std::vector<std::uint8_t>{});
+    }
+
     QString status() { return widget<QLabel>("StatusLab")->text(); }
     QColor colour() { return widget<QWidget>("Background")->palette().color(QPalette::Window); }
 
@@ -69,6 +92,9 @@ class MonitorHarness : public ::testing::Test {
     }
 
     PrivateEnvironment environment;
+    UdpPeer pingSink;
+    UdpPeer replier;
+    std::uint16_t inPort = freeUdpPort();
     std::unique_ptr<MonitorSettings> settings = std::make_unique<MonitorSettings>();
     std::vector<std::string> lines;
     bool echoToStderr = false;

@@ -16,7 +16,6 @@
 
 #include "MonitorHarness.hpp"
 #include "TcpPeer.hpp"
-#include "UdpPeer.hpp"
 #include "app/LinkConnection.hpp"
 #include "app/RoundTripPlot.hpp"
 #include "tests/tools/NpmPeers.hpp"
@@ -63,9 +62,7 @@ class MonitorLinkTest : public test::MonitorHarness, public ::testing::WithParam
         }
         stream = std::string(setup.transport) != "udp";
         port = stream ? test::TcpPeer().port() : test::freeUdpPort();
-        settings->store().setValue("ip", "127.0.0.1");
         settings->store().setValue("OutPort", port);
-        settings->store().setValue("InPort", inPort);
         settings->store().setValue("Transport", setup.transport);
         settings->store().setValue("PingFromInPort", setup.pingFromInPort);
         settings->store().setValue("NumberPings", setup.numberPings);
@@ -106,7 +103,6 @@ class MonitorLinkTest : public test::MonitorHarness, public ::testing::WithParam
     std::string modules;
     bool stream = false;
     std::uint16_t port = 0;
-    std::uint16_t inPort = test::freeUdpPort();
 };
 
 TEST_P(MonitorLinkTest, TheLightFollowsTheConsoleTickByTick) {
@@ -168,12 +164,6 @@ INSTANTIATE_TEST_SUITE_P(
 // The link against a console gone wrong: a raw TCP peer that writes what the test gives.
 class MonitorLinkFaultsTest : public test::MonitorHarness {
   protected:
-    MonitorLinkFaultsTest() {
-        settings->store().setValue("ip", "127.0.0.1");
-        settings->store().setValue("OutPort", pingSink.port());
-        settings->store().setValue("InPort", test::freeUdpPort());
-    }
-
     QString connection() { return widget<QLabel>("ConnectionLab")->text(); }
     bool shows(const QString& text) {
         return QTest::qWaitFor([&] { return connection().contains(text); }, 5000);
@@ -186,7 +176,6 @@ class MonitorLinkFaultsTest : public test::MonitorHarness {
         return packet;
     }
 
-    test::UdpPeer pingSink;
     test::TcpPeer console;
 };
 
@@ -225,9 +214,7 @@ TEST_F(MonitorLinkFaultsTest, ChangesTakeEffectAtTheNextTickAndNoPingWaitsForThe
 }
 
 TEST_F(MonitorLinkFaultsTest, APingFromTheListeningPortGoesOnlyWhileTheServerRuns) {
-    const std::uint16_t inPort = test::freeUdpPort();
     test::UdpPeer holder(inPort, "0.0.0.0");  // holds the port without sharing it
-    settings->store().setValue("InPort", inPort);
     settings->store().setValue("PingFromInPort", true);
     start();
     EXPECT_EQ(tick(), "ERROR sending ping: The OSC server on port " + std::to_string(inPort) +

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "MonitorProgram.hpp"
-#include "UdpPeer.hpp"
+#include "tests/UdpPeer.hpp"
 
 namespace kavrin {
 namespace {
@@ -22,12 +22,7 @@ using ::testing::StartsWith;
 
 class MonitorProcessTest : public ::testing::Test {
   protected:
-    MonitorProcessTest() {
-        QSettings stored(environment.settingsFile(), QSettings::IniFormat);
-        stored.setValue("ip", "127.0.0.1");
-        stored.setValue("OutPort", pingSink->port());
-        stored.setValue("InPort", inPort);
-    }
+    MonitorProcessTest() { environment.storeLoopbackLink(pingSink->port(), inPort); }
 
     void startMonitor() {
         monitor.startMonitor(environment);
@@ -59,10 +54,9 @@ TEST_F(MonitorProcessTest, PingsEveryTwoSecondsAndLogsTheRepliesOfAResponder) {
 
 #ifdef KAVRIN_RESPONDER_PATH
     pingSink.reset();  // the responder takes over its port
-    responder.start(KAVRIN_RESPONDER_PATH,
-                    {"--listen", QString::fromStdString(pingPort), "--reply-port",
-                     QString::number(inPort), "--ping", "/eos/ping", "--reply", "/eos/out/ping"});
-    ASSERT_TRUE(responder.waitForStarted(10000)) << responder.errorString().toStdString();
+    responder.startProgram(KAVRIN_RESPONDER_PATH,
+                        {"--listen", QString::fromStdString(pingPort), "--reply-port",
+                         QString::number(inPort), "--ping", "/eos/ping", "--reply", "/eos/out/ping"});
 
     // Each tick's reply is logged after the tick, and the log goes on until a reply matched.
     const auto lines = monitor.linesThrough("Matched expected pattern");
@@ -78,10 +72,7 @@ TEST_F(MonitorProcessTest, PingsEveryTwoSecondsAndLogsTheRepliesOfAResponder) {
 #endif
 
     // SIGTERM goes through the quit flow: the store is made and the program ends normally.
-    monitor.terminate();
-    ASSERT_TRUE(monitor.waitForFinished(10000));
-    EXPECT_EQ(monitor.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(monitor.exitCode(), 0) << monitor.readAllStandardError().toStdString();
+    monitor.quit();
     EXPECT_TRUE(QFileInfo::exists(environment.storeFile()));
     EXPECT_EQ(QSettings(environment.settingsFile(), QSettings::IniFormat).value("InPort").toInt(),
               inPort);

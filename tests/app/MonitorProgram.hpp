@@ -30,8 +30,26 @@ class MonitorProgram : public QProcess {
         variables.insert("XDG_CONFIG_HOME", environment.configHome());
         variables.insert("XDG_DATA_HOME", environment.dataHome());
         setProcessEnvironment(variables);
-        start(KAVRIN_MONITOR_PATH, {});
-        ASSERT_TRUE(waitForStarted(10000)) << errorString().toStdString();
+        startProgram(KAVRIN_MONITOR_PATH, {});
+    }
+
+    // Starts `program`: the monitor, or one of its peers.
+    void startProgram(const QString& program, const QStringList& arguments) {
+        start(program, arguments);
+        ASSERT_TRUE(waitForStarted(10000)) << program.toStdString() << ": "
+                                           << errorString().toStdString();
+    }
+
+    // Ends the program as SIGTERM does, through its quit flow, expecting it to end normally;
+    // its stderr.
+    std::string quit() {
+        terminate();
+        EXPECT_TRUE(waitForFinished(10000)) << "still running";
+        const std::string errors = readAllStandardError().toStdString();
+        EXPECT_EQ(exitStatus(), QProcess::NormalExit) << errors;
+        EXPECT_EQ(exitCode(), 0) << errors;
+        printed += readAllStandardOutput();
+        return errors;
     }
 
     // The next whole line of stdout, without its newline; empty on timeout.

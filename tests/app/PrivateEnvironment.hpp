@@ -3,6 +3,7 @@
 #include <QSettings>
 #include <QString>
 #include <QTemporaryDir>
+#include <cstdint>
 
 namespace kavrin::test {
 
@@ -29,6 +30,15 @@ class PrivateEnvironment {
     QString dataHome() const { return directory_.filePath(QStringLiteral("data")); }
     QString settingsFile() const { return configHome() + QStringLiteral("/Kavrin/Kavrin.conf"); }
     QString storeFile() const { return dataHome() + QStringLiteral("/Kavrin/Kavrin_Store.sqlite"); }
+
+    // For a monitor started as a program of its own: pings to `outPort` on loopback, listening on
+    // `inPort`.
+    void storeLoopbackLink(std::uint16_t outPort, std::uint16_t inPort) const {
+        QSettings stored(settingsFile(), QSettings::IniFormat);
+        stored.setValue("ip", "127.0.0.1");
+        stored.setValue("OutPort", outPort);
+        stored.setValue("InPort", inPort);
+    }
 
   private:
     QTemporaryDir directory_;

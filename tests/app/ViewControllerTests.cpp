@@ -11,7 +11,6 @@
 
 #include "DialogAnswerer.hpp"
 #include "MonitorHarness.hpp"
-#include "UdpPeer.hpp"
 #include "app/MessageLogView.hpp"
 #include "osc/codec/OSCMessage.hpp"
 
@@ -25,43 +24,17 @@ using ::testing::HasSubstr;
 const QColor green(0x00, 0xFF, 0x00);
 const QColor red(0xFF, 0x00, 0x00);
 
-// A monitor on loopback: it pings `pingSink` and listens on `inPort`, logging into `lines`.
 class ViewControllerTest : public test::MonitorHarness {
   protected:
-    ViewControllerTest() {
-        settings->store().setValue("ip", "127.0.0.1");
-        settings->store().setValue("OutPort", pingSink.port());
-        settings->store().setValue("InPort", inPort);
-    }
-
     // Every line of the log view, each ended by a newline.
     QString logView() {
         auto* view = widget<MessageLogView>("MsgView");
         return view->text(0, view->lineCount());
     }
 
-    // Sends a message with `address` to the monitor and waits until it has logged it.
-    std::vector<std::string> reply(const std::string& address, std::uint16_t port = 0) {
-        const std::size_t before = lines.size();
-        replier.sendTo(port != 0 ? port : inPort, test::oscMessageBytes(address));
-        EXPECT_TRUE(QTest::qWaitFor([&] { return lines.size() >= before + 2; }, 5000))
-            << "no reply logged for " << address;
-        return {lines.begin() + static_cast<std::ptrdiff_t>(before), lines.end()};
-    }
-
-    std::vector<std::uint8_t> nextPing() {
-        auto ping = pingSink.receive(5s);
-        EXPECT_TRUE(ping.has_value()) << "no ping arrived";
-        return ping.value_or(std::vector<std::uint8_t>{});
-    }
-
     static std::string received(const std::string& address) {
         return "Received OSC message: " + OSCMessage(address).description();
     }
-
-    test::UdpPeer pingSink;
-    test::UdpPeer replier;
-    std::uint16_t inPort = test::freeUdpPort();
 };
 
 TEST_F(ViewControllerTest, StartUpFillsTheFieldsAndStartsTheServer) {

@@ -18,15 +18,6 @@ namespace {
 using test::bytes;
 using test::Bytes;
 
-std::string bundleFailure(const Bytes& data) {
-    try {
-        OSCBundle::decode(data);
-    } catch (const OSCDecodeError& error) {
-        return error.what();
-    }
-    return "decoded";
-}
-
 const Bytes emptyBundle = bytes({"#bundle", 0, 0, 0, 0, 0, 0, 0, 0, 1});
 
 TEST(OSCBundleEncoding, KnownBundlesEncodeByteExact) {
@@ -69,12 +60,7 @@ TEST(OSCBundleDecoding, NestedBundlesDecodeToEveryLevel) {
         {OSCBundle(OSCTimeTag{0, 6},
                    {OSCBundle(OSCTimeTag{0, 7}, {OSCMessage("/deep", {2.5})}), OSCMessage("/mid")}),
          OSCMessage("/top", {std::string("x")})});
-    const auto decoded = OSCBundle::decode(three.rawData());
-    EXPECT_EQ(decoded, three);
-    const auto& middle = std::get<OSCBundle>(decoded.elements[0].base());
-    const auto& inner = std::get<OSCBundle>(middle.elements[0].base());
-    EXPECT_EQ(inner.timeTag.rawValue, 7u);
-    EXPECT_EQ(std::get<OSCMessage>(inner.elements[0].base()), OSCMessage("/deep", {2.5}));
+    EXPECT_EQ(OSCBundle::decode(three.rawData()), three);
     EXPECT_EQ(OSCBundle::decode(emptyBundle), OSCBundle(OSCTimeTag::immediate()));
 }
 
@@ -103,7 +89,9 @@ TEST(OSCBundleDecoding, MalformedBundlesFailWithTheirTexts) {
         {bytes({"#bundle", 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 3, "/a", 0, 0}),
          "Length not a multiple of 4 bytes."},
     };
-    for (const auto& c : cases) EXPECT_EQ(bundleFailure(c.data), c.text);
+    for (const auto& c : cases) {
+        EXPECT_EQ(test::thrown<OSCDecodeError>([&] { OSCBundle::decode(c.data); }), c.text);
+    }
 }
 
 TEST(OSCPacket, ClassifiesByTheFirstBytesAndDecodesEither) {
@@ -187,12 +175,7 @@ TEST(OSCPacketNesting, RefusesOverDeepInputAndHandlesTheDeepestAllowedOnASmallSt
     for (const auto& [data, _] : overDeep) ASSERT_LE(data.size(), 65535u);
     runOnStack(smallStack, [&] {
         for (const auto& [data, text] : overDeep) {
-            try {
-                OSCPacket::decode(data);
-                ADD_FAILURE() << text;
-            } catch (const OSCDecodeError& error) {
-                EXPECT_EQ(error.what(), text);
-            }
+            EXPECT_EQ(test::thrown<OSCDecodeError>([&] { OSCPacket::decode(data); }), text);
         }
     });
 

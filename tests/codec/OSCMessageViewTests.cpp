@@ -24,12 +24,7 @@ bool within(const void* pointer, const Bytes& data) {
 }
 
 TEST(OSCMessageView, ReadsEveryKindInPlace) {
-    const OSCMessage original(
-        "/every/kind", {OSCBlob{1, 2, 3, 4, 5}, 1.5f, std::int32_t{-7}, std::string("text"), true,
-                        false, char32_t{0x1F600}, 2.25, std::int64_t{-1234567890123},
-                        OSCArrayValue{{1, OSCArrayValue{{std::string("in")}}, OSCArrayValue{}}},
-                        OSCImpulseValue{}, OSCMIDIValue{1, 0x90, 60, 127}, OSCNullValue{},
-                        OSCStringAltValue{"alt"}, OSCTimeTag{0, 0x0102030405060708}});
+    const OSCMessage original = test::everyKind();
     const Bytes data = original.rawData();
     const OSCMessageView view(data);
 
@@ -63,7 +58,7 @@ TEST(OSCMessageView, ReadsEveryKindInPlace) {
     auto element = array.begin();
     EXPECT_EQ((*element).int32(), 1);
     const auto inner = (*++element).elements();
-    EXPECT_EQ((*inner.begin()).string(), "in");
+    EXPECT_EQ((*inner.begin()).string(), "");
     EXPECT_EQ(std::next(inner.begin()), inner.end());
     EXPECT_TRUE((*++element).elements().empty());
     EXPECT_EQ(++element, array.end());
@@ -78,22 +73,12 @@ TEST(OSCMessageView, ReadsEveryKindInPlace) {
 TEST(OSCMessageView, RefusesReadsOfTheWrongKind) {
     const Bytes data = OSCMessage("/a", {1, std::string("s")}).rawData();
     const OSCMessageView view(data);
-    try {
-        view.argument(0).string();
-        FAIL() << "read an Int32 as a String";
-    } catch (const OSCDecodeError& error) {
-        EXPECT_EQ(error.errorCase(), OSCDecodeError::Case::unexpectedType);
-        EXPECT_STREQ(error.what(), "OSC type tag i cannot be read as String.");
-    }
+    EXPECT_EQ(test::thrown<OSCDecodeError>([&] { view.argument(0).string(); },
+                                           OSCDecodeError::Case::unexpectedType),
+              "OSC type tag i cannot be read as String.");
     EXPECT_THROW(view.argument(1).int32(), OSCDecodeError);
     EXPECT_THROW(view.argument(1).elements(), OSCDecodeError);
     EXPECT_THROW(view.argument(2), std::out_of_range);
-
-    // Commas are skipped anywhere in a message's own tag string, as the owning decoder does.
-    const Bytes lenient = bytes({"/a", 0, 0, "i,f", 0, 0, 0, 0, 7, 0x3F, 0x80, 0, 0});
-    const OSCMessageView view2(lenient);
-    EXPECT_EQ(view2.argumentCount(), 2u);
-    EXPECT_EQ(view2.argument(1).float32(), 1.0f);
 }
 
 TEST(OSCBundleView, WalksNestedElementsInPlace) {
@@ -131,12 +116,7 @@ TEST(OSCBundleView, WalksNestedElementsInPlace) {
 // with every byte replaced by values that steer the decoders into their checks.
 TEST(OSCPacketView, AgreesWithTheOwningDecoders) {
     std::vector<Bytes> seeds = {
-        OSCMessage(
-            "/every/kind/of/value",
-            {OSCBlob{1, 2, 3, 4, 5}, 1.5f, 7, std::string("a longer string"), true, char32_t{0x41},
-             2.25, std::int64_t{-1}, OSCArrayValue{{1, OSCArrayValue{}}}, OSCImpulseValue{},
-             OSCMIDIValue{1, 2, 3, 4}, OSCNullValue{}, OSCStringAltValue{"abcd"}, OSCTimeTag{0, 1}})
-            .rawData(),
+        test::everyKind().rawData(),
         // More elements than the bundle view keeps the check's findings for, a bundle among them.
         OSCBundle(OSCTimeTag::immediate(),
                   {OSCMessage("/a", {1}), OSCBundle(OSCTimeTag{}, {OSCMessage("/b/c")}),

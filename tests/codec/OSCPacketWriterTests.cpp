@@ -8,57 +8,51 @@
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCPacket.hpp"
 #include "tests/AllocationCount.hpp"
+#include "tests/codec/CodecTestSupport.hpp"
 
 namespace kavrin {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using test::Bytes;
 
-// Writes every kind into a message, as OSCMessage holds them.
-void writeEveryKind(OSCPacketWriter& writer, const std::uint8_t (&blob)[5]) {
+// Writes test::everyKind().
+void writeEveryKind(OSCPacketWriter& writer) {
+    static const std::uint8_t blob[5] = {1, 2, 3, 4, 5};
     writer.beginMessage("/every/kind")
-        .int32(-7)
-        .float32(0.75f)
-        .string("abcd")
         .blob(blob)
+        .float32(1.5f)
+        .int32(-7)
+        .string("text")
         .boolean(true)
         .boolean(false)
-        .character(U'A')
-        .float64(-2.5)
-        .int64(std::int64_t{1} << 40)
+        .character(char32_t{0x1F600})
+        .float64(2.25)
+        .int64(-1234567890123)
         .beginArray()
         .int32(1)
         .beginArray()
         .string("")
+        .endArray()
+        .beginArray()
         .endArray()
         .endArray()
         .impulse()
         .midi({1, 0x90, 60, 127})
         .null()
         .stringAlt("alt")
-        .timeTag({0, 99})
+        .timeTag({0, 0x0102030405060708})
         .endMessage();
 }
 
-OSCMessage everyKind(const std::uint8_t (&blob)[5]) {
-    return OSCMessage("/every/kind",
-                      {-7, 0.75f, std::string("abcd"), OSCBlob(std::begin(blob), std::end(blob)),
-                       true, false, char32_t{U'A'}, -2.5, std::int64_t{1} << 40,
-                       OSCArrayValue{{1, OSCArrayValue{{std::string("")}}}}, OSCImpulseValue{},
-                       OSCMIDIValue{1, 0x90, 60, 127}, OSCNullValue{}, OSCStringAltValue{"alt"},
-                       OSCTimeTag{0, 99}});
-}
-
 TEST(OSCPacketWriter, WritesTheBytesOfTheOwningEncoderWithoutAllocating) {
-    const std::uint8_t blob[5] = {1, 2, 3, 4, 5};
     std::vector<std::uint8_t> buffer(512);
     {
         OSCPacketWriter writer(buffer);
         const std::size_t before = test::allocationCount();
-        writeEveryKind(writer, blob);
+        writeEveryKind(writer);
         EXPECT_EQ(test::allocationCount(), before);
         EXPECT_TRUE(writer.isComplete());
-        EXPECT_EQ(Bytes(writer.bytes().begin(), writer.bytes().end()), everyKind(blob).rawData());
+        EXPECT_EQ(Bytes(writer.bytes().begin(), writer.bytes().end()), test::everyKind().rawData());
     }
     // Nested bundles, and text as the owning types write it under each text policy.
     for (const auto policy : {OSCTextPolicy::ascii, OSCTextPolicy::utf8}) {
@@ -85,23 +79,18 @@ TEST(OSCPacketWriter, WritesTheBytesOfTheOwningEncoderWithoutAllocating) {
 }
 
 TEST(OSCPacketWriter, FillsABufferToItsLastByteAndRefusesOneByteLess) {
-    const std::uint8_t blob[5] = {9, 8, 7, 6, 5};
-    const Bytes expected = everyKind(blob).rawData();
+    const Bytes expected = test::everyKind().rawData();
     // An exact fit: the waiting tags meet the arguments and are turned into place.
     Bytes exact(expected.size());
     OSCPacketWriter fits(exact);
-    writeEveryKind(fits, blob);
+    writeEveryKind(fits);
     EXPECT_EQ(exact, expected);
 
     Bytes short_(expected.size() - 1);
     OSCPacketWriter tooSmall(short_);
-    try {
-        writeEveryKind(tooSmall, blob);
-        ADD_FAILURE() << "a packet was written into a buffer too small for it";
-    } catch (const OSCEncodeError& error) {
-        EXPECT_EQ(error.errorCase(), OSCEncodeError::Case::general);
-        EXPECT_STREQ(error.what(), "The buffer is too small for the OSC packet.");
-    }
+    EXPECT_EQ(test::thrown<OSCEncodeError>([&] { writeEveryKind(tooSmall); },
+                                           OSCEncodeError::Case::general),
+              "The buffer is too small for the OSC packet.");
     EXPECT_THROW(tooSmall.beginMessage("/again"), OSCEncodeError) << "unusable after a failure";
 }
 
@@ -109,12 +98,7 @@ TEST(OSCPacketWriter, RefusesCallsOutOfOrderAndNestingBeyondTheLimits) {
     Bytes buffer(8192);
     const auto refused = [&](auto write) {
         OSCPacketWriter writer(buffer);
-        try {
-            write(writer);
-        } catch (const OSCEncodeError& error) {
-            return std::string(error.what());
-        }
-        return std::string("written");
+        return test::thrown<OSCEncodeError>([&] { write(writer); });
     };
     const std::string outOfOrder = "OSC packet written out of order.";
     EXPECT_EQ(refused([](auto& w) { w.int32(1); }), outOfOrder);

@@ -29,22 +29,7 @@ TEST(OSCSerialization, TheSharedRegistryOwnsEveryBuiltInTagOnce) {
     for (std::size_t i = 0; i < oscValueKindCount; ++i) {
         EXPECT_EQ(shared.tagIdentities()[i].kind, static_cast<OSCValueKind>(i));
     }
-    const std::pair<char, OSCValueKind> owners[] = {
-        {'b', OSCValueKind::blob},      {'f', OSCValueKind::float32},
-        {'i', OSCValueKind::int32},     {'s', OSCValueKind::string},
-        {'T', OSCValueKind::boolean},   {'F', OSCValueKind::boolean},
-        {'c', OSCValueKind::character}, {'d', OSCValueKind::float64},
-        {'h', OSCValueKind::int64},     {'[', OSCValueKind::array},
-        {'I', OSCValueKind::impulse},   {'m', OSCValueKind::midi},
-        {'N', OSCValueKind::null},      {'S', OSCValueKind::stringAlt},
-        {'t', OSCValueKind::timeTag},
-    };
-    for (const auto& [tag, kind] : owners) {
-        ASSERT_NE(shared.registration(tag), nullptr) << tag;
-        EXPECT_EQ(shared.registration(tag)->kind, kind) << tag;
-    }
-    EXPECT_EQ(shared.registration(']'), nullptr);
-    EXPECT_EQ(shared.registration('x'), nullptr);
+    // The kind each tag reads as is checked byte by byte where messages are decoded.
     EXPECT_EQ(shared.registration(OSCValueKind::boolean)->identity,
               OSCValueTagIdentity::variable("TF"));
     EXPECT_EQ(shared.registration(OSCValueKind::array)->identity,
@@ -53,13 +38,10 @@ TEST(OSCSerialization, TheSharedRegistryOwnsEveryBuiltInTagOnce) {
     // Built from a table, the registry refuses a second kind's claim on a tag.
     std::vector<OSCTypeTag> table(oscTypeTags.begin(), oscTypeTags.end());
     table.push_back({'i', OSCValueKind::int64, OSCArgumentFormat::int64});
-    try {
-        detail::OSCSerializationAccess::make(table);
-        ADD_FAILURE() << "a second owner of i was accepted";
-    } catch (const OSCSerializationError& error) {
-        EXPECT_EQ(error.errorCase(), OSCSerializationError::Case::tagAlreadyRegistered);
-        EXPECT_STREQ(error.what(), "OSC type tag is already registered: i");
-    }
+    EXPECT_EQ(test::thrown<OSCSerializationError>(
+                  [&] { detail::OSCSerializationAccess::make(table); },
+                  OSCSerializationError::Case::tagAlreadyRegistered),
+              "OSC type tag is already registered: i");
 }
 
 TEST(OSCSerialization, EncodingMeasuresThenWritesWhatTheTableSays) {
@@ -70,13 +52,9 @@ TEST(OSCSerialization, EncodingMeasuresThenWritesWhatTheTableSays) {
     }
     const auto withoutInt32 = detail::OSCSerializationAccess::make(table);
     OSCValueEncoder encoder(withoutInt32);
-    try {
-        withoutInt32.encodeValue(OSCValue(1), encoder);
-        ADD_FAILURE() << "an Int32 was encoded without its tag";
-    } catch (const OSCEncodeError& error) {
-        EXPECT_EQ(error.errorCase(), OSCEncodeError::Case::general);
-        EXPECT_STREQ(error.what(), "No encoder is registered for OSC value kind: Int32");
-    }
+    EXPECT_EQ(test::thrown<OSCEncodeError>([&] { withoutInt32.encodeValue(OSCValue(1), encoder); },
+                                           OSCEncodeError::Case::general),
+              "No encoder is registered for OSC value kind: Int32");
 
     // Measuring counts what writing then puts out.
     const auto& shared = OSCSerialization::shared();

@@ -16,13 +16,7 @@ template <class Read>
 void expectFailure(PassiveDataReader& reader, Read read, const std::string& text,
                    OSCDecodeError::Case errorCase = OSCDecodeError::Case::malformed) {
     const auto before = reader.readOffset();
-    try {
-        read(reader);
-        ADD_FAILURE() << "expected: " << text;
-    } catch (const OSCDecodeError& error) {
-        EXPECT_EQ(error.what(), text);
-        EXPECT_EQ(error.errorCase(), errorCase) << text;
-    }
+    EXPECT_EQ(test::thrown<OSCDecodeError>([&] { read(reader); }, errorCase), text);
     EXPECT_EQ(reader.readOffset(), before) << text;
 }
 
@@ -53,24 +47,19 @@ TEST(PassiveDataReader, ReadsAndAdvancesWithExactFailureTexts) {
 }
 
 TEST(PassiveDataReader, NullTerminatedChunksTakeWholeWordsWithAtLeastOneZero) {
-    {
-        // "abcd" needs a whole word of zeros after it: 8 bytes.
-        const Bytes data = bytes({"abcd", 0, 0, 0, 0, "x"});
-        PassiveDataReader reader(data);
-        EXPECT_EQ(reader.readString(), "abcd");
-        EXPECT_EQ(reader.readOffset(), 8);
-    }
-    {
-        const Bytes data = bytes({0, 0, 0, 0});  // the empty string
-        PassiveDataReader reader(data);
-        EXPECT_EQ(reader.readString(), "");
-        EXPECT_EQ(reader.readOffset(), 4);
-    }
-    {
-        const Bytes data = bytes({"abc", 0});
-        PassiveDataReader reader(data);
-        EXPECT_EQ(reader.readNullTerminatedChunk().size(), 3u);
-        EXPECT_EQ(reader.readOffset(), 4);
+    const struct {
+        Bytes data;
+        std::string text;
+        std::int64_t consumed;
+    } chunks[] = {
+        {bytes({"abcd", 0, 0, 0, 0, "x"}), "abcd", 8},  // a whole word of zeros after a full word
+        {bytes({0, 0, 0, 0}), "", 4},
+        {bytes({"abc", 0}), "abc", 4},
+    };
+    for (const auto& chunk : chunks) {
+        PassiveDataReader reader(chunk.data);
+        EXPECT_EQ(reader.readString(), chunk.text);
+        EXPECT_EQ(reader.readOffset(), chunk.consumed) << chunk.text;
     }
     const std::string tooShort = "Not enough bytes in 4-byte aligned null-terminated data chunk.";
     const std::string notTerminated =
@@ -131,12 +120,7 @@ TEST(PassiveDataReader, BlobsArePaddedOnlyWhenNotAligned) {
     };
     for (const auto& failure : failures) {
         PassiveDataReader reader(failure.data);
-        try {
-            reader.readBlob();
-            ADD_FAILURE() << failure.text;
-        } catch (const OSCDecodeError& error) {
-            EXPECT_EQ(error.what(), failure.text);
-        }
+        EXPECT_EQ(test::thrown<OSCDecodeError>([&] { reader.readBlob(); }), failure.text);
         EXPECT_EQ(reader.readOffset(), failure.offsetAfter) << failure.text;
     }
 }
@@ -155,19 +139,16 @@ TEST(PassiveDataReader, NumbersAreBigEndianAndCheckTheirLength) {
     EXPECT_EQ(reader.readUInt64(), 0xFFFFFFFFFFFFFFFEull);
     EXPECT_EQ(reader.readDouble(), 1.5);
     EXPECT_EQ(reader.readOffset(), 32);
-    expectFailure(
-        reader, [](auto& r) { r.readInt32(); }, "Not enough bytes while reading Int32 data chunk.");
-    expectFailure(
-        reader, [](auto& r) { r.readFloat32(); },
-        "Not enough bytes while reading Float32 data chunk.");
-    expectFailure(
-        reader, [](auto& r) { r.readInt64(); }, "Not enough bytes while reading Int64 data chunk.");
-    expectFailure(
-        reader, [](auto& r) { r.readUInt64(); },
-        "Not enough bytes while reading UInt64 data chunk.");
-    expectFailure(
-        reader, [](auto& r) { r.readDouble(); },
-        "Not enough bytes while reading Double data chunk.");
+    const std::pair<std::string, void (*)(PassiveDataReader&)> reads[] = {
+        {"Int32", [](PassiveDataReader& r) { r.readInt32(); }},
+        {"Float32", [](PassiveDataReader& r) { r.readFloat32(); }},
+        {"Int64", [](PassiveDataReader& r) { r.readInt64(); }},
+        {"UInt64", [](PassiveDataReader& r) { r.readUInt64(); }},
+        {"Double", [](PassiveDataReader& r) { r.readDouble(); }},
+    };
+    for (const auto& [name, read] : reads) {
+        expectFailure(reader, read, "Not enough bytes while reading " + name + " data chunk.");
+    }
 }
 
 TEST(DataReader, OwnsItsBytesAcrossCopiesAndMoves) {

@@ -5,7 +5,6 @@
 #include <QApplication>
 #include <QLabel>
 #include <QProcess>
-#include <QSettings>
 #include <QSystemTrayIcon>
 #include <QtTest/QTest>
 #include <chrono>
@@ -16,7 +15,6 @@
 #include "MonitorHarness.hpp"
 #include "MonitorProgram.hpp"
 #include "PrivateEnvironment.hpp"
-#include "UdpPeer.hpp"
 #include "XSession.hpp"
 #include "app/LinkLight.hpp"
 
@@ -33,25 +31,11 @@ bool noDesktop() {
     return test::desktopDisplay().empty();
 }
 
-class DesktopTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        if (noDesktop()) GTEST_SKIP() << "Xvfb is not installed";
-    }
-
-    test::PrivateEnvironment environment;
-    test::UdpPeer pingSink;
-    std::uint16_t inPort = test::freeUdpPort();
-};
-
 // The monitor in this process, on the test's desktop.
 class MonitorWindowTest : public test::MonitorHarness {
   protected:
     void SetUp() override {
         if (noDesktop()) GTEST_SKIP() << "Xvfb is not installed";
-        settings->store().setValue("ip", "127.0.0.1");
-        settings->store().setValue("OutPort", pingSink.port());
-        settings->store().setValue("InPort", inPort);
         start();
         controller->show();
     }
@@ -59,15 +43,11 @@ class MonitorWindowTest : public test::MonitorHarness {
     QString text(const char* label) { return widget<QLabel>(label)->text(); }
 
     void tick() {
-        controller->sendPing();
-        ASSERT_TRUE(pingSink.receive(5s).has_value());
+        MonitorHarness::tick();
+        nextPing();
     }
 
-    void reply() {
-        const std::size_t before = lines.size();
-        replier.sendTo(inPort, test::oscMessageBytes("/eos/out/ping"));
-        ASSERT_TRUE(QTest::qWaitFor([&] { return lines.size() >= before + 2; }, 5000));
-    }
+    void reply() { MonitorHarness::reply("/eos/out/ping"); }
 
     // Seconds of "last reply N.N s ago".
     double replyAge() {
@@ -83,10 +63,6 @@ class MonitorWindowTest : public test::MonitorHarness {
         }
         return false;
     }
-
-    test::UdpPeer pingSink;
-    test::UdpPeer replier;
-    std::uint16_t inPort = test::freeUdpPort();
 };
 
 TEST_F(MonitorWindowTest, TheTrayShowsTheLightAndNotifiesOnlyItsChanges) {
@@ -133,13 +109,11 @@ TEST_F(MonitorWindowTest, ShowsTheRoundTripOfEachPingAndTheAgeOfTheLastReply) {
 }
 
 // The built monitor as its own process on the desktop, as a technician runs it.
-class MonitorProgramTest : public DesktopTest {
+class MonitorProgramTest : public ::testing::Test {
   protected:
-    MonitorProgramTest() {
-        QSettings stored(environment.settingsFile(), QSettings::IniFormat);
-        stored.setValue("ip", "127.0.0.1");
-        stored.setValue("OutPort", pingPort);
-        stored.setValue("InPort", inPort);
+    void SetUp() override {
+        if (noDesktop()) GTEST_SKIP() << "Xvfb is not installed";
+        environment.storeLoopbackLink(pingPort, inPort);
     }
 
     void startMonitor() {
@@ -156,19 +130,11 @@ class MonitorProgramTest : public DesktopTest {
     void readThrough(const std::string& prefix) { monitor.linesThrough(prefix); }
 
     // Ends the monitor, whose tray icon gave Qt nothing to warn about.
-    void quit() {
-        monitor.terminate();
-        ASSERT_TRUE(monitor.waitForFinished(10000));
-        const std::string errors = monitor.readAllStandardError().toStdString();
-        EXPECT_EQ(monitor.exitCode(), 0) << errors;
-        EXPECT_THAT(errors, Not(HasSubstr("QSystemTrayIcon")));
-        monitor.printed += monitor.readAllStandardOutput();
-    }
+    void quit() { EXPECT_THAT(monitor.quit(), Not(HasSubstr("QSystemTrayIcon"))); }
 
     void startResponder() {
-        responder.start(KAVRIN_RESPONDER_PATH,
-                        {"--listen", QString::number(pingPort), "--reply-port", QString::number(inPort)});
-        ASSERT_TRUE(responder.waitForStarted(10000));
+        responder.startProgram(KAVRIN_RESPONDER_PATH, {"--listen", QString::number(pingPort),
+                                                    "--reply-port", QString::number(inPort)});
     }
 
     void stopResponder() {
@@ -176,7 +142,9 @@ class MonitorProgramTest : public DesktopTest {
         ASSERT_TRUE(responder.waitForFinished(5000));
     }
 
+    test::PrivateEnvironment environment;
     std::uint16_t pingPort = test::freeUdpPort();
+    std::uint16_t inPort = test::freeUdpPort();
     test::MonitorProgram monitor;
     test::MonitorProgram responder;
 };
@@ -266,18 +234,24 @@ TEST_F(MonitorProgramTest, TheHistoryRecordsEachOutageAsTheResponderStopsAndStar
     stopResponder();
     readThrough("Sent OSC ping");  // tick 7: green from the reply to tick 6's ping
     readThrough("Sent OSC ping");  // tick 8: red
-    QTest::qWait(500);             // for the history to write the paint
-    monitor.kill();                // a crash during the outage
+    std::int64_t runStart = 0;
+    std::vector<Row> rows;
+    const auto thirdOutageEndedBy = [&](const std::string& end) {
+        return QTest::qWaitFor(
+            [&] {
+                rows = outageRows(environment.dataHome() + "/Kavrin/history.sqlite", &runStart);
+                return rows.size() >= 3 && rows[2].endedBy == end;
+            },
+            5000);
+    };
+    ASSERT_TRUE(thirdOutageEndedBy("")) << "the paint of tick 8 is kept";
+    monitor.kill();  // a crash during the outage
     ASSERT_TRUE(monitor.waitForFinished(5000));
 
     monitor.setStandardOutputFile(QProcess::nullDevice());
-    startMonitor();  // the next start closes what the crash left open
-    QTest::qWait(500);
-    monitor.terminate();
-    ASSERT_TRUE(monitor.waitForFinished(10000));
-
-    std::int64_t runStart = 0;
-    const auto rows = outageRows(environment.dataHome() + "/Kavrin/history.sqlite", &runStart);
+    startMonitor();
+    ASSERT_TRUE(thirdOutageEndedBy("crash")) << "the next start closes what the crash left open";
+    monitor.quit();
     ASSERT_EQ(rows.size(), 3u);
     EXPECT_EQ(rows[0].started, runStart) << "down from the first paint";
     EXPECT_NEAR(rows[0].ended - rows[0].started, 2000, 500);

@@ -12,7 +12,6 @@
 #include "../../discovery/ZeroconfTest.hpp"
 #include "MonitorHarness.hpp"
 #include "MonitorProgram.hpp"
-#include "UdpPeer.hpp"
 #include "app/QtMainQueue.hpp"
 #include "osc/discovery/OSCServiceAdvertiser.hpp"
 #include "osc/discovery/OSCServiceBrowser.hpp"
@@ -27,19 +26,16 @@ class MonitorZeroconfTest : public test::MonitorHarness {
   protected:
     void SetUp() override {
         if (const auto skip = zeroconfTest::useTestDaemon()) GTEST_SKIP() << *skip;
-        settings->store().setValue("InPort", inPort);
     }
 
     // A child process that runs until the test ends, its stderr with its stdout.
     test::MonitorProgram& run(const QString& program, const QStringList& arguments) {
         auto& process = *children.emplace_back(std::make_unique<test::MonitorProgram>());
         process.setProcessChannelMode(QProcess::MergedChannels);
-        process.start(program, arguments);
-        EXPECT_TRUE(process.waitForStarted(10000)) << program.toStdString();
+        process.startProgram(program, arguments);
         return process;
     }
 
-    std::uint16_t inPort = test::freeUdpPort();
     std::vector<std::unique_ptr<test::MonitorProgram>> children;
 };
 

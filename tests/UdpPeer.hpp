@@ -17,8 +17,8 @@
 
 namespace kavrin::test {
 
-// A plain IPv4 UDP socket, independent of the library under test: it receives the monitor's
-// pings and sends it replies. `address` "0.0.0.0" holds the port on every interface.
+// A plain IPv4 UDP socket, independent of the library under test, for the peers of the monitor
+// and of the codec's interop tests. `address` "0.0.0.0" holds the port on every interface.
 class UdpPeer {
   public:
     explicit UdpPeer(std::uint16_t port = 0, const char* address = "127.0.0.1") {
