@@ -4,7 +4,9 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <string_view>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "osc/addressing/OSCAddressSpace.hpp"
@@ -34,9 +36,10 @@ std::vector<MethodID> dispatch(OSCAddressSpace& space, const char* address) {
     return space.dispatch(OSCMessage(address));
 }
 
-const OSCAddressSpace::Node* find(const OSCAddressSpace& space, std::vector<std::string> path) {
+// The node at a registered address such as "/a/b", taken literally; nullptr if there is none.
+const OSCAddressSpace::Node* find(const OSCAddressSpace& space, std::string_view address) {
     const OSCAddressSpace::Node* node = &space.root();
-    for (const auto& name : path) {
+    for (const auto name : OSCAddressPattern::pathComponents(address)) {
         const OSCAddressSpace::Node* next = nullptr;
         for (const auto& child : node->children()) {
             if (child->name() == name) next = child.get();
@@ -47,100 +50,78 @@ const OSCAddressSpace::Node* find(const OSCAddressSpace& space, std::vector<std:
     return node;
 }
 
-TEST(OSCAddressSpace, RegistrationAtTheRootStoresNothing) {
+TEST(OSCAddressSpace, RegisteringAnExistingNodeKeepsItsIdAndChildrenAndReplacesTheBlock) {
     OSCAddressSpace space;
     CallLog log;
-    const MethodID empty = space.registerMethod("", log.block("empty"));
-    const MethodID slash = space.registerMethod("/", log.block("slash"));
-    EXPECT_NE(empty, slash);
-    EXPECT_TRUE(space.root().children().empty());
-    EXPECT_FALSE(space.unregister(""));
-    EXPECT_FALSE(space.unregister("/"));
-    EXPECT_FALSE(space.unregister(empty));
-    EXPECT_TRUE(dispatch(space, "/").empty());
-    EXPECT_TRUE(dispatch(space, "/*").empty());
-    EXPECT_TRUE(log.calls.empty());
-}
-
-TEST(OSCAddressSpace, RegisteringAgainKeepsTheIdAndReplacesTheBlock) {
-    OSCAddressSpace space;
-    CallLog log;
-    const MethodID first = space.registerMethod("/a/b", log.block("first"));
-    const MethodID second = space.registerMethod("/a/b", log.block("second"));
-    EXPECT_EQ(first, second);
-    EXPECT_EQ(dispatch(space, "/a/b"), std::vector<MethodID>{first});
-    EXPECT_EQ(log.calls, std::vector<std::string>{"second"});
+    const MethodID b = space.registerMethod("/a/b", log.block("first"));
+    const MethodID containerID = find(space, "/a")->id();
     // The intermediate node stays a container and is never called.
-    EXPECT_EQ(find(space, {"a"})->nodeType(), NodeType::container);
+    EXPECT_EQ(find(space, "/a")->nodeType(), NodeType::container);
     EXPECT_TRUE(dispatch(space, "/a").empty());
+    EXPECT_EQ(space.registerMethod("/a/b", log.block("b")), b);
+    const MethodID a = space.registerMethod("/a", log.block("a"));
+    EXPECT_EQ(a, containerID);
+    EXPECT_EQ(find(space, "/a")->nodeType(), NodeType::method);
+    EXPECT_EQ(find(space, "/a")->children().size(), 1u);
+    EXPECT_EQ(dispatch(space, "/*"), std::vector<MethodID>{a});
+    EXPECT_EQ(dispatch(space, "/*/*"), std::vector<MethodID>{b});
+    EXPECT_EQ(log.calls, (std::vector<std::string>{"a", "b"}));
+
     // Registration converts text to ASCII and is case-sensitive.
     const MethodID cafe = space.registerMethod("/caf\xC3\xA9", log.block("cafe"));
     EXPECT_EQ(dispatch(space, "/cafe"), std::vector<MethodID>{cafe});
     EXPECT_TRUE(dispatch(space, "/CAFE").empty());
+
+    // The root is no method: registering there stores nothing.
+    const MethodID empty = space.registerMethod("", log.block("empty"));
+    EXPECT_NE(empty, space.registerMethod("/", log.block("slash")));
+    EXPECT_EQ(space.root().children().size(), 2u);
+    EXPECT_FALSE(space.unregister(""));
+    EXPECT_FALSE(space.unregister(empty));
+    EXPECT_TRUE(dispatch(space, "/").empty());
+    EXPECT_EQ(log.calls.size(), 3u);
 }
 
-TEST(OSCAddressSpace, RegisteringAContainerMakesAMethodThatKeepsItsChildren) {
-    OSCAddressSpace space;
-    CallLog log;
-    const MethodID b = space.registerMethod("/a/b", log.block("b"));
-    const MethodID containerID = find(space, {"a"})->id();
-    const MethodID a = space.registerMethod("/a", log.block("a"));
-    EXPECT_EQ(a, containerID);
-    EXPECT_EQ(find(space, {"a"})->nodeType(), NodeType::method);
-    EXPECT_EQ(find(space, {"a"})->children().size(), 1u);
+TEST(OSCAddressSpace, UnregisterByAddressOrIdRemovesLeavesAndDemotesMethodsWithChildren) {
+    // By address, or by the id of whatever node stands at that address.
+    using Unregister = bool (*)(OSCAddressSpace&, const char*);
+    const std::pair<const char*, Unregister> ways[] = {
+        {"address", [](OSCAddressSpace& space, const char* address) { return space.unregister(address); }},
+        {"id",
+         [](OSCAddressSpace& space, const char* address) {
+             const auto* node = find(space, address);
+             return space.unregister(node ? node->id() : MethodID::random());
+         }},
+    };
+    for (const auto& [way, unregister] : ways) {
+        SCOPED_TRACE(way);
+        OSCAddressSpace space;
+        CallLog log;
+        space.registerMethod("/a/b", log.block("b"));
+        EXPECT_FALSE(unregister(space, "/a"));  // a container, never a method
+        space.registerMethod("/a", log.block("a"));
+        const MethodID z = space.registerMethod("/z", log.block("z"));
+        EXPECT_FALSE(unregister(space, "/"));
+        EXPECT_FALSE(unregister(space, "/missing"));
+        EXPECT_FALSE(unregister(space, "/a/b/c"));
 
-    EXPECT_EQ(dispatch(space, "/*"), std::vector<MethodID>{a});
-    EXPECT_EQ(dispatch(space, "/*/*"), std::vector<MethodID>{b});
-    EXPECT_EQ(log.calls, (std::vector<std::string>{"a", "b"}));
-}
+        EXPECT_TRUE(unregister(space, "/a"));
+        ASSERT_NE(find(space, "/a"), nullptr);
+        EXPECT_EQ(find(space, "/a")->nodeType(), NodeType::container);
+        EXPECT_FALSE(find(space, "/a")->hasBlock());
+        EXPECT_TRUE(dispatch(space, "/a").empty());
+        EXPECT_FALSE(unregister(space, "/a"));
 
-TEST(OSCAddressSpace, UnregisterRemovesLeavesAndDemotesMethodsWithChildren) {
-    OSCAddressSpace space;
-    CallLog log;
-    space.registerMethod("/a/b", log.block("b"));
-    space.registerMethod("/a", log.block("a"));
+        EXPECT_TRUE(unregister(space, "/a/b"));
+        EXPECT_EQ(find(space, "/a/b"), nullptr);
+        EXPECT_FALSE(unregister(space, "/a/b"));
+        // The emptied container stays.
+        ASSERT_NE(find(space, "/a"), nullptr);
+        EXPECT_TRUE(find(space, "/a")->children().empty());
 
-    EXPECT_TRUE(space.unregister("/a"));
-    ASSERT_NE(find(space, {"a"}), nullptr);
-    EXPECT_EQ(find(space, {"a"})->nodeType(), NodeType::container);
-    EXPECT_FALSE(find(space, {"a"})->hasBlock());
-    EXPECT_TRUE(dispatch(space, "/a").empty());
-    EXPECT_FALSE(space.unregister("/a"));
-
-    EXPECT_TRUE(space.unregister("/a/b"));
-    EXPECT_EQ(find(space, {"a", "b"}), nullptr);
-    EXPECT_FALSE(space.unregister("/a/b"));
-    // The emptied container stays.
-    ASSERT_NE(find(space, {"a"}), nullptr);
-    EXPECT_TRUE(find(space, {"a"})->children().empty());
-
-    EXPECT_FALSE(space.unregister("/missing"));
-    EXPECT_FALSE(space.unregister("/a/b/c"));
-    EXPECT_TRUE(log.calls.empty());
-}
-
-TEST(OSCAddressSpace, UnregisterByIdHasTheSameOutcomes) {
-    OSCAddressSpace space;
-    CallLog log;
-    const MethodID leaf = space.registerMethod("/x/y/leaf", log.block("leaf"));
-    const MethodID parent = space.registerMethod("/x/y", log.block("parent"));
-    const MethodID other = space.registerMethod("/z", log.block("z"));
-    const MethodID container = find(space, {"x"})->id();
-
-    EXPECT_FALSE(space.unregister(container));
-    EXPECT_FALSE(space.unregister(space.root().id()));
-    EXPECT_FALSE(space.unregister(MethodID::random()));
-
-    EXPECT_TRUE(space.unregister(parent));
-    EXPECT_EQ(find(space, {"x", "y"})->nodeType(), NodeType::container);
-    EXPECT_FALSE(space.unregister(parent));
-
-    EXPECT_TRUE(space.unregister(leaf));
-    EXPECT_EQ(find(space, {"x", "y", "leaf"}), nullptr);
-    EXPECT_FALSE(space.unregister(leaf));
-
-    EXPECT_EQ(dispatch(space, "/z"), std::vector<MethodID>{other});
-    EXPECT_TRUE(dispatch(space, "/x/y").empty());
+        EXPECT_EQ(dispatch(space, "/z"), std::vector<MethodID>{z});
+        EXPECT_EQ(log.calls, std::vector<std::string>{"z"});
+    }
 }
 
 TEST(OSCAddressSpace, DispatchFollowsLevelsParentsAndCreationOrder) {
@@ -171,7 +152,7 @@ TEST(OSCAddressSpace, WildcardsInRegisteredAddressesAreLiteralNames) {
     CallLog log;
     const MethodID star = space.registerMethod("/a/*", log.block("star"));
     const MethodID b = space.registerMethod("/a/b", log.block("b"));
-    EXPECT_EQ(find(space, {"a", "*"})->id(), star);
+    EXPECT_EQ(find(space, "/a/*")->id(), star);
     EXPECT_EQ(space.methodIDs(OSCAddressPattern("/a/[*]")), std::vector<MethodID>{star});
     EXPECT_EQ(space.methodIDs(OSCAddressPattern("/a/b")), std::vector<MethodID>{b});
     EXPECT_EQ(space.methodIDs(OSCAddressPattern("/a/*")), (std::vector<MethodID>{star, b}));
