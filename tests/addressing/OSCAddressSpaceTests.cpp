@@ -3,8 +3,8 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <thread>
 #include <string_view>
+#include <thread>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -86,7 +86,8 @@ TEST(OSCAddressSpace, UnregisterByAddressOrIdRemovesLeavesAndDemotesMethodsWithC
     // By address, or by the id of whatever node stands at that address.
     using Unregister = bool (*)(OSCAddressSpace&, const char*);
     const std::pair<const char*, Unregister> ways[] = {
-        {"address", [](OSCAddressSpace& space, const char* address) { return space.unregister(address); }},
+        {"address",
+         [](OSCAddressSpace& space, const char* address) { return space.unregister(address); }},
         {"id",
          [](OSCAddressSpace& space, const char* address) {
              const auto* node = find(space, address);
@@ -203,8 +204,7 @@ TEST(OSCAddressSpace, DispatchOnAQueuePostsOneWorkItemThatOwnsWhatItNeeds) {
     }
     EXPECT_EQ(queue->drain(), 1u);
     EXPECT_EQ(log.calls, (std::vector<std::string>{"x", "y"}));
-    EXPECT_EQ(log.values,
-              (std::vector<OSCValueList>{{std::int32_t{7}}, {std::int32_t{7}}}));
+    EXPECT_EQ(log.values, (std::vector<OSCValueList>{{std::int32_t{7}}, {std::int32_t{7}}}));
     EXPECT_EQ(queue->drain(), 0u);
 }
 
