@@ -56,28 +56,24 @@ TEST(RadixFormat, PadsGroupsAndCasesAsAsked) {
     EXPECT_EQ(formatBinary(std::uint8_t{1}, {.minimumDigits = 4, .prefix = false}), "0001");
 }
 
-template <class T>
+template <class... Ts>
 void expectRoundTrips() {
-    for (const T value : {std::numeric_limits<T>::min(), std::numeric_limits<T>::max(), T{0}, T{1},
-                          static_cast<T>(std::numeric_limits<T>::max() / 3)}) {
-        EXPECT_EQ(parseHex<T>(formatHex(value)), value);
-        EXPECT_EQ(parseBinary<T>(formatBinary(value, {.group = 4})), value);
-        EXPECT_EQ(parseHex<T>(formatHex(value, {.prefix = false, .letters = LetterCase::upper})),
-                  value);
-    }
+    const auto each = []<class T>(T) {
+        for (const T value : {std::numeric_limits<T>::min(), std::numeric_limits<T>::max(), T{0},
+                              T{1}, static_cast<T>(std::numeric_limits<T>::max() / 3)}) {
+            EXPECT_EQ(parseHex<T>(formatHex(value)), value);
+            EXPECT_EQ(parseBinary<T>(formatBinary(value, {.group = 4})), value);
+            EXPECT_EQ(
+                parseHex<T>(formatHex(value, {.prefix = false, .letters = LetterCase::upper})),
+                value);
+        }
+    };
+    (each(Ts{}), ...);
 }
 
 TEST(RadixParse, ReadsBackWhatFormatWritesForEveryWidth) {
-    expectRoundTrips<std::int8_t>();
-    expectRoundTrips<std::uint8_t>();
-    expectRoundTrips<std::int16_t>();
-    expectRoundTrips<std::uint16_t>();
-    expectRoundTrips<std::int32_t>();
-    expectRoundTrips<std::uint32_t>();
-    expectRoundTrips<std::int64_t>();
-    expectRoundTrips<std::uint64_t>();
-    expectRoundTrips<Int128>();
-    expectRoundTrips<UInt128>();
+    expectRoundTrips<std::int8_t, std::uint8_t, std::int16_t, std::uint16_t, std::int32_t,
+                     std::uint32_t, std::int64_t, std::uint64_t, Int128, UInt128>();
 }
 
 TEST(RadixParse, ReadsSignsAsMagnitudesAndDigitsAsBits) {

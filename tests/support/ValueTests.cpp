@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <limits>
+#include <utility>
 
 #include "support/Clamped.hpp"
 #include "support/Validated.hpp"
@@ -16,14 +17,11 @@ constexpr double infinity = std::numeric_limits<double>::infinity();
 TEST(Clamped, KeepsConstructionAndAssignmentWithinItsBounds) {
     Clamped<double> level(1.5, 0.0, 1.0);
     EXPECT_EQ(level.value(), 1.0);
-    level = -0.25;
-    EXPECT_EQ(level.value(), 0.0);
-    level = 0.5;
-    EXPECT_EQ(level.value(), 0.5);
-    level = infinity;
-    EXPECT_EQ(level.value(), 1.0);
-    level = -infinity;
-    EXPECT_EQ(level.value(), 0.0);
+    for (const auto [given, kept] :
+         {std::pair{-0.25, 0.0}, {0.5, 0.5}, {infinity, 1.0}, {-infinity, 0.0}}) {
+        level = given;
+        EXPECT_EQ(level.value(), kept) << given;
+    }
 
     // Unsigned and narrow types at their limits; a one-point range.
     Clamped<std::uint8_t> byte(255, 10, 200);
