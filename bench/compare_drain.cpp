@@ -170,7 +170,8 @@ Run drainOnce(ThreadParking& parking, const Setup& setup, const std::string& kin
 struct Options {
     int runs = 5;
     long count = 200000;
-    std::vector<std::string> receivers{"kavrin", "udpsocket", "oscpack", "liblo", "recvmmsg"};
+    std::vector<std::string> receivers{"kavrin", "kavrin-view", "udpsocket",
+                                       "oscpack", "liblo",       "recvmmsg"};
     std::string json;
 };
 

@@ -105,13 +105,22 @@ class Receiver {
     virtual bool setsOwnBuffer() const { return false; }
 };
 
+// An OSCServer whose owning handler counts on a serial queue of its own or, `view`, whose view
+// handler counts on the receive queue.
 class KavrinReceiver final : public Receiver {
   public:
-    KavrinReceiver(Counter& counter, std::size_t buffer) : port_(freePort()) {
-        server = kavrin::OSCServer::create(
-            port_, nullptr, kavrin::SerialQueue::create("handler"),
-            kavrin::OSCServer::TimeTagMode::osc1_0,
-            [&counter](const kavrin::OSCMessage&, const kavrin::OSCTimeTag&) { counter.hit(); });
+    KavrinReceiver(Counter& counter, std::size_t buffer, bool view = false) : port_(freePort()) {
+        server = kavrin::OSCServer::create(port_, nullptr, kavrin::SerialQueue::create("handler"),
+                                           kavrin::OSCServer::TimeTagMode::osc1_0);
+        if (view) {
+            server->setViewHandler([&counter](const kavrin::OSCMessageView&,
+                                              const kavrin::OSCTimeTag&,
+                                              const kavrin::SocketAddress&) { counter.hit(); });
+        } else {
+            server->setHandler([&counter](const kavrin::OSCMessage&, const kavrin::OSCTimeTag&) {
+                counter.hit();
+            });
+        }
         if (buffer != 0) server->setKernelReceiveBufferSize(buffer);
         try {
             server->start();
@@ -128,7 +137,8 @@ class KavrinReceiver final : public Receiver {
     std::shared_ptr<kavrin::OSCServer> server;
 };
 
-// The socket under the server alone: a delegate that counts each datagram on its queue.
+// The socket under the server alone: a delegate that counts each datagram of the blocks it is
+// handed on its queue.
 class UdpSocketReceiver final : public Receiver {
   public:
     explicit UdpSocketReceiver(Counter& counter)
@@ -145,9 +155,8 @@ class UdpSocketReceiver final : public Receiver {
   private:
     struct Counting final : kavrin::UdpSocketDelegate {
         explicit Counting(Counter& counter) : counter(counter) {}
-        void udpSocketDidReceiveData(kavrin::UdpSocket&, std::vector<std::uint8_t>,
-                                     const kavrin::SocketAddress&, const std::any&) override {
-            counter.hit();
+        void udpSocketDidReceiveBlock(kavrin::UdpSocket&, kavrin::UdpDatagramBlock block) override {
+            for (std::size_t i = 0; i < block.size(); ++i) counter.hit();
         }
         Counter& counter;
     };
@@ -271,6 +280,7 @@ class RecvfromReceiver final : public Receiver {
 inline std::unique_ptr<Receiver> makeReceiver(const std::string& kind, Counter& counter,
                                               std::size_t buffer) {
     if (kind == "kavrin") return std::make_unique<KavrinReceiver>(counter, buffer);
+    if (kind == "kavrin-view") return std::make_unique<KavrinReceiver>(counter, buffer, true);
     if (kind == "udpsocket") return std::make_unique<UdpSocketReceiver>(counter);
     if (kind == "liblo") return std::make_unique<LibloReceiver>(counter);
     if (kind == "oscpack") return std::make_unique<OscpackReceiver>(counter);

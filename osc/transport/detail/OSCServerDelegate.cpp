@@ -4,9 +4,8 @@
 
 namespace kavrin {
 
-void OSCServerDelegate::udpSocketDidReceiveData(UdpSocket&, std::vector<std::uint8_t> data,
-                                                const SocketAddress& address, const std::any&) {
-    if (auto server = oscServer.lock()) server->receive(std::move(data), address);
+void OSCServerDelegate::udpSocketDidReceiveBlock(UdpSocket&, UdpDatagramBlock block) {
+    if (auto server = oscServer.lock()) server->receive(block);
 }
 
 }  // namespace kavrin

@@ -8,9 +8,8 @@ namespace kavrin {
 
 class OSCServer;
 
-/// Takes an OSCServer's datagrams from its socket, so that the socket (which holds its delegate
-/// weakly and is owned by the server) never keeps the server alive. Decodes each datagram and
-/// hands the result to the server; anything that is not a valid OSC packet is dropped silently.
+/// Takes an OSCServer's datagrams from its socket, a turn's block at a time, so that the socket
+/// (which holds its delegate weakly and is owned by the server) never keeps the server alive.
 ///
 /// Internal to OSCServer, which alone makes it and points it at itself. Called on the server's
 /// receive queue.
@@ -20,9 +19,7 @@ class OSCServerDelegate final : public UdpSocketDelegate {
   public:
     explicit OSCServerDelegate(Private) {}
 
-    void udpSocketDidReceiveData(UdpSocket& sock, std::vector<std::uint8_t> data,
-                                 const SocketAddress& address,
-                                 const std::any& filterContext) override;
+    void udpSocketDidReceiveBlock(UdpSocket& sock, UdpDatagramBlock block) override;
 
   private:
     friend class OSCServer;
