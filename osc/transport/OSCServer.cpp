@@ -8,9 +8,21 @@
 #include "osc/transport/UdpDatagramBlock.hpp"
 #include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/UdpSocketError.hpp"
-#include "osc/transport/detail/OSCServerDelegate.hpp"
 
 namespace kavrin {
+
+// Takes the server's datagrams from its socket, a turn's block at a time, so that the socket
+// (which holds its delegate weakly and is owned by the server) never keeps the server alive.
+// Called on the receive queue.
+class OSCServerDelegate final : public UdpSocketDelegate {
+  public:
+    void udpSocketDidReceiveBlock(UdpSocket&, UdpDatagramBlock block) override {
+        if (auto server = oscServer.lock()) server->receive(block);
+    }
+
+    // Set once, before the socket learns of this delegate.
+    std::weak_ptr<OSCServer> oscServer;
+};
 
 namespace {
 
@@ -43,7 +55,7 @@ OSCServer::OSCServer(Private, std::uint16_t port, std::shared_ptr<SerialQueue> r
                      std::shared_ptr<DispatchQueue> dispatchQueue, TimeTagMode mode,
                      Handler handler)
     : udpServer(UdpSocket::create()),
-      udpDelegate(std::make_shared<OSCServerDelegate>(OSCServerDelegate::Private{})),
+      udpDelegate(std::make_shared<OSCServerDelegate>()),
       receiveQueue(receiveQueue
                        ? std::move(receiveQueue)
                        : SerialQueue::create("OSCServer", QualityOfService::userInitiated)),
