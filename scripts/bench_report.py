@@ -192,6 +192,26 @@ def query_table():
 # MARK: Receive
 
 
+def drain_receivers(found):
+    return list(dict.fromkeys(d["receiver"] for data, _ in found for d in data["drain"]))
+
+
+def drain_rows(found, peers):
+    """Per receiver of a drain: its rate, its rate over each peer's within a round, and whether
+    every datagram arrived in every run ("yes" or "no")."""
+    rates = [{d["receiver"]: d["median_rate"] for d in data["drain"]} for data, _ in found]
+    rows = []
+    for r in drain_receivers(found):
+        row = [r, spread([rate.get(r) for rate in rates], lambda v: f"{v:,.0f}")]
+        for peer in peers:
+            row.append(spread([rate[r] / rate[peer] if rate.get(r) and rate.get(peer) else None
+                               for rate in rates], fmt_ratio))
+        complete = all(d["complete"] for data, _ in found for d in data["drain"] if d["receiver"] == r)
+        row.append("yes" if complete else "no")
+        rows.append(row)
+    return rows
+
+
 def receive_tables():
     found = results("compare_receive")
     if not found:
@@ -204,18 +224,12 @@ def receive_tables():
                f"the receiver's socket buffer, then timed while it empties it; in each round the "
                f"median of {plural(first['drain_runs'], 'run')}. Receiver on cpu {first['receiver_cpu']}, "
                f"sender on cpu {first['sender_cpu']}.\n")
-    rates = [{d["receiver"]: d["median_rate"] for d in data["drain"]} for data, _ in found]
-    receivers = list(dict.fromkeys(d["receiver"] for data, _ in found for d in data["drain"]))
-    rows = []
-    for r in receivers:
-        row = [r, spread([rate.get(r) for rate in rates], lambda v: f"{v:,.0f}")]
-        for peer in ("liblo", "recvfrom", "recvmmsg"):
-            row.append(spread([rate[r] / rate[peer] if rate.get(r) and rate.get(peer) else None
-                               for rate in rates], fmt_ratio))
-        fewest = min(d["min_delivered"] for data, _ in found for d in data["drain"] if d["receiver"] == r)
-        complete = all(d["complete"] for data, _ in found for d in data["drain"] if d["receiver"] == r)
-        row.append("yes" if complete else f"no (fewest {fewest:,})")
-        rows.append(row)
+    rows = drain_rows(found, ("liblo", "recvfrom", "recvmmsg"))
+    for row, r in zip(rows, drain_receivers(found)):
+        if row[-1] == "no":
+            fewest = min(d["min_delivered"] for data, _ in found for d in data["drain"]
+                         if d["receiver"] == r)
+            row[-1] = f"no (fewest {fewest:,})"
     table(["Receiver", "datagrams/s", "÷ liblo", "÷ recvfrom ceiling", "÷ recvmmsg ceiling",
            "all arrived in every run"], rows)
 
@@ -284,18 +298,8 @@ def drain_table():
                f"datagrams of {first['datagram_bytes']} bytes queued in its socket buffer while its "
                f"threads were parked, and timed to the last one; in each round the median of "
                f"{plural(first['runs'], 'run')}.\n")
-    rates = [{d["receiver"]: d["median_rate"] for d in data["drain"]} for data, _ in found]
-    receivers = list(dict.fromkeys(d["receiver"] for data, _ in found for d in data["drain"]))
-    rows = []
-    for r in receivers:
-        row = [r, spread([rate.get(r) for rate in rates], lambda v: f"{v:,.0f}")]
-        for peer in ("oscpack", "liblo", "recvmmsg"):
-            row.append(spread([rate[r] / rate[peer] if rate.get(r) and rate.get(peer) else None
-                               for rate in rates], fmt_ratio))
-        complete = all(d["complete"] for data, _ in found for d in data["drain"] if d["receiver"] == r)
-        row.append("yes" if complete else "no")
-        rows.append(row)
-    table(["Receiver", "datagrams/s", "÷ oscpack", "÷ liblo", "÷ recvmmsg", "all arrived"], rows)
+    table(["Receiver", "datagrams/s", "÷ oscpack", "÷ liblo", "÷ recvmmsg", "all arrived"],
+          drain_rows(found, ("oscpack", "liblo", "recvmmsg")))
 
 
 def tcp_table():
