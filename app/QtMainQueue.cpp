@@ -7,9 +7,51 @@
 #include <chrono>
 #include <map>
 #include <mutex>
+#include <utility>
 #include <vector>
 
+#include "app/StdoutLines.hpp"
+
 namespace kavrin {
+
+// Work posted and not yet run. The first item after a quiet spell runs at once; while items
+// keep coming they run together once a millisecond, so a flood wakes the GUI thread a thousand
+// times a second rather than once per item, for at most a millisecond more lag.
+struct QtMainQueue::Pending : std::enable_shared_from_this<Pending> {
+    static constexpr auto floodInterval = std::chrono::milliseconds(1);
+
+    std::mutex mutex;
+    std::vector<Work> items;
+    bool running = false;  // a run is posted or its follow-up timer armed
+
+    // Under the lock: whether the caller must post a run.
+    bool add(Work work) {
+        items.push_back(std::move(work));
+        return !std::exchange(running, true);
+    }
+
+    // On the GUI thread. Runs what has come, then looks again after the interval; finding
+    // nothing then, it stops, and the next item posts a run of its own.
+    void run() {
+        std::vector<Work> batch;
+        {
+            std::lock_guard lock(mutex);
+            batch.swap(items);
+            if (batch.empty()) {
+                running = false;
+                return;
+            }
+        }
+        {
+            const StdoutLines::Batch lines;
+            for (auto& work : batch) work();
+        }
+        QTimer::singleShot(floodInterval, Qt::PreciseTimer, QCoreApplication::instance(),
+                           [weak = weak_from_this()] {
+                               if (auto self = weak.lock()) self->run();
+                           });
+    }
+};
 
 // Delayed work waits here in deadline order under one timer, armed for the earliest: a timer
 // per item would round each deadline to the millisecond on its own and could run two items
@@ -50,12 +92,16 @@ struct QtMainQueue::Delayed : std::enable_shared_from_this<Delayed> {
             for (auto it = items.begin(); it != end; ++it) due.push_back(std::move(it->second));
             items.erase(items.begin(), end);
         }
-        for (auto& work : due) work();
+        {
+            const StdoutLines::Batch lines;
+            for (auto& work : due) work();
+        }
         arm();
     }
 };
 
-QtMainQueue::QtMainQueue() : delayed_(std::make_shared<Delayed>()) {}
+QtMainQueue::QtMainQueue()
+    : pending_(std::make_shared<Pending>()), delayed_(std::make_shared<Delayed>()) {}
 
 QtMainQueue::~QtMainQueue() = default;
 
@@ -64,9 +110,20 @@ void QtMainQueue::async(Work work) {
     if (app == nullptr) {
         return;
     }
+    bool post = false;
+    {
+        std::lock_guard lock(pending_->mutex);
+        post = pending_->add(std::move(work));
+    }
     // Queued even on the GUI thread, so the work never runs inside this call.
-    QMetaObject::invokeMethod(
-        app, [work = std::move(work)] { work(); }, Qt::QueuedConnection);
+    if (post) {
+        QMetaObject::invokeMethod(
+            app,
+            [weak = std::weak_ptr<Pending>(pending_)] {
+                if (auto pending = weak.lock()) pending->run();
+            },
+            Qt::QueuedConnection);
+    }
 }
 
 void QtMainQueue::asyncAfter(Clock::time_point deadline, Work work) {

@@ -10,6 +10,10 @@ namespace kavrin {
 // loop, in the order posted; delayed work in deadline order, equal deadlines in the order
 // posted. Work may be posted from any thread; it never runs inside the call. Work posted once
 // the QApplication is gone is dropped.
+//
+// Work runs in batches: the first item after a quiet spell at once, and while items keep coming
+// what has come once a millisecond, so that a flood of deliveries does not wake the GUI thread
+// for each. Each batch is one StdoutLines::Batch: its lines leave in one write() as it ends.
 class QtMainQueue final : public DispatchQueue {
   public:
     QtMainQueue();
@@ -22,7 +26,9 @@ class QtMainQueue final : public DispatchQueue {
     bool isCurrent() const override;  // on the GUI thread
 
   private:
+    struct Pending;
     struct Delayed;
+    std::shared_ptr<Pending> pending_;
     std::shared_ptr<Delayed> delayed_;
 };
 

@@ -11,7 +11,6 @@
 #include <exception>
 
 #include "app/MessageLogView.hpp"
-#include "app/DeliveryQueue.hpp"
 #include "app/DroppedDatagrams.hpp"
 #include "app/FindDevicesDialog.hpp"
 #include "app/LinkLight.hpp"
@@ -77,8 +76,7 @@ ViewController::ViewController(MonitorSettings& defaults, std::shared_ptr<Dispat
       tray_(new StatusTray(this)),
       alert(new QMessageBox(this)),
       mainQueue(std::move(mainQueue)),
-      deliveryQueue(std::make_shared<DeliveryQueue>(this->mainQueue)),
-      link_(new MonitorLink(deliveryQueue, [this](const OSCMessage& message) { receive(message); }, this)),
+      link_(new MonitorLink(this->mainQueue, [this](const OSCMessage& message) { receive(message); }, this)),
       advertiser_(new MonitorAdvertiser(this->mainQueue, this)),
       log(std::move(log)) {
     Ui::MainWindow().setupUi(this);
@@ -144,7 +142,7 @@ void ViewController::viewDidLoad() {
     advertiser_->setEnabled(Advertise);
 
     const std::uint16_t inPort = socketPort(MyInPort, "incoming");
-    oscServer = OSCServer::create(inPort, nullptr, deliveryQueue, OSCServer::TimeTagMode::ignore,
+    oscServer = OSCServer::create(inPort, nullptr, mainQueue, OSCServer::TimeTagMode::ignore,
                                   nullptr);
     oscServer->setKernelReceiveBufferSize(kernelReceiveBuffer);
     oscServer->setHandler(

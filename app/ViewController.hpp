@@ -133,7 +133,6 @@ class ViewController : public QWidget {
     QPointer<FindDevicesDialog> findDialog;     // a child, made when first asked for
     QMessageBox* alert;  // the in-port notice, reused; owned as a child
     std::shared_ptr<DispatchQueue> mainQueue;
-    std::shared_ptr<DispatchQueue> deliveryQueue;  // the server's and the connection's
     MonitorLink* link_;                            // a child
     MonitorAdvertiser* advertiser_;                // a child
     std::shared_ptr<OSCServer> oscServer;

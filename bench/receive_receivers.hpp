@@ -1,5 +1,5 @@
-// The receivers compare_receive measures, and how to reach the sockets of those that do not
-// expose them. For compare_receive.cpp alone.
+// The receivers compare_receive and compare_drain measure, and how to reach the sockets of those
+// that do not expose them.
 #pragma once
 
 #include <arpa/inet.h>
@@ -26,6 +26,7 @@
 #include "osc/OscPacketListener.h"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/OSCServer.hpp"
+#include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/UdpSocketError.hpp"
 
 namespace receive_bench {
@@ -104,13 +105,22 @@ class Receiver {
     virtual bool setsOwnBuffer() const { return false; }
 };
 
+// An OSCServer whose owning handler counts on a serial queue of its own or, `view`, whose view
+// handler counts on the receive queue.
 class KavrinReceiver final : public Receiver {
   public:
-    KavrinReceiver(Counter& counter, std::size_t buffer) : port_(freePort()) {
-        server = kavrin::OSCServer::create(
-            port_, nullptr, kavrin::SerialQueue::create("handler"),
-            kavrin::OSCServer::TimeTagMode::osc1_0,
-            [&counter](const kavrin::OSCMessage&, const kavrin::OSCTimeTag&) { counter.hit(); });
+    KavrinReceiver(Counter& counter, std::size_t buffer, bool view = false) : port_(freePort()) {
+        server = kavrin::OSCServer::create(port_, nullptr, kavrin::SerialQueue::create("handler"),
+                                           kavrin::OSCServer::TimeTagMode::osc1_0);
+        if (view) {
+            server->setViewHandler([&counter](const kavrin::OSCMessageView&,
+                                              const kavrin::OSCTimeTag&,
+                                              const kavrin::SocketAddress&) { counter.hit(); });
+        } else {
+            server->setHandler([&counter](const kavrin::OSCMessage&, const kavrin::OSCTimeTag&) {
+                counter.hit();
+            });
+        }
         if (buffer != 0) server->setKernelReceiveBufferSize(buffer);
         try {
             server->start();
@@ -125,6 +135,34 @@ class KavrinReceiver final : public Receiver {
   private:
     std::uint16_t port_;
     std::shared_ptr<kavrin::OSCServer> server;
+};
+
+// The socket under the server alone: a delegate that counts each datagram of the blocks it is
+// handed on its queue.
+class UdpSocketReceiver final : public Receiver {
+  public:
+    explicit UdpSocketReceiver(Counter& counter)
+        : port_(freePort()), delegate(std::make_shared<Counting>(counter)) {
+        socket = kavrin::UdpSocket::create(delegate, kavrin::SerialQueue::create("delegate"));
+        kavrin::UdpSocketError error;
+        if (!socket->bindToPort(port_, &error) || !socket->beginReceiving(&error)) {
+            fail(std::string("UdpSocket: ") + error.what());
+        }
+    }
+    ~UdpSocketReceiver() override { socket->close(); }
+    std::uint16_t port() const override { return port_; }
+
+  private:
+    struct Counting final : kavrin::UdpSocketDelegate {
+        explicit Counting(Counter& counter) : counter(counter) {}
+        void udpSocketDidReceiveBlock(kavrin::UdpSocket&, kavrin::UdpDatagramBlock block) override {
+            for (std::size_t i = 0; i < block.size(); ++i) counter.hit();
+        }
+        Counter& counter;
+    };
+    std::uint16_t port_;
+    std::shared_ptr<Counting> delegate;
+    std::shared_ptr<kavrin::UdpSocket> socket;
 };
 
 class LibloReceiver final : public Receiver {
@@ -242,6 +280,8 @@ class RecvfromReceiver final : public Receiver {
 inline std::unique_ptr<Receiver> makeReceiver(const std::string& kind, Counter& counter,
                                               std::size_t buffer) {
     if (kind == "kavrin") return std::make_unique<KavrinReceiver>(counter, buffer);
+    if (kind == "kavrin-view") return std::make_unique<KavrinReceiver>(counter, buffer, true);
+    if (kind == "udpsocket") return std::make_unique<UdpSocketReceiver>(counter);
     if (kind == "liblo") return std::make_unique<LibloReceiver>(counter);
     if (kind == "oscpack") return std::make_unique<OscpackReceiver>(counter);
     if (kind == "recvfrom") return std::make_unique<RecvfromReceiver>(counter, false);

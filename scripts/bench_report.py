@@ -19,7 +19,7 @@ with open(os.path.join(build, "run-info.json")) as f:
     run = json.load(f)
 round_dirs = sorted((d for d in os.listdir(os.path.join(build, "rounds")) if d.isdigit()), key=int)
 short = {"compare_codec": "codec", "compare_matching": "matching", "compare_receive": "receive",
-         "compare_tcp": "tcp", "query_bench": "query"}
+         "compare_drain": "drain", "compare_tcp": "tcp", "query_bench": "query"}
 to_ns = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 page_begin = "<!-- results: scripts/bench writes what follows, up to the end marker -->"
 page_end = "<!-- end of results -->"
@@ -192,6 +192,26 @@ def query_table():
 # MARK: Receive
 
 
+def drain_receivers(found):
+    return list(dict.fromkeys(d["receiver"] for data, _ in found for d in data["drain"]))
+
+
+def drain_rows(found, peers):
+    """Per receiver of a drain: its rate, its rate over each peer's within a round, and whether
+    every datagram arrived in every run ("yes" or "no")."""
+    rates = [{d["receiver"]: d["median_rate"] for d in data["drain"]} for data, _ in found]
+    rows = []
+    for r in drain_receivers(found):
+        row = [r, spread([rate.get(r) for rate in rates], lambda v: f"{v:,.0f}")]
+        for peer in peers:
+            row.append(spread([rate[r] / rate[peer] if rate.get(r) and rate.get(peer) else None
+                               for rate in rates], fmt_ratio))
+        complete = all(d["complete"] for data, _ in found for d in data["drain"] if d["receiver"] == r)
+        row.append("yes" if complete else "no")
+        rows.append(row)
+    return rows
+
+
 def receive_tables():
     found = results("compare_receive")
     if not found:
@@ -204,18 +224,12 @@ def receive_tables():
                f"the receiver's socket buffer, then timed while it empties it; in each round the "
                f"median of {plural(first['drain_runs'], 'run')}. Receiver on cpu {first['receiver_cpu']}, "
                f"sender on cpu {first['sender_cpu']}.\n")
-    rates = [{d["receiver"]: d["median_rate"] for d in data["drain"]} for data, _ in found]
-    receivers = list(dict.fromkeys(d["receiver"] for data, _ in found for d in data["drain"]))
-    rows = []
-    for r in receivers:
-        row = [r, spread([rate.get(r) for rate in rates], lambda v: f"{v:,.0f}")]
-        for peer in ("liblo", "recvfrom", "recvmmsg"):
-            row.append(spread([rate[r] / rate[peer] if rate.get(r) and rate.get(peer) else None
-                               for rate in rates], fmt_ratio))
-        fewest = min(d["min_delivered"] for data, _ in found for d in data["drain"] if d["receiver"] == r)
-        complete = all(d["complete"] for data, _ in found for d in data["drain"] if d["receiver"] == r)
-        row.append("yes" if complete else f"no (fewest {fewest:,})")
-        rows.append(row)
+    rows = drain_rows(found, ("liblo", "recvfrom", "recvmmsg"))
+    for row, r in zip(rows, drain_receivers(found)):
+        if row[-1] == "no":
+            fewest = min(d["min_delivered"] for data, _ in found for d in data["drain"]
+                         if d["receiver"] == r)
+            row[-1] = f"no (fewest {fewest:,})"
     table(["Receiver", "datagrams/s", "÷ liblo", "÷ recvfrom ceiling", "÷ recvmmsg ceiling",
            "all arrived in every run"], rows)
 
@@ -270,6 +284,22 @@ def receive_tables():
 
 
 # MARK: TCP
+
+
+def drain_table():
+    found = results("compare_drain")
+    out.append("### In-process drain\n")
+    if not found:
+        out.append("compare_drain was not run.\n")
+        return
+    first = found[0][0]
+    out.append(conditions("compare_drain", found))
+    out.append(f"Every receiver in one process, one after another, each on {first['count']:,} "
+               f"datagrams of {first['datagram_bytes']} bytes queued in its socket buffer while its "
+               f"threads were parked, and timed to the last one; in each round the median of "
+               f"{plural(first['runs'], 'run')}.\n")
+    table(["Receiver", "datagrams/s", "÷ oscpack", "÷ liblo", "÷ recvmmsg", "all arrived"],
+          drain_rows(found, ("oscpack", "liblo", "recvmmsg")))
 
 
 def tcp_table():
@@ -355,9 +385,11 @@ def rounds_table():
 
 started = min((load(d, n, ".info") or {}).get("started", time.time())
               for d in round_dirs for n in run["programs"]) if round_dirs else time.time()
-google = [f"`{n}`" for n in run["programs"] if n not in ("compare_receive", "compare_tcp")]
+google = [f"`{n}`" for n in run["programs"]
+          if n not in ("compare_receive", "compare_drain", "compare_tcp")]
 given = ([f"{' and '.join(google)} with `{run['google_args']}`"] if google else []) + \
     ([f"`compare_receive` with `{run['receive_args']}`"] if "compare_receive" in run["programs"] else []) + \
+    ([f"`compare_drain` with `{run.get('drain_args', '')}`"] if "compare_drain" in run["programs"] else []) + \
     ([f"`compare_tcp` with `{run['tcp_args']}`"] if "compare_tcp" in run["programs"] else [])
 out.append("## Results: Kavrin against liblo and oscpack\n")
 out.append(f"Run {time.strftime('%Y-%m-%d %H:%M UTC', time.gmtime(started))} with "
@@ -386,6 +418,7 @@ google_table("compare_matching", "Matching (median ns per match)", "Match",
 google_table("compare_matching", "Dispatch over 10,000 methods (median ns per dispatch)",
              "Dispatch", ["kavrin"], "ns")
 receive = receive_tables()
+drain_table()
 tcp_table()
 query_table()
 rounds_table()

@@ -3,10 +3,10 @@
 #include <atomic>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <functional>
 
+#include "support/FatalError.hpp"
 #include "support/HashCombine.hpp"
 
 namespace kavrin {
@@ -29,7 +29,9 @@ OSCTimeTag OSCTimeTag::fromSeconds(double seconds) {
     }
     const double era = std::trunc(seconds / secondsPerEra);
     // A time this far out is a programming error, not data: stop rather than wrap.
-    if (!(era < 9223372036854775807.0)) std::abort();
+    if (!(era < 9223372036854775807.0)) {
+        fatalError("OSCTimeTag::fromSeconds: a time too far ahead to count in eras");
+    }
     // Both steps are exact in binary floating point, so the product stays below 2^64.
     const double within = seconds - era * secondsPerEra;
     return OSCTimeTag{static_cast<std::int64_t>(era),

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "osc/codec/OSCMessageView.hpp"
 #include "osc/codec/OSCPacket.hpp"
 #include "osc/stream/OSCDeframer.hpp"
 #include "osc/stream/OSCStreamSettings.hpp"
@@ -24,6 +25,11 @@ class OSCStreamReceiver;
 /// (immediate for a message sent on its own) and the connection it came in on, to answer on.
 using OSCStreamHandler = std::function<void(const OSCMessage&, const OSCTimeTag&,
                                             const std::shared_ptr<OSCStreamConnection>& from)>;
+/// The same for a message read in place, on the receive queue (OSCServer::ViewHandler). The view
+/// is valid only during the call.
+using OSCStreamViewHandler =
+    std::function<void(const OSCMessageView&, const OSCTimeTag&,
+                       const std::shared_ptr<OSCStreamConnection>& from)>;
 
 /// One connection of an OSCStreamServer or OSCStreamClient: what a message came in on, and the
 /// way to answer on it. Packets sent on it are framed as the server or client frames them.

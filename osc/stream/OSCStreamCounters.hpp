@@ -10,6 +10,7 @@ struct OSCStreamCounters {
     std::uint64_t connectionsFailed = 0;  ///< ended with an error, or never opened
     std::uint64_t packetsReceived = 0;
     std::uint64_t messagesDelivered = 0;
+    std::uint64_t messagesViewed = 0;  ///< to the view handler
     std::uint64_t droppedNotOSC = 0;              ///< a packet neither a message nor a bundle
     std::uint64_t droppedUndecodable = 0;         ///< a packet that failed to decode
     std::uint64_t droppedOverScheduledLimit = 0;  ///< see OSCScheduledLimit

@@ -60,6 +60,10 @@ void OSCStreamServer::setHandler(Handler handler) {
     receiver_->setHandler(std::move(handler));
 }
 
+void OSCStreamServer::setViewHandler(ViewHandler handler) {
+    receiver_->setViewHandler(std::move(handler));
+}
+
 void OSCStreamServer::setPacketHandler(PacketHandler handler) {
     receiver_->setPacketHandler(std::move(handler));
 }

@@ -62,6 +62,11 @@ class OSCStreamServer : public std::enable_shared_from_this<OSCStreamServer> {
 
     /// The handler called by each delivery is the one in force when its block runs.
     void setHandler(Handler handler);
+    /// Called on the receive queue with each message read in place, as OSCServer::setViewHandler
+    /// says: at once, whatever the time-tag mode, besides the handler. The view is valid only
+    /// during the call.
+    using ViewHandler = OSCStreamViewHandler;
+    void setViewHandler(ViewHandler handler);
     /// Given each packet as it arrives, before it is decoded (those then dropped too), on the
     /// dispatch queue in order with the deliveries: for tools that show what arrives. Costs a
     /// copy of every packet while set.

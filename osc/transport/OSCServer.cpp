@@ -3,11 +3,26 @@
 #include <optional>
 #include <variant>
 
+#include "osc/codec/OSCPacketView.hpp"
+#include "osc/transport/detail/OSCMessageViews.hpp"
+#include "osc/transport/UdpDatagramBlock.hpp"
 #include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/UdpSocketError.hpp"
-#include "osc/transport/detail/OSCServerDelegate.hpp"
 
 namespace kavrin {
+
+// Takes the server's datagrams from its socket, a turn's block at a time, so that the socket
+// (which holds its delegate weakly and is owned by the server) never keeps the server alive.
+// Called on the receive queue.
+class OSCServerDelegate final : public UdpSocketDelegate {
+  public:
+    void udpSocketDidReceiveBlock(UdpSocket&, UdpDatagramBlock block) override {
+        if (auto server = oscServer.lock()) server->receive(block);
+    }
+
+    // Set once, before the socket learns of this delegate.
+    std::weak_ptr<OSCServer> oscServer;
+};
 
 namespace {
 
@@ -40,21 +55,14 @@ OSCServer::OSCServer(Private, std::uint16_t port, std::shared_ptr<SerialQueue> r
                      std::shared_ptr<DispatchQueue> dispatchQueue, TimeTagMode mode,
                      Handler handler)
     : udpServer(UdpSocket::create()),
-      udpDelegate(std::make_shared<OSCServerDelegate>(OSCServerDelegate::Private{})),
+      udpDelegate(std::make_shared<OSCServerDelegate>()),
       receiveQueue(receiveQueue
                        ? std::move(receiveQueue)
                        : SerialQueue::create("OSCServer", QualityOfService::userInitiated)),
       dispatchQueue(std::move(dispatchQueue)),
       handlers{withSource(std::move(handler)), nullptr, nullptr},
       mode(mode),
-      port_(port),
-      // The socket hands datagrams over one at a time and never says where its block ends: a
-      // flush posted behind the block marks the end.
-      deliveries(
-          [this](std::vector<Delivery> block) { deliverNow(std::move(block)); },
-          [this] {
-              this->receiveQueue->async([self = shared_from_this()] { self->deliveries.flush(); });
-          }) {}
+      port_(port) {}
 
 OSCServer::~OSCServer() {
     udpServer->close();
@@ -81,6 +89,11 @@ void OSCServer::setSourceHandler(SourceHandler newHandler) {
     auto stored =
         newHandler ? std::make_shared<const SourceHandler>(std::move(newHandler)) : nullptr;
     setHandlers([&](Handlers& h) { h.handler = std::move(stored); });
+}
+
+void OSCServer::setViewHandler(ViewHandler newHandler) {
+    auto stored = newHandler ? std::make_shared<const ViewHandler>(std::move(newHandler)) : nullptr;
+    setHandlers([&](Handlers& h) { h.view = std::move(stored); });
 }
 
 void OSCServer::setMismatchHandler(MismatchHandler newHandler) {
@@ -116,6 +129,7 @@ bool OSCServer::removeMethod(std::string_view address) {
 OSCServer::Counters OSCServer::counters() const {
     return {counted.datagramsReceived.load(),
             counted.messagesDelivered.load(),
+            counted.messagesViewed.load(),
             counted.droppedNotOSC.load(),
             counted.droppedMalformed.load(),
             counted.droppedUnexpectedType.load(),
@@ -200,40 +214,72 @@ OSCServer::ScheduledLimit OSCServer::scheduledLimit() const {
 }
 
 // A datagram that fails to decode is dropped like one that is not OSC at all: counted, given to
-// the drop handler if there is one, and otherwise gone without a word.
-void OSCServer::receive(std::vector<std::uint8_t>&& datagram, const SocketAddress& sender) {
-    ++counted.datagramsReceived;
-    // The datagram is given up to the decoded packet unless a drop handler may still want it.
-    const bool keep = hasDropHandler.load();
-    std::optional<OSCPacket> packet;
-    try {
-        const auto policy = textPolicy_.load();
-        packet = keep ? OSCPacket::decode(std::span<const std::uint8_t>(datagram), policy)
-                      : OSCPacket::decode(std::move(datagram), policy);
-    } catch (const OSCDecodeError& error) {
-        const auto reason = error.errorCase() == OSCDecodeError::Case::malformed
-                                ? DropReason::malformed
-                            : error.errorCase() == OSCDecodeError::Case::unexpectedType
-                                ? DropReason::unexpectedType
-                                : DropReason::internalInconsistency;
-        drop(datagram, sender, reason, error.what());
-        return;
+// the drop handler if there is one, and otherwise gone without a word. The block's immediate
+// deliveries leave for the dispatch queue together, as one work item.
+void OSCServer::receive(const UdpDatagramBlock& block) {
+    if (const auto generation = handlerGeneration.load(); generation != receiving.first) {
+        receiving = {generation, currentHandlers()};
     }
+    const ViewHandler* viewHandler = receiving.second.view.get();
+    const bool owned = !viewHandler || receiving.second.handler || !routes.empty();
+    const auto policy = textPolicy_.load();
+    std::vector<Delivery> turn;
+    if (owned) turn.reserve(block.size());
+    for (std::size_t i = 0; i < block.size(); ++i) {
+        const auto& datagram = block[i];
+        const auto bytes = block.bytes(datagram);
+        ++counted.datagramsReceived;
+        try {
+            if (viewHandler && !view(bytes, datagram.address, *viewHandler, policy)) {
+                drop(bytes, datagram.address, DropReason::notOSC, {});
+                continue;
+            }
+            if (owned) plan(block, i, policy, turn);
+        } catch (const OSCDecodeError& error) {
+            const auto reason = error.errorCase() == OSCDecodeError::Case::malformed
+                                    ? DropReason::malformed
+                                : error.errorCase() == OSCDecodeError::Case::unexpectedType
+                                    ? DropReason::unexpectedType
+                                    : DropReason::internalInconsistency;
+            drop(bytes, datagram.address, reason, error.what());
+        }
+    }
+    if (!turn.empty()) deliverNow(std::move(turn));
+}
+
+bool OSCServer::view(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
+                     const ViewHandler& handler, OSCTextPolicy policy) {
+    const auto packet = OSCPacketView::decode(datagram, policy);
+    if (!packet) return false;
+    counted.messagesViewed += forEachMessageView(
+        *packet, [&](const OSCMessageView& message, const OSCTimeTag& timeTag) {
+            handler(message, timeTag, sender);
+        });
+    return true;
+}
+
+void OSCServer::plan(const UdpDatagramBlock& block, std::size_t index, OSCTextPolicy policy,
+                     std::vector<Delivery>& turn) {
+    const auto& datagram = block[index];
+    auto packet = OSCPacket::decode(block.share(datagram), datagram.size, policy);
     if (!packet) {
-        drop(datagram, sender, DropReason::notOSC, {});
+        drop(block.bytes(datagram), datagram.address, DropReason::notOSC, {});
         return;
     }
     // Most datagrams are one message, delivered at once: no plan to make.
     if (auto* message = std::get_if<OSCMessage>(&*packet)) {
         Routes found = routes.empty() ? Routes{} : routes.routesFor(message->addressPattern);
-        deliveries.add({std::move(*message), OSCTimeTag::immediate(), sender, std::move(found)});
+        turn.push_back({std::move(*message), OSCTimeTag::immediate(), datagram.address,
+                        std::move(found)});
         return;
     }
     const bool admitted = planner.admitAll(
-        std::move(*packet), mode.load() == TimeTagMode::osc1_0, sender, routes,
-        [this](Delivery&& now) { deliveries.add(std::move(now)); },
+        std::move(*packet), mode.load() == TimeTagMode::osc1_0, datagram.address, routes,
+        [&turn](Delivery&& now) { turn.push_back(std::move(now)); },
         [this](ScheduledRun&& later) { deliverLater(std::move(later)); });
-    if (!admitted) drop(datagram, sender, DropReason::overScheduledLimit, {});
+    if (!admitted) {
+        drop(block.bytes(datagram), datagram.address, DropReason::overScheduledLimit, {});
+    }
 }
 
 void OSCServer::drop(std::span<const std::uint8_t> datagram, const SocketAddress& sender,

@@ -15,19 +15,20 @@
 #include "osc/addressing/OSCAddressSpace.hpp"
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessage.hpp"
+#include "osc/codec/OSCMessageView.hpp"
 #include "osc/codec/OSCPacket.hpp"
 #include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/dispatch/DispatchQueue.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/SocketAddress.hpp"
-#include "osc/transport/detail/DeliveryBatcher.hpp"
 #include "osc/transport/detail/OSCDeliveryPlanner.hpp"
 #include "osc/transport/detail/OSCMethodRoutes.hpp"
 
 namespace kavrin {
 
 class UdpSocket;
+class UdpDatagramBlock;
 class OSCServerDelegate;
 
 /// Receives OSC packets on one UDP port (IPv4 and IPv6, all interfaces, port reuse on) and hands
@@ -35,7 +36,10 @@ class OSCServerDelegate;
 /// to the methods added for the addresses its pattern matches.
 ///
 /// Thread safety: every operation may be called from any thread. Datagrams are decoded on the
-/// receive queue; the handler runs on the dispatch queue, never inside a call to the server.
+/// receive queue, where the view handler runs; the handler, the methods and the drop and
+/// mismatch handlers run on the dispatch queue. No handler runs inside a call to the server.
+/// The immediate deliveries of the datagrams the socket read in one turn reach the dispatch
+/// queue together, as one work item, in order.
 class OSCServer : public std::enable_shared_from_this<OSCServer> {
     struct Private {};
 
@@ -69,6 +73,16 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     void setHandler(Handler handler);
     /// Replaces the handler like setHandler, with one that learns each message's sender.
     void setSourceHandler(SourceHandler handler);
+
+    /// Called on the receive queue with each message read in place, bundles opened depth first,
+    /// as soon as its datagram is read, whatever the time-tag mode: no copy and no allocation.
+    /// The view and the sender are valid only during the call.
+    using ViewHandler = std::function<void(const OSCMessageView& message, const OSCTimeTag&,
+                                           const SocketAddress& sender)>;
+    /// Runs besides the handler and the methods. While a view handler is set and neither a
+    /// handler nor a method is, messages are not decoded into owned ones at all: a handler set
+    /// then sees the messages received after it.
+    void setViewHandler(ViewHandler handler);
     TimeTagMode timeTagMode() const;
     void setTimeTagMode(TimeTagMode mode);
     /// What string arguments may hold (OSCTextPolicy): ascii, the default, drops a datagram
@@ -118,6 +132,7 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     struct Counters {
         std::uint64_t datagramsReceived = 0;
         std::uint64_t messagesDelivered = 0;  ///< to the handler or a method
+        std::uint64_t messagesViewed = 0;     ///< to the view handler
         std::uint64_t droppedNotOSC = 0;      ///< neither a message nor a bundle
         std::uint64_t droppedMalformed = 0;   ///< decoding failed: OSCDecodeError::Case::malformed
         std::uint64_t droppedUnexpectedType = 0;
@@ -169,13 +184,21 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     // them under the lock for every message would cost more than the message.
     struct Handlers {
         std::shared_ptr<const SourceHandler> handler;
+        std::shared_ptr<const ViewHandler> view;
         std::shared_ptr<const MismatchHandler> mismatch;
         std::shared_ptr<const DropHandler> drop;
     };
 
     // The encoded packet, once the socket is known to be bound; throws as send() says.
     std::vector<std::uint8_t> sendable(const OSCPacket& packet) const;
-    void receive(std::vector<std::uint8_t>&& datagram, const SocketAddress& sender);
+    void receive(const UdpDatagramBlock& block);
+    // Hands each message of the packet to the view handler; false for bytes that are not OSC,
+    // throws OSCDecodeError for a malformed packet.
+    bool view(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
+              const ViewHandler& handler, OSCTextPolicy policy);
+    // Decodes the datagram, shared with its block, into the turn's deliveries.
+    void plan(const UdpDatagramBlock& block, std::size_t index, OSCTextPolicy policy,
+              std::vector<Delivery>& turn);
     void drop(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
               DropReason reason, const std::string& error);
     void deliverNow(std::vector<Delivery> block);
@@ -199,15 +222,14 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     std::atomic<TimeTagMode> mode;
     std::atomic<OSCTextPolicy> textPolicy_{OSCTextPolicy::ascii};
     const std::uint16_t port_;
-    // Immediate deliveries decided on the receive queue, on their way to the dispatch queue;
-    // touched only on the receive queue, as are the routes.
-    DeliveryBatcher<Delivery> deliveries;
+    // Touched only on the receive queue: the routes, and the handlers as a block last read them.
     OSCMethodRoutes routes;
+    std::pair<std::uint64_t, Handlers> receiving{0, {}};
     Planner planner;
     struct AtomicCounters {
         std::atomic<std::uint64_t> datagramsReceived{0}, messagesDelivered{0}, droppedNotOSC{0},
             droppedMalformed{0}, droppedUnexpectedType{0}, droppedInternalInconsistency{0},
-            droppedOverScheduledLimit{0}, mismatches{0};
+            droppedOverScheduledLimit{0}, mismatches{0}, messagesViewed{0};
     } counted;
 };
 

@@ -27,4 +27,8 @@ SocketError SocketError::netDBError(int code) {
     return {netDBDomain, code, gai_strerror(code)};
 }
 
+SocketError SocketError::unusableParam(std::string description) {
+    return {paramDomain, 0, std::move(description)};
+}
+
 }  // namespace kavrin

@@ -32,6 +32,11 @@ class SocketError : public std::runtime_error {
     /// From a getaddrinfo result code.
     static SocketError netDBError(int code);
 
+    /// An argument no socket can use (an empty host, say), found by a piece the sockets share:
+    /// each socket's error made from it is that socket's bad-param error, with this text.
+    static constexpr const char* paramDomain = "SocketParamDomain";
+    static SocketError unusableParam(std::string description);
+
   private:
     std::string domain_;
     int code_ = 0;

@@ -74,11 +74,9 @@ bool TcpSocket::startConnect(const std::string& host, std::uint16_t port,
     }
     kResolver.resolve(host, port, socketQueue_,
                       [self = shared_from_this(), attempt](std::vector<SocketAddress> addresses,
-                                                           std::optional<UdpSocketError> error) {
+                                                           std::optional<SocketError> error) {
                           std::optional<TcpSocketError> failure;
-                          if (error) {
-                              failure = TcpSocketError(static_cast<SocketError&>(*error));
-                          }
+                          if (error) failure = TcpSocketError(std::move(*error));
                           self->didResolve(attempt, std::move(addresses), std::move(failure));
                       });
     return true;

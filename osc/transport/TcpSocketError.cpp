@@ -10,7 +10,9 @@ TcpSocketError::TcpSocketError(std::string domain, int code, std::string descrip
                                std::optional<std::string> failureReason)
     : SocketError(std::move(domain), code, std::move(description), std::move(failureReason)) {}
 
-TcpSocketError::TcpSocketError(SocketError error) : SocketError(std::move(error)) {}
+TcpSocketError::TcpSocketError(SocketError error)
+    : SocketError(error.domain() == paramDomain ? badParamError(error.description())
+                                                : std::move(error)) {}
 
 TcpSocketError TcpSocketError::badConfigError(std::string description) {
     return {socketDomain, badConfig, std::move(description)};

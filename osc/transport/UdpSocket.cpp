@@ -63,8 +63,7 @@ UdpSocket::UdpSocket(Private, std::weak_ptr<UdpSocketDelegate> delegate,
                      std::shared_ptr<SerialQueue> socketQueue)
     : delegate_(std::move(delegate)),
       delegateQueue_(std::move(delegateQueue)),
-      socketQueue_(std::move(socketQueue)),
-      deliveries_([this](std::vector<Datagram> block) { reportDatagrams(std::move(block)); }) {
+      socketQueue_(std::move(socketQueue)) {
     // The socket's own address is the queue-specific key, so one queue can serve several
     // sockets and each still knows when it runs on its own queue.
     socketQueue_->setSpecific(this, this);

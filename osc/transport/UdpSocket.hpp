@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "osc/transport/SocketAddress.hpp"
+#include "osc/transport/UdpDatagramBlock.hpp"
 #include "osc/transport/UdpSocketError.hpp"
-#include "osc/transport/detail/DeliveryBatcher.hpp"
 #include "osc/transport/detail/SuspendableSource.hpp"
 #include "support/Clamped.hpp"
 
@@ -44,6 +44,10 @@ class UdpSocketDelegate {
     virtual void udpSocketDidReceiveData(UdpSocket& /*sock*/, std::vector<std::uint8_t> /*data*/,
                                          const SocketAddress& /*address*/,
                                          const std::any& /*filterContext*/) {}
+    /// The datagrams read in one turn of the socket queue, handed over (the receiver owns the
+    /// block) in one call, in order. By default each goes on to udpSocketDidReceiveData with a
+    /// copy of its own; a delegate that can take the block whole overrides this instead.
+    virtual void udpSocketDidReceiveBlock(UdpSocket& sock, UdpDatagramBlock block);
     /// error is empty for a plain close.
     virtual void udpSocketDidClose(UdpSocket& /*sock*/,
                                    const std::optional<UdpSocketError>& /*error*/) {}
@@ -242,11 +246,6 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
         SocketAddress cachedLocalAddress;  // filled once bound
     };
     using Packet = std::variant<std::shared_ptr<UdpSendPacket>, std::shared_ptr<UdpSpecialPacket>>;
-    struct Datagram {
-        std::vector<std::uint8_t> data;
-        SocketAddress address;
-        std::any context;
-    };
 
     bool onSocketQueue() const;
     void runSync(const std::function<void()>& work) const;
@@ -299,8 +298,9 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     void doReceive();
     bool receiveOne(bool isIPv4);   // false when the receive step stops
     bool receiveMany(bool isIPv4);  // the same for several datagrams at once
-    void deliver(std::vector<std::uint8_t> data, const SocketAddress& address, std::any context);
-    void reportDatagrams(std::vector<Datagram> block);
+    void deliver(std::span<const std::uint8_t> data, const SocketAddress& address,
+                 std::any context);
+    void reportReceived();  // hands the datagrams read so far to the delegate, as one block
 
     std::weak_ptr<UdpSocketDelegate> delegate_;
     std::shared_ptr<DispatchQueue> delegateQueue_;
@@ -327,8 +327,8 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     std::shared_ptr<UdpSpecialPacket> currentSpecial_;  // the head of the queue being worked on
     std::deque<Packet> sendQueue_;
     std::uint32_t pendingFilterOperations_ = 0;
-    // Read in this turn, reported in blocks; the turn flushes at its end.
-    DeliveryBatcher<Datagram> deliveries_;
+    // Read in this turn and not yet reported; the turn reports them at its end.
+    UdpDatagramBlock received_;
     SocketAddress cachedConnectedAddress_;
     std::string cachedConnectedHost_;
     std::uint16_t cachedConnectedPort_ = 0;

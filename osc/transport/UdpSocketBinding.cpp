@@ -137,10 +137,10 @@ bool UdpSocket::connectToHost(const std::string& host, std::uint16_t port, UdpSo
         packet->resolveInProgress = true;
         kResolver.resolve(host, port, socketQueue_,
                           [self = shared_from_this(), packet](std::vector<SocketAddress> addresses,
-                                                              std::optional<UdpSocketError> error) {
+                                                              std::optional<SocketError> error) {
                               packet->resolveInProgress = false;
                               packet->addresses = std::move(addresses);
-                              packet->error = std::move(error);
+                              if (error) packet->error = UdpSocketError(std::move(*error));
                               if (packet == self->currentSpecial_) {
                                   self->maybeConnect();
                               }

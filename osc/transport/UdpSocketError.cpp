@@ -10,7 +10,9 @@ UdpSocketError::UdpSocketError(std::string domain, int code, std::string descrip
                                std::optional<std::string> failureReason)
     : SocketError(std::move(domain), code, std::move(description), std::move(failureReason)) {}
 
-UdpSocketError::UdpSocketError(SocketError error) : SocketError(std::move(error)) {}
+UdpSocketError::UdpSocketError(SocketError error)
+    : SocketError(error.domain() == paramDomain ? badParamError(error.description())
+                                                : std::move(error)) {}
 
 UdpSocketError UdpSocketError::badConfigError(std::string description) {
     return {socketDomain, badConfig, std::move(description)};

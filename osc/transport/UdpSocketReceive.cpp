@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "osc/dispatch/ReadinessSource.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
@@ -101,13 +102,13 @@ void UdpSocket::suspendReceiveSourcesWithData() {
 }
 
 // Reads until the descriptors are drained or the turn has read its share. The datagrams read go
-// to the delegate queue in blocks (deliveries_), the last at the end of the turn. A full turn
-// yields the socket queue to other work; the read sources, resumed, bring us back.
+// to the delegate queue as one block at the end of the turn. A full turn yields the socket queue
+// to other work; the read sources, resumed, bring us back.
 void UdpSocket::doReceive() {
-    // One delivery block a turn. A turn that reads more hands over blocks that wait, cold in the
-    // cache, while it goes on reading: with the socket's queues on one thread, draining a full
-    // buffer 1,024 datagrams a turn was 15 % slower.
-    constexpr std::size_t kTurnDatagrams = decltype(deliveries_)::blockSize;
+    // One block a turn. A turn that reads more hands over blocks that wait, cold in the cache,
+    // while it goes on reading: with the socket's queues on one thread, draining a full buffer
+    // 1,024 datagrams a turn was 15 % slower.
+    constexpr std::size_t kTurnDatagrams = UdpDatagramBlock::expected;
     for (std::size_t read = 0;;) {
         if (!(flags_ & (kReceiveOnce | kReceiveContinuous))) {
             suspendReceiveSourcesWithData();
@@ -140,7 +141,7 @@ void UdpSocket::doReceive() {
         }
         read += batched ? kSlots : 1;
     }
-    deliveries_.flush();
+    reportReceived();
 }
 
 bool UdpSocket::receiveOne(bool isIPv4) {
@@ -173,21 +174,22 @@ bool UdpSocket::receiveOne(bool isIPv4) {
         closeWithError(UdpSocketError::errnoError("Error in recvfrom() function"));
         return false;
     }
-    std::vector<std::uint8_t> data(f.scratch.begin(), f.scratch.begin() + result);
     const SocketAddress address(&source, std::min<std::size_t>(sourceLength, sizeof source));
     if ((flags_ & kConnected) && !address.sameEndpoint(cachedConnectedAddress_)) {
         return true;  // not from the peer: dropped
     }
     if (!receiveFilter_) {
-        deliver(std::move(data), address, {});
+        deliver({f.scratch.data(), static_cast<std::size_t>(result)}, address, {});
         return true;
     }
+    // The filter's signature takes a vector of its own.
+    std::vector<std::uint8_t> data(f.scratch.begin(), f.scratch.begin() + result);
     if (!receiveFilterAsync_) {
         std::any context;
         const bool allowed = runFilterAndWait(
             *receiveFilterQueue_, [&] { return receiveFilter_(data, address, context); });
         if (allowed) {
-            deliver(std::move(data), address, std::move(context));
+            deliver(data, address, std::move(context));
         }
         return true;
     }
@@ -200,8 +202,8 @@ bool UdpSocket::receiveOne(bool isIPv4) {
                                    context = std::move(context)]() mutable {
             --self->pendingFilterOperations_;
             if (allowed) {
-                self->deliver(std::move(data), address, std::move(context));
-                self->deliveries_.flush();
+                self->deliver(data, address, std::move(context));
+                self->reportReceived();
             }
             // In once-mode the read waited for this verdict.
             if (self->flags_ & kReceiveOnce) {
@@ -261,7 +263,7 @@ bool UdpSocket::receiveMany(bool isIPv4) {
         if ((flags_ & kConnected) && !address.sameEndpoint(cachedConnectedAddress_)) {
             continue;  // not from the peer: dropped
         }
-        deliver(std::vector<std::uint8_t>(bytes, bytes + size), address, {});
+        deliver({bytes, size}, address, {});
     }
     // Fewer than asked for: the descriptor is drained for now.
     if (count < static_cast<int>(kSlots)) {
@@ -273,27 +275,39 @@ bool UdpSocket::receiveMany(bool isIPv4) {
     return true;
 }
 
-void UdpSocket::deliver(std::vector<std::uint8_t> data, const SocketAddress& address,
+void UdpSocket::deliver(std::span<const std::uint8_t> data, const SocketAddress& address,
                         std::any context) {
-    deliveries_.add({std::move(data), address, std::move(context)});
+    received_.add(data, address, std::move(context));
+    if (received_.size() == UdpDatagramBlock::expected) {
+        reportReceived();
+    }
     if (flags_ & kReceiveOnce) {
         flags_ &= ~(kReceiveOnce | kReceiveContinuous);
     }
 }
 
-void UdpSocket::reportDatagrams(std::vector<Datagram> batch) {
+void UdpSocket::reportReceived() {
+    if (received_.empty()) {
+        return;
+    }
+    UdpDatagramBlock block = std::exchange(received_, {});
     auto delegate = delegate_.lock();
     auto self = weak_from_this().lock();
     if (!delegate || !delegateQueue_ || !self) {
         return;
     }
     delegateQueue_->async([self = std::move(self), delegate = std::move(delegate),
-                           batch = std::move(batch)]() mutable {
-        for (auto& datagram : batch) {
-            delegate->udpSocketDidReceiveData(*self, std::move(datagram.data), datagram.address,
-                                              datagram.context);
-        }
+                           block = std::move(block)]() mutable {
+        delegate->udpSocketDidReceiveBlock(*self, std::move(block));
     });
+}
+
+void UdpSocketDelegate::udpSocketDidReceiveBlock(UdpSocket& sock, UdpDatagramBlock block) {
+    for (const auto& datagram : block) {
+        const auto bytes = block.bytes(datagram);
+        udpSocketDidReceiveData(sock, std::vector<std::uint8_t>(bytes.begin(), bytes.end()),
+                                datagram.address, datagram.filterContext);
+    }
 }
 
 }  // namespace kavrin

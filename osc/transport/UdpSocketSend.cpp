@@ -30,10 +30,10 @@ void UdpSocket::sendData(std::vector<std::uint8_t> data, const std::string& host
     packet->resolveInProgress = true;
     kResolver.resolve(host, port, socketQueue_,
                       [self = shared_from_this(), packet](std::vector<SocketAddress> addresses,
-                                                          std::optional<UdpSocketError> error) {
+                                                          std::optional<SocketError> error) {
                           packet->resolveInProgress = false;
                           packet->resolvedAddresses = std::move(addresses);
-                          packet->resolveError = std::move(error);
+                          if (error) packet->resolveError = UdpSocketError(std::move(*error));
                           if (packet == self->currentSend_) {
                               self->doPreSend();
                           }

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "app/DeliveryQueue.hpp"
 #include "app/QtMainQueue.hpp"
 #include "app/StdoutLines.hpp"
 
@@ -60,9 +59,9 @@ TEST(StdoutLinesTest, ALineLeavesAtOnceOrWhenItsOutermostBatchCloses) {
     EXPECT_EQ(stdout_.written(), "two\nthree \xE2\x86\x92 four\n");
 }
 
-TEST(DeliveryQueueTest, RunsAFloodInOrderInBatchesEachWrittenAsItEnds) {
+TEST(QtMainQueueTest, RunsAFloodInOrderInBatchesEachWrittenAsItEnds) {
     CapturedStdout stdout_;
-    auto queue = std::make_shared<DeliveryQueue>(std::make_shared<QtMainQueue>());
+    auto queue = std::make_shared<QtMainQueue>();
     std::vector<int> ran;
     std::vector<std::string> seenAtStart;  // what stdout held as each item began
 

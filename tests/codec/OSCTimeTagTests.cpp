@@ -22,6 +22,7 @@ TEST(OSCTimeTag, FromSecondsSplitsErasAndFractions) {
     EXPECT_EQ(OSCTimeTag::immediate(), (OSCTimeTag{0, 1}));
     EXPECT_TRUE(OSCTimeTag::immediate().isImmediate());
     EXPECT_FALSE((OSCTimeTag{1, 0}).isImmediate());
+    EXPECT_DEATH(OSCTimeTag::fromSeconds(1e300), "too far ahead to count in eras");
 }
 
 TEST(OSCTimeTag, DatesCountFromTheLocalEpochBothWays) {

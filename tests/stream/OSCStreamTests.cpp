@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <mutex>
 #include <thread>
 
 #include "../transport/TcpTestSupport.hpp"
@@ -280,9 +281,16 @@ TEST(OSCStream, ConnectionsPastTheCapOrIdleTooLongAreClosed) {
 }
 
 // A bundle tagged ahead waits for its time in osc1_0 mode, its messages in order and together.
+// The view handler sees the bundle's messages at once, before any delivery.
 TEST(OSCStream, AFutureBundleWaitsForItsTimeWithItsMessagesInOrder) {
     auto recorder = std::make_shared<Recorder>();
     auto server = startServer(recorder, {}, OSCStreamServer::TimeTagMode::osc1_0);
+    std::mutex viewMutex;
+    std::vector<std::string> viewed;
+    server->setViewHandler([&](const OSCMessageView& view, const OSCTimeTag&, const Connection&) {
+        std::lock_guard lock(viewMutex);
+        viewed.emplace_back(view.address());
+    });
     Fd peer = rawConnect("127.0.0.1", server->boundPort());
     std::vector<OSCPacket> elements;
     for (std::int32_t i = 0; i < 8; ++i) elements.emplace_back(message("/m", i));
@@ -300,6 +308,11 @@ TEST(OSCStream, AFutureBundleWaitsForItsTimeWithItsMessagesInOrder) {
             EXPECT_GE(recorder->received[1 + i].at - sent, 250ms);
         }
     });
+    std::vector<std::string> expected(8, "/m");
+    expected.push_back("/now");
+    std::lock_guard lock(viewMutex);
+    EXPECT_EQ(viewed, expected);
+    EXPECT_EQ(server->counters().messagesViewed, 9u);
 }
 
 // TLS on both sides: the client checks the server's chain and name; a client that does not

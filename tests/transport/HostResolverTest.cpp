@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "osc/dispatch/ManualQueue.hpp"
+#include "osc/transport/TcpSocketError.hpp"
+#include "osc/transport/UdpSocketError.hpp"
 
 namespace kavrin {
 namespace {
@@ -19,7 +21,7 @@ using namespace std::chrono_literals;
 
 struct Answer {
     std::vector<std::string> addresses;  // as text
-    std::optional<UdpSocketError> error;
+    std::optional<SocketError> error;
 };
 
 // Resolves on a queue nobody drains until then, so an answer from inside the call would show.
@@ -29,7 +31,7 @@ std::optional<Answer> resolve(const HostResolver& resolver, const std::string& h
     std::optional<Answer> answer;
     resolver.resolve(
         host, port, queue,
-        [&](std::vector<SocketAddress> addresses, std::optional<UdpSocketError> error) {
+        [&](std::vector<SocketAddress> addresses, std::optional<SocketError> error) {
             EXPECT_TRUE(queue->isCurrent());
             answer.emplace();
             for (const auto& a : addresses) answer->addresses.push_back(a.description());
@@ -62,7 +64,9 @@ TEST(HostResolver, AnswersOnTheGivenQueueForEitherSocketKind) {
         auto empty = resolve(*resolver, "", 9);
         ASSERT_TRUE(empty);
         ASSERT_TRUE(empty->error);
-        EXPECT_EQ(empty->error->code(), UdpSocketError::badParam);
+        EXPECT_EQ(empty->error->domain(), SocketError::paramDomain);
+        EXPECT_EQ(UdpSocketError(*empty->error).code(), UdpSocketError::badParam);
+        EXPECT_EQ(TcpSocketError(*empty->error).domain(), TcpSocketError::socketDomain);
         EXPECT_EQ(empty->error->description(),
                   "The host param is nil. Should be domain name or IP address string.");
         EXPECT_TRUE(empty->addresses.empty());

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "osc/codec/OSCBundle.hpp"
@@ -113,6 +114,65 @@ TEST(OSCServer, HonoursFutureTimeTagsOnlyInOSC1_0Mode) {
     fixture.server.reset();
     EXPECT_FALSE(fixture.waitFor(5, 500ms));
     EXPECT_EQ(fixture.main->pending(), 0u);
+}
+
+TEST(OSCServer, AViewHandlerSeesEachMessageAtOnceOnTheReceiveQueueBesidesTheHandler) {
+    const auto receiveQueue = SerialQueue::create("receive");
+    const auto main = std::make_shared<ManualQueue>();
+    std::vector<std::string> owned;
+    auto server = OSCServer::create(0, receiveQueue, main, OSCServer::TimeTagMode::osc1_0,
+                                    [&](const OSCMessage& message, const OSCTimeTag&) {
+                                        owned.emplace_back(message.addressPattern.rawAddress());
+                                    });
+    std::mutex mutex;
+    std::condition_variable seen;
+    std::vector<std::tuple<std::string, OSCTimeTag, std::uint16_t>> viewed;
+    bool offQueue = false;
+    server->setViewHandler([&](const OSCMessageView& message, const OSCTimeTag& timeTag,
+                               const SocketAddress& sender) {
+        std::lock_guard lock(mutex);
+        offQueue = offQueue || !receiveQueue->isCurrent();
+        viewed.emplace_back(std::string(message.address()), timeTag, sender.port());
+        seen.notify_all();
+    });
+    ASSERT_NO_THROW(server->start());
+    const auto viewedCount = [&](std::size_t count) {
+        std::unique_lock lock(mutex);
+        return seen.wait_for(lock, 5s, [&] { return viewed.size() >= count; });
+    };
+    RawSocket sender;
+    const auto port = server->boundPort();
+
+    // A bundle tagged in the future is viewed at once, opened depth first with each tag, while
+    // its owned delivery waits for the tag; a malformed datagram reaches neither.
+    const auto outer = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 100s);
+    const auto inner = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 200s);
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCBundle(outer, {OSCMessage("/later"),
+                                                            OSCBundle(inner, {OSCMessage("/in")})}))));
+    ASSERT_TRUE(sender.sendTo(port, {'/', 'x', 0, 0, ',', 'i', 0, 0}));
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCMessage("/now"))));
+    ASSERT_TRUE(viewedCount(3));
+    receiveQueue->sync([] {});  // the last datagram's turn has ended
+    ASSERT_TRUE(main->drainUntil([&] { return !owned.empty(); }, 5s));
+    {
+        std::lock_guard lock(mutex);
+        using Seen = std::tuple<std::string, OSCTimeTag, std::uint16_t>;
+        EXPECT_EQ(viewed, (std::vector<Seen>{{"/later", outer, sender.port()},
+                                             {"/in", inner, sender.port()},
+                                             {"/now", OSCTimeTag::immediate(), sender.port()}}));
+        EXPECT_FALSE(offQueue);
+    }
+    EXPECT_EQ(owned, std::vector<std::string>{"/now"});
+    EXPECT_EQ(server->counters().droppedMalformed, 1u);
+    EXPECT_EQ(server->counters().messagesViewed, 3u);
+
+    // A view handler alone: nothing is decoded for the dispatch queue (where the bundle waits).
+    server->setHandler(nullptr);
+    const auto waiting = main->pending();
+    ASSERT_TRUE(sender.sendTo(port, bytes(OSCMessage("/alone"))));
+    ASSERT_TRUE(viewedCount(4));
+    receiveQueue->sync([] {});
+    EXPECT_EQ(main->pending(), waiting);
 }
 
 TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {

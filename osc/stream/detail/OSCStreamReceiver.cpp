@@ -1,6 +1,13 @@
 #include "osc/stream/detail/OSCStreamReceiver.hpp"
 
+#include "osc/codec/OSCPacketView.hpp"
+#include "osc/transport/detail/OSCMessageViews.hpp"
+
 namespace kavrin {
+
+namespace {
+constexpr std::size_t turnLimit = 64;
+}  // namespace
 
 OSCStreamReceiver::OSCStreamReceiver(std::shared_ptr<SerialQueue> receiveQueue,
                                      std::shared_ptr<DispatchQueue> dispatchQueue, TimeTagMode mode,
@@ -8,9 +15,9 @@ OSCStreamReceiver::OSCStreamReceiver(std::shared_ptr<SerialQueue> receiveQueue,
     : receiveQueue_(std::move(receiveQueue)),
       dispatchQueue_(std::move(dispatchQueue)),
       handler_(handler ? std::make_shared<const OSCStreamHandler>(std::move(handler)) : nullptr),
+      hasHandler_(handler_ != nullptr),
       mode_(mode),
-      textPolicy_(textPolicy),
-      deliveries_([this](std::vector<Planner::Delivery> block) { deliverNow(std::move(block)); }) {}
+      textPolicy_(textPolicy) {}
 
 void OSCStreamReceiver::setHooks(Opened opened, Closed closed) {
     opened_ = std::move(opened);
@@ -20,7 +27,16 @@ void OSCStreamReceiver::setHooks(Opened opened, Closed closed) {
 void OSCStreamReceiver::setHandler(OSCStreamHandler handler) {
     auto stored = handler ? std::make_shared<const OSCStreamHandler>(std::move(handler)) : nullptr;
     std::lock_guard lock(handlerMutex_);
+    hasHandler_ = stored != nullptr;
     handler_ = std::move(stored);
+}
+
+void OSCStreamReceiver::setViewHandler(OSCStreamViewHandler handler) {
+    auto stored =
+        handler ? std::make_shared<const OSCStreamViewHandler>(std::move(handler)) : nullptr;
+    std::lock_guard lock(handlerMutex_);
+    hasViewHandler_ = stored != nullptr;
+    viewHandler_ = std::move(stored);
 }
 
 void OSCStreamReceiver::setPacketHandler(PacketHandler handler) {
@@ -44,6 +60,7 @@ OSCStreamCounters OSCStreamReceiver::counters() const {
             counted_.connectionsFailed.load(),
             counted_.packetsReceived.load(),
             counted_.messagesDelivered.load(),
+            counted_.messagesViewed.load(),
             counted_.droppedNotOSC.load(),
             counted_.droppedUndecodable.load(),
             counted_.droppedOverScheduledLimit.load()};
@@ -65,7 +82,7 @@ void OSCStreamReceiver::closed(const Connection& connection,
 void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Connection& from) {
     ++counted_.packetsReceived;
     if (hasPacketHandler_.load()) {
-        deliveries_.flush();  // the packet is shown after the messages of those before it
+        flush();  // the packet is shown after the messages of those before it
         std::lock_guard lock(handlerMutex_);
         if (packetHandler_) {
             dispatchQueue_->async([handler = packetHandler_,
@@ -73,8 +90,26 @@ void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Conn
                                    from] { (*handler)(copy, from); });
         }
     }
+    // Read once per packet: a view handler alone spares the owned decode.
+    std::shared_ptr<const OSCStreamViewHandler> view;
+    if (hasViewHandler_.load()) {
+        std::lock_guard lock(handlerMutex_);
+        view = viewHandler_;
+    }
     std::optional<OSCPacket> decoded;
     try {
+        if (view) {
+            const auto read = OSCPacketView::decode(packet, textPolicy_);
+            if (!read) {
+                ++counted_.droppedNotOSC;
+                return;
+            }
+            counted_.messagesViewed += forEachMessageView(
+                *read, [&](const OSCMessageView& message, const OSCTimeTag& timeTag) {
+                    (*view)(message, timeTag, from);
+                });
+            if (!hasHandler_.load()) return;
+        }
         decoded = OSCPacket::decode(packet, textPolicy_);
     } catch (const OSCDecodeError&) {
         ++counted_.droppedUndecodable;
@@ -86,7 +121,12 @@ void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Conn
     }
     const bool admitted = planner_.admitAll(
         std::move(*decoded), mode_.load() == TimeTagMode::osc1_0, from, noRoutes_,
-        [this](Planner::Delivery&& now) { deliveries_.add(std::move(now)); },
+        [this](Planner::Delivery&& now) {
+            turn_.push_back(std::move(now));
+            // A read of thousands of small packets goes in parts, so that the first of them do
+            // not wait for the last.
+            if (turn_.size() == turnLimit) flush();
+        },
         [this](Planner::ScheduledRun&& later) { deliverLater(std::move(later)); });
     if (!admitted) ++counted_.droppedOverScheduledLimit;  // the whole packet, never half a bundle
 }
@@ -96,6 +136,10 @@ void OSCStreamReceiver::deliver(const OSCMessage& message, const OSCTimeTag& tim
     if (!handler) return;
     (*handler)(message, timeTag, from);
     ++counted_.messagesDelivered;
+}
+
+void OSCStreamReceiver::flush() {
+    if (!turn_.empty()) deliverNow(std::exchange(turn_, {}));
 }
 
 // Holds the receiver strongly: a delivery already decided runs even if the owner lets go.

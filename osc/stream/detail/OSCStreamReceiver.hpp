@@ -6,19 +6,20 @@
 #include <mutex>
 #include <optional>
 #include <span>
+#include <vector>
 
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/stream/OSCStreamConnection.hpp"
 #include "osc/stream/OSCStreamCounters.hpp"
 #include "osc/transport/OSCServer.hpp"
-#include "osc/transport/detail/DeliveryBatcher.hpp"
 #include "osc/transport/detail/OSCDeliveryPlanner.hpp"
 
 namespace kavrin {
 
 /// What an OSC stream server and client share: the packets of their connections decoded on one
-/// serial receive queue, planned by their time tags and handed to the handler on the dispatch
-/// queue in blocks; the counters; the owner's hooks for connections that open and close.
+/// serial receive queue, shown to the view handler there, planned by their time tags and handed
+/// to the handler on the dispatch queue, a read's immediate deliveries as one work item; the
+/// counters; the owner's hooks for connections that open and close.
 ///
 /// receive(), flush(), opened() and closed() run on the receive queue (the connections' sockets
 /// report there); everything else may be called from any thread. Internal to the stream layer.
@@ -42,13 +43,14 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
 
     void receive(std::span<const std::uint8_t> packet, const Connection& from);
     /// The end of a read: what it decided goes to the dispatch queue.
-    void flush() { deliveries_.flush(); }
+    void flush();
     void opened(const Connection& connection);
     /// wasOpen: the connection had opened (a failed connect or handshake had not).
     void closed(const Connection& connection, const std::optional<TcpSocketError>& error,
                 bool wasOpen);
 
     void setHandler(OSCStreamHandler handler);
+    void setViewHandler(OSCStreamViewHandler handler);
     using PacketHandler =
         std::function<void(std::span<const std::uint8_t> packet, const Connection& from)>;
     void setPacketHandler(PacketHandler handler);
@@ -72,7 +74,10 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
     mutable std::mutex handlerMutex_;
     std::shared_ptr<const OSCStreamHandler> handler_;     // guarded by handlerMutex_
     std::shared_ptr<const PacketHandler> packetHandler_;  // guarded by handlerMutex_
+    std::shared_ptr<const OSCStreamViewHandler> viewHandler_;  // guarded by handlerMutex_
     std::atomic<bool> hasPacketHandler_{false};
+    std::atomic<bool> hasHandler_{false};
+    std::atomic<bool> hasViewHandler_{false};
     std::atomic<TimeTagMode> mode_;
     const OSCTextPolicy textPolicy_;
     Opened opened_;
@@ -80,10 +85,10 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
     // Receive queue only.
     OSCMethodRoutes noRoutes_;
     Planner planner_;
-    DeliveryBatcher<Planner::Delivery> deliveries_;
+    std::vector<Planner::Delivery> turn_;  // the read's immediate deliveries so far
     struct AtomicCounters {
         std::atomic<std::uint64_t> connectionsOpened{0}, connectionsFailed{0}, packetsReceived{0},
-            messagesDelivered{0}, droppedNotOSC{0}, droppedUndecodable{0},
+            messagesDelivered{0}, messagesViewed{0}, droppedNotOSC{0}, droppedUndecodable{0},
             droppedOverScheduledLimit{0};
     } counted_;
 };

@@ -14,7 +14,7 @@ void HostResolver::resolve(const std::string& host, std::uint16_t port,
                            std::shared_ptr<DispatchQueue> queue, Completion completion) const {
     if (host.empty()) {
         queue->async([completion = std::move(completion)] {
-            completion({}, UdpSocketError::badParamError(
+            completion({}, SocketError::unusableParam(
                                "The host param is nil. Should be domain name or IP address "
                                "string."));
         });
@@ -23,7 +23,7 @@ void HostResolver::resolve(const std::string& host, std::uint16_t port,
     GlobalQueue::get()->async([resolver = *this, host, port, queue = std::move(queue),
                                completion = std::move(completion)] {
         std::vector<SocketAddress> addresses;
-        std::optional<UdpSocketError> error;
+        std::optional<SocketError> error;
         if (InterfaceAddresses::isLoopbackName(host)) {
             const auto loopback = InterfaceAddresses::loopback(port);
             addresses = {loopback.ipv4, loopback.ipv6};
@@ -36,7 +36,7 @@ void HostResolver::resolve(const std::string& host, std::uint16_t port,
             const std::string service = std::to_string(port);
             const int status = ::getaddrinfo(host.c_str(), service.c_str(), &hints, &results);
             if (status != 0) {
-                error = UdpSocketError::gaiError(status);
+                error = SocketError::netDBError(status);
             } else {
                 for (addrinfo* ai = results; ai; ai = ai->ai_next) {
                     if (ai->ai_family == AF_INET) {
@@ -49,7 +49,7 @@ void HostResolver::resolve(const std::string& host, std::uint16_t port,
                 }
                 ::freeaddrinfo(results);
                 if (addresses.empty()) {
-                    error = UdpSocketError::gaiError(EAI_FAIL);
+                    error = SocketError::netDBError(EAI_FAIL);
                 }
             }
         }

@@ -69,7 +69,7 @@ auto UdpSocket::query(F&& read) const {
 
 template <class F>
 void UdpSocket::notifyDelegate(F&& call) {
-    deliveries_.flush();  // datagrams read before this event are reported before it
+    reportReceived();  // datagrams read before this event are reported before it
     auto delegate = delegate_.lock();
     auto self = weak_from_this().lock();  // none while being destroyed: nothing to report to
     if (!delegate || !delegateQueue_ || !self) {

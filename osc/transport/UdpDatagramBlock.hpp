@@ -1,0 +1,65 @@
+#pragma once
+
+#include <any>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "osc/transport/SocketAddress.hpp"
+
+namespace kavrin {
+
+/// The datagrams a UdpSocket read in one turn, in the order read, their bytes back to back in one
+/// buffer: one allocation for the block rather than one per datagram, and a decoder may keep
+/// what it reads as a share of that buffer instead of a copy. A plain value, moved from the
+/// socket to its delegate; use it on one thread at a time.
+class UdpDatagramBlock {
+  public:
+    struct Datagram {
+        std::size_t offset = 0;  ///< into the block's buffer
+        std::size_t size = 0;
+        SocketAddress address;  ///< the sender
+        std::any filterContext;  ///< what the receive filter stored; empty without one
+    };
+
+    std::size_t size() const { return datagrams_.size(); }
+    bool empty() const { return datagrams_.empty(); }
+    const Datagram& operator[](std::size_t index) const { return datagrams_[index]; }
+    auto begin() const { return datagrams_.begin(); }
+    auto end() const { return datagrams_.end(); }
+
+    /// The datagram's bytes, valid while the block or a share of its buffer lives.
+    std::span<const std::uint8_t> bytes(const Datagram& datagram) const {
+        return {buffer_->data() + datagram.offset, datagram.size};
+    }
+    /// The datagram's bytes as a buffer of their own that keeps the whole block's alive.
+    std::shared_ptr<const std::uint8_t[]> share(const Datagram& datagram) const {
+        return {buffer_, buffer_->data() + datagram.offset};
+    }
+
+    /// Appends a copy of `bytes`. The first datagram allocates the buffer for the usual block.
+    void add(std::span<const std::uint8_t> bytes, const SocketAddress& address,
+             std::any filterContext = {}) {
+        if (!buffer_) {
+            buffer_ = std::make_shared<std::vector<std::uint8_t>>();
+            buffer_->reserve(bytes.size() * expected);
+            datagrams_.reserve(expected);
+        }
+        const std::size_t offset = buffer_->size();
+        buffer_->insert(buffer_->end(), bytes.begin(), bytes.end());
+        datagrams_.push_back({offset, bytes.size(), address, std::move(filterContext)});
+    }
+
+    /// The datagrams a socket gathers into one block at most: enough that handing a block on
+    /// costs little per datagram, few enough that the first of a flood do not wait for the last.
+    static constexpr std::size_t expected = 64;
+
+  private:
+    // Shared, never grown once handed on: every share points into it.
+    std::shared_ptr<std::vector<std::uint8_t>> buffer_;
+    std::vector<Datagram> datagrams_;
+};
+
+}  // namespace kavrin
