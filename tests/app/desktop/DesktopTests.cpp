@@ -198,6 +198,7 @@ std::vector<Row> outageRows(const QString& file, std::int64_t* runStart) {
     std::vector<Row> rows;
     sqlite3* db = nullptr;
     EXPECT_EQ(sqlite3_open_v2(file.toUtf8().constData(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+    sqlite3_busy_timeout(db, 5000);  // read while the monitor writes: wait for its transaction
     sqlite3_stmt* statement = nullptr;
     EXPECT_EQ(sqlite3_prepare_v2(db,
                                  "SELECT o.started_at, IFNULL(o.ended_at, -1), IFNULL(o.ended_by, ''), "
