@@ -167,32 +167,13 @@ Run drainOnce(ThreadParking& parking, const Setup& setup, const std::string& kin
     return run;
 }
 
-struct Options {
-    int runs = 5;
-    long count = 200000;
-    std::vector<std::string> receivers{"kavrin", "kavrin-view", "udpsocket",
-                                       "oscpack", "liblo",       "recvmmsg"};
-    std::string json;
+struct Options : CommonOptions {
+    Options() { receivers = {"kavrin", "kavrin-view", "udpsocket", "oscpack", "liblo", "recvmmsg"}; }
 };
 
 Options parse(int argc, char** argv) {
     Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (i + 1 >= argc) fail("missing value after " + arg);
-        const std::string value = argv[++i];
-        if (arg == "--runs") {
-            options.runs = std::max(1, std::atoi(value.c_str()));
-        } else if (arg == "--count") {
-            options.count = std::max(1L, std::atol(value.c_str()));
-        } else if (arg == "--receivers") {
-            options.receivers = split(value);
-        } else if (arg == "--json") {
-            options.json = value;
-        } else {
-            fail("unknown option " + arg);
-        }
-    }
+    parseOptions(argc, argv, options, 1, [](const std::string&, const std::string&) { return false; });
     return options;
 }
 

@@ -227,44 +227,31 @@ RunResult runOnce(const Setup& setup, const std::string& kind, std::size_t buffe
     return result;
 }
 
-struct Options {
-    int runs = 5;
+struct Options : CommonOptions {
+    Options() { receivers = {"kavrin", "liblo", "oscpack", "recvfrom", "recvmmsg"}; }
     int pacedRuns = 3;
-    long count = 200000;
     std::vector<double> rates{100000, 150000, 200000, 300000};
     double seconds = 1.0;
-    std::vector<std::string> receivers{"kavrin", "liblo", "oscpack", "recvfrom", "recvmmsg"};
     std::vector<std::string> cores{"awake", "idle"};
-    std::string json;
 };
 
 Options parse(int argc, char** argv) {
     Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (i + 1 >= argc) fail("missing value after " + arg);
-        const std::string value = argv[++i];
-        if (arg == "--runs") {
-            options.runs = std::max(1, std::atoi(value.c_str()));
-        } else if (arg == "--paced-runs") {
+    parseOptions(argc, argv, options, 1, [&](const std::string& name, const std::string& value) {
+        if (name == "--paced-runs") {
             options.pacedRuns = std::max(1, std::atoi(value.c_str()));
-        } else if (arg == "--count") {
-            options.count = std::max(1L, std::atol(value.c_str()));
-        } else if (arg == "--rates") {
+        } else if (name == "--rates") {
             options.rates.clear();
             for (const auto& r : split(value)) options.rates.push_back(std::atof(r.c_str()));
-        } else if (arg == "--seconds") {
+        } else if (name == "--seconds") {
             options.seconds = std::atof(value.c_str());
-        } else if (arg == "--paced-cores") {
+        } else if (name == "--paced-cores") {
             options.cores = split(value);
-        } else if (arg == "--receivers") {
-            options.receivers = split(value);
-        } else if (arg == "--json") {
-            options.json = value;
         } else {
-            fail("unknown option " + arg);
+            return false;
         }
-    }
+        return true;
+    });
     return options;
 }
 

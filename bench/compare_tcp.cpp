@@ -252,37 +252,20 @@ RunResult runOnce(const Setup& setup, const Row& row, long count, bool check) {
     return result;
 }
 
-struct Options {
-    int runs = 5;
-    long count = 200000;
+struct Options : CommonOptions {
+    Options() { receivers = {"kavrin", "kavrin-slip", "kavrin-tls", "kavrin-slip-tls", "liblo", "liblo-slip", "recv"}; }
     // Of SLIP frames that arrive together liblo handles a few hundred a second (about one every
     // 10 ms once the sender pauses): 200,000 would take a quarter of an hour or more.
     long libloSlipCount = 2000;
-    std::vector<std::string> receivers{"kavrin", "kavrin-slip", "kavrin-tls", "kavrin-slip-tls",
-                                       "liblo",  "liblo-slip",  "recv"};
-    std::string json;
 };
 
 Options parse(int argc, char** argv) {
     Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (i + 1 >= argc) fail("missing value after " + arg);
-        const std::string value = argv[++i];
-        if (arg == "--runs") {
-            options.runs = std::max(1, std::atoi(value.c_str()));
-        } else if (arg == "--count") {
-            options.count = std::max(2L, std::atol(value.c_str()));
-        } else if (arg == "--liblo-slip-count") {
-            options.libloSlipCount = std::max(2L, std::atol(value.c_str()));
-        } else if (arg == "--receivers") {
-            options.receivers = split(value);
-        } else if (arg == "--json") {
-            options.json = value;
-        } else {
-            fail("unknown option " + arg);
-        }
-    }
+    parseOptions(argc, argv, options, 2, [&](const std::string& name, const std::string& value) {
+        if (name != "--liblo-slip-count") return false;
+        options.libloSlipCount = std::max(2L, std::atol(value.c_str()));
+        return true;
+    });
     for (const auto& name : options.receivers) rowNamed(name);  // fails on an unknown one
     return options;
 }

@@ -208,4 +208,33 @@ inline std::vector<std::string> split(const std::string& text) {
     return parts;
 }
 
+// Options come as "--name value" pairs. Every comparison takes --runs, --count, --receivers and
+// --json; `own(name, value)` reads the rest and is false for a name it does not know.
+struct CommonOptions {
+    int runs = 5;
+    long count = 200000;
+    std::vector<std::string> receivers;
+    std::string json;
+};
+
+template <class Own>
+void parseOptions(int argc, char** argv, CommonOptions& options, long minimumCount, Own own) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string name = argv[i];
+        if (i + 1 >= argc) fail("missing value after " + name);
+        const std::string value = argv[++i];
+        if (name == "--runs") {
+            options.runs = std::max(1, std::atoi(value.c_str()));
+        } else if (name == "--count") {
+            options.count = std::max(minimumCount, std::atol(value.c_str()));
+        } else if (name == "--receivers") {
+            options.receivers = split(value);
+        } else if (name == "--json") {
+            options.json = value;
+        } else if (!own(name, value)) {
+            fail("unknown option " + name);
+        }
+    }
+}
+
 }  // namespace loopback_bench

@@ -60,7 +60,7 @@ OSCServer::OSCServer(Private, std::uint16_t port, std::shared_ptr<SerialQueue> r
                        ? std::move(receiveQueue)
                        : SerialQueue::create("OSCServer", QualityOfService::userInitiated)),
       dispatchQueue(std::move(dispatchQueue)),
-      handlers{withSource(std::move(handler)), nullptr, nullptr},
+      handlers{withSource(std::move(handler)), nullptr, nullptr, nullptr},
       mode(mode),
       port_(port) {}
 
