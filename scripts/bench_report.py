@@ -283,9 +283,6 @@ def receive_tables():
     return found
 
 
-# MARK: TCP
-
-
 def drain_table():
     found = results("compare_drain")
     out.append("### In-process drain\n")
@@ -300,6 +297,9 @@ def drain_table():
                f"{plural(first['runs'], 'run')}.\n")
     table(["Receiver", "datagrams/s", "÷ oscpack", "÷ liblo", "÷ recvmmsg", "all arrived"],
           drain_rows(found, ("oscpack", "liblo", "recvmmsg")))
+
+
+# MARK: TCP
 
 
 def tcp_table():
