@@ -144,21 +144,7 @@ Run drainOnce(ThreadParking& parking, const Setup& setup, const std::string& kin
     fill(receiver->port(), datagram, count);
     const std::int64_t start = nanosecondsNow();
     parking.thaw();
-    long last = -1;
-    auto lastChange = Clock::now();
-    std::int64_t lastChangeNs = start;
-    for (;;) {
-        const long now = counter.count.load(std::memory_order_acquire);
-        if (now >= count) break;
-        if (now != last) {
-            last = now;
-            lastChange = Clock::now();
-            lastChangeNs = nanosecondsNow();
-        } else if (Clock::now() - lastChange > quietPeriod) {
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    const std::int64_t lastChangeNs = counter.await(quietPeriod, std::chrono::milliseconds(2), start);
     Run run;
     run.delivered = counter.count.load(std::memory_order_acquire);
     const std::int64_t end =

@@ -82,21 +82,7 @@ int receiverMain(const std::string& kind, std::size_t buffer, long expected, int
 
     char line[16];
     if (!std::fgets(line, sizeof line, stdin)) fail("receiver: no go");
-    long last = -1;
-    auto lastChange = Clock::now();
-    std::int64_t lastChangeNs = 0;
-    for (;;) {
-        const long now = counter.count.load(std::memory_order_acquire);
-        if (now >= expected) break;
-        if (now != last) {
-            last = now;
-            lastChange = Clock::now();
-            lastChangeNs = nanosecondsNow();
-        } else if (Clock::now() - lastChange > quietPeriod) {
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    const std::int64_t lastChangeNs = counter.await(quietPeriod, std::chrono::milliseconds(5), 0);
     const long count = counter.count.load(std::memory_order_acquire);
     // Short of the expected count the last timestamp is the poll that saw the final change.
     const std::int64_t lastNs =

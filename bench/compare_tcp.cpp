@@ -72,19 +72,7 @@ int receiverMain(const Row& row, const std::string& certificates, long expected,
 
     char line[16];
     if (!std::fgets(line, sizeof line, stdin)) fail("receiver: no go");
-    long last = -1;
-    auto lastChange = Clock::now();
-    for (;;) {
-        const long now = counter.count.load(std::memory_order_acquire);
-        if (now >= expected) break;
-        if (now != last) {
-            last = now;
-            lastChange = Clock::now();
-        } else if (Clock::now() - lastChange > quietPeriod) {
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    counter.await(quietPeriod, std::chrono::milliseconds(5), 0);
     std::printf("result %ld %ld %lld %lld\n", counter.count.load(std::memory_order_acquire),
                 wrong.load(), static_cast<long long>(counter.first.load()),
                 static_cast<long long>(counter.last.load()));

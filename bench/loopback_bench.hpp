@@ -69,6 +69,26 @@ struct Counter {
         if (n == expected) last.store(nanosecondsNow(), std::memory_order_relaxed);
         count.store(n, std::memory_order_release);
     }
+    // Waits until the expected count has come, or none has for `quiet`, looking every `poll`;
+    // when the count last changed (nanosecondsNow), `since` if it never did.
+    std::int64_t await(std::chrono::milliseconds quiet, std::chrono::milliseconds poll,
+                       std::int64_t since) const {
+        long seen = -1;
+        auto changed = Clock::now();
+        for (;;) {
+            const long now = count.load(std::memory_order_acquire);
+            if (now >= expected) return since;
+            if (now != seen) {
+                seen = now;
+                changed = Clock::now();
+                since = nanosecondsNow();
+            } else if (Clock::now() - changed > quiet) {
+                return since;
+            }
+            std::this_thread::sleep_for(poll);
+        }
+    }
+
     const long expected;
     std::atomic<long> count{0};
     std::atomic<std::int64_t> first{0};
