@@ -90,21 +90,9 @@ class ThreadParking {
     int signalled = 0;
 };
 
-// The Typical message, encoded once by our codec.
-std::vector<std::uint8_t> typicalDatagram() {
-    return kavrin::OSCMessage("/mixer/ch/12/fader/level",
-                              {std::int32_t{12}, 0.75f, std::string("main")})
-        .rawData();
-}
-
 // Sends `count` copies of `datagram` to 127.0.0.1:port, 64 per system call, allocating nothing.
 void fill(std::uint16_t port, const std::vector<std::uint8_t>& datagram, long count) {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    if (fd < 0) failErrno("socket");
-    const sockaddr_in target = loopback(port);
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) {
-        failErrno("connect");
-    }
+    const int fd = connectedSender(port);
     constexpr int batch = 64;
     iovec iov{const_cast<std::uint8_t*>(datagram.data()), datagram.size()};
     mmsghdr messages[batch];

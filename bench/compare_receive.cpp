@@ -49,13 +49,6 @@ namespace {
 
 using namespace receive_bench;
 
-// The Typical message, encoded once by our codec and sent by every sender.
-std::vector<std::uint8_t> typicalDatagram() {
-    return kavrin::OSCMessage("/mixer/ch/12/fader/level",
-                              {std::int32_t{12}, 0.75f, std::string("main")})
-        .rawData();
-}
-
 // Enough for 200,000 small datagrams: on loopback each one costs the buffer about a kilobyte.
 constexpr std::size_t drainBufferBytes = std::size_t{1} << 30;
 constexpr std::size_t enlargedBufferBytes = std::size_t{4} << 20;
@@ -100,12 +93,7 @@ int receiverMain(const std::string& kind, std::size_t buffer, long expected, int
 int senderMain(std::uint16_t port, long count, double rate, int cpu) {
     pinToCpu(cpu);
     const auto datagram = typicalDatagram();
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    if (fd < 0) failErrno("socket");
-    const sockaddr_in target = loopback(port);
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) {
-        failErrno("connect");
-    }
+    const int fd = connectedSender(port);
     constexpr int batch = 64;
     iovec iov{const_cast<std::uint8_t*>(datagram.data()), datagram.size()};
     std::vector<mmsghdr> messages(batch);

@@ -24,6 +24,7 @@
 #include "ip/UdpSocket.h"
 #include "loopback_bench.hpp"
 #include "osc/OscPacketListener.h"
+#include "osc/codec/OSCMessage.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/OSCServer.hpp"
 #include "osc/transport/UdpSocket.hpp"
@@ -287,6 +288,24 @@ inline std::unique_ptr<Receiver> makeReceiver(const std::string& kind, Counter& 
     if (kind == "recvfrom") return std::make_unique<RecvfromReceiver>(counter, false);
     if (kind == "recvmmsg") return std::make_unique<RecvfromReceiver>(counter, true);
     fail("unknown receiver " + kind);
+}
+
+// The Typical message, encoded once by our codec and sent by every sender.
+inline std::vector<std::uint8_t> typicalDatagram() {
+    return kavrin::OSCMessage("/mixer/ch/12/fader/level",
+                              {std::int32_t{12}, 0.75f, std::string("main")})
+        .rawData();
+}
+
+// A UDP socket connected to 127.0.0.1:port, for sending.
+inline int connectedSender(std::uint16_t port) {
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0) failErrno("socket");
+    const sockaddr_in target = loopback(port);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) {
+        failErrno("connect");
+    }
+    return fd;
 }
 
 }  // namespace receive_bench
