@@ -39,67 +39,24 @@ std::shared_ptr<TcpSocket> TcpSocket::create(std::weak_ptr<TcpSocketDelegate> de
 TcpSocket::TcpSocket(Private, std::weak_ptr<TcpSocketDelegate> delegate,
                      std::shared_ptr<DispatchQueue> delegateQueue,
                      std::shared_ptr<SerialQueue> socketQueue)
-    : delegate_(std::move(delegate)),
-      delegateQueue_(std::move(delegateQueue)),
-      socketQueue_(std::move(socketQueue)) {
-    // As UdpSocket does: the socket's address is its queue-specific key, so one queue can serve
-    // several sockets and each still knows when it runs on its own queue.
-    socketQueue_->setSpecific(this, this);
-}
+    : d_(std::make_unique<State>(*this, std::move(delegate), std::move(delegateQueue),
+                                 std::move(socketQueue))) {}
 
 TcpSocket::~TcpSocket() {
-    runSync([this] {
+    d_->runSync([this] {
         closeWithError(std::nullopt);
-        socketQueue_->setSpecific(this, nullptr);
+        d_->leaveQueue();
     });
 }
 
 // ---------------------------------------------------------------------------------------------
 // Queue helpers
 
-bool TcpSocket::onSocketQueue() const {
-    return SerialQueue::getSpecific(this) == this;
-}
-
-void TcpSocket::runSync(const std::function<void()>& work) const {
-    if (onSocketQueue()) {
-        work();
-    } else {
-        socketQueue_->sync(work);
-    }
-}
-
-void TcpSocket::runSoon(std::function<void()> work) {
-    if (onSocketQueue()) {
-        work();
-    } else {
-        post(std::move(work));
-    }
-}
-
-void TcpSocket::post(std::function<void()> work) {
-    socketQueue_->async([self = shared_from_this(), work = std::move(work)] { work(); });
-}
-
-bool TcpSocket::preCheck(TcpSocketError* error) const {
-    if (!delegate_.lock()) {
-        return fail(error, TcpSocketError::badConfigError(
-                               "Attempting to use socket without a delegate. Set a delegate first."));
-    }
-    if (!delegateQueue_) {
-        return fail(error, TcpSocketError::badConfigError(
-                               "Attempting to use socket without a delegate queue. Set a delegate "
-                               "queue first."));
-    }
-    return true;
-}
-
-// What connecting and accepting both ask of the socket.
 bool TcpSocket::startCheck(TcpSocketError* error) const {
-    if (!preCheck(error)) {
+    if (!d_->preCheck(error)) {
         return false;
     }
-    if (flags_ & (kConnecting | kConnected | kAccepting)) {
+    if (d_->flags_ & (kConnecting | kConnected | kAccepting)) {
         return fail(error, TcpSocketError::badConfigError(
                                "Attempting to connect or accept while connected or accepting. "
                                "Disconnect first."));
@@ -111,26 +68,26 @@ bool TcpSocket::startCheck(TcpSocketError* error) const {
 // Delegate
 
 std::weak_ptr<TcpSocketDelegate> TcpSocket::delegate() const {
-    return query([&] { return delegate_; });
+    return d_->query([&] { return d_->delegate_; });
 }
 
 std::shared_ptr<DispatchQueue> TcpSocket::delegateQueue() const {
-    return query([&] { return delegateQueue_; });
+    return d_->query([&] { return d_->delegateQueue_; });
 }
 
 void TcpSocket::setDelegate(std::weak_ptr<TcpSocketDelegate> delegate,
                             std::shared_ptr<DispatchQueue> delegateQueue) {
-    runSoon([this, delegate = std::move(delegate), queue = std::move(delegateQueue)] {
-        delegate_ = delegate;
-        delegateQueue_ = queue;
+    d_->runSoon([this, delegate = std::move(delegate), queue = std::move(delegateQueue)] {
+        d_->delegate_ = delegate;
+        d_->delegateQueue_ = queue;
     });
 }
 
 void TcpSocket::synchronouslySetDelegate(std::weak_ptr<TcpSocketDelegate> delegate,
                                          std::shared_ptr<DispatchQueue> delegateQueue) {
-    runSync([&] {
-        delegate_ = std::move(delegate);
-        delegateQueue_ = std::move(delegateQueue);
+    d_->runSync([&] {
+        d_->delegate_ = std::move(delegate);
+        d_->delegateQueue_ = std::move(delegateQueue);
     });
 }
 
@@ -138,25 +95,25 @@ void TcpSocket::synchronouslySetDelegate(std::weak_ptr<TcpSocketDelegate> delega
 // Options
 
 bool TcpSocket::setNoDelay(bool flag, TcpSocketError* error) {
-    return query([&] {
-        noDelay_ = flag;
-        return connection_.fd == -1 || applyOptions(connection_.fd, error);
+    return d_->query([&] {
+        d_->noDelay_ = flag;
+        return d_->connection_.fd == -1 || applyOptions(d_->connection_.fd, error);
     });
 }
 
 bool TcpSocket::setKeepAlive(bool flag, TcpSocketError* error) {
-    return query([&] {
-        keepAlive_ = flag;
-        return connection_.fd == -1 || applyOptions(connection_.fd, error);
+    return d_->query([&] {
+        d_->keepAlive_ = flag;
+        return d_->connection_.fd == -1 || applyOptions(d_->connection_.fd, error);
     });
 }
 
 bool TcpSocket::applyOptions(int fd, TcpSocketError* error) const {
-    const int noDelay = noDelay_ ? 1 : 0;
+    const int noDelay = d_->noDelay_ ? 1 : 0;
     if (::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay) != 0) {
         return fail(error, TcpSocketError::errnoError("Error setting TCP_NODELAY (setsockopt)"));
     }
-    const int keepAlive = keepAlive_ ? 1 : 0;
+    const int keepAlive = d_->keepAlive_ ? 1 : 0;
     if (::setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &keepAlive, sizeof keepAlive) != 0) {
         return fail(error, TcpSocketError::errnoError("Error setting SO_KEEPALIVE (setsockopt)"));
     }
@@ -164,27 +121,27 @@ bool TcpSocket::applyOptions(int fd, TcpSocketError* error) const {
 }
 
 void TcpSocket::setMaxAcceptedConnections(std::size_t count) {
-    runSync([&] { maxAccepted_ = count; });
+    d_->runSync([&] { d_->maxAccepted_ = count; });
 }
 
 std::size_t TcpSocket::maxAcceptedConnections() const {
-    return query([&] { return maxAccepted_; });
+    return d_->query([&] { return d_->maxAccepted_; });
 }
 
 void TcpSocket::setAcceptedIdleTimeout(double seconds) {
-    runSync([&] { acceptedIdleTimeout_ = seconds; });
+    d_->runSync([&] { d_->acceptedIdleTimeout_ = seconds; });
 }
 
 double TcpSocket::acceptedIdleTimeout() const {
-    return query([&] { return acceptedIdleTimeout_; });
+    return d_->query([&] { return d_->acceptedIdleTimeout_; });
 }
 
 void TcpSocket::setMaxWriteQueueLength(std::size_t bytes) {
-    maxWriteQueue_ = bytes;
+    d_->maxWriteQueue_ = bytes;
 }
 
 std::size_t TcpSocket::maxWriteQueueLength() const {
-    return maxWriteQueue_;
+    return d_->maxWriteQueue_;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -194,11 +151,11 @@ bool TcpSocket::openSources(Descriptor& d, bool withWrite, TcpSocketError* error
     std::weak_ptr<TcpSocket> weak = weak_from_this();
     try {
         SuspendableSource readSource(
-            ReadinessSource::create(d.fd, ReadinessSource::Kind::read, socketQueue_));
+            ReadinessSource::create(d.fd, ReadinessSource::Kind::read, d_->socketQueue_));
         SuspendableSource writeSource;
         if (withWrite) {
             writeSource = SuspendableSource(
-                ReadinessSource::create(d.fd, ReadinessSource::Kind::write, socketQueue_));
+                ReadinessSource::create(d.fd, ReadinessSource::Kind::write, d_->socketQueue_));
         }
         d.readSource = std::move(readSource);
         d.writeSource = std::move(writeSource);
@@ -209,8 +166,8 @@ bool TcpSocket::openSources(Descriptor& d, bool withWrite, TcpSocketError* error
                                                       e.code().message(),
                                                       "Error creating dispatch source")));
     }
-    const bool isListener = &d != &connection_;
-    const bool isIPv4 = &d == &listener4_;
+    const bool isListener = &d != &d_->connection_;
+    const bool isIPv4 = &d == &d_->listener4_;
     d.readSource->setEventHandler([weak, isListener, isIPv4] {
         if (auto self = weak.lock()) {
             isListener ? self->onAcceptable(isIPv4) : self->onReadable();
@@ -246,15 +203,15 @@ void TcpSocket::closeDescriptor(Descriptor& d) {
 
 // The sources follow what the work in progress waits for: an idle socket waits on nothing.
 void TcpSocket::updateSources() {
-    if (flags_ & kWaitsReadable) {
-        connection_.readSource.resume();
+    if (d_->flags_ & kWaitsReadable) {
+        d_->connection_.readSource.resume();
     } else {
-        connection_.readSource.suspend();
+        d_->connection_.readSource.suspend();
     }
-    if (flags_ & kWaitsWritable) {
-        connection_.writeSource.resume();
+    if (d_->flags_ & kWaitsWritable) {
+        d_->connection_.writeSource.resume();
     } else {
-        connection_.writeSource.suspend();
+        d_->connection_.writeSource.suspend();
     }
 }
 
@@ -263,7 +220,7 @@ void TcpSocket::armTimer(std::shared_ptr<TimerSource>& timer, double timeout,
     if (timer || timeout < 0.0) {
         return;
     }
-    timer = TimerSource::create(socketQueue_);
+    timer = TimerSource::create(d_->socketQueue_);
     timer->setEventHandler([weak = weak_from_this(), onFire = std::move(onFire)] {
         if (auto self = weak.lock()) {
             onFire(*self);
@@ -285,11 +242,11 @@ void TcpSocket::cacheAddresses(int fd) {
     sockaddr_in6 storage{};
     socklen_t length = sizeof storage;
     if (::getsockname(fd, reinterpret_cast<sockaddr*>(&storage), &length) == 0) {
-        localAddress_ = SocketAddress(&storage, std::min<std::size_t>(length, sizeof storage));
+        d_->localAddress_ = SocketAddress(&storage, std::min<std::size_t>(length, sizeof storage));
     }
     length = sizeof storage;
     if (::getpeername(fd, reinterpret_cast<sockaddr*>(&storage), &length) == 0) {
-        connectedAddress_ = SocketAddress(&storage, std::min<std::size_t>(length, sizeof storage));
+        d_->connectedAddress_ = SocketAddress(&storage, std::min<std::size_t>(length, sizeof storage));
     }
 }
 
@@ -297,82 +254,82 @@ void TcpSocket::cacheAddresses(int fd) {
 // Disconnecting
 
 void TcpSocket::closeWithError(std::optional<TcpSocketError> error) {
-    const bool wasOpen = (flags_ & (kConnecting | kConnected | kAccepting)) != 0;
-    for (auto* timer : {&connectTimer_, &acceptRetryTimer_, &idleTimer_, &readTimer_, &writeTimer_,
-                        &handshakeTimer_}) {
+    const bool wasOpen = (d_->flags_ & (kConnecting | kConnected | kAccepting)) != 0;
+    for (auto* timer : {&d_->connectTimer_, &d_->acceptRetryTimer_, &d_->idleTimer_, &d_->readTimer_, &d_->writeTimer_,
+                        &d_->handshakeTimer_}) {
         cancelTimer(*timer);
     }
-    if (tls_ && (flags_ & kSecure) && !error) {
-        tls_->shutdown();  // an orderly close tells the peer so
+    if (d_->tls_ && (d_->flags_ & kSecure) && !error) {
+        d_->tls_->shutdown();  // an orderly close tells the peer so
     }
-    tls_.reset();
-    closeDescriptor(connection_);
-    closeDescriptor(listener4_);
-    closeDescriptor(listener6_);
-    readQueue_.clear();
-    currentRead_.reset();
-    inbound_.clear();
-    for (const auto& request : writeQueue_) {
+    d_->tls_.reset();
+    closeDescriptor(d_->connection_);
+    closeDescriptor(d_->listener4_);
+    closeDescriptor(d_->listener6_);
+    d_->readQueue_.clear();
+    d_->currentRead_.reset();
+    d_->inbound_.clear();
+    for (const auto& request : d_->writeQueue_) {
         dropWrite(*request);
     }
-    writeQueue_.clear();
-    if (currentWrite_) {
-        dropWrite(*currentWrite_);
-        currentWrite_.reset();
+    d_->writeQueue_.clear();
+    if (d_->currentWrite_) {
+        dropWrite(*d_->currentWrite_);
+        d_->currentWrite_.reset();
     }
     // An accepted connection frees its place under the listener's cap.
-    if (acceptedCount_ && !(flags_ & kAccepting)) {
-        --*acceptedCount_;
+    if (d_->acceptedCount_ && !(d_->flags_ & kAccepting)) {
+        --*d_->acceptedCount_;
     }
-    acceptedCount_.reset();
-    candidates_.clear();
-    lastConnectError_.reset();
-    ++attempt_;
-    flags_ = 0;
-    localAddress_ = {};
-    connectedAddress_ = {};
-    connectedHost_.clear();
+    d_->acceptedCount_.reset();
+    d_->candidates_.clear();
+    d_->lastConnectError_.reset();
+    ++d_->attempt_;
+    d_->flags_ = 0;
+    d_->localAddress_ = {};
+    d_->connectedAddress_ = {};
+    d_->connectedHost_.clear();
     if (wasOpen) {
-        notifyDelegate([error = std::move(error)](TcpSocketDelegate& d, TcpSocket& s) {
+        d_->notifyDelegate([error = std::move(error)](TcpSocketDelegate& d, TcpSocket& s) {
             d.socketDidDisconnect(s, error);
         });
     }
 }
 
 void TcpSocket::disconnect() {
-    runSync([this] { closeWithError(std::nullopt); });
+    d_->runSync([this] { closeWithError(std::nullopt); });
 }
 
 void TcpSocket::disconnectAfterReading() {
-    post([this] {
-        flags_ |= kDisconnectAfterReads;
+    d_->post([this] {
+        d_->flags_ |= kDisconnectAfterReads;
         maybeDisconnectAfterIO();
     });
 }
 
 void TcpSocket::disconnectAfterWriting() {
-    post([this] {
-        flags_ |= kDisconnectAfterWrites;
+    d_->post([this] {
+        d_->flags_ |= kDisconnectAfterWrites;
         maybeDisconnectAfterIO();
     });
 }
 
 void TcpSocket::disconnectAfterReadingAndWriting() {
-    post([this] {
-        flags_ |= kDisconnectAfterReads | kDisconnectAfterWrites;
+    d_->post([this] {
+        d_->flags_ |= kDisconnectAfterReads | kDisconnectAfterWrites;
         maybeDisconnectAfterIO();
     });
 }
 
 void TcpSocket::maybeDisconnectAfterIO() {
-    const std::uint32_t asked = flags_ & (kDisconnectAfterReads | kDisconnectAfterWrites);
-    if (!asked || !(flags_ & (kConnecting | kConnected))) {
+    const std::uint32_t asked = d_->flags_ & (kDisconnectAfterReads | kDisconnectAfterWrites);
+    if (!asked || !(d_->flags_ & (kConnecting | kConnected))) {
         return;
     }
-    const bool readsDone = !(asked & kDisconnectAfterReads) || (!currentRead_ && readQueue_.empty());
+    const bool readsDone = !(asked & kDisconnectAfterReads) || (!d_->currentRead_ && d_->readQueue_.empty());
     const bool writesDone =
-        !(asked & kDisconnectAfterWrites) || (!currentWrite_ && writeQueue_.empty());
-    if (readsDone && writesDone && (flags_ & kConnected)) {
+        !(asked & kDisconnectAfterWrites) || (!d_->currentWrite_ && d_->writeQueue_.empty());
+    if (readsDone && writesDone && (d_->flags_ & kConnected)) {
         closeWithError(std::nullopt);
     }
 }
@@ -381,7 +338,7 @@ void TcpSocket::maybeDisconnectAfterIO() {
 // Inspection
 
 SocketAddress TcpSocket::localAddress() const {
-    return query([&] { return localAddress_; });
+    return d_->query([&] { return d_->localAddress_; });
 }
 
 std::string TcpSocket::localHost() const {
@@ -393,7 +350,7 @@ std::uint16_t TcpSocket::localPort() const {
 }
 
 SocketAddress TcpSocket::connectedAddress() const {
-    return query([&] { return connectedAddress_; });
+    return d_->query([&] { return d_->connectedAddress_; });
 }
 
 std::string TcpSocket::connectedHost() const {
@@ -405,19 +362,19 @@ std::uint16_t TcpSocket::connectedPort() const {
 }
 
 bool TcpSocket::isConnected() const {
-    return query([&] { return (flags_ & kConnected) != 0; });
+    return d_->query([&] { return (d_->flags_ & kConnected) != 0; });
 }
 
 bool TcpSocket::isAccepting() const {
-    return query([&] { return (flags_ & kAccepting) != 0; });
+    return d_->query([&] { return (d_->flags_ & kAccepting) != 0; });
 }
 
 bool TcpSocket::isDisconnected() const {
-    return query([&] { return (flags_ & (kConnecting | kConnected | kAccepting)) == 0; });
+    return d_->query([&] { return (d_->flags_ & (kConnecting | kConnected | kAccepting)) == 0; });
 }
 
 bool TcpSocket::isSecure() const {
-    return query([&] { return (flags_ & kSecure) != 0; });
+    return d_->query([&] { return (d_->flags_ & kSecure) != 0; });
 }
 
 }  // namespace kavrin

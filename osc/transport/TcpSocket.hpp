@@ -1,10 +1,8 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -14,8 +12,6 @@
 #include "osc/transport/SocketAddress.hpp"
 #include "osc/transport/TcpSocketError.hpp"
 #include "osc/transport/TlsSettings.hpp"
-#include "osc/transport/detail/InboundBuffer.hpp"
-#include "osc/transport/detail/SuspendableSource.hpp"
 
 namespace kavrin {
 
@@ -211,12 +207,6 @@ class TcpSocket : public std::enable_shared_from_this<TcpSocket> {
 
   private:
     struct Private {};
-    struct Descriptor {
-        int fd = -1;
-        SuspendableSource readSource;
-        SuspendableSource writeSource;  // none on a listener
-    };
-    using Clock = std::chrono::steady_clock;
 
   public:
     TcpSocket(Private, std::weak_ptr<TcpSocketDelegate> delegate,
@@ -224,17 +214,10 @@ class TcpSocket : public std::enable_shared_from_this<TcpSocket> {
               std::shared_ptr<SerialQueue> socketQueue);  // use create()
 
   private:
-    // Everything below is touched only on the socket queue, except the write-queue counters.
-    bool onSocketQueue() const;
-    void runSync(const std::function<void()>& work) const;
-    void runSoon(std::function<void()> work);  // inline on the socket queue, else async
-    void post(std::function<void()> work);     // always async: keeps the order of the calls
-    // Defined in detail/TcpSocketInternals.hpp, for every source file of the socket.
-    template <class F>
-    auto query(F&& read) const;
-    template <class F>
-    void notifyDelegate(F&& call);
-    bool preCheck(TcpSocketError* error) const;
+    struct Descriptor;  // one descriptor and its readiness sources
+    struct State;       // everything the socket keeps; touched only on the socket queue, but for
+                        // the write-queue counters
+
     bool startCheck(TcpSocketError* error) const;
 
     bool openSources(Descriptor& d, bool withWrite, TcpSocketError* error);
@@ -285,52 +268,7 @@ class TcpSocket : public std::enable_shared_from_this<TcpSocket> {
     void maybeStartHandshake();
     void continueHandshake();
 
-    std::weak_ptr<TcpSocketDelegate> delegate_;
-    std::shared_ptr<DispatchQueue> delegateQueue_;
-    std::shared_ptr<SerialQueue> socketQueue_;
-    std::uint32_t flags_ = 0;
-    bool noDelay_ = false;
-    bool keepAlive_ = false;
-    std::size_t maxAccepted_ = defaultMaxAcceptedConnections;
-    double acceptedIdleTimeout_ = defaultAcceptedIdleTimeout;
-
-    Descriptor connection_;
-    Descriptor listener4_;
-    Descriptor listener6_;
-    SocketAddress localAddress_;
-    SocketAddress connectedAddress_;
-    std::string connectedHost_;  // as the user named it, for reports and the TLS peer name
-
-    // Connecting.
-    std::uint64_t attempt_ = 0;  // a connect's number: answers to an older one are stale
-    std::vector<SocketAddress> candidates_;
-    std::size_t nextCandidate_ = 0;
-    std::optional<std::string> connectInterface_;
-    std::optional<TcpSocketError> lastConnectError_;
-    std::shared_ptr<TimerSource> connectTimer_;
-
-    // Accepting, and an accepted connection's share of its listener's count.
-    std::shared_ptr<std::atomic<std::size_t>> acceptedCount_;
-    std::shared_ptr<TimerSource> acceptRetryTimer_;
-    std::shared_ptr<TimerSource> idleTimer_;
-    double idleTimeout_ = -1.0;
-    Clock::time_point lastActivity_;
-
-    // Reading.
-    std::deque<std::shared_ptr<TcpReadRequest>> readQueue_;
-    std::shared_ptr<TcpReadRequest> currentRead_;
-    InboundBuffer inbound_;  // received, not yet taken by a read
-    std::shared_ptr<TimerSource> readTimer_;
-
-    // Writing. The two counters are also touched by write() on the caller's thread.
-    std::deque<std::shared_ptr<TcpWriteRequest>> writeQueue_;
-    std::shared_ptr<TcpWriteRequest> currentWrite_;
-    std::shared_ptr<TimerSource> writeTimer_;
-    std::atomic<std::size_t> queuedWriteBytes_{0};
-    std::atomic<std::size_t> maxWriteQueue_{defaultMaxWriteQueueLength};
-
-    std::shared_ptr<TlsSession> tls_;
-    std::shared_ptr<TimerSource> handshakeTimer_;
+    const std::unique_ptr<State> d_;
 };
 
 }  // namespace kavrin

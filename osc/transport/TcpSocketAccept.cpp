@@ -56,11 +56,11 @@ bool TcpSocket::acceptOnPort(std::uint16_t port, TcpSocketError* error) {
 
 bool TcpSocket::acceptOnInterface(const std::optional<std::string>& interface, std::uint16_t port,
                                   TcpSocketError* error) {
-    return query([&] { return startAccepting(interface, port, error); });
+    return d_->query([&] { return startAccepting(interface, port, error); });
 }
 
 std::size_t TcpSocket::acceptedConnectionCount() const {
-    return query([&] { return acceptedCount_ ? acceptedCount_->load() : std::size_t{0}; });
+    return d_->query([&] { return d_->acceptedCount_ ? d_->acceptedCount_->load() : std::size_t{0}; });
 }
 
 bool TcpSocket::startAccepting(const std::optional<std::string>& interface, std::uint16_t port,
@@ -74,47 +74,47 @@ bool TcpSocket::startAccepting(const std::optional<std::string>& interface, std:
     }
     SocketAddress address6 = addresses.ipv6;
     if (!addresses.ipv4.empty()) {
-        listener4_.fd = openListener(addresses.ipv4, error);
-        if (listener4_.fd == -1) {
+        d_->listener4_.fd = openListener(addresses.ipv4, error);
+        if (d_->listener4_.fd == -1) {
             return false;
         }
-        cacheAddresses(listener4_.fd);
+        cacheAddresses(d_->listener4_.fd);
         // Both families listen on the port the kernel chose for the first.
         if (!address6.empty()) {
-            address6 = address6.withPort(localAddress_.port());
+            address6 = address6.withPort(d_->localAddress_.port());
         }
     }
     if (!address6.empty()) {
-        listener6_.fd = openListener(address6, error);
-        if (listener6_.fd == -1) {
-            if (listener4_.fd != -1) {
-                ::close(listener4_.fd);  // no sources yet to close it
-                listener4_.fd = -1;
+        d_->listener6_.fd = openListener(address6, error);
+        if (d_->listener6_.fd == -1) {
+            if (d_->listener4_.fd != -1) {
+                ::close(d_->listener4_.fd);  // no sources yet to close it
+                d_->listener4_.fd = -1;
             }
-            localAddress_ = {};
+            d_->localAddress_ = {};
             return false;
         }
-        if (localAddress_.empty()) {
-            cacheAddresses(listener6_.fd);
+        if (d_->localAddress_.empty()) {
+            cacheAddresses(d_->listener6_.fd);
         }
     }
-    for (Descriptor* d : {&listener4_, &listener6_}) {
+    for (Descriptor* d : {&d_->listener4_, &d_->listener6_}) {
         if (d->fd != -1 && !openSources(*d, false, error)) {
-            for (Descriptor* open : {&listener4_, &listener6_}) {
+            for (Descriptor* open : {&d_->listener4_, &d_->listener6_}) {
                 if (open->fd != -1 && !open->readSource) {
                     ::close(open->fd);
                     open->fd = -1;
                 }
                 closeDescriptor(*open);
             }
-            localAddress_ = {};
+            d_->localAddress_ = {};
             return false;
         }
     }
-    acceptedCount_ = std::make_shared<std::atomic<std::size_t>>(0);
-    flags_ |= kAccepting;
-    listener4_.readSource.resume();
-    listener6_.readSource.resume();
+    d_->acceptedCount_ = std::make_shared<std::atomic<std::size_t>>(0);
+    d_->flags_ |= kAccepting;
+    d_->listener4_.readSource.resume();
+    d_->listener6_.readSource.resume();
     return true;
 }
 
@@ -147,7 +147,7 @@ int TcpSocket::openListener(const SocketAddress& address, TcpSocketError* error)
 }
 
 void TcpSocket::onAcceptable(bool isIPv4) {
-    const Descriptor& listener = isIPv4 ? listener4_ : listener6_;
+    const Descriptor& listener = isIPv4 ? d_->listener4_ : d_->listener6_;
     for (int i = 0; i < kAcceptBatch && listener.fd != -1; ++i) {
         sockaddr_in6 storage{};
         socklen_t length = sizeof storage;
@@ -160,42 +160,42 @@ void TcpSocket::onAcceptable(bool isIPv4) {
             if (errno == EINTR || errno == ECONNABORTED) {
                 continue;  // that connection is gone; the next may be fine
             }
-            listener4_.readSource.suspend();
-            listener6_.readSource.suspend();
-            armTimer(acceptRetryTimer_, kAcceptRetryDelay, [](TcpSocket& s) {
-                cancelTimer(s.acceptRetryTimer_);
-                s.listener4_.readSource.resume();
-                s.listener6_.readSource.resume();
+            d_->listener4_.readSource.suspend();
+            d_->listener6_.readSource.suspend();
+            armTimer(d_->acceptRetryTimer_, kAcceptRetryDelay, [](TcpSocket& s) {
+                cancelTimer(s.d_->acceptRetryTimer_);
+                s.d_->listener4_.readSource.resume();
+                s.d_->listener6_.readSource.resume();
             });
             return;
         }
-        if (acceptedCount_->load() >= maxAccepted_) {
+        if (d_->acceptedCount_->load() >= d_->maxAccepted_) {
             ::close(fd);  // past the cap: the peer sees its connection end at once
             continue;
         }
-        ++*acceptedCount_;
+        ++*d_->acceptedCount_;
         deliverAccepted(fd, SocketAddress(&storage, std::min<std::size_t>(length, sizeof storage)));
     }
 }
 
 // The new socket is made on the delegate queue, where socketWillAccept can choose its queues.
 void TcpSocket::deliverAccepted(int fd, const SocketAddress& peer) {
-    auto pending = std::make_shared<PendingConnection>(fd, acceptedCount_);
-    auto delegate = delegate_.lock();
-    if (!delegate || !delegateQueue_) {
+    auto pending = std::make_shared<PendingConnection>(fd, d_->acceptedCount_);
+    auto delegate = d_->delegate_.lock();
+    if (!delegate || !d_->delegateQueue_) {
         return;  // nobody to hand it to: pending closes it
     }
-    delegateQueue_->async([self = shared_from_this(), delegate = std::move(delegate),
+    d_->delegateQueue_->async([self = shared_from_this(), delegate = std::move(delegate),
                            pending = std::move(pending), peer,
-                           setup = TcpSocketDelegate::AcceptedConnection{delegate_, delegateQueue_,
+                           setup = TcpSocketDelegate::AcceptedConnection{d_->delegate_, d_->delegateQueue_,
                                                                          nullptr},
-                           noDelay = noDelay_, keepAlive = keepAlive_,
-                           idleTimeout = acceptedIdleTimeout_]() mutable {
+                           noDelay = d_->noDelay_, keepAlive = d_->keepAlive_,
+                           idleTimeout = d_->acceptedIdleTimeout_]() mutable {
         delegate->socketWillAccept(*self, peer, setup);
         auto socket = create(setup.delegate, setup.delegateQueue, setup.socketQueue);
-        socket->runSync([&] {
-            socket->noDelay_ = noDelay;
-            socket->keepAlive_ = keepAlive;
+        socket->d_->runSync([&] {
+            socket->d_->noDelay_ = noDelay;
+            socket->d_->keepAlive_ = keepAlive;
             socket->adoptAccepted(pending->release(), pending->count, idleTimeout);
         });
         delegate->socketDidAccept(*self, std::move(socket));
@@ -204,37 +204,37 @@ void TcpSocket::deliverAccepted(int fd, const SocketAddress& peer) {
 
 void TcpSocket::adoptAccepted(int fd, std::shared_ptr<std::atomic<std::size_t>> count,
                               double idleTimeout) {
-    acceptedCount_ = std::move(count);
+    d_->acceptedCount_ = std::move(count);
     TcpSocketError ignored;  // a connection that cannot be set up is handed over closed
     if (!applyOptions(fd, &ignored)) {
         ::close(fd);
         closeWithError(std::nullopt);
         return;
     }
-    connection_.fd = fd;
-    if (!openSources(connection_, true, &ignored)) {
+    d_->connection_.fd = fd;
+    if (!openSources(d_->connection_, true, &ignored)) {
         closeWithError(std::nullopt);
         return;
     }
-    flags_ |= kConnected;
+    d_->flags_ |= kConnected;
     cacheAddresses(fd);
-    connectedHost_ = connectedAddress_.host();
-    lastActivity_ = Clock::now();
-    idleTimeout_ = idleTimeout;
-    armTimer(idleTimer_, idleTimeout, [](TcpSocket& s) { s.checkIdle(); });
+    d_->connectedHost_ = d_->connectedAddress_.host();
+    d_->lastActivity_ = State::Clock::now();
+    d_->idleTimeout_ = idleTimeout;
+    armTimer(d_->idleTimer_, idleTimeout, [](TcpSocket& s) { s.checkIdle(); });
 }
 
 // The timer runs from the last byte moved, without a restart for every byte: when it fires
 // early it is set again for the time that remains.
 void TcpSocket::checkIdle() {
     const auto idle = std::chrono::duration_cast<DispatchQueue::Clock::duration>(
-        std::chrono::duration<double>(idleTimeout_));
-    const auto elapsed = Clock::now() - lastActivity_;
+        std::chrono::duration<double>(d_->idleTimeout_));
+    const auto elapsed = State::Clock::now() - d_->lastActivity_;
     if (elapsed >= idle) {
         closeWithError(TcpSocketError::idleTimeoutError());
         return;
     }
-    idleTimer_->schedule(idle - elapsed);
+    d_->idleTimer_->schedule(idle - elapsed);
 }
 
 }  // namespace kavrin

@@ -29,7 +29,7 @@ bool TcpSocket::connectToHost(const std::string& host, std::uint16_t port,
                                "The host param is empty. Should be domain name or IP address "
                                "string."));
     }
-    return query([&] { return startConnect(host, port, std::nullopt, interface, timeout, error); });
+    return d_->query([&] { return startConnect(host, port, std::nullopt, interface, timeout, error); });
 }
 
 bool TcpSocket::connectToAddress(const SocketAddress& address, double timeout,
@@ -44,7 +44,7 @@ bool TcpSocket::connectToAddress(const SocketAddress& address,
         return fail(error, TcpSocketError::badParamError(
                                "The address param is not a valid IPv4 or IPv6 socket address."));
     }
-    return query(
+    return d_->query(
         [&] { return startConnect(address.host(), address.port(), address, interface, timeout, error); });
 }
 
@@ -61,18 +61,18 @@ bool TcpSocket::startConnect(const std::string& host, std::uint16_t port,
             return fail(error, TcpSocketError::badParamError(InterfaceAddresses::unknownInterfaceText));
         }
     }
-    flags_ |= kConnecting;
-    connectInterface_ = interface;
-    connectedHost_ = host;
-    const std::uint64_t attempt = ++attempt_;
-    armTimer(connectTimer_, timeout, [](TcpSocket& s) {
+    d_->flags_ |= kConnecting;
+    d_->connectInterface_ = interface;
+    d_->connectedHost_ = host;
+    const std::uint64_t attempt = ++d_->attempt_;
+    armTimer(d_->connectTimer_, timeout, [](TcpSocket& s) {
         s.closeWithError(TcpSocketError::connectTimeoutError());
     });
     if (address) {
         didResolve(attempt, {*address}, std::nullopt);
         return true;
     }
-    kResolver.resolve(host, port, socketQueue_,
+    kResolver.resolve(host, port, d_->socketQueue_,
                       [self = shared_from_this(), attempt](std::vector<SocketAddress> addresses,
                                                            std::optional<SocketError> error) {
                           std::optional<TcpSocketError> failure;
@@ -84,36 +84,36 @@ bool TcpSocket::startConnect(const std::string& host, std::uint16_t port,
 
 void TcpSocket::didResolve(std::uint64_t attempt, std::vector<SocketAddress> addresses,
                            std::optional<TcpSocketError> error) {
-    if (attempt != attempt_ || !(flags_ & kConnecting)) {
+    if (attempt != d_->attempt_ || !(d_->flags_ & kConnecting)) {
         return;  // disconnected, or timed out, meanwhile
     }
     if (error) {
         closeWithError(std::move(error));
         return;
     }
-    candidates_ = std::move(addresses);
-    nextCandidate_ = 0;
+    d_->candidates_ = std::move(addresses);
+    d_->nextCandidate_ = 0;
     tryNextAddress();
 }
 
-// Tries the candidates from nextCandidate_ until a connect is under way; with none left, the
+// Tries the candidates from d_->nextCandidate_ until a connect is under way; with none left, the
 // last failure ends the attempt.
 void TcpSocket::tryNextAddress() {
-    while (nextCandidate_ < candidates_.size()) {
-        const SocketAddress& address = candidates_[nextCandidate_++];
+    while (d_->nextCandidate_ < d_->candidates_.size()) {
+        const SocketAddress& address = d_->candidates_[d_->nextCandidate_++];
         const int family = address.family();
         SocketAddress local;
-        if (connectInterface_) {
-            const auto addresses = InterfaceAddresses::lookUp(connectInterface_, 0);
+        if (d_->connectInterface_) {
+            const auto addresses = InterfaceAddresses::lookUp(d_->connectInterface_, 0);
             local = family == AF_INET ? addresses.ipv4 : addresses.ipv6;
             if (local.empty()) {
-                lastConnectError_ = TcpSocketError::badParamError(InterfaceAddresses::unknownInterfaceText);
+                d_->lastConnectError_ = TcpSocketError::badParamError(InterfaceAddresses::unknownInterfaceText);
                 continue;  // the interface has no address of this family
             }
         }
         const int fd = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (fd == -1) {
-            lastConnectError_ = TcpSocketError::errnoError("Error in socket() function");
+            d_->lastConnectError_ = TcpSocketError::errnoError("Error in socket() function");
             continue;
         }
         TcpSocketError failure;
@@ -129,36 +129,36 @@ void TcpSocket::tryNextAddress() {
         }
         if (!started) {
             ::close(fd);
-            lastConnectError_ = std::move(failure);
+            d_->lastConnectError_ = std::move(failure);
             continue;
         }
-        connection_.fd = fd;
-        if (!openSources(connection_, true, &failure)) {
-            lastConnectError_ = std::move(failure);
+        d_->connection_.fd = fd;
+        if (!openSources(d_->connection_, true, &failure)) {
+            d_->lastConnectError_ = std::move(failure);
             continue;
         }
         // Even an immediate success is reported once the descriptor turns writable, so that
         // both paths report the same way.
-        flags_ |= kConnectWaits;
+        d_->flags_ |= kConnectWaits;
         updateSources();
         return;
     }
-    closeWithError(lastConnectError_
-                       ? std::move(lastConnectError_)
+    closeWithError(d_->lastConnectError_
+                       ? std::move(d_->lastConnectError_)
                        : TcpSocketError::badParamError("The host has no address to connect to."));
 }
 
 void TcpSocket::finishConnect() {
-    flags_ &= ~kConnectWaits;
+    d_->flags_ &= ~kConnectWaits;
     int code = 0;
     socklen_t length = sizeof code;
-    if (::getsockopt(connection_.fd, SOL_SOCKET, SO_ERROR, &code, &length) != 0) {
+    if (::getsockopt(d_->connection_.fd, SOL_SOCKET, SO_ERROR, &code, &length) != 0) {
         code = errno;
     }
     if (code != 0) {
         errno = code;
-        lastConnectError_ = TcpSocketError::errnoError("Error in connect() function");
-        closeDescriptor(connection_);
+        d_->lastConnectError_ = TcpSocketError::errnoError("Error in connect() function");
+        closeDescriptor(d_->connection_);
         tryNextAddress();
         return;
     }
@@ -166,13 +166,13 @@ void TcpSocket::finishConnect() {
 }
 
 void TcpSocket::didConnect() {
-    cancelTimer(connectTimer_);
-    flags_ = (flags_ & ~kConnecting) | kConnected;
-    candidates_.clear();
-    lastConnectError_.reset();
-    cacheAddresses(connection_.fd);
-    lastActivity_ = Clock::now();
-    notifyDelegate([host = connectedHost_, port = connectedAddress_.port()](TcpSocketDelegate& d,
+    cancelTimer(d_->connectTimer_);
+    d_->flags_ = (d_->flags_ & ~kConnecting) | kConnected;
+    d_->candidates_.clear();
+    d_->lastConnectError_.reset();
+    cacheAddresses(d_->connection_.fd);
+    d_->lastActivity_ = State::Clock::now();
+    d_->notifyDelegate([host = d_->connectedHost_, port = d_->connectedAddress_.port()](TcpSocketDelegate& d,
                                                                             TcpSocket& s) {
         d.socketDidConnect(s, host, port);
     });

@@ -51,19 +51,19 @@ bool TcpSocket::readToDelimiter(std::vector<std::uint8_t> delimiter, std::size_t
 }
 
 void TcpSocket::enqueueRead(std::shared_ptr<TcpReadRequest> request) {
-    post([this, request = std::move(request)]() mutable {
-        if (!(flags_ & (kConnecting | kConnected))) {
+    d_->post([this, request = std::move(request)]() mutable {
+        if (!(d_->flags_ & (kConnecting | kConnected))) {
             return;  // dropped, as documented
         }
-        readQueue_.push_back(std::move(request));
+        d_->readQueue_.push_back(std::move(request));
         continueReading();
     });
 }
 
 void TcpSocket::onReadable() {
-    const bool writeWaited = (flags_ & kWriteWaitsReadable) != 0;
-    flags_ &= ~(kReadWaits | kWriteWaitsReadable | kHandshakeWaitsReadable);
-    if (flags_ & kHandshaking) {
+    const bool writeWaited = (d_->flags_ & kWriteWaitsReadable) != 0;
+    d_->flags_ &= ~(kReadWaits | kWriteWaitsReadable | kHandshakeWaitsReadable);
+    if (d_->flags_ & kHandshaking) {
         continueHandshake();
         return;
     }
@@ -75,21 +75,21 @@ void TcpSocket::onReadable() {
 
 // Serves reads until one must wait for the peer, or none is left.
 void TcpSocket::continueReading() {
-    while (connection_.fd != -1 && (flags_ & kConnected) && !(flags_ & kHandshaking)) {
-        if (!currentRead_) {
-            if (readQueue_.empty()) {
+    while (d_->connection_.fd != -1 && (d_->flags_ & kConnected) && !(d_->flags_ & kHandshaking)) {
+        if (!d_->currentRead_) {
+            if (d_->readQueue_.empty()) {
                 maybeDisconnectAfterIO();
                 break;
             }
-            currentRead_ = std::move(readQueue_.front());
-            readQueue_.pop_front();
+            d_->currentRead_ = std::move(d_->readQueue_.front());
+            d_->readQueue_.pop_front();
         }
-        if (currentRead_->kind == TcpReadRequest::Kind::startTLS) {
+        if (d_->currentRead_->kind == TcpReadRequest::Kind::startTLS) {
             maybeStartHandshake();
             break;
         }
         std::size_t added = 0;
-        const auto progress = currentRead_->take(inbound_, &added);
+        const auto progress = d_->currentRead_->take(d_->inbound_, &added);
         if (progress == TcpReadRequest::Progress::done) {
             completeRead();
             continue;
@@ -99,11 +99,11 @@ void TcpSocket::continueReading() {
             return;
         }
         if (added > 0) {
-            notifyDelegate([added, tag = currentRead_->tag](TcpSocketDelegate& d, TcpSocket& s) {
+            d_->notifyDelegate([added, tag = d_->currentRead_->tag](TcpSocketDelegate& d, TcpSocket& s) {
                 d.socketDidReadPartialDataOfLength(s, added, tag);
             });
         }
-        if (flags_ & kEndOfStream) {
+        if (d_->flags_ & kEndOfStream) {
             closeWithError(TcpSocketError::closedByPeerError());
             return;
         }
@@ -112,9 +112,9 @@ void TcpSocket::continueReading() {
             return;  // closed with the error
         }
         if (received == Received::endOfStream) {
-            flags_ |= kEndOfStream;
+            d_->flags_ |= kEndOfStream;
         } else if (received == Received::wouldBlock) {
-            armTimer(readTimer_, currentRead_->timeout,
+            armTimer(d_->readTimer_, d_->currentRead_->timeout,
                      [](TcpSocket& s) { s.closeWithError(TcpSocketError::readTimeoutError()); });
             break;
         }
@@ -123,21 +123,21 @@ void TcpSocket::continueReading() {
 }
 
 TcpSocket::Received TcpSocket::receiveChunk() {
-    std::uint8_t* space = inbound_.prepare(readChunkLength);
+    std::uint8_t* space = d_->inbound_.prepare(readChunkLength);
     std::size_t count = 0;
-    if (tls_) {
+    if (d_->tls_) {
         TcpSocketError error;
-        const auto status = tls_->read(space, readChunkLength, &count, &error);
-        inbound_.commit(status == TlsSession::Status::done ? count : 0);
+        const auto status = d_->tls_->read(space, readChunkLength, &count, &error);
+        d_->inbound_.commit(status == TlsSession::Status::done ? count : 0);
         switch (status) {
             case TlsSession::Status::done:
-                lastActivity_ = Clock::now();
+                d_->lastActivity_ = State::Clock::now();
                 return Received::data;
             case TlsSession::Status::wantRead:
-                flags_ |= kReadWaits;
+                d_->flags_ |= kReadWaits;
                 return Received::wouldBlock;
             case TlsSession::Status::wantWrite:
-                flags_ |= kReadWaitsWritable;
+                d_->flags_ |= kReadWaitsWritable;
                 return Received::wouldBlock;
             case TlsSession::Status::closed:
                 return Received::endOfStream;
@@ -146,18 +146,18 @@ TcpSocket::Received TcpSocket::receiveChunk() {
                 return Received::failed;
         }
     }
-    const ssize_t result = ::recv(connection_.fd, space, readChunkLength, 0);
+    const ssize_t result = ::recv(d_->connection_.fd, space, readChunkLength, 0);
     const int receiveErrno = errno;
-    inbound_.commit(result > 0 ? static_cast<std::size_t>(result) : 0);
+    d_->inbound_.commit(result > 0 ? static_cast<std::size_t>(result) : 0);
     if (result > 0) {
-        lastActivity_ = Clock::now();
+        d_->lastActivity_ = State::Clock::now();
         return Received::data;
     }
     if (result == 0) {
         return Received::endOfStream;
     }
     if (receiveErrno == EAGAIN || receiveErrno == EWOULDBLOCK || receiveErrno == EINTR) {
-        flags_ |= kReadWaits;
+        d_->flags_ |= kReadWaits;
         return Received::wouldBlock;
     }
     errno = receiveErrno;
@@ -166,12 +166,12 @@ TcpSocket::Received TcpSocket::receiveChunk() {
 }
 
 void TcpSocket::completeRead() {
-    cancelTimer(readTimer_);
-    notifyDelegate([data = std::move(currentRead_->buffer), tag = currentRead_->tag](
+    cancelTimer(d_->readTimer_);
+    d_->notifyDelegate([data = std::move(d_->currentRead_->buffer), tag = d_->currentRead_->tag](
                        TcpSocketDelegate& d, TcpSocket& s) mutable {
         d.socketDidReadData(s, std::move(data), tag);
     });
-    currentRead_.reset();
+    d_->currentRead_.reset();
 }
 
 }  // namespace kavrin

@@ -18,22 +18,22 @@ bool TcpSocket::startTLS(const TlsSettings& settings, TcpSocketError* error) {
     if (!session) {
         return false;
     }
-    return query([&] {
-        if (!(flags_ & (kConnecting | kConnected))) {
+    return d_->query([&] {
+        if (!(d_->flags_ & (kConnecting | kConnected))) {
             return fail(error, TcpSocketError::badConfigError(
                                    "Cannot start TLS on a socket that is not connected."));
         }
-        if (flags_ & kStartedTLS) {
+        if (d_->flags_ & kStartedTLS) {
             return fail(error, TcpSocketError::badConfigError("TLS was already started."));
         }
-        flags_ |= kStartedTLS;
+        d_->flags_ |= kStartedTLS;
         // Queued in turn behind the reads and writes posted before this call.
-        post([this, session] {
-            if (!(flags_ & (kConnecting | kConnected))) {
+        d_->post([this, session] {
+            if (!(d_->flags_ & (kConnecting | kConnected))) {
                 return;
             }
-            readQueue_.push_back(std::make_shared<TcpReadRequest>(session));
-            writeQueue_.push_back(std::make_shared<TcpWriteRequest>(session));
+            d_->readQueue_.push_back(std::make_shared<TcpReadRequest>(session));
+            d_->writeQueue_.push_back(std::make_shared<TcpWriteRequest>(session));
             continueReading();
             continueWriting();
         });
@@ -42,18 +42,18 @@ bool TcpSocket::startTLS(const TlsSettings& settings, TcpSocketError* error) {
 }
 
 void TcpSocket::maybeStartHandshake() {
-    if (!currentRead_ || !currentWrite_ || !currentRead_->tls ||
-        currentRead_->tls != currentWrite_->tls || (flags_ & kHandshaking)) {
+    if (!d_->currentRead_ || !d_->currentWrite_ || !d_->currentRead_->tls ||
+        d_->currentRead_->tls != d_->currentWrite_->tls || (d_->flags_ & kHandshaking)) {
         return;  // the other queue has not reached the mark yet
     }
-    tls_ = currentRead_->tls;
-    flags_ |= kHandshaking;
-    armTimer(handshakeTimer_, tls_->handshakeTimeout(),
+    d_->tls_ = d_->currentRead_->tls;
+    d_->flags_ |= kHandshaking;
+    armTimer(d_->handshakeTimer_, d_->tls_->handshakeTimeout(),
              [](TcpSocket& s) { s.closeWithError(TcpSocketError::handshakeTimeoutError()); });
     // The peer may have sent its first handshake bytes behind the last plain ones, and they may
     // already be in the inbound buffer.
     TcpSocketError error;
-    if (!tls_->attach(connection_.fd, inbound_.takeAll(), connectedHost_, &error)) {
+    if (!d_->tls_->attach(d_->connection_.fd, d_->inbound_.takeAll(), d_->connectedHost_, &error)) {
         closeWithError(std::move(error));
         return;
     }
@@ -62,24 +62,24 @@ void TcpSocket::maybeStartHandshake() {
 
 void TcpSocket::continueHandshake() {
     TcpSocketError error;
-    switch (tls_->handshake(&error)) {
+    switch (d_->tls_->handshake(&error)) {
         case TlsSession::Status::done:
-            cancelTimer(handshakeTimer_);
-            flags_ = (flags_ & ~kHandshaking) | kSecure;
-            lastActivity_ = Clock::now();
-            currentRead_.reset();
-            currentWrite_.reset();
-            notifyDelegate([](TcpSocketDelegate& d, TcpSocket& s) { d.socketDidSecure(s); });
+            cancelTimer(d_->handshakeTimer_);
+            d_->flags_ = (d_->flags_ & ~kHandshaking) | kSecure;
+            d_->lastActivity_ = State::Clock::now();
+            d_->currentRead_.reset();
+            d_->currentWrite_.reset();
+            d_->notifyDelegate([](TcpSocketDelegate& d, TcpSocket& s) { d.socketDidSecure(s); });
             continueReading();
             continueWriting();
             return;
         case TlsSession::Status::wantRead:
-            flags_ |= kHandshakeWaitsReadable;
-            lastActivity_ = Clock::now();
+            d_->flags_ |= kHandshakeWaitsReadable;
+            d_->lastActivity_ = State::Clock::now();
             break;
         case TlsSession::Status::wantWrite:
-            flags_ |= kHandshakeWaitsWritable;
-            lastActivity_ = Clock::now();
+            d_->flags_ |= kHandshakeWaitsWritable;
+            d_->lastActivity_ = State::Clock::now();
             break;
         case TlsSession::Status::closed:
             closeWithError(TcpSocketError::closedByPeerError());

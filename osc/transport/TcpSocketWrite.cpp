@@ -9,7 +9,7 @@
 #include "osc/transport/detail/TlsSession.hpp"
 
 // The write queue: writes one at a time, in the order given, each handed to the system as far
-// as it takes it and finished when it turns writable again. queuedWriteBytes_ counts what waits,
+// as it takes it and finished when it turns writable again. d_->queuedWriteBytes_ counts what waits,
 // from write() until the bytes are written or dropped.
 
 namespace kavrin {
@@ -19,43 +19,43 @@ using namespace tcpSocket;
 bool TcpSocket::write(std::vector<std::uint8_t> data, double timeout, std::int64_t tag,
                       TcpSocketError* error) {
     const std::size_t size = data.size();
-    const std::size_t before = queuedWriteBytes_.fetch_add(size);
-    if (before != 0 && before + size > maxWriteQueue_) {
-        queuedWriteBytes_ -= size;
+    const std::size_t before = d_->queuedWriteBytes_.fetch_add(size);
+    if (before != 0 && before + size > d_->maxWriteQueue_) {
+        d_->queuedWriteBytes_ -= size;
         return fail(error, TcpSocketError::writeQueueFullError());
     }
-    post([this, request = std::make_shared<TcpWriteRequest>(std::move(data), timeout, tag)] {
-        if (!(flags_ & (kConnecting | kConnected)) || (flags_ & kWriteShutdownAsked)) {
+    d_->post([this, request = std::make_shared<TcpWriteRequest>(std::move(data), timeout, tag)] {
+        if (!(d_->flags_ & (kConnecting | kConnected)) || (d_->flags_ & kWriteShutdownAsked)) {
             dropWrite(*request);
             return;
         }
-        writeQueue_.push_back(request);
+        d_->writeQueue_.push_back(request);
         continueWriting();
     });
     return true;
 }
 
 void TcpSocket::dropWrite(const TcpWriteRequest& request) {
-    queuedWriteBytes_ -= request.data.size() - request.written;
+    d_->queuedWriteBytes_ -= request.data.size() - request.written;
 }
 
 void TcpSocket::shutdownWrite() {
-    post([this] {
-        if (flags_ & (kConnecting | kConnected)) {
-            flags_ |= kWriteShutdownAsked;
+    d_->post([this] {
+        if (d_->flags_ & (kConnecting | kConnected)) {
+            d_->flags_ |= kWriteShutdownAsked;
             continueWriting();
         }
     });
 }
 
 void TcpSocket::onWritable() {
-    if (flags_ & kConnectWaits) {
+    if (d_->flags_ & kConnectWaits) {
         finishConnect();
         return;
     }
-    const bool readWaited = (flags_ & kReadWaitsWritable) != 0;
-    flags_ &= ~(kWriteWaits | kReadWaitsWritable | kHandshakeWaitsWritable);
-    if (flags_ & kHandshaking) {
+    const bool readWaited = (d_->flags_ & kReadWaitsWritable) != 0;
+    d_->flags_ &= ~(kWriteWaits | kReadWaitsWritable | kHandshakeWaitsWritable);
+    if (d_->flags_ & kHandshaking) {
         continueHandshake();
         return;
     }
@@ -67,23 +67,23 @@ void TcpSocket::onWritable() {
 
 // Serves writes until one must wait for the system to take more, or none is left.
 void TcpSocket::continueWriting() {
-    while (connection_.fd != -1 && (flags_ & kConnected) && !(flags_ & kHandshaking)) {
-        if (!currentWrite_) {
-            if (writeQueue_.empty()) {
-                if ((flags_ & kWriteShutdownAsked) && !(flags_ & kWriteShut)) {
+    while (d_->connection_.fd != -1 && (d_->flags_ & kConnected) && !(d_->flags_ & kHandshaking)) {
+        if (!d_->currentWrite_) {
+            if (d_->writeQueue_.empty()) {
+                if ((d_->flags_ & kWriteShutdownAsked) && !(d_->flags_ & kWriteShut)) {
                     shutdownWriteNow();
                 }
                 maybeDisconnectAfterIO();
                 break;
             }
-            currentWrite_ = std::move(writeQueue_.front());
-            writeQueue_.pop_front();
+            d_->currentWrite_ = std::move(d_->writeQueue_.front());
+            d_->writeQueue_.pop_front();
         }
-        if (currentWrite_->tls) {
+        if (d_->currentWrite_->tls) {
             maybeStartHandshake();
             break;
         }
-        if (currentWrite_->written == currentWrite_->data.size()) {
+        if (d_->currentWrite_->written == d_->currentWrite_->data.size()) {
             completeWrite();
             continue;
         }
@@ -92,18 +92,18 @@ void TcpSocket::continueWriting() {
         if (sent == Sent::failed) {
             return;  // closed with the error
         }
-        currentWrite_->written += written;
-        queuedWriteBytes_ -= written;
+        d_->currentWrite_->written += written;
+        d_->queuedWriteBytes_ -= written;
         if (sent == Sent::wouldBlock) {
-            TcpWriteRequest& request = *currentWrite_;
+            TcpWriteRequest& request = *d_->currentWrite_;
             if (request.written > request.reported) {
-                notifyDelegate([length = request.written - request.reported, tag = request.tag](
+                d_->notifyDelegate([length = request.written - request.reported, tag = request.tag](
                                    TcpSocketDelegate& d, TcpSocket& s) {
                     d.socketDidWritePartialDataOfLength(s, length, tag);
                 });
                 request.reported = request.written;
             }
-            armTimer(writeTimer_, request.timeout,
+            armTimer(d_->writeTimer_, request.timeout,
                      [](TcpSocket& s) { s.closeWithError(TcpSocketError::writeTimeoutError()); });
             break;
         }
@@ -112,19 +112,19 @@ void TcpSocket::continueWriting() {
 }
 
 TcpSocket::Sent TcpSocket::sendSome(std::size_t* written) {
-    const std::uint8_t* data = currentWrite_->data.data() + currentWrite_->written;
-    const std::size_t size = currentWrite_->data.size() - currentWrite_->written;
-    if (tls_) {
+    const std::uint8_t* data = d_->currentWrite_->data.data() + d_->currentWrite_->written;
+    const std::size_t size = d_->currentWrite_->data.size() - d_->currentWrite_->written;
+    if (d_->tls_) {
         TcpSocketError error;
-        switch (tls_->write(data, size, written, &error)) {
+        switch (d_->tls_->write(data, size, written, &error)) {
             case TlsSession::Status::done:
-                lastActivity_ = Clock::now();
+                d_->lastActivity_ = State::Clock::now();
                 return Sent::some;
             case TlsSession::Status::wantRead:
-                flags_ |= kWriteWaitsReadable;
+                d_->flags_ |= kWriteWaitsReadable;
                 return Sent::wouldBlock;
             case TlsSession::Status::wantWrite:
-                flags_ |= kWriteWaits;
+                d_->flags_ |= kWriteWaits;
                 return Sent::wouldBlock;
             case TlsSession::Status::closed:
                 closeWithError(TcpSocketError::closedByPeerError());
@@ -134,14 +134,14 @@ TcpSocket::Sent TcpSocket::sendSome(std::size_t* written) {
                 return Sent::failed;
         }
     }
-    const ssize_t result = ::send(connection_.fd, data, size, MSG_NOSIGNAL);
+    const ssize_t result = ::send(d_->connection_.fd, data, size, MSG_NOSIGNAL);
     if (result > 0) {
         *written = static_cast<std::size_t>(result);
-        lastActivity_ = Clock::now();
+        d_->lastActivity_ = State::Clock::now();
         return Sent::some;
     }
     if (result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
-        flags_ |= kWriteWaits;
+        d_->flags_ |= kWriteWaits;
         return Sent::wouldBlock;
     }
     closeWithError(TcpSocketError::errnoError("Error in send() function"));
@@ -149,19 +149,19 @@ TcpSocket::Sent TcpSocket::sendSome(std::size_t* written) {
 }
 
 void TcpSocket::completeWrite() {
-    cancelTimer(writeTimer_);
-    notifyDelegate([tag = currentWrite_->tag](TcpSocketDelegate& d, TcpSocket& s) {
+    cancelTimer(d_->writeTimer_);
+    d_->notifyDelegate([tag = d_->currentWrite_->tag](TcpSocketDelegate& d, TcpSocket& s) {
         d.socketDidWriteDataWithTag(s, tag);
     });
-    currentWrite_.reset();
+    d_->currentWrite_.reset();
 }
 
 void TcpSocket::shutdownWriteNow() {
-    flags_ |= kWriteShut;
-    if (tls_) {
-        tls_->shutdown();
+    d_->flags_ |= kWriteShut;
+    if (d_->tls_) {
+        d_->tls_->shutdown();
     }
-    if (::shutdown(connection_.fd, SHUT_WR) != 0) {
+    if (::shutdown(d_->connection_.fd, SHUT_WR) != 0) {
         closeWithError(TcpSocketError::errnoError("Error in shutdown() function"));
     }
 }

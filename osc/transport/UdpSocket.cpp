@@ -23,15 +23,6 @@ namespace kavrin {
 
 using namespace udpSocket;
 
-namespace {
-
-const char* const kNoDelegate =
-    "Attempting to use socket without a delegate. Set a delegate first.";
-const char* const kNoDelegateQueue =
-    "Attempting to use socket without a delegate queue. Set a delegate queue first.";
-
-}  // namespace
-
 // ---------------------------------------------------------------------------------------------
 // Construction
 
@@ -61,106 +52,68 @@ std::shared_ptr<UdpSocket> UdpSocket::create(std::shared_ptr<DispatchQueue> sock
 UdpSocket::UdpSocket(Private, std::weak_ptr<UdpSocketDelegate> delegate,
                      std::shared_ptr<DispatchQueue> delegateQueue,
                      std::shared_ptr<SerialQueue> socketQueue)
-    : delegate_(std::move(delegate)),
-      delegateQueue_(std::move(delegateQueue)),
-      socketQueue_(std::move(socketQueue)) {
-    // The socket's own address is the queue-specific key, so one queue can serve several
-    // sockets and each still knows when it runs on its own queue.
-    socketQueue_->setSpecific(this, this);
-}
+    : d_(std::make_unique<State>(*this, std::move(delegate), std::move(delegateQueue),
+                                 std::move(socketQueue))) {}
 
 UdpSocket::~UdpSocket() {
-    runSync([this] {
+    d_->runSync([this] {
         closeWithError(std::nullopt);
-        socketQueue_->setSpecific(this, nullptr);
+        d_->leaveQueue();
     });
-}
-
-// ---------------------------------------------------------------------------------------------
-// Queue helpers
-
-bool UdpSocket::onSocketQueue() const {
-    return SerialQueue::getSpecific(this) == this;
-}
-
-void UdpSocket::runSync(const std::function<void()>& work) const {
-    if (onSocketQueue()) {
-        work();
-    } else {
-        socketQueue_->sync(work);
-    }
-}
-
-void UdpSocket::runSoon(std::function<void()> work) {
-    if (onSocketQueue()) {
-        work();
-    } else {
-        socketQueue_->async([self = shared_from_this(), work = std::move(work)] { work(); });
-    }
-}
-
-bool UdpSocket::preCheck(UdpSocketError* error) const {
-    if (!delegate_.lock()) {
-        return fail(error, UdpSocketError::badConfigError(kNoDelegate));
-    }
-    if (!delegateQueue_) {
-        return fail(error, UdpSocketError::badConfigError(kNoDelegateQueue));
-    }
-    return true;
 }
 
 // ---------------------------------------------------------------------------------------------
 // Delegate
 
 std::weak_ptr<UdpSocketDelegate> UdpSocket::delegate() const {
-    return query([&] { return delegate_; });
+    return d_->query([&] { return d_->delegate_; });
 }
 
 void UdpSocket::setDelegate(std::weak_ptr<UdpSocketDelegate> delegate) {
-    runSoon([this, delegate = std::move(delegate)] { delegate_ = delegate; });
+    d_->runSoon([this, delegate = std::move(delegate)] { d_->delegate_ = delegate; });
 }
 
 void UdpSocket::synchronouslySetDelegate(std::weak_ptr<UdpSocketDelegate> delegate) {
-    runSync([&] { delegate_ = std::move(delegate); });
+    d_->runSync([&] { d_->delegate_ = std::move(delegate); });
 }
 
 std::shared_ptr<DispatchQueue> UdpSocket::delegateQueue() const {
-    return query([&] { return delegateQueue_; });
+    return d_->query([&] { return d_->delegateQueue_; });
 }
 
 void UdpSocket::setDelegateQueue(std::shared_ptr<DispatchQueue> delegateQueue) {
-    runSoon([this, queue = std::move(delegateQueue)] { delegateQueue_ = queue; });
+    d_->runSoon([this, queue = std::move(delegateQueue)] { d_->delegateQueue_ = queue; });
 }
 
 void UdpSocket::synchronouslySetDelegateQueue(std::shared_ptr<DispatchQueue> delegateQueue) {
-    runSync([&] { delegateQueue_ = std::move(delegateQueue); });
+    d_->runSync([&] { d_->delegateQueue_ = std::move(delegateQueue); });
 }
 
 void UdpSocket::getDelegate(std::weak_ptr<UdpSocketDelegate>* delegate,
                             std::shared_ptr<DispatchQueue>* delegateQueue) const {
-    runSync([&] {
+    d_->runSync([&] {
         if (delegate) {
-            *delegate = delegate_;
+            *delegate = d_->delegate_;
         }
         if (delegateQueue) {
-            *delegateQueue = delegateQueue_;
+            *delegateQueue = d_->delegateQueue_;
         }
     });
 }
 
 void UdpSocket::setDelegate(std::weak_ptr<UdpSocketDelegate> delegate,
                             std::shared_ptr<DispatchQueue> delegateQueue) {
-    runSoon([this, delegate = std::move(delegate), queue = std::move(delegateQueue)] {
-        delegate_ = delegate;
-        delegateQueue_ = queue;
+    d_->runSoon([this, delegate = std::move(delegate), queue = std::move(delegateQueue)] {
+        d_->delegate_ = delegate;
+        d_->delegateQueue_ = queue;
     });
 }
 
 void UdpSocket::synchronouslySetDelegate(std::weak_ptr<UdpSocketDelegate> delegate,
                                          std::shared_ptr<DispatchQueue> delegateQueue) {
-    runSync([&] {
-        delegate_ = std::move(delegate);
-        delegateQueue_ = std::move(delegateQueue);
+    d_->runSync([&] {
+        d_->delegate_ = std::move(delegate);
+        d_->delegateQueue_ = std::move(delegateQueue);
     });
 }
 
@@ -168,10 +121,10 @@ void UdpSocket::synchronouslySetDelegate(std::weak_ptr<UdpSocketDelegate> delega
 // Descriptors and readiness sources
 
 bool UdpSocket::ensureSockets(UdpSocketError* error) {
-    if (flags_ & kSocketsCreated) {
+    if (d_->flags_ & kSocketsCreated) {
         return true;
     }
-    return createSockets((config_ & kIPv4Disabled) == 0, (config_ & kIPv6Disabled) == 0, error);
+    return createSockets((d_->config_ & kIPv4Disabled) == 0, (d_->config_ & kIPv6Disabled) == 0, error);
 }
 
 int UdpSocket::createSocket(int domain, UdpSocketError* error) {
@@ -198,7 +151,7 @@ int UdpSocket::createSocket(int domain, UdpSocketError* error) {
     if (domain == AF_INET6 && ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) != 0) {
         return failWith("Error enabling IPv6 only (setsockopt)");
     }
-    const int bufferSize = maxSendSize_;
+    const int bufferSize = d_->maxSendSize_;
     if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bufferSize, sizeof bufferSize) != 0) {
         return failWith("Error setting send buffer size (setsockopt)");
     }
@@ -210,54 +163,54 @@ int UdpSocket::createSocket(int domain, UdpSocketError* error) {
 }
 
 bool UdpSocket::createSockets(bool useIPv4, bool useIPv6, UdpSocketError* error) {
-    if (flags_ & kSocketsCreated) {
+    if (d_->flags_ & kSocketsCreated) {
         fatalError("Sockets have already been created");
     }
     if (useIPv4) {
-        socket4_.fd = createSocket(AF_INET, error);
-        if (socket4_.fd == -1) {
+        d_->socket4_.fd = createSocket(AF_INET, error);
+        if (d_->socket4_.fd == -1) {
             return false;
         }
     }
     if (useIPv6) {
-        socket6_.fd = createSocket(AF_INET6, error);
-        if (socket6_.fd == -1) {
-            if (socket4_.fd != -1) {
-                ::close(socket4_.fd);
-                socket4_.fd = -1;
+        d_->socket6_.fd = createSocket(AF_INET6, error);
+        if (d_->socket6_.fd == -1) {
+            if (d_->socket4_.fd != -1) {
+                ::close(d_->socket4_.fd);
+                d_->socket4_.fd = -1;
             }
             return false;
         }
     }
     try {
         if (useIPv4) {
-            setupSources(socket4_, true);
+            setupSources(d_->socket4_, true);
         }
         if (useIPv6) {
-            setupSources(socket6_, false);
+            setupSources(d_->socket6_, false);
         }
     } catch (const std::system_error& e) {
         fail(error, UdpSocketError(UdpSocketError::posixDomain, e.code().value(),
                                    e.code().message(), "Error creating dispatch source"));
-        for (Family* f : {&socket4_, &socket6_}) {
+        for (Family* f : {&d_->socket4_, &d_->socket6_}) {
             if (f->fd != -1 && !f->sendSource) {
                 ::close(f->fd);  // no sources yet to close it
                 f->fd = -1;
             }
         }
-        closeSocket(socket4_, true);
-        closeSocket(socket6_, false);
+        closeSocket(d_->socket4_, true);
+        closeSocket(d_->socket6_, false);
         return false;
     }
-    flags_ |= kSocketsCreated;
+    d_->flags_ |= kSocketsCreated;
     return true;
 }
 
 void UdpSocket::setupSources(Family& f, bool isIPv4) {
     std::weak_ptr<UdpSocket> weak = weak_from_this();
-    auto sendSource = ReadinessSource::create(f.fd, ReadinessSource::Kind::write, socketQueue_);
+    auto sendSource = ReadinessSource::create(f.fd, ReadinessSource::Kind::write, d_->socketQueue_);
     f.receiveSource =
-        SuspendableSource(ReadinessSource::create(f.fd, ReadinessSource::Kind::read, socketQueue_));
+        SuspendableSource(ReadinessSource::create(f.fd, ReadinessSource::Kind::read, d_->socketQueue_));
     // Set last: a send source means both exist.
     f.sendSource = SuspendableSource(std::move(sendSource));
     f.sendSource->setEventHandler([weak, isIPv4] {
@@ -280,7 +233,7 @@ void UdpSocket::setupSources(Family& f, bool isIPv4) {
     f.sendSource->setCancelHandler(cancelHandler);
     f.receiveSource->setCancelHandler(cancelHandler);
     f.bytesAvailable = 0;
-    flags_ |= writableBit(isIPv4);
+    d_->flags_ |= writableBit(isIPv4);
 }
 
 void UdpSocket::closeSocket(Family& f, bool isIPv4) {
@@ -289,7 +242,7 @@ void UdpSocket::closeSocket(Family& f, bool isIPv4) {
     }
     f.sendSource.cancel();
     f.receiveSource.cancel();
-    flags_ &= ~writableBit(isIPv4);
+    d_->flags_ &= ~writableBit(isIPv4);
     f.fd = -1;
     f.bytesAvailable = 0;
     f.scratch = {};
@@ -299,18 +252,18 @@ void UdpSocket::closeSocket(Family& f, bool isIPv4) {
 }
 
 void UdpSocket::closeWithError(std::optional<UdpSocketError> error) {
-    const bool hadSockets = (flags_ & kSocketsCreated) != 0;
-    if (currentSend_ || currentSpecial_) {
+    const bool hadSockets = (d_->flags_ & kSocketsCreated) != 0;
+    if (d_->currentSend_ || d_->currentSpecial_) {
         endCurrentSend();
     }
-    sendQueue_.clear();
-    closeSocket(socket4_, true);
-    closeSocket(socket6_, false);
-    flags_ = 0;
-    cachedConnectedAddress_ = {};
-    cachedConnectedHost_.clear();
-    cachedConnectedPort_ = 0;
-    cachedConnectedFamily_ = 0;
+    d_->sendQueue_.clear();
+    closeSocket(d_->socket4_, true);
+    closeSocket(d_->socket6_, false);
+    d_->flags_ = 0;
+    d_->cachedConnectedAddress_ = {};
+    d_->cachedConnectedHost_.clear();
+    d_->cachedConnectedPort_ = 0;
+    d_->cachedConnectedFamily_ = 0;
     if (hadSockets) {
         notifyDelegate([error = std::move(error)](UdpSocketDelegate& d, UdpSocket& s) {
             d.udpSocketDidClose(s, error);
@@ -322,13 +275,13 @@ void UdpSocket::closeWithError(std::optional<UdpSocketError> error) {
 // Closing
 
 void UdpSocket::close() {
-    runSync([this] { closeWithError(std::nullopt); });
+    d_->runSync([this] { closeWithError(std::nullopt); });
 }
 
 void UdpSocket::closeAfterSending() {
-    runSync([this] {
-        flags_ |= kCloseAfterSends;
-        if (!currentSend_ && !currentSpecial_ && sendQueue_.empty()) {
+    d_->runSync([this] {
+        d_->flags_ |= kCloseAfterSends;
+        if (!d_->currentSend_ && !d_->currentSpecial_ && d_->sendQueue_.empty()) {
             closeWithError(std::nullopt);
         }
     });
@@ -338,19 +291,19 @@ void UdpSocket::closeAfterSending() {
 // Inspection
 
 SocketAddress UdpSocket::localAddressIPv4() const {
-    return query([&] { return localAddressOf(true); });
+    return d_->query([&] { return localAddressOf(true); });
 }
 
 SocketAddress UdpSocket::localAddressIPv6() const {
-    return query([&] { return localAddressOf(false); });
+    return d_->query([&] { return localAddressOf(false); });
 }
 
 SocketAddress UdpSocket::localAddress() const {
-    return query([&] { return localAddressOf(socket4_.fd != -1); });
+    return d_->query([&] { return localAddressOf(d_->socket4_.fd != -1); });
 }
 
 SocketAddress UdpSocket::localAddressOf(bool isIPv4) const {
-    Family& f = isIPv4 ? socket4_ : socket6_;
+    Family& f = isIPv4 ? d_->socket4_ : d_->socket6_;
     if (f.fd == -1 || !f.cachedLocalAddress.empty()) {
         return f.cachedLocalAddress;
     }
@@ -361,7 +314,7 @@ SocketAddress UdpSocket::localAddressOf(bool isIPv4) const {
     }
     SocketAddress address(&storage, std::min<std::size_t>(length, sizeof storage));
     // Until bound the kernel may still choose the port, so only a bound address is kept.
-    if (flags_ & kBound) {
+    if (d_->flags_ & kBound) {
         f.cachedLocalAddress = address;
     }
     return address;
@@ -387,58 +340,58 @@ std::uint16_t UdpSocket::localPortIPv6() const {
 }
 
 SocketAddress UdpSocket::connectedAddress() const {
-    return query([&] { return cachedConnectedAddress_; });
+    return d_->query([&] { return d_->cachedConnectedAddress_; });
 }
 
 std::string UdpSocket::connectedHost() const {
-    return query([&] { return cachedConnectedHost_; });
+    return d_->query([&] { return d_->cachedConnectedHost_; });
 }
 
 std::uint16_t UdpSocket::connectedPort() const {
-    return query([&] { return cachedConnectedPort_; });
+    return d_->query([&] { return d_->cachedConnectedPort_; });
 }
 
 bool UdpSocket::isConnected() const {
-    return query([&] { return (flags_ & kConnected) != 0; });
+    return d_->query([&] { return (d_->flags_ & kConnected) != 0; });
 }
 
 bool UdpSocket::isClosed() const {
-    return query([&] { return (flags_ & kSocketsCreated) == 0; });
+    return d_->query([&] { return (d_->flags_ & kSocketsCreated) == 0; });
 }
 
 bool UdpSocket::isIPv4() const {
-    return query([&] {
-        return (flags_ & kConnected) ? cachedConnectedFamily_ == AF_INET : socket4_.fd != -1;
+    return d_->query([&] {
+        return (d_->flags_ & kConnected) ? d_->cachedConnectedFamily_ == AF_INET : d_->socket4_.fd != -1;
     });
 }
 
 bool UdpSocket::isIPv6() const {
-    return query([&] {
-        return (flags_ & kConnected) ? cachedConnectedFamily_ == AF_INET6 : socket6_.fd != -1;
+    return d_->query([&] {
+        return (d_->flags_ & kConnected) ? d_->cachedConnectedFamily_ == AF_INET6 : d_->socket6_.fd != -1;
     });
 }
 
 int UdpSocket::socketFD() const {
     int result = -1;
-    runSync([&] {
+    d_->runSync([&] {
         // Ambiguous with two descriptors: ask for socket4FD or socket6FD then.
-        if (socket4_.fd == -1 || socket6_.fd == -1) {
-            result = socket4_.fd != -1 ? socket4_.fd : socket6_.fd;
+        if (d_->socket4_.fd == -1 || d_->socket6_.fd == -1) {
+            result = d_->socket4_.fd != -1 ? d_->socket4_.fd : d_->socket6_.fd;
         }
     });
     return result;
 }
 
 int UdpSocket::socket4FD() const {
-    return query([&] { return socket4_.fd; });
+    return d_->query([&] { return d_->socket4_.fd; });
 }
 
 int UdpSocket::socket6FD() const {
-    return query([&] { return socket6_.fd; });
+    return d_->query([&] { return d_->socket6_.fd; });
 }
 
 void UdpSocket::performBlock(const std::function<void()>& block) const {
-    runSync(block);
+    d_->runSync(block);
 }
 
 void UdpSocket::markSocketQueueTargetQueue(SerialQueue& queue) {

@@ -1,30 +1,23 @@
 #pragma once
 
 #include <any>
-#include <climits>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "osc/transport/SocketAddress.hpp"
 #include "osc/transport/UdpDatagramBlock.hpp"
 #include "osc/transport/UdpSocketError.hpp"
-#include "osc/transport/detail/SuspendableSource.hpp"
-#include "support/Clamped.hpp"
 
 namespace kavrin {
 
 class DispatchQueue;
 class SerialQueue;
-class TimerSource;
 class UdpSocket;
 class UdpSendPacket;
-class UdpSpecialPacket;
 
 /// Receives a UdpSocket's reports. Every operation is optional (the defaults do nothing) and is
 /// always called asynchronously on the socket's delegate queue, never from inside a socket call.
@@ -234,29 +227,12 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
               std::shared_ptr<SerialQueue> socketQueue);  // use create()
 
   private:
-    // Everything below is touched only on the socket queue.
-    struct Family {
-        int fd = -1;
-        SuspendableSource sendSource;
-        SuspendableSource receiveSource;
-        std::uint64_t bytesAvailable = 0;       // as the read source last reported
-        std::vector<std::uint8_t> scratch;      // reused receive buffer
-        std::unique_ptr<std::uint8_t[]> slots;  // reused buffers of receiveMany, slotSize each
-        std::size_t slotSize = 0;
-        SocketAddress cachedLocalAddress;  // filled once bound
-    };
-    using Packet = std::variant<std::shared_ptr<UdpSendPacket>, std::shared_ptr<UdpSpecialPacket>>;
+    struct Family;  // one descriptor and what goes with it
+    struct State;   // everything the socket keeps; touched only on the socket queue
 
-    bool onSocketQueue() const;
-    void runSync(const std::function<void()>& work) const;
-    void runSoon(std::function<void()> work);  // inline on the socket queue, else async
-    // The two member templates are defined in detail/UdpSocketInternals.hpp, for every source
-    // file of the socket.
-    template <class F>
-    auto query(F&& read) const;  // read's result, read on the socket queue
+    // Reports the datagrams read so far, then posts call(delegate, socket).
     template <class F>
     void notifyDelegate(F&& call);
-    bool preCheck(UdpSocketError* error) const;
 
     bool ensureSockets(UdpSocketError* error);
     bool createSockets(bool useIPv4, bool useIPv6, UdpSocketError* error);
@@ -302,38 +278,7 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
                  std::any context);
     void reportReceived();  // hands the datagrams read so far to the delegate, as one block
 
-    std::weak_ptr<UdpSocketDelegate> delegate_;
-    std::shared_ptr<DispatchQueue> delegateQueue_;
-    ReceiveFilter receiveFilter_;
-    std::shared_ptr<DispatchQueue> receiveFilterQueue_;
-    bool receiveFilterAsync_ = false;
-    SendFilter sendFilter_;
-    std::shared_ptr<DispatchQueue> sendFilterQueue_;
-    bool sendFilterAsync_ = false;
-    std::uint32_t flags_ = 0;
-    std::uint16_t config_ = 0;
-    std::uint16_t max4ReceiveSize_ = 65535;
-    // No UDP datagram over IPv6 is larger without jumbograms, which no one sends; a larger
-    // limit would only make the receive buffers larger, 16 of them at a time.
-    Clamped<std::uint32_t> max6ReceiveSize_{65535, 0, 65535};
-    std::uint16_t maxSendSize_ = 65535;
-    // setsockopt takes an int, of which the kernel doubles what it is given.
-    Clamped<std::size_t> kernelReceiveSize_{0, 0, INT_MAX / 2};
-    mutable Family socket4_;  // mutable for the local-address cache
-    mutable Family socket6_;
-    std::shared_ptr<SerialQueue> socketQueue_;
-    std::shared_ptr<TimerSource> sendTimer_;
-    std::shared_ptr<UdpSendPacket> currentSend_;        // at most one of these two is set:
-    std::shared_ptr<UdpSpecialPacket> currentSpecial_;  // the head of the queue being worked on
-    std::deque<Packet> sendQueue_;
-    std::uint32_t pendingFilterOperations_ = 0;
-    // Read in this turn and not yet reported; the turn reports them at its end.
-    UdpDatagramBlock received_;
-    SocketAddress cachedConnectedAddress_;
-    std::string cachedConnectedHost_;
-    std::uint16_t cachedConnectedPort_ = 0;
-    int cachedConnectedFamily_ = 0;
-    std::any userData_;
+    const std::unique_ptr<State> d_;
 };
 
 }  // namespace kavrin

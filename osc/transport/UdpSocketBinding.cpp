@@ -21,7 +21,7 @@ bool UdpSocket::bindToPort(std::uint16_t port, UdpSocketError* error) {
 
 bool UdpSocket::bindToPort(std::uint16_t port, const std::optional<std::string>& interface,
                            UdpSocketError* error) {
-    return query([&] {
+    return d_->query([&] {
         if (!bindPreCheck(error)) {
             return false;
         }
@@ -31,7 +31,7 @@ bool UdpSocket::bindToPort(std::uint16_t port, const std::optional<std::string>&
 }
 
 bool UdpSocket::bindToAddress(const SocketAddress& address, UdpSocketError* error) {
-    return query([&] {
+    return d_->query([&] {
         if (!bindPreCheck(error)) {
             return false;
         }
@@ -41,18 +41,18 @@ bool UdpSocket::bindToAddress(const SocketAddress& address, UdpSocketError* erro
 }
 
 bool UdpSocket::bindPreCheck(UdpSocketError* error) const {
-    if (!preCheck(error)) {
+    if (!d_->preCheck(error)) {
         return false;
     }
-    if (flags_ & kBound) {
+    if (d_->flags_ & kBound) {
         return fail(error, UdpSocketError::badConfigError("Cannot bind a socket more than once."));
     }
-    if (flags_ & (kConnecting | kConnected)) {
+    if (d_->flags_ & (kConnecting | kConnected)) {
         return fail(error, UdpSocketError::badConfigError(
                                "Cannot bind after connecting. If needed, bind first, then "
                                "connect."));
     }
-    if ((config_ & (kIPv4Disabled | kIPv6Disabled)) == (kIPv4Disabled | kIPv6Disabled)) {
+    if ((d_->config_ & (kIPv4Disabled | kIPv6Disabled)) == (kIPv4Disabled | kIPv6Disabled)) {
         return fail(error, UdpSocketError::badConfigError(
                                "Both IPv4 and IPv6 have been disabled. Must enable at least one "
                                "protocol first."));
@@ -62,8 +62,8 @@ bool UdpSocket::bindPreCheck(UdpSocketError* error) const {
 
 bool UdpSocket::bindAddresses(const SocketAddress& address4, const SocketAddress& address6,
                               UdpSocketError* error) {
-    const bool ipv4Disabled = (config_ & kIPv4Disabled) != 0;
-    const bool ipv6Disabled = (config_ & kIPv6Disabled) != 0;
+    const bool ipv4Disabled = (d_->config_ & kIPv4Disabled) != 0;
+    const bool ipv6Disabled = (d_->config_ & kIPv6Disabled) != 0;
     if (address4.empty() && address6.empty()) {
         return fail(error,
                     UdpSocketError::badParamError(InterfaceAddresses::unknownInterfaceText));
@@ -80,7 +80,7 @@ bool UdpSocket::bindAddresses(const SocketAddress& address4, const SocketAddress
     }
     const bool use4 = !ipv4Disabled && !address4.empty();
     const bool use6 = !ipv6Disabled && !address6.empty();
-    if (!(flags_ & kSocketsCreated) && !createSockets(use4, use6, error)) {
+    if (!(d_->flags_ & kSocketsCreated) && !createSockets(use4, use6, error)) {
         return false;
     }
     auto bindOne = [&](const Family& f, const SocketAddress& address) {
@@ -88,13 +88,13 @@ bool UdpSocket::bindAddresses(const SocketAddress& address4, const SocketAddress
             return true;
         }
         fail(error, UdpSocketError::errnoError("Error in bind() function"));
-        closeSocket(socket4_, true);
-        closeSocket(socket6_, false);
+        closeSocket(d_->socket4_, true);
+        closeSocket(d_->socket6_, false);
         // Nothing is left open, so the next bind, send or reuse makes fresh descriptors.
-        flags_ &= ~kSocketsCreated;
+        d_->flags_ &= ~kSocketsCreated;
         return false;
     };
-    if (use4 && !bindOne(socket4_, address4)) {
+    if (use4 && !bindOne(d_->socket4_, address4)) {
         return false;
     }
     // Port 0 lets the kernel pick: IPv6 then takes the port IPv4 got, so that one number
@@ -103,24 +103,24 @@ bool UdpSocket::bindAddresses(const SocketAddress& address4, const SocketAddress
     if (use4 && use6 && address6.port() == 0) {
         local6 = address6.withPort(localAddressOf(true).port());
     }
-    if (use6 && !bindOne(socket6_, local6)) {
+    if (use6 && !bindOne(d_->socket6_, local6)) {
         return false;
     }
-    flags_ |= kBound;
+    d_->flags_ |= kBound;
     if (!use4) {
-        flags_ |= kIPv4Deactivated;
+        d_->flags_ |= kIPv4Deactivated;
     }
     if (!use6) {
-        flags_ |= kIPv6Deactivated;
+        d_->flags_ |= kIPv6Deactivated;
     }
     return true;
 }
 
 bool UdpSocket::connectPreCheck(UdpSocketError* error) const {
-    if (!preCheck(error)) {
+    if (!d_->preCheck(error)) {
         return false;
     }
-    if (flags_ & (kConnecting | kConnected)) {
+    if (d_->flags_ & (kConnecting | kConnected)) {
         return fail(error,
                     UdpSocketError::badConfigError("Cannot connect a socket more than once."));
     }
@@ -128,31 +128,31 @@ bool UdpSocket::connectPreCheck(UdpSocketError* error) const {
 }
 
 bool UdpSocket::connectToHost(const std::string& host, std::uint16_t port, UdpSocketError* error) {
-    return query([&] {
+    return d_->query([&] {
         if (!connectPreCheck(error)) {
             return false;
         }
-        flags_ |= kConnecting;
+        d_->flags_ |= kConnecting;
         auto packet = std::make_shared<UdpSpecialPacket>();
         packet->resolveInProgress = true;
-        kResolver.resolve(host, port, socketQueue_,
+        kResolver.resolve(host, port, d_->socketQueue_,
                           [self = shared_from_this(), packet](std::vector<SocketAddress> addresses,
                                                               std::optional<SocketError> error) {
                               packet->resolveInProgress = false;
                               packet->addresses = std::move(addresses);
                               if (error) packet->error = UdpSocketError(std::move(*error));
-                              if (packet == self->currentSpecial_) {
+                              if (packet == self->d_->currentSpecial_) {
                                   self->maybeConnect();
                               }
                           });
-        sendQueue_.push_back(packet);
+        d_->sendQueue_.push_back(packet);
         maybeDequeueSend();
         return true;
     });
 }
 
 bool UdpSocket::connectToAddress(const SocketAddress& address, UdpSocketError* error) {
-    return query([&] {
+    return d_->query([&] {
         if (!connectPreCheck(error)) {
             return false;
         }
@@ -163,17 +163,17 @@ bool UdpSocket::connectToAddress(const SocketAddress& address, UdpSocketError* e
         if (!address.isIPv4() && !address.isIPv6()) {
             return fail(error, UdpSocketError::badParamError(kInvalidAddress));
         }
-        flags_ |= kConnecting;
+        d_->flags_ |= kConnecting;
         auto packet = std::make_shared<UdpSpecialPacket>();
         packet->addresses = {address};
-        sendQueue_.push_back(packet);
+        d_->sendQueue_.push_back(packet);
         maybeDequeueSend();
         return true;
     });
 }
 
 void UdpSocket::maybeConnect() {
-    const auto packet = currentSpecial_;
+    const auto packet = d_->currentSpecial_;
     if (packet->resolveInProgress) {
         return;  // the resolver's completion comes back here
     }
@@ -186,7 +186,7 @@ void UdpSocket::maybeConnect() {
     } else if (getAddress(&address, &family, &error, packet->addresses)) {
         connected = connectWithAddress(address, family, &error);
     }
-    flags_ &= ~kConnecting;
+    d_->flags_ &= ~kConnecting;
     if (connected) {
         notifyDelegate([address](UdpSocketDelegate& d, UdpSocket& s) {
             d.udpSocketDidConnectToAddress(s, address);
@@ -202,21 +202,21 @@ void UdpSocket::maybeConnect() {
 bool UdpSocket::connectWithAddress(const SocketAddress& address, int family,
                                    UdpSocketError* error) {
     const bool isIPv4 = family == AF_INET;
-    if (!(flags_ & kSocketsCreated) && !createSockets(isIPv4, !isIPv4, error)) {
+    if (!(d_->flags_ & kSocketsCreated) && !createSockets(isIPv4, !isIPv4, error)) {
         return false;
     }
-    Family& f = isIPv4 ? socket4_ : socket6_;
+    Family& f = isIPv4 ? d_->socket4_ : d_->socket6_;
     if (::connect(f.fd, sockaddrOf(address), lengthOf(address)) != 0) {
         return fail(error, UdpSocketError::errnoError("Error in connect() function"));
     }
     // The other family is of no further use: only the peer is heard from.
-    closeSocket(isIPv4 ? socket6_ : socket4_, !isIPv4);
-    flags_ |= isIPv4 ? kIPv6Deactivated : kIPv4Deactivated;
-    flags_ |= kConnected;
-    cachedConnectedAddress_ = address;
-    cachedConnectedHost_ = address.host();
-    cachedConnectedPort_ = address.port();
-    cachedConnectedFamily_ = family;
+    closeSocket(isIPv4 ? d_->socket6_ : d_->socket4_, !isIPv4);
+    d_->flags_ |= isIPv4 ? kIPv6Deactivated : kIPv4Deactivated;
+    d_->flags_ |= kConnected;
+    d_->cachedConnectedAddress_ = address;
+    d_->cachedConnectedHost_ = address.host();
+    d_->cachedConnectedPort_ = address.port();
+    d_->cachedConnectedFamily_ = family;
     return true;
 }
 

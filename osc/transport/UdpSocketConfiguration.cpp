@@ -16,73 +16,73 @@ namespace kavrin {
 using namespace udpSocket;
 
 bool UdpSocket::isIPv4Enabled() const {
-    return query([&] { return (config_ & kIPv4Disabled) == 0; });
+    return d_->query([&] { return (d_->config_ & kIPv4Disabled) == 0; });
 }
 
 void UdpSocket::setIPv4Enabled(bool flag) {
-    runSync([&] { config_ = flag ? config_ & ~kIPv4Disabled : config_ | kIPv4Disabled; });
+    d_->runSync([&] { d_->config_ = flag ? d_->config_ & ~kIPv4Disabled : d_->config_ | kIPv4Disabled; });
 }
 
 bool UdpSocket::isIPv6Enabled() const {
-    return query([&] { return (config_ & kIPv6Disabled) == 0; });
+    return d_->query([&] { return (d_->config_ & kIPv6Disabled) == 0; });
 }
 
 void UdpSocket::setIPv6Enabled(bool flag) {
-    runSync([&] { config_ = flag ? config_ & ~kIPv6Disabled : config_ | kIPv6Disabled; });
+    d_->runSync([&] { d_->config_ = flag ? d_->config_ & ~kIPv6Disabled : d_->config_ | kIPv6Disabled; });
 }
 
 bool UdpSocket::isIPv4Preferred() const {
-    return query([&] { return (config_ & kPreferIPv4) != 0; });
+    return d_->query([&] { return (d_->config_ & kPreferIPv4) != 0; });
 }
 
 bool UdpSocket::isIPv6Preferred() const {
-    return query([&] { return (config_ & kPreferIPv6) != 0; });
+    return d_->query([&] { return (d_->config_ & kPreferIPv6) != 0; });
 }
 
 bool UdpSocket::isIPVersionNeutral() const {
-    return query([&] { return (config_ & (kPreferIPv4 | kPreferIPv6)) == 0; });
+    return d_->query([&] { return (d_->config_ & (kPreferIPv4 | kPreferIPv6)) == 0; });
 }
 
 void UdpSocket::setPreferIPv4() {
-    runSync([&] { config_ = (config_ | kPreferIPv4) & ~kPreferIPv6; });
+    d_->runSync([&] { d_->config_ = (d_->config_ | kPreferIPv4) & ~kPreferIPv6; });
 }
 
 void UdpSocket::setPreferIPv6() {
-    runSync([&] { config_ = (config_ & ~kPreferIPv4) | kPreferIPv6; });
+    d_->runSync([&] { d_->config_ = (d_->config_ & ~kPreferIPv4) | kPreferIPv6; });
 }
 
 void UdpSocket::setIPVersionNeutral() {
-    runSync([&] { config_ = config_ & ~(kPreferIPv4 | kPreferIPv6); });
+    d_->runSync([&] { d_->config_ = d_->config_ & ~(kPreferIPv4 | kPreferIPv6); });
 }
 
 std::uint16_t UdpSocket::maxReceiveIPv4BufferSize() const {
-    return query([&] { return max4ReceiveSize_; });
+    return d_->query([&] { return d_->max4ReceiveSize_; });
 }
 
 void UdpSocket::setMaxReceiveIPv4BufferSize(std::uint16_t max) {
-    runSync([&] { max4ReceiveSize_ = max; });
+    d_->runSync([&] { d_->max4ReceiveSize_ = max; });
 }
 
 std::uint32_t UdpSocket::maxReceiveIPv6BufferSize() const {
-    return query([&] { return max6ReceiveSize_.value(); });
+    return d_->query([&] { return d_->max6ReceiveSize_.value(); });
 }
 
 void UdpSocket::setMaxReceiveIPv6BufferSize(std::uint32_t max) {
-    runSync([&] { max6ReceiveSize_ = max; });
+    d_->runSync([&] { d_->max6ReceiveSize_ = max; });
 }
 
 std::uint16_t UdpSocket::maxSendBufferSize() const {
-    return query([&] { return maxSendSize_; });
+    return d_->query([&] { return d_->maxSendSize_; });
 }
 
 void UdpSocket::setMaxSendBufferSize(std::uint16_t max) {
-    runSync([&] { maxSendSize_ = max; });
+    d_->runSync([&] { d_->maxSendSize_ = max; });
 }
 
 bool UdpSocket::setKernelReceiveBufferSize(std::size_t bytes, UdpSocketError* error) {
-    return query([&] {
-        kernelReceiveSize_ = bytes;
-        for (const Family* f : {&socket4_, &socket6_}) {
+    return d_->query([&] {
+        d_->kernelReceiveSize_ = bytes;
+        for (const Family* f : {&d_->socket4_, &d_->socket6_}) {
             if (f->fd != -1 && !applyKernelReceiveBufferSize(f->fd)) {
                 return fail(error, UdpSocketError::errnoError(
                                        "Error setting receive buffer size (setsockopt)"));
@@ -93,13 +93,13 @@ bool UdpSocket::setKernelReceiveBufferSize(std::size_t bytes, UdpSocketError* er
 }
 
 std::size_t UdpSocket::kernelReceiveBufferSize() const {
-    return query([&] { return kernelReceiveSize_.value(); });
+    return d_->query([&] { return d_->kernelReceiveSize_.value(); });
 }
 
 // A privileged process may pass the system's cap; anyone else gets at most the cap.
 bool UdpSocket::applyKernelReceiveBufferSize(int fd) const {
-    const std::size_t asked = kernelReceiveSize_;
-    const int size = static_cast<int>(asked != 0 ? asked : maxSendSize_);
+    const std::size_t asked = d_->kernelReceiveSize_;
+    const int size = static_cast<int>(asked != 0 ? asked : d_->maxSendSize_);
     if (asked != 0 &&
         ::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) == 0) {
         return true;
@@ -108,21 +108,21 @@ bool UdpSocket::applyKernelReceiveBufferSize(int fd) const {
 }
 
 std::any UdpSocket::userData() const {
-    return query([&] { return userData_; });
+    return d_->query([&] { return d_->userData_; });
 }
 
 void UdpSocket::setUserData(std::any userData) {
-    runSync([&] { userData_ = std::move(userData); });
+    d_->runSync([&] { d_->userData_ = std::move(userData); });
 }
 
 bool UdpSocket::enableReusePort(bool flag, UdpSocketError* error) {
-    return query([&] {
-        if (!preCheck(error) || !ensureSockets(error)) {
+    return d_->query([&] {
+        if (!d_->preCheck(error) || !ensureSockets(error)) {
             return false;
         }
         const int value = flag ? 1 : 0;
         bool anySet = false;
-        for (Family* f : {&socket4_, &socket6_}) {
+        for (Family* f : {&d_->socket4_, &d_->socket6_}) {
             if (f->fd == -1) {
                 continue;
             }
@@ -136,16 +136,16 @@ bool UdpSocket::enableReusePort(bool flag, UdpSocketError* error) {
 }
 
 bool UdpSocket::enableBroadcast(bool flag, UdpSocketError* error) {
-    return query([&] {
-        if (!preCheck(error) || !ensureSockets(error)) {
+    return d_->query([&] {
+        if (!d_->preCheck(error) || !ensureSockets(error)) {
             return false;
         }
         // Broadcast is an IPv4 notion.
-        if (socket4_.fd == -1) {
+        if (d_->socket4_.fd == -1) {
             return false;
         }
         const int value = flag ? 1 : 0;
-        if (::setsockopt(socket4_.fd, SOL_SOCKET, SO_BROADCAST, &value, sizeof value) != 0) {
+        if (::setsockopt(d_->socket4_.fd, SOL_SOCKET, SO_BROADCAST, &value, sizeof value) != 0) {
             return fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
         }
         return true;

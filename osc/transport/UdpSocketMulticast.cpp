@@ -41,15 +41,15 @@ bool UdpSocket::leaveMulticastGroup(const std::string& group,
 bool UdpSocket::changeMulticastMembership(const std::string& group,
                                           const std::optional<std::string>& interface, bool join,
                                           UdpSocketError* error) {
-    return query([&] {
-        if (!preCheck(error)) {
+    return d_->query([&] {
+        if (!d_->preCheck(error)) {
             return false;
         }
-        if (!(flags_ & kBound)) {
+        if (!(d_->flags_ & kBound)) {
             return fail(error, UdpSocketError::badConfigError(
                                    "Must bind a socket before joining a multicast group."));
         }
-        if (flags_ & (kConnecting | kConnected)) {
+        if (d_->flags_ & (kConnecting | kConnected)) {
             return fail(error, UdpSocketError::badConfigError(
                                    "Cannot join a multicast group if connected."));
         }
@@ -63,21 +63,21 @@ bool UdpSocket::changeMulticastMembership(const std::string& group,
         }
         const auto [interface4, interface6] = InterfaceAddresses::lookUp(interface, 0);
         int status = 0;
-        if (socket4_.fd != -1 && isGroup4 && !interface4.empty()) {
+        if (d_->socket4_.fd != -1 && isGroup4 && !interface4.empty()) {
             sockaddr_in local{};
             std::memcpy(&local, interface4.data(), sizeof local);
             ip_mreq request{};
             request.imr_multiaddr = group4;
             request.imr_interface = local.sin_addr;
             status =
-                ::setsockopt(socket4_.fd, IPPROTO_IP, join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP,
+                ::setsockopt(d_->socket4_.fd, IPPROTO_IP, join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP,
                              &request, sizeof request);
-        } else if (socket6_.fd != -1 && isGroup6 && !interface6.empty()) {
+        } else if (d_->socket6_.fd != -1 && isGroup6 && !interface6.empty()) {
             ipv6_mreq request{};
             request.ipv6mr_multiaddr = group6;
             request.ipv6mr_interface = interface ? ::if_nametoindex(interface->c_str()) : 0;
             status =
-                ::setsockopt(socket6_.fd, IPPROTO_IPV6, join ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP,
+                ::setsockopt(d_->socket6_.fd, IPPROTO_IPV6, join ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP,
                              &request, sizeof request);
         } else {
             return fail(error,
@@ -92,18 +92,18 @@ bool UdpSocket::changeMulticastMembership(const std::string& group,
 }
 
 bool UdpSocket::sendIPv4MulticastOnInterface(const std::string& interface, UdpSocketError* error) {
-    return query([&] {
-        if (!preCheck(error) || !ensureSockets(error)) {
+    return d_->query([&] {
+        if (!d_->preCheck(error) || !ensureSockets(error)) {
             return false;
         }
         const SocketAddress local = InterfaceAddresses::lookUp(interface, 0).ipv4;
-        if (local.empty() || socket4_.fd == -1) {
+        if (local.empty() || d_->socket4_.fd == -1) {
             return fail(error, UdpSocketError::badParamError(
                                    "Unknown interface. Specify valid interface by IP address."));
         }
         sockaddr_in in{};
         std::memcpy(&in, local.data(), sizeof in);
-        if (::setsockopt(socket4_.fd, IPPROTO_IP, IP_MULTICAST_IF, &in.sin_addr,
+        if (::setsockopt(d_->socket4_.fd, IPPROTO_IP, IP_MULTICAST_IF, &in.sin_addr,
                          sizeof in.sin_addr) != 0) {
             return fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
         }
@@ -112,17 +112,17 @@ bool UdpSocket::sendIPv4MulticastOnInterface(const std::string& interface, UdpSo
 }
 
 bool UdpSocket::sendIPv6MulticastOnInterface(const std::string& interface, UdpSocketError* error) {
-    return query([&] {
-        if (!preCheck(error) || !ensureSockets(error)) {
+    return d_->query([&] {
+        if (!d_->preCheck(error) || !ensureSockets(error)) {
             return false;
         }
         const unsigned index = ::if_nametoindex(interface.c_str());
-        if (index == 0 || socket6_.fd == -1) {
+        if (index == 0 || d_->socket6_.fd == -1) {
             return fail(error,
                         UdpSocketError::badParamError(
                             "Unknown interface. Specify valid interface by name (e.g. \"en1\")."));
         }
-        if (::setsockopt(socket6_.fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index) != 0) {
+        if (::setsockopt(d_->socket6_.fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index) != 0) {
             return fail(error, UdpSocketError::errnoError("Error in setsockopt() function"));
         }
         return true;

@@ -37,26 +37,26 @@ bool UdpSocket::beginReceiving(UdpSocketError* error) {
 bool UdpSocket::startReceiving(bool continuous, UdpSocketError* error) {
     const std::uint32_t mode = continuous ? kReceiveContinuous : kReceiveOnce;
     const std::uint32_t other = continuous ? kReceiveOnce : kReceiveContinuous;
-    return query([&] {
-        if (flags_ & mode) {
+    return d_->query([&] {
+        if (d_->flags_ & mode) {
             return true;
         }
         // Deliberately tested on the descriptors, not on Bound: after port reuse they exist.
-        if (!(flags_ & kSocketsCreated)) {
+        if (!(d_->flags_ & kSocketsCreated)) {
             return fail(error,
                         UdpSocketError::badConfigError(
                             "Must bind socket before you can receive data. You can do this "
                             "explicitly via bind, or implicitly via connect or by sending data."));
         }
-        flags_ = (flags_ | mode) & ~other;
-        socketQueue_->async([self = shared_from_this()] { self->doReceive(); });
+        d_->flags_ = (d_->flags_ | mode) & ~other;
+        d_->socketQueue_->async([self = shared_from_this()] { self->doReceive(); });
         return true;
     });
 }
 
 void UdpSocket::pauseReceiving() {
-    runSync([&] {
-        flags_ &= ~(kReceiveOnce | kReceiveContinuous);
+    d_->runSync([&] {
+        d_->flags_ &= ~(kReceiveOnce | kReceiveContinuous);
         suspendReceiveSourcesWithData();
     });
 }
@@ -70,15 +70,15 @@ void UdpSocket::setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQ
     if (filter && !queue) {
         fatalError(kNoFilterQueue);
     }
-    runSoon([this, filter = std::move(filter), queue = std::move(queue), isAsynchronous] {
-        receiveFilter_ = filter;
-        receiveFilterQueue_ = filter ? queue : nullptr;
-        receiveFilterAsync_ = isAsynchronous;
+    d_->runSoon([this, filter = std::move(filter), queue = std::move(queue), isAsynchronous] {
+        d_->receiveFilter_ = filter;
+        d_->receiveFilterQueue_ = filter ? queue : nullptr;
+        d_->receiveFilterAsync_ = isAsynchronous;
     });
 }
 
 void UdpSocket::onReadable(bool isIPv4) {
-    Family& f = isIPv4 ? socket4_ : socket6_;
+    Family& f = isIPv4 ? d_->socket4_ : d_->socket6_;
     // A datagram socket has no end of stream: a zero count is an empty datagram waiting, which
     // the receive step reads and drops, so one empty datagram cannot close the socket.
     f.bytesAvailable = std::max<std::uint64_t>(f.receiveSource->bytesAvailable(), 1);
@@ -86,7 +86,7 @@ void UdpSocket::onReadable(bool isIPv4) {
 }
 
 void UdpSocket::resumeDrainedReceiveSources() {
-    for (Family* f : {&socket4_, &socket6_}) {
+    for (Family* f : {&d_->socket4_, &d_->socket6_}) {
         if (f->bytesAvailable == 0) {
             f->receiveSource.resume();
         }
@@ -94,7 +94,7 @@ void UdpSocket::resumeDrainedReceiveSources() {
 }
 
 void UdpSocket::suspendReceiveSourcesWithData() {
-    for (Family* f : {&socket4_, &socket6_}) {
+    for (Family* f : {&d_->socket4_, &d_->socket6_}) {
         if (f->bytesAvailable > 0) {
             f->receiveSource.suspend();
         }
@@ -110,32 +110,32 @@ void UdpSocket::doReceive() {
     // 1,024 datagrams a turn was 15 % slower.
     constexpr std::size_t kTurnDatagrams = UdpDatagramBlock::expected;
     for (std::size_t read = 0;;) {
-        if (!(flags_ & (kReceiveOnce | kReceiveContinuous))) {
+        if (!(d_->flags_ & (kReceiveOnce | kReceiveContinuous))) {
             suspendReceiveSourcesWithData();
             break;
         }
-        if ((flags_ & kReceiveOnce) && pendingFilterOperations_ > 0) {
+        if ((d_->flags_ & kReceiveOnce) && d_->pendingFilterOperations_ > 0) {
             suspendReceiveSourcesWithData();
             break;
         }
-        const bool has4 = socket4_.bytesAvailable > 0;
-        const bool has6 = socket6_.bytesAvailable > 0;
+        const bool has4 = d_->socket4_.bytesAvailable > 0;
+        const bool has6 = d_->socket6_.bytesAvailable > 0;
         if ((!has4 && !has6) || read >= kTurnDatagrams) {
-            socket4_.receiveSource.resume();
-            socket6_.receiveSource.resume();
+            d_->socket4_.receiveSource.resume();
+            d_->socket6_.receiveSource.resume();
             break;
         }
         bool useIPv4 = has4;
         if (has4 && has6) {
-            if (flags_ & kConnected) {
-                useIPv4 = cachedConnectedFamily_ == AF_INET;
+            if (d_->flags_ & kConnected) {
+                useIPv4 = d_->cachedConnectedFamily_ == AF_INET;
             } else {
-                const bool wasClear = !(flags_ & kFlipFlop);
-                flags_ ^= kFlipFlop;
+                const bool wasClear = !(d_->flags_ & kFlipFlop);
+                d_->flags_ ^= kFlipFlop;
                 useIPv4 = !wasClear;
             }
         }
-        const bool batched = (flags_ & kReceiveContinuous) && !receiveFilter_;
+        const bool batched = (d_->flags_ & kReceiveContinuous) && !d_->receiveFilter_;
         if (!(batched ? receiveMany(useIPv4) : receiveOne(useIPv4))) {
             break;
         }
@@ -145,8 +145,8 @@ void UdpSocket::doReceive() {
 }
 
 bool UdpSocket::receiveOne(bool isIPv4) {
-    Family& f = isIPv4 ? socket4_ : socket6_;
-    const std::size_t limit = isIPv4 ? max4ReceiveSize_ : max6ReceiveSize_.value();
+    Family& f = isIPv4 ? d_->socket4_ : d_->socket6_;
+    const std::size_t limit = isIPv4 ? d_->max4ReceiveSize_ : d_->max6ReceiveSize_.value();
     // One scratch buffer per descriptor, reused: each datagram costs one allocation of its
     // own size instead of one of the largest possible size.
     if (f.scratch.size() < limit) {
@@ -175,38 +175,38 @@ bool UdpSocket::receiveOne(bool isIPv4) {
         return false;
     }
     const SocketAddress address(&source, std::min<std::size_t>(sourceLength, sizeof source));
-    if ((flags_ & kConnected) && !address.sameEndpoint(cachedConnectedAddress_)) {
+    if ((d_->flags_ & kConnected) && !address.sameEndpoint(d_->cachedConnectedAddress_)) {
         return true;  // not from the peer: dropped
     }
-    if (!receiveFilter_) {
+    if (!d_->receiveFilter_) {
         deliver({f.scratch.data(), static_cast<std::size_t>(result)}, address, {});
         return true;
     }
     // The filter's signature takes a vector of its own.
     std::vector<std::uint8_t> data(f.scratch.begin(), f.scratch.begin() + result);
-    if (!receiveFilterAsync_) {
+    if (!d_->receiveFilterAsync_) {
         std::any context;
         const bool allowed = runFilterAndWait(
-            *receiveFilterQueue_, [&] { return receiveFilter_(data, address, context); });
+            *d_->receiveFilterQueue_, [&] { return d_->receiveFilter_(data, address, context); });
         if (allowed) {
             deliver(data, address, std::move(context));
         }
         return true;
     }
-    ++pendingFilterOperations_;
-    receiveFilterQueue_->async([self = shared_from_this(), filter = receiveFilter_,
+    ++d_->pendingFilterOperations_;
+    d_->receiveFilterQueue_->async([self = shared_from_this(), filter = d_->receiveFilter_,
                                 data = std::move(data), address]() mutable {
         std::any context;
         const bool allowed = filter(data, address, context);
-        self->socketQueue_->async([self, allowed, data = std::move(data), address,
+        self->d_->socketQueue_->async([self, allowed, data = std::move(data), address,
                                    context = std::move(context)]() mutable {
-            --self->pendingFilterOperations_;
+            --self->d_->pendingFilterOperations_;
             if (allowed) {
                 self->deliver(data, address, std::move(context));
                 self->reportReceived();
             }
             // In once-mode the read waited for this verdict.
-            if (self->flags_ & kReceiveOnce) {
+            if (self->d_->flags_ & kReceiveOnce) {
                 self->doReceive();
             }
         });
@@ -219,8 +219,8 @@ bool UdpSocket::receiveOne(bool isIPv4) {
 // datagram allowed, as one recvfrom buffer would; pages of a slot that no datagram reaches are
 // never touched.
 bool UdpSocket::receiveMany(bool isIPv4) {
-    Family& f = isIPv4 ? socket4_ : socket6_;
-    const std::size_t limit = isIPv4 ? max4ReceiveSize_ : max6ReceiveSize_.value();
+    Family& f = isIPv4 ? d_->socket4_ : d_->socket6_;
+    const std::size_t limit = isIPv4 ? d_->max4ReceiveSize_ : d_->max6ReceiveSize_.value();
     if (limit == 0) {
         return receiveOne(isIPv4);
     }
@@ -260,7 +260,7 @@ bool UdpSocket::receiveMany(bool isIPv4) {
         const SocketAddress address(
             &sources[i],
             std::min<std::size_t>(messages[i].msg_hdr.msg_namelen, sizeof(sockaddr_in6)));
-        if ((flags_ & kConnected) && !address.sameEndpoint(cachedConnectedAddress_)) {
+        if ((d_->flags_ & kConnected) && !address.sameEndpoint(d_->cachedConnectedAddress_)) {
             continue;  // not from the peer: dropped
         }
         deliver({bytes, size}, address, {});
@@ -277,26 +277,26 @@ bool UdpSocket::receiveMany(bool isIPv4) {
 
 void UdpSocket::deliver(std::span<const std::uint8_t> data, const SocketAddress& address,
                         std::any context) {
-    received_.add(data, address, std::move(context));
-    if (received_.size() == UdpDatagramBlock::expected) {
+    d_->received_.add(data, address, std::move(context));
+    if (d_->received_.size() == UdpDatagramBlock::expected) {
         reportReceived();
     }
-    if (flags_ & kReceiveOnce) {
-        flags_ &= ~(kReceiveOnce | kReceiveContinuous);
+    if (d_->flags_ & kReceiveOnce) {
+        d_->flags_ &= ~(kReceiveOnce | kReceiveContinuous);
     }
 }
 
 void UdpSocket::reportReceived() {
-    if (received_.empty()) {
+    if (d_->received_.empty()) {
         return;
     }
-    UdpDatagramBlock block = std::exchange(received_, {});
-    auto delegate = delegate_.lock();
+    UdpDatagramBlock block = std::exchange(d_->received_, {});
+    auto delegate = d_->delegate_.lock();
     auto self = weak_from_this().lock();
-    if (!delegate || !delegateQueue_ || !self) {
+    if (!delegate || !d_->delegateQueue_ || !self) {
         return;
     }
-    delegateQueue_->async([self = std::move(self), delegate = std::move(delegate),
+    d_->delegateQueue_->async([self = std::move(self), delegate = std::move(delegate),
                            block = std::move(block)]() mutable {
         delegate->udpSocketDidReceiveBlock(*self, std::move(block));
     });

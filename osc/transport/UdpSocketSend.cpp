@@ -28,13 +28,13 @@ void UdpSocket::sendData(std::vector<std::uint8_t> data, const std::string& host
     }
     auto packet = std::make_shared<UdpSendPacket>(std::move(data), timeout, tag);
     packet->resolveInProgress = true;
-    kResolver.resolve(host, port, socketQueue_,
+    kResolver.resolve(host, port, d_->socketQueue_,
                       [self = shared_from_this(), packet](std::vector<SocketAddress> addresses,
                                                           std::optional<SocketError> error) {
                           packet->resolveInProgress = false;
                           packet->resolvedAddresses = std::move(addresses);
                           if (error) packet->resolveError = UdpSocketError(std::move(*error));
-                          if (packet == self->currentSend_) {
+                          if (packet == self->d_->currentSend_) {
                               self->doPreSend();
                           }
                       });
@@ -70,28 +70,28 @@ void UdpSocket::sendData(std::vector<std::uint8_t> data, std::int64_t tag) {
 void UdpSocket::enqueue(std::shared_ptr<UdpSendPacket> packet) {
     // Always through the queue, even from the socket queue, so that sends keep their order
     // behind work already posted.
-    socketQueue_->async([self = shared_from_this(), packet = std::move(packet)]() mutable {
-        self->sendQueue_.push_back(std::move(packet));
+    d_->socketQueue_->async([self = shared_from_this(), packet = std::move(packet)]() mutable {
+        self->d_->sendQueue_.push_back(std::move(packet));
         self->maybeDequeueSend();
     });
 }
 
 void UdpSocket::maybeDequeueSend() {
-    if (currentSend_ || currentSpecial_) {
+    if (d_->currentSend_ || d_->currentSpecial_) {
         return;
     }
-    if (!(flags_ & kSocketsCreated)) {
+    if (!(d_->flags_ & kSocketsCreated)) {
         UdpSocketError error;
         if (!ensureSockets(&error)) {
             closeWithError(error);
             return;
         }
     }
-    while (!sendQueue_.empty()) {
-        Packet next = std::move(sendQueue_.front());
-        sendQueue_.pop_front();
+    while (!d_->sendQueue_.empty()) {
+        State::Packet next = std::move(d_->sendQueue_.front());
+        d_->sendQueue_.pop_front();
         if (auto* special = std::get_if<std::shared_ptr<UdpSpecialPacket>>(&next)) {
-            currentSpecial_ = std::move(*special);
+            d_->currentSpecial_ = std::move(*special);
             maybeConnect();
             return;
         }
@@ -100,21 +100,21 @@ void UdpSocket::maybeDequeueSend() {
             notifyDidNotSend(packet->tag, *packet->resolveError);
             continue;
         }
-        currentSend_ = std::move(packet);
+        d_->currentSend_ = std::move(packet);
         doPreSend();
         return;
     }
-    if (flags_ & kCloseAfterSends) {
+    if (d_->flags_ & kCloseAfterSends) {
         closeWithError(std::nullopt);
     }
 }
 
 bool UdpSocket::getAddress(SocketAddress* address, int* family, UdpSocketError* error,
                            const std::vector<SocketAddress>& addresses) const {
-    const FamilyAllowance ipv4{(config_ & kIPv4Disabled) != 0, (flags_ & kIPv4Deactivated) != 0,
-                               (config_ & kPreferIPv4) != 0};
-    const FamilyAllowance ipv6{(config_ & kIPv6Disabled) != 0, (flags_ & kIPv6Deactivated) != 0,
-                               (config_ & kPreferIPv6) != 0};
+    const FamilyAllowance ipv4{(d_->config_ & kIPv4Disabled) != 0, (d_->flags_ & kIPv4Deactivated) != 0,
+                               (d_->config_ & kPreferIPv4) != 0};
+    const FamilyAllowance ipv6{(d_->config_ & kIPv6Disabled) != 0, (d_->flags_ & kIPv6Deactivated) != 0,
+                               (d_->config_ & kPreferIPv6) != 0};
     if (!chooseDestination(addresses, ipv4, ipv6, address, error)) {
         return false;
     }
@@ -123,25 +123,25 @@ bool UdpSocket::getAddress(SocketAddress* address, int* family, UdpSocketError* 
 }
 
 void UdpSocket::doPreSend() {
-    UdpSendPacket& packet = *currentSend_;
+    UdpSendPacket& packet = *d_->currentSend_;
     std::optional<UdpSocketError> failure;
-    if (flags_ & kConnected) {
+    if (d_->flags_ & kConnected) {
         const bool namesDestination = packet.resolveInProgress || packet.resolveError ||
                                       !packet.resolvedAddresses.empty() || !packet.address.empty();
         if (namesDestination) {
             failure = UdpSocketError::badConfigError(
                 "Cannot specify destination of packet for connected socket");
         } else {
-            packet.address = cachedConnectedAddress_;
-            packet.addressFamily = cachedConnectedFamily_;
+            packet.address = d_->cachedConnectedAddress_;
+            packet.addressFamily = d_->cachedConnectedFamily_;
         }
     } else if (packet.resolveInProgress) {
         // Nothing to write until the resolver answers; its completion comes back here.
-        if (flags_ & kSocket4Writable) {
-            socket4_.sendSource.suspend();
+        if (d_->flags_ & kSocket4Writable) {
+            d_->socket4_.sendSource.suspend();
         }
-        if (flags_ & kSocket6Writable) {
-            socket6_.sendSource.suspend();
+        if (d_->flags_ & kSocket6Writable) {
+            d_->socket6_.sendSource.suspend();
         }
         return;
     } else if (packet.resolveError) {
@@ -166,24 +166,24 @@ void UdpSocket::doPreSend() {
         maybeDequeueSend();
         return;
     }
-    if (!sendFilter_) {
+    if (!d_->sendFilter_) {
         doSend();
         return;
     }
-    if (!sendFilterAsync_) {
-        const bool allowed = runFilterAndWait(*sendFilterQueue_, [&] {
-            return sendFilter_(packet.buffer, packet.address, packet.tag);
+    if (!d_->sendFilterAsync_) {
+        const bool allowed = runFilterAndWait(*d_->sendFilterQueue_, [&] {
+            return d_->sendFilter_(packet.buffer, packet.address, packet.tag);
         });
         finishSendFilter(allowed);
         return;
     }
     packet.filterInProgress = true;
-    sendFilterQueue_->async(
-        [self = shared_from_this(), filter = sendFilter_, packet = currentSend_] {
+    d_->sendFilterQueue_->async(
+        [self = shared_from_this(), filter = d_->sendFilter_, packet = d_->currentSend_] {
             const bool allowed = filter(packet->buffer, packet->address, packet->tag);
-            self->socketQueue_->async([self, packet, allowed] {
+            self->d_->socketQueue_->async([self, packet, allowed] {
                 packet->filterInProgress = false;
-                if (packet == self->currentSend_) {  // else closed meanwhile
+                if (packet == self->d_->currentSend_) {  // else closed meanwhile
                     self->finishSendFilter(allowed);
                 }
             });
@@ -196,29 +196,29 @@ void UdpSocket::finishSendFilter(bool allowed) {
         return;
     }
     // Deliberately reported as sent: a filtered packet looks delivered to the sender.
-    notifyDidSend(currentSend_->tag);
+    notifyDidSend(d_->currentSend_->tag);
     endCurrentSend();
     maybeDequeueSend();
 }
 
 void UdpSocket::onWritable(bool isIPv4) {
-    flags_ |= writableBit(isIPv4);
-    if (currentSend_ && !currentSend_->resolveInProgress && !currentSend_->filterInProgress) {
+    d_->flags_ |= writableBit(isIPv4);
+    if (d_->currentSend_ && !d_->currentSend_->resolveInProgress && !d_->currentSend_->filterInProgress) {
         doSend();
     } else {
-        (isIPv4 ? socket4_ : socket6_).sendSource.suspend();
+        (isIPv4 ? d_->socket4_ : d_->socket6_).sendSource.suspend();
     }
 }
 
 void UdpSocket::doSend() {
-    if (!currentSend_) {
+    if (!d_->currentSend_) {
         fatalError("Invalid logic: send step without a current send");
     }
-    const UdpSendPacket& packet = *currentSend_;
+    const UdpSendPacket& packet = *d_->currentSend_;
     const bool isIPv4 = packet.addressFamily == AF_INET;
-    const int fd = isIPv4 ? socket4_.fd : socket6_.fd;
+    const int fd = isIPv4 ? d_->socket4_.fd : d_->socket6_.fd;
     ssize_t result;
-    if (flags_ & kConnected) {
+    if (d_->flags_ & kConnected) {
         result = ::send(fd, packet.buffer.data(), packet.buffer.size(), MSG_NOSIGNAL);
     } else {
         result = ::sendto(fd, packet.buffer.data(), packet.buffer.size(), MSG_NOSIGNAL,
@@ -226,7 +226,7 @@ void UdpSocket::doSend() {
     }
     const int sendErrno = errno;
     // The kernel binds an unbound socket on its first datagram.
-    flags_ |= kBound;
+    d_->flags_ |= kBound;
     if (result > 0) {
         notifyDidSend(packet.tag);
         endCurrentSend();
@@ -235,14 +235,14 @@ void UdpSocket::doSend() {
     }
     if (result == 0 || sendErrno == EAGAIN || sendErrno == EWOULDBLOCK) {
         // Full: wait for the socket to accept bytes again.
-        flags_ &= ~writableBit(isIPv4);
-        if (!(flags_ & kSocket4Writable)) {
-            socket4_.sendSource.resume();
+        d_->flags_ &= ~writableBit(isIPv4);
+        if (!(d_->flags_ & kSocket4Writable)) {
+            d_->socket4_.sendSource.resume();
         }
-        if (!(flags_ & kSocket6Writable)) {
-            socket6_.sendSource.resume();
+        if (!(d_->flags_ & kSocket6Writable)) {
+            d_->socket6_.sendSource.resume();
         }
-        if (!sendTimer_ && packet.timeout >= 0.0) {
+        if (!d_->sendTimer_ && packet.timeout >= 0.0) {
             setupSendTimer(packet.timeout);
         }
         return;
@@ -252,29 +252,29 @@ void UdpSocket::doSend() {
 }
 
 void UdpSocket::setupSendTimer(double timeout) {
-    sendTimer_ = TimerSource::create(socketQueue_);
-    sendTimer_->setEventHandler([weak = weak_from_this(), timer = sendTimer_.get()] {
+    d_->sendTimer_ = TimerSource::create(d_->socketQueue_);
+    d_->sendTimer_->setEventHandler([weak = weak_from_this(), timer = d_->sendTimer_.get()] {
         auto self = weak.lock();
-        if (!self || self->sendTimer_.get() != timer || !self->currentSend_) {
+        if (!self || self->d_->sendTimer_.get() != timer || !self->d_->currentSend_) {
             return;  // the send ended before the timer fired
         }
-        const std::int64_t tag = self->currentSend_->tag;
+        const std::int64_t tag = self->d_->currentSend_->tag;
         self->notifyDidNotSend(tag, UdpSocketError::sendTimeoutError());
         self->endCurrentSend();
         self->maybeDequeueSend();
     });
-    sendTimer_->schedule(std::chrono::duration_cast<DispatchQueue::Clock::duration>(
+    d_->sendTimer_->schedule(std::chrono::duration_cast<DispatchQueue::Clock::duration>(
         std::chrono::duration<double>(timeout)));
-    sendTimer_->resume();
+    d_->sendTimer_->resume();
 }
 
 void UdpSocket::endCurrentSend() {
-    if (sendTimer_) {
-        sendTimer_->cancel();
-        sendTimer_.reset();
+    if (d_->sendTimer_) {
+        d_->sendTimer_->cancel();
+        d_->sendTimer_.reset();
     }
-    currentSend_.reset();
-    currentSpecial_.reset();
+    d_->currentSend_.reset();
+    d_->currentSpecial_.reset();
 }
 
 void UdpSocket::notifyDidSend(std::int64_t tag) {
@@ -297,10 +297,10 @@ void UdpSocket::setSendFilter(SendFilter filter, std::shared_ptr<DispatchQueue> 
     if (filter && !queue) {
         fatalError(kNoFilterQueue);
     }
-    runSoon([this, filter = std::move(filter), queue = std::move(queue), isAsynchronous] {
-        sendFilter_ = filter;
-        sendFilterQueue_ = filter ? queue : nullptr;
-        sendFilterAsync_ = isAsynchronous;
+    d_->runSoon([this, filter = std::move(filter), queue = std::move(queue), isAsynchronous] {
+        d_->sendFilter_ = filter;
+        d_->sendFilterQueue_ = filter ? queue : nullptr;
+        d_->sendFilterAsync_ = isAsynchronous;
     });
 }
 

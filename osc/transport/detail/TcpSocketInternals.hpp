@@ -3,16 +3,22 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <utility>
 
 #include "osc/dispatch/DispatchQueue.hpp"
 #include "osc/transport/TcpSocket.hpp"
 #include "osc/transport/detail/HostResolver.hpp"
+#include "osc/transport/detail/InboundBuffer.hpp"
+#include "osc/transport/detail/SocketCore.hpp"
+#include "osc/transport/detail/SuspendableSource.hpp"
 
-// What TcpSocket's source files share and nothing else uses: the bits of its state word, its
-// name resolver and the definitions of its member templates. Internal to the socket.
+// What TcpSocket's source files share and nothing else uses: its state, the bits of its state
+// word and its name resolver. Internal to the socket.
 namespace kavrin::tcpSocket {
 
 // State (flags_).
@@ -48,22 +54,59 @@ inline constexpr HostResolver kResolver(SOCK_STREAM, IPPROTO_TCP);
 
 namespace kavrin {
 
-template <class F>
-auto TcpSocket::query(F&& read) const {
-    std::optional<decltype(read())> result;
-    runSync([&] { result = read(); });
-    return *result;
-}
+struct TcpSocket::Descriptor {
+    int fd = -1;
+    SuspendableSource readSource;
+    SuspendableSource writeSource;  // none on a listener
+};
 
-template <class F>
-void TcpSocket::notifyDelegate(F&& call) {
-    auto delegate = delegate_.lock();
-    auto self = weak_from_this().lock();  // none while being destroyed: nothing to report to
-    if (!delegate || !delegateQueue_ || !self) {
-        return;
-    }
-    delegateQueue_->async([self = std::move(self), delegate = std::move(delegate),
-                           call = std::forward<F>(call)]() mutable { call(*delegate, *self); });
-}
+struct TcpSocket::State : SocketCore<TcpSocket, TcpSocketDelegate, TcpSocketError> {
+    using SocketCore::SocketCore;
+    using Clock = std::chrono::steady_clock;
+
+    std::uint32_t flags_ = 0;
+    bool noDelay_ = false;
+    bool keepAlive_ = false;
+    std::size_t maxAccepted_ = defaultMaxAcceptedConnections;
+    double acceptedIdleTimeout_ = defaultAcceptedIdleTimeout;
+
+    Descriptor connection_;
+    Descriptor listener4_;
+    Descriptor listener6_;
+    SocketAddress localAddress_;
+    SocketAddress connectedAddress_;
+    std::string connectedHost_;  // as the user named it, for reports and the TLS peer name
+
+    // Connecting.
+    std::uint64_t attempt_ = 0;  // a connect's number: answers to an older one are stale
+    std::vector<SocketAddress> candidates_;
+    std::size_t nextCandidate_ = 0;
+    std::optional<std::string> connectInterface_;
+    std::optional<TcpSocketError> lastConnectError_;
+    std::shared_ptr<TimerSource> connectTimer_;
+
+    // Accepting, and an accepted connection's share of its listener's count.
+    std::shared_ptr<std::atomic<std::size_t>> acceptedCount_;
+    std::shared_ptr<TimerSource> acceptRetryTimer_;
+    std::shared_ptr<TimerSource> idleTimer_;
+    double idleTimeout_ = -1.0;
+    Clock::time_point lastActivity_;
+
+    // Reading.
+    std::deque<std::shared_ptr<TcpReadRequest>> readQueue_;
+    std::shared_ptr<TcpReadRequest> currentRead_;
+    InboundBuffer inbound_;  // received, not yet taken by a read
+    std::shared_ptr<TimerSource> readTimer_;
+
+    // Writing. The two counters are also touched by write() on the caller's thread.
+    std::deque<std::shared_ptr<TcpWriteRequest>> writeQueue_;
+    std::shared_ptr<TcpWriteRequest> currentWrite_;
+    std::shared_ptr<TimerSource> writeTimer_;
+    std::atomic<std::size_t> queuedWriteBytes_{0};
+    std::atomic<std::size_t> maxWriteQueue_{defaultMaxWriteQueueLength};
+
+    std::shared_ptr<TlsSession> tls_;
+    std::shared_ptr<TimerSource> handshakeTimer_;
+};
 
 }  // namespace kavrin

@@ -3,17 +3,23 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <climits>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <utility>
+#include <variant>
 
 #include "osc/dispatch/DispatchQueue.hpp"
 #include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/detail/HostResolver.hpp"
+#include "osc/transport/detail/SocketCore.hpp"
+#include "osc/transport/detail/SuspendableSource.hpp"
+#include "support/Clamped.hpp"
 
-// What UdpSocket's source files share and nothing else uses: the bits of its state and
-// configuration words, its name resolver, texts reported from more than one file, the filter
-// call, and the definitions of its member templates. Internal to the socket.
+// What UdpSocket's source files share and nothing else uses: its state, the bits of its state
+// and configuration words, its name resolver, texts reported from more than one file, the
+// filter call, and the definition of its member template. Internal to the socket.
 namespace kavrin::udpSocket {
 
 // State (flags_).
@@ -60,23 +66,59 @@ bool runFilterAndWait(DispatchQueue& queue, F&& filter) {
 
 namespace kavrin {
 
-template <class F>
-auto UdpSocket::query(F&& read) const {
-    std::optional<decltype(read())> result;
-    runSync([&] { result = read(); });
-    return *result;
-}
+class TimerSource;
+class UdpSpecialPacket;
+
+struct UdpSocket::Family {
+    int fd = -1;
+    SuspendableSource sendSource;
+    SuspendableSource receiveSource;
+    std::uint64_t bytesAvailable = 0;       // as the read source last reported
+    std::vector<std::uint8_t> scratch;      // reused receive buffer
+    std::unique_ptr<std::uint8_t[]> slots;  // reused buffers of receiveMany, slotSize each
+    std::size_t slotSize = 0;
+    SocketAddress cachedLocalAddress;  // filled once bound
+};
+
+struct UdpSocket::State : SocketCore<UdpSocket, UdpSocketDelegate, UdpSocketError> {
+    using SocketCore::SocketCore;
+    using Packet = std::variant<std::shared_ptr<UdpSendPacket>, std::shared_ptr<UdpSpecialPacket>>;
+
+    ReceiveFilter receiveFilter_;
+    std::shared_ptr<DispatchQueue> receiveFilterQueue_;
+    bool receiveFilterAsync_ = false;
+    SendFilter sendFilter_;
+    std::shared_ptr<DispatchQueue> sendFilterQueue_;
+    bool sendFilterAsync_ = false;
+    std::uint32_t flags_ = 0;
+    std::uint16_t config_ = 0;
+    std::uint16_t max4ReceiveSize_ = 65535;
+    // No UDP datagram over IPv6 is larger without jumbograms, which no one sends; a larger
+    // limit would only make the receive buffers larger, 16 of them at a time.
+    Clamped<std::uint32_t> max6ReceiveSize_{65535, 0, 65535};
+    std::uint16_t maxSendSize_ = 65535;
+    // setsockopt takes an int, of which the kernel doubles what it is given.
+    Clamped<std::size_t> kernelReceiveSize_{0, 0, INT_MAX / 2};
+    Family socket4_;
+    Family socket6_;
+    std::shared_ptr<TimerSource> sendTimer_;
+    std::shared_ptr<UdpSendPacket> currentSend_;        // at most one of these two is set:
+    std::shared_ptr<UdpSpecialPacket> currentSpecial_;  // the head of the queue being worked on
+    std::deque<Packet> sendQueue_;
+    std::uint32_t pendingFilterOperations_ = 0;
+    // Read in this turn and not yet reported; the turn reports them at its end.
+    UdpDatagramBlock received_;
+    SocketAddress cachedConnectedAddress_;
+    std::string cachedConnectedHost_;
+    std::uint16_t cachedConnectedPort_ = 0;
+    int cachedConnectedFamily_ = 0;
+    std::any userData_;
+};
 
 template <class F>
 void UdpSocket::notifyDelegate(F&& call) {
     reportReceived();  // datagrams read before this event are reported before it
-    auto delegate = delegate_.lock();
-    auto self = weak_from_this().lock();  // none while being destroyed: nothing to report to
-    if (!delegate || !delegateQueue_ || !self) {
-        return;
-    }
-    delegateQueue_->async([self = std::move(self), delegate = std::move(delegate),
-                           call = std::forward<F>(call)]() mutable { call(*delegate, *self); });
+    d_->notifyDelegate(std::forward<F>(call));
 }
 
 }  // namespace kavrin
