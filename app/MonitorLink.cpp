@@ -167,7 +167,8 @@ std::optional<std::int32_t> MonitorLink::ping(const std::string& address, const 
 std::optional<std::uint64_t> MonitorLink::droppedPackets() const {
     if (!stream_) return std::nullopt;
     const auto counters = stream_->counters();
-    return droppedBefore_ + counters.droppedNotOSC + counters.droppedUndecodable;
+    return droppedBefore_ + counters.droppedNotOSC + counters.droppedMalformed +
+           counters.droppedUnexpectedType + counters.droppedInternalInconsistency;
 }
 
 }  // namespace kavrin

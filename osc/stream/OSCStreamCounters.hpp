@@ -11,9 +11,12 @@ struct OSCStreamCounters {
     std::uint64_t packetsReceived = 0;
     std::uint64_t messagesDelivered = 0;
     std::uint64_t messagesViewed = 0;  ///< to the view handler
-    std::uint64_t droppedNotOSC = 0;              ///< a packet neither a message nor a bundle
-    std::uint64_t droppedUndecodable = 0;         ///< a packet that failed to decode
-    std::uint64_t droppedOverScheduledLimit = 0;  ///< see OSCScheduledLimit
+    // Packets dropped, by OSCDropReason, as OSCServer counts datagrams.
+    std::uint64_t droppedNotOSC = 0;
+    std::uint64_t droppedMalformed = 0;
+    std::uint64_t droppedUnexpectedType = 0;
+    std::uint64_t droppedInternalInconsistency = 0;
+    std::uint64_t droppedOverScheduledLimit = 0;
 };
 
 }  // namespace kavrin

@@ -1,10 +1,8 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -13,6 +11,8 @@
 #include <vector>
 
 #include "osc/addressing/OSCAddressSpace.hpp"
+#include "osc/addressing/OSCDeliveryPlanner.hpp"
+#include "osc/addressing/OSCDropReason.hpp"
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/codec/OSCMessageView.hpp"
@@ -22,8 +22,6 @@
 #include "osc/dispatch/DispatchQueue.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/SocketAddress.hpp"
-#include "osc/transport/detail/OSCDeliveryPlanner.hpp"
-#include "osc/transport/detail/OSCMethodRoutes.hpp"
 
 namespace kavrin {
 
@@ -142,13 +140,7 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     };
     Counters counters() const;
 
-    enum class DropReason {
-        notOSC,
-        malformed,
-        unexpectedType,
-        internalInconsistency,
-        overScheduledLimit,
-    };
+    using DropReason = OSCDropReason;
     /// Given each datagram the server drops, with why (the decoder's text, empty for one that is
     /// not OSC). Runs on the dispatch queue, with a copy of the datagram of its own. Without one,
     /// dropped datagrams go silently, as the monitor wants them.
@@ -180,14 +172,8 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     using Routes = Planner::Routes;
     using Delivery = Planner::Delivery;
     using ScheduledRun = Planner::ScheduledRun;
-    // The handlers that a delivery reads when it runs, renewed only when one is set: reading
-    // them under the lock for every message would cost more than the message.
-    struct Handlers {
-        std::shared_ptr<const SourceHandler> handler;
-        std::shared_ptr<const ViewHandler> view;
-        std::shared_ptr<const MismatchHandler> mismatch;
-        std::shared_ptr<const DropHandler> drop;
-    };
+    struct Handlers;
+    struct State;
 
     // The encoded packet, once the socket is known to be bound; throws as send() says.
     std::vector<std::uint8_t> sendable(const OSCPacket& packet) const;
@@ -211,26 +197,7 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     void setHandlers(const std::function<void(Handlers&)>& change);
     void mismatch(const OSCMessage& message, const OSCValueMaskError& error);
 
-    const std::shared_ptr<UdpSocket> udpServer;
-    const std::shared_ptr<OSCServerDelegate> udpDelegate;
-    const std::shared_ptr<SerialQueue> receiveQueue;
-    const std::shared_ptr<DispatchQueue> dispatchQueue;
-    mutable std::mutex handlerMutex;
-    Handlers handlers;  // guarded by handlerMutex
-    std::atomic<std::uint64_t> handlerGeneration{1};
-    std::atomic<bool> hasDropHandler{false};
-    std::atomic<TimeTagMode> mode;
-    std::atomic<OSCTextPolicy> textPolicy_{OSCTextPolicy::ascii};
-    const std::uint16_t port_;
-    // Touched only on the receive queue: the routes, and the handlers as a block last read them.
-    OSCMethodRoutes routes;
-    std::pair<std::uint64_t, Handlers> receiving{0, {}};
-    Planner planner;
-    struct AtomicCounters {
-        std::atomic<std::uint64_t> datagramsReceived{0}, messagesDelivered{0}, droppedNotOSC{0},
-            droppedMalformed{0}, droppedUnexpectedType{0}, droppedInternalInconsistency{0},
-            droppedOverScheduledLimit{0}, mismatches{0}, messagesViewed{0};
-    } counted;
+    const std::unique_ptr<State> d_;
 };
 
 template <class... Kinds, class Function>

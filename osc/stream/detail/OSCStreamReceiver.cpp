@@ -1,7 +1,7 @@
 #include "osc/stream/detail/OSCStreamReceiver.hpp"
 
 #include "osc/codec/OSCPacketView.hpp"
-#include "osc/transport/detail/OSCMessageViews.hpp"
+#include "osc/codec/OSCMessageViews.hpp"
 
 namespace kavrin {
 
@@ -61,9 +61,11 @@ OSCStreamCounters OSCStreamReceiver::counters() const {
             counted_.packetsReceived.load(),
             counted_.messagesDelivered.load(),
             counted_.messagesViewed.load(),
-            counted_.droppedNotOSC.load(),
-            counted_.droppedUndecodable.load(),
-            counted_.droppedOverScheduledLimit.load()};
+            dropped_.notOSC.load(),
+            dropped_.malformed.load(),
+            dropped_.unexpectedType.load(),
+            dropped_.internalInconsistency.load(),
+            dropped_.overScheduledLimit.load()};
 }
 
 void OSCStreamReceiver::opened(const Connection& connection) {
@@ -101,7 +103,7 @@ void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Conn
         if (view) {
             const auto read = OSCPacketView::decode(packet, textPolicy_);
             if (!read) {
-                ++counted_.droppedNotOSC;
+                dropped_.add(OSCDropReason::notOSC);
                 return;
             }
             counted_.messagesViewed += forEachMessageView(
@@ -111,12 +113,12 @@ void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Conn
             if (!hasHandler_.load()) return;
         }
         decoded = OSCPacket::decode(packet, textPolicy_);
-    } catch (const OSCDecodeError&) {
-        ++counted_.droppedUndecodable;
+    } catch (const OSCDecodeError& error) {
+        dropped_.add(dropReasonOf(error));
         return;
     }
     if (!decoded) {
-        ++counted_.droppedNotOSC;
+        dropped_.add(OSCDropReason::notOSC);
         return;
     }
     const bool admitted = planner_.admitAll(
@@ -128,7 +130,8 @@ void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Conn
             if (turn_.size() == turnLimit) flush();
         },
         [this](Planner::ScheduledRun&& later) { deliverLater(std::move(later)); });
-    if (!admitted) ++counted_.droppedOverScheduledLimit;  // the whole packet, never half a bundle
+    // The whole packet goes, never half a bundle.
+    if (!admitted) dropped_.add(OSCDropReason::overScheduledLimit);
 }
 
 void OSCStreamReceiver::deliver(const OSCMessage& message, const OSCTimeTag& timeTag,

@@ -12,7 +12,8 @@
 #include "osc/stream/OSCStreamConnection.hpp"
 #include "osc/stream/OSCStreamCounters.hpp"
 #include "osc/transport/OSCServer.hpp"
-#include "osc/transport/detail/OSCDeliveryPlanner.hpp"
+#include "osc/addressing/OSCDeliveryPlanner.hpp"
+#include "osc/addressing/OSCDropReason.hpp"
 
 namespace kavrin {
 
@@ -88,9 +89,9 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
     std::vector<Planner::Delivery> turn_;  // the read's immediate deliveries so far
     struct AtomicCounters {
         std::atomic<std::uint64_t> connectionsOpened{0}, connectionsFailed{0}, packetsReceived{0},
-            messagesDelivered{0}, messagesViewed{0}, droppedNotOSC{0}, droppedUndecodable{0},
-            droppedOverScheduledLimit{0};
+            messagesDelivered{0}, messagesViewed{0};
     } counted_;
+    OSCDropTally dropped_;
 };
 
 }  // namespace kavrin

@@ -11,8 +11,8 @@ namespace kavrin {
 
 /// Calls `call(message, timeTag)` for each message of a packet read in place, bundles opened
 /// depth first, each with the tag of its innermost bundle (immediate for a message on its own),
-/// as the servers' owned deliveries carry them; returns how many. Internal to the servers of the
-/// transport and stream layers, for their view handlers.
+/// as the servers' deliveries carry them; returns how many. The views are valid only during the
+/// call, as the packet's bytes are.
 template <class Call>
 std::size_t forEachMessageView(const OSCPacketView& packet, Call&& call) {
     if (packet.isMessage()) {

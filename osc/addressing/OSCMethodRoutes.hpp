@@ -12,9 +12,9 @@
 
 namespace kavrin {
 
-/// The methods an OSCServer routes messages to: an address space for the matching and its order,
-/// and each method's handler by its id (the space's own blocks take only the values). Touched
-/// only on the server's receive queue. Internal to the transport layer.
+/// The methods a server routes messages to: an address space for the matching and its order,
+/// and each method's handler by its id (the space's own blocks take only the values). Not
+/// thread-safe: a server touches it only on its receive queue.
 class OSCMethodRoutes {
   public:
     using Handler = std::function<void(const OSCMessage&, const OSCTimeTag&)>;

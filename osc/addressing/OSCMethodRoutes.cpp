@@ -1,4 +1,4 @@
-#include "osc/transport/detail/OSCMethodRoutes.hpp"
+#include "osc/addressing/OSCMethodRoutes.hpp"
 
 namespace kavrin {
 

@@ -10,7 +10,7 @@
 #include "osc/codec/OSCPacket.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/dispatch/DispatchQueue.hpp"
-#include "osc/transport/detail/OSCMethodRoutes.hpp"
+#include "osc/addressing/OSCMethodRoutes.hpp"
 
 namespace kavrin {
 
@@ -26,8 +26,9 @@ struct OSCScheduledLimit {
 /// `Origin` says where a packet came from (a sender's address, a connection) and travels with
 /// each of its deliveries.
 ///
-/// admitAll() runs on one receive queue; release() runs wherever a waiting run is
-/// delivered. Internal to the servers of the transport and stream layers.
+/// The rules every server of the library delivers by, for a server of one's own over another
+/// transport. admitAll() runs on one receive queue; release() runs wherever a waiting run is
+/// delivered.
 template <class Origin>
 class OSCDeliveryPlanner {
   public:
