@@ -10,12 +10,12 @@
 #include <string_view>
 #include <vector>
 
+#include "osc/codec/OSCPadding.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
 #include "osc/codec/OSCTypeTag.hpp"
 #include "osc/codec/OSCValue.hpp"
 #include "osc/codec/OSCValueList.hpp"
-#include "osc/codec/detail/BigEndian.hpp"
-#include "osc/codec/detail/OSCPadding.hpp"
+#include "support/BigEndian.hpp"
 
 namespace kavrin {
 

@@ -6,9 +6,9 @@
 
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/PassiveDataReader.hpp"
-#include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
+#include "support/BigEndian.hpp"
 #include "support/HashCombine.hpp"
 
 namespace kavrin {
@@ -75,7 +75,7 @@ std::size_t OSCBundle::encodedSize(int depth, OSCTextPolicy policy) const {
 
 // Each element's size word is filled in once the element is written.
 std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out, int depth, OSCTextPolicy policy) const {
-    std::memcpy(out, rawBytes::bundleHeader, 8);
+    std::memcpy(out, oscBundleHeader, 8);
     bigEndian::store64(out + 8, timeTag.rawValue);
     out += 16;
     for (const auto& element : elements) {
@@ -117,7 +117,7 @@ OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes,
             std::get<OSCMessage>(message).decodeFrom(element, owner, policy);
         }
     });
-    bundle.decodedFrom_ = rawBytes::DecodedBytes(std::move(owner), bytes);
+    bundle.decodedFrom_ = OSCDecodedBytes(std::move(owner), bytes);
     return bundle;
 }
 

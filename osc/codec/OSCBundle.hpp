@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "osc/codec/OSCDecodedBytes.hpp"
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
-#include "osc/codec/detail/OSCRawBytes.hpp"
 
 namespace kavrin {
 
@@ -72,7 +72,7 @@ struct OSCBundle {
     std::size_t encodedSize(int depth, OSCTextPolicy policy) const;
     std::uint8_t* encodeInto(std::uint8_t* out, int depth, OSCTextPolicy policy) const;
 
-    rawBytes::DecodedBytes decodedFrom_;
+    OSCDecodedBytes decodedFrom_;
 };
 
 }  // namespace kavrin

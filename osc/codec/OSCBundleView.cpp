@@ -1,10 +1,10 @@
 #include "osc/codec/OSCBundleView.hpp"
 
-#include "osc/codec/detail/BigEndian.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/codec/detail/OSCStringChunk.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
 #include "support/ASCIIScan.hpp"
+#include "support/BigEndian.hpp"
 
 namespace kavrin {
 
@@ -64,7 +64,7 @@ OSCPacketView OSCBundleView::Iterator::operator*() const {
     MessageHead head;
     if (heads_ != nullptr && index_ < knownHeads) head = heads_[index_];
     if (head.addressLength == 0) {
-        if (rawBytes::startsWithBundleHeader(element)) {
+        if (startsWithBundleHeader(element)) {
             return OSCPacketView(OSCPacketView::Key(), std::in_place_type<OSCBundleView>, element,
                                  Checked());
         }

@@ -7,9 +7,9 @@
 
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessageView.hpp"
+#include "osc/codec/OSCPadding.hpp"
 #include "osc/codec/OSCSerialization.hpp"
 #include "osc/codec/detail/OSCArgumentValue.hpp"
-#include "osc/codec/detail/OSCPadding.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
 #include "support/HashCombine.hpp"
@@ -111,7 +111,7 @@ void OSCMessage::decodeFrom(std::span<const std::uint8_t> bytes,
     values.reserve(view.argumentCount());
     for (const auto argument : view) argument.appendTo(values, &owner);
     // Whatever follows the last argument is ignored.
-    decodedFrom_ = rawBytes::DecodedBytes(std::move(owner), bytes);
+    decodedFrom_ = OSCDecodedBytes(std::move(owner), bytes);
 }
 
 std::optional<std::span<const std::uint8_t>> OSCMessage::decodedFrom() const {

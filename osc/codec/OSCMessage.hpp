@@ -10,11 +10,11 @@
 #include <tuple>
 #include <vector>
 
+#include "osc/codec/OSCDecodedBytes.hpp"
 #include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCValue.hpp"
 #include "osc/codec/OSCValueList.hpp"
 #include "osc/codec/OSCValueMask.hpp"
-#include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/pattern/OSCAddressPattern.hpp"
 
 namespace kavrin {
@@ -95,7 +95,7 @@ struct OSCMessage {
     void decodeFrom(std::span<const std::uint8_t> bytes,
                     std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy);
 
-    rawBytes::DecodedBytes decodedFrom_;
+    OSCDecodedBytes decodedFrom_;
 };
 
 }  // namespace kavrin

@@ -100,7 +100,7 @@ OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, OSCTextPolic
     const auto* const end = begin + bytes.size();
     // The header's usual case here; any fault goes through the reader, which knows the texts.
     stringChunk::Chunk address, tags;
-    if (bytes.size() % 4 == 0 && rawBytes::startsWithMessageHeader(bytes)) {
+    if (bytes.size() % 4 == 0 && startsWithMessageHeader(bytes)) {
         address = stringChunk::ascii(begin, end - begin);
         if (address.length > 0)
             tags = stringChunk::ascii(begin + address.length, end - begin - address.length);

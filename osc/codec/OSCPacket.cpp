@@ -2,6 +2,8 @@
 
 #include <functional>
 
+#include "osc/codec/detail/OSCRawBytes.hpp"
+
 namespace kavrin {
 
 std::vector<std::uint8_t> OSCPacket::rawData(OSCTextPolicy policy) const {

@@ -10,7 +10,7 @@
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCMessage.hpp"
-#include "osc/codec/detail/OSCRawBytes.hpp"
+#include "osc/codec/OSCObjectType.hpp"
 
 namespace kavrin {
 
@@ -38,16 +38,6 @@ struct OSCPacket : std::variant<OSCMessage, OSCBundle> {
                                            std::size_t size,
                                            OSCTextPolicy policy = OSCTextPolicy::ascii);
 };
-
-enum class OSCObjectType { message, bundle };
-
-// By the first bytes: the whole "#bundle\0" header first, then "/"; nothing for anything else.
-// Inline: every datagram received is classified.
-inline std::optional<OSCObjectType> classifyPacket(std::span<const std::uint8_t> bytes) {
-    if (rawBytes::startsWithBundleHeader(bytes)) return OSCObjectType::bundle;
-    if (rawBytes::startsWithMessageHeader(bytes)) return OSCObjectType::message;
-    return std::nullopt;
-}
 
 }  // namespace kavrin
 

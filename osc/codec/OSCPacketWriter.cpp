@@ -7,13 +7,13 @@
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCPadding.hpp"
 #include "osc/codec/OSCSerialization.hpp"
 #include "osc/codec/OSCTypeTag.hpp"
-#include "osc/codec/detail/BigEndian.hpp"
-#include "osc/codec/detail/OSCPadding.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
 #include "support/ASCIIScan.hpp"
+#include "support/BigEndian.hpp"
 #include "support/LossyASCII.hpp"
 
 namespace kavrin {
@@ -83,7 +83,7 @@ OSCPacketWriter& OSCPacketWriter::beginBundle(OSCTimeTag timeTag) {
     }
     beginElement();
     std::uint8_t* at = argumentSpace(16);
-    std::memcpy(at, rawBytes::bundleHeader, 8);
+    std::memcpy(at, oscBundleHeader, 8);
     bigEndian::store64(at + 8, timeTag.rawValue);
     return *this;
 }

@@ -10,13 +10,13 @@
 #include <string_view>
 #include <vector>
 
+#include "osc/codec/OSCPadding.hpp"
 #include "osc/codec/OSCTextPolicy.hpp"
 #include "osc/codec/OSCTypeTag.hpp"
 #include "osc/codec/OSCValue.hpp"
 #include "osc/codec/OSCValueTagIdentity.hpp"
-#include "osc/codec/detail/BigEndian.hpp"
-#include "osc/codec/detail/OSCPadding.hpp"
 #include "support/ASCIIScan.hpp"
+#include "support/BigEndian.hpp"
 
 namespace kavrin {
 

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "osc/codec/detail/OSCPadding.hpp"
+#include "osc/codec/OSCPadding.hpp"
 
 namespace kavrin {
 

@@ -10,9 +10,10 @@
 #include <vector>
 
 #include "osc/codec/OSCError.hpp"
+#include "osc/codec/OSCPadding.hpp"
 #include "osc/codec/OSCTextPolicy.hpp"
-#include "osc/codec/detail/BigEndian.hpp"
-#include "osc/codec/detail/OSCStringChunk.hpp"
+#include "support/ASCIIScan.hpp"
+#include "support/BigEndian.hpp"
 #include "support/UTF8.hpp"
 
 namespace kavrin {
@@ -124,7 +125,8 @@ class PassiveDataReader {
         const auto contentLength = found.zero;
         if (contentLength < 0) fail(chunkNotTerminated);
         // Always at least one terminating zero: content of 4 bytes takes 8.
-        const std::int64_t chunkLength = stringChunk::size(contentLength);
+        const std::int64_t chunkLength = static_cast<std::int64_t>(
+            padding::nullTerminatedSize(static_cast<std::size_t>(contentLength)));
         if (chunkLength > remaining) fail(chunkTooShort);
         // The padding after the terminator is the low bytes of the chunk's last word.
         const auto terminator = contentLength - (chunkLength - 4);

@@ -4,9 +4,9 @@
 #include <bit>
 #include <string>
 
-#include "osc/codec/detail/BigEndian.hpp"
 #include "osc/stream/detail/Slip.hpp"
 #include "support/ASCIIScan.hpp"
+#include "support/BigEndian.hpp"
 
 namespace kavrin {
 

@@ -3,8 +3,8 @@
 #include <string>
 #include <variant>
 
-#include "osc/codec/detail/BigEndian.hpp"
 #include "osc/stream/detail/Slip.hpp"
+#include "support/BigEndian.hpp"
 
 namespace kavrin {
 

@@ -91,7 +91,7 @@ inline void referenceDecodeValue(std::string_view tags, std::size_t& index,
 
 inline OSCPacket registryDecode(std::span<const std::uint8_t> bytes, OSCTextPolicy policy,
                                 int depth = 1) {
-    if (rawBytes::startsWithBundleHeader(bytes)) {
+    if (startsWithBundleHeader(bytes)) {
         OSCBundle bundle;
         bundle.timeTag = wireFormat::readBundle(bytes, depth, [&](auto element, bool isBundle) {
             bundle.elements.push_back(isBundle ? registryDecode(element, policy, depth + 1)

@@ -17,21 +17,6 @@ inline std::shared_ptr<const std::uint8_t[]> shareCopy(std::span<const std::uint
     return buffer;
 }
 
-inline constexpr std::uint8_t bundleHeader[8] = {'#', 'b', 'u', 'n', 'd', 'l', 'e', 0};
-
-inline bool startsWithBundleHeader(std::span<const std::uint8_t> bytes) {
-    if (bytes.size() < 8) return false;
-    // One word compare: this runs for every datagram received.
-    std::uint64_t head, header;
-    std::memcpy(&head, bytes.data(), 8);
-    std::memcpy(&header, bundleHeader, 8);
-    return head == header;
-}
-
-inline bool startsWithMessageHeader(std::span<const std::uint8_t> bytes) {
-    return !bytes.empty() && bytes[0] == '/';
-}
-
 // Trims blanks, tabs and line ends at both ends.
 inline std::string trimmed(const std::string& text) {
     const auto first = text.find_first_not_of(" \t\r\n");
@@ -53,23 +38,5 @@ std::string describedList(std::string head, const char* label, const Items& item
     }
     return head + " with " + label + ":\n  " + trimmed(lines);
 }
-
-// The bytes a message or bundle was decoded from: a view into the one shared copy of the
-// datagram that the packet and everything nested in it keep. Empty for one built in code.
-class DecodedBytes {
-  public:
-    DecodedBytes() = default;
-    DecodedBytes(std::shared_ptr<const std::uint8_t[]> owner, std::span<const std::uint8_t> bytes)
-        : owner_(std::move(owner)), bytes_(bytes) {}
-
-    std::optional<std::span<const std::uint8_t>> bytes() const {
-        if (!owner_) return std::nullopt;
-        return bytes_;
-    }
-
-  private:
-    std::shared_ptr<const std::uint8_t[]> owner_;
-    std::span<const std::uint8_t> bytes_;
-};
 
 }  // namespace kavrin::rawBytes

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "osc/codec/detail/OSCPadding.hpp"
+#include "osc/codec/OSCPadding.hpp"
 #include "support/ASCIIScan.hpp"
 
 // Internal to the codec: the string chunks of the wire format (addresses, tag strings, s and S

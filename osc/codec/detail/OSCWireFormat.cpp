@@ -9,7 +9,7 @@ namespace kavrin::wireFormat {
 MessageHeader readMessageHeader(PassiveDataReader& reader) {
     const auto bytes = reader.remainingData();
     if (bytes.size() % 4 != 0) throw OSCDecodeError::malformed("Length not a multiple of 4 bytes.");
-    if (!rawBytes::startsWithMessageHeader(bytes)) {
+    if (!startsWithMessageHeader(bytes)) {
         throw OSCDecodeError::malformed("Does not start with an address pattern.");
     }
     // A chunk that cannot be read, or is no ASCII, fails with the text of its part.

@@ -57,7 +57,7 @@ OSCTimeTag readBundle(std::span<const std::uint8_t> bytes, int depth, Element&& 
         throw OSCDecodeError::malformed("Data length too short. (Length is " +
                                         std::to_string(bytes.size()) + ")");
     }
-    if (!rawBytes::startsWithBundleHeader(bytes)) {
+    if (!startsWithBundleHeader(bytes)) {
         throw OSCDecodeError::malformed("Bundle header is not present or is malformed.");
     }
     if (depth > OSCBundle::maximumDepth) throw OSCDecodeError::malformed(bundleTooDeep());
@@ -73,9 +73,9 @@ OSCTimeTag readBundle(std::span<const std::uint8_t> bytes, int depth, Element&& 
             throw OSCDecodeError::malformed("Data bytes ended earlier than expected.");
         }
         const auto elementBytes = reader.remainingData().first(static_cast<std::size_t>(size));
-        if (rawBytes::startsWithBundleHeader(elementBytes)) {
+        if (startsWithBundleHeader(elementBytes)) {
             element(elementBytes, true);
-        } else if (rawBytes::startsWithMessageHeader(elementBytes)) {
+        } else if (startsWithMessageHeader(elementBytes)) {
             element(elementBytes, false);
         } else {
             throw OSCDecodeError::malformed("Unrecognized bundle element encountered.");

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-// Internal to the codec: the two paddings of the wire format, each written once.
+// The two paddings of the wire format, for code that reads or writes it in place.
 namespace kavrin::padding {
 
 // The bytes of a null-terminated chunk of `length` text bytes: at least one zero, then zeros up
