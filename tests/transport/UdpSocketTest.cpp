@@ -73,15 +73,15 @@ class Recorder : public UdpSocketDelegate, public tcpTest::Recording {
 
 // A socket with a recording delegate on a serial delegate queue of its own.
 struct Peer {
-    Peer() : Peer(SerialQueue::create("test.delegate")) {}
-    explicit Peer(std::shared_ptr<DispatchQueue> queue)
+    explicit Peer(std::shared_ptr<DispatchQueue> queue = SerialQueue::create("test.delegate"))
         : delegateQueue(queue),
           recorder(std::make_shared<Recorder>(queue)),
           socket(UdpSocket::create(recorder, queue)) {}
 
-    // Binds every enabled family to a kernel-chosen port and starts receiving.
-    void listen() {
+    // Binds both families, or IPv4 only, to a kernel-chosen port and starts receiving.
+    void listen(bool ipv6 = true) {
         UdpSocketError error;
+        socket->setIPv6Enabled(ipv6);
         ASSERT_TRUE(socket->bindToPort(0, &error)) << error.description();
         ASSERT_TRUE(socket->beginReceiving(&error)) << error.description();
     }
@@ -191,20 +191,43 @@ TEST(UdpSocketBind, InterfaceRules) {
     EXPECT_NE(named.socket->socketFD(), -1);
 }
 
-TEST(UdpSocketBind, BindFailureReportsErrnoAndLeavesTheSocketUsable) {
-    auto holder = std::make_unique<test::RawSocket>();  // no address reuse: keeps others out
-    ASSERT_TRUE(holder->bound());
+// A failed bind leaves the socket usable; the errors carry domain, code, text and reason.
+TEST(UdpSocketErrors, BindFailureAndFactoriesCarryDomainCodeAndText) {
+    auto holder = std::make_unique<test::UdpPeer>();  // no address reuse: keeps others out
     Peer peer;
     peer.socket->setIPv6Enabled(false);
     UdpSocketError error;
     EXPECT_FALSE(peer.socket->bindToPort(holder->port(), "127.0.0.1", &error));
-    EXPECT_EQ(error.domain(), "NSPOSIXErrorDomain");
-    EXPECT_EQ(error.code(), EADDRINUSE);
-    EXPECT_EQ(error.description(), std::strerror(EADDRINUSE));
-    EXPECT_EQ(error.failureReason(), "Error in bind() function");
     holder.reset();
-
     EXPECT_TRUE(peer.socket->bindToPort(0, &error)) << error.description();
+
+    struct Case {
+        UdpSocketError error;
+        std::string domain;
+        int code;
+        std::string description;
+        std::optional<std::string> reason;
+    };
+    const std::string posix = "NSPOSIXErrorDomain", socket = "UdpSocketErrorDomain";
+    errno = ECONNREFUSED;
+    const Case cases[] = {
+        {error, posix, EADDRINUSE, std::strerror(EADDRINUSE), "Error in bind() function"},
+        {UdpSocketError::errnoError("Error in send() function."), posix, ECONNREFUSED,
+         std::strerror(ECONNREFUSED), "Error in send() function."},
+        {UdpSocketError::sendTimeoutError(), socket, 3, "Send operation timed out", std::nullopt},
+        {UdpSocketError::socketClosedError(), socket, 4, "Socket closed", std::nullopt},
+        {UdpSocketError::otherError("x"), socket, UdpSocketError::other, "x", std::nullopt},
+        {UdpSocketError::gaiError(EAI_FAIL), "kCFStreamErrorDomainNetDB", EAI_FAIL,
+         gai_strerror(EAI_FAIL), std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.description);
+        EXPECT_EQ(c.error.domain(), c.domain);
+        EXPECT_EQ(c.error.code(), c.code);
+        EXPECT_EQ(c.error.description(), c.description);
+        EXPECT_STREQ(c.error.what(), c.description.c_str());
+        EXPECT_EQ(c.error.failureReason(), c.reason);
+    }
 }
 
 TEST(UdpSocketPreconditions, DelegateAndDelegateQueueMustBeSet) {
@@ -339,32 +362,29 @@ TEST(UdpSocketSend, ADestinationThatCannotBeUsedFailsThatPacketOnly) {
         EXPECT_EQ(sender.sent(), (Tags{3}));
         ASSERT_TRUE(receiver.waitForReceived(2));
     }
-}
-
-TEST(UdpSocketSend, FamilyLeftOutByBindIsNeverChosen) {
-    Peer receiver;
-    receiver.listen();
-    // Bound to IPv4 only: IPv6 is deactivated and has no descriptor, so even a preference for
-    // IPv6 sends "localhost" over IPv4.
-    Peer sender;
-    UdpSocketError error;
-    ASSERT_TRUE(sender.socket->bindToPort(0, "127.0.0.1", &error)) << error.description();
-    EXPECT_EQ(sender.socket->socket6FD(), -1);
-    sender.socket->setPreferIPv6();
-    sender.socket->sendData(bytes("v4"), "localhost", receiver.socket->localPortIPv4(), 1.0, 1);
-    sender.socket->sendData(bytes("v6"), "::1", receiver.socket->localPortIPv6(), 1.0, 2);
-    ASSERT_TRUE(sender.waitForSends(1, 1));
-    EXPECT_EQ(sender.sent(), (Tags{1}));
-    EXPECT_EQ(sender.failures(), (Texts{"IPv6 has been deactivated due to bind/connect, and DNS "
-                                        "lookup found no IPv4 address(es)."}));
-    ASSERT_TRUE(receiver.waitForReceived(1));
-    EXPECT_FALSE(sender.socket->isClosed());
+    {
+        SCOPED_TRACE("family left out by bind");
+        // Bound to IPv4 only: IPv6 is deactivated and has no descriptor, so even a preference
+        // for IPv6 sends "localhost" over IPv4.
+        Peer sender;
+        UdpSocketError error;
+        ASSERT_TRUE(sender.socket->bindToPort(0, "127.0.0.1", &error)) << error.description();
+        EXPECT_EQ(sender.socket->socket6FD(), -1);
+        sender.socket->setPreferIPv6();
+        sender.socket->sendData(bytes("v4"), "localhost", port4, 1.0, 1);
+        sender.socket->sendData(bytes("v6"), "::1", port6, 1.0, 2);
+        ASSERT_TRUE(sender.waitForSends(1, 1));
+        EXPECT_EQ(sender.sent(), (Tags{1}));
+        EXPECT_EQ(sender.failures(), (Texts{"IPv6 has been deactivated due to bind/connect, and "
+                                            "DNS lookup found no IPv4 address(es)."}));
+        ASSERT_TRUE(receiver.waitForReceived(3));
+        EXPECT_FALSE(sender.socket->isClosed());
+    }
 }
 
 TEST(UdpSocketSend, EmptyDatagramsAreIgnoredWithoutReport) {
     Peer receiver;
-    receiver.socket->setIPv6Enabled(false);
-    receiver.listen();
+    receiver.listen(false);
     const std::uint16_t port = receiver.socket->localPortIPv4();
     Peer sender;
     sender.socket->sendData({}, "127.0.0.1", port, 1.0, 1);
@@ -376,9 +396,9 @@ TEST(UdpSocketSend, EmptyDatagramsAreIgnoredWithoutReport) {
     EXPECT_TRUE(sender.failures().empty());
 
     // An empty datagram from elsewhere is read and dropped; it does not end receiving.
-    test::RawSocket raw;
-    ASSERT_TRUE(raw.sendTo(port, {}));
-    ASSERT_TRUE(raw.sendTo(port, bytes("y")));
+    test::UdpPeer raw;
+    raw.sendTo(port, {});
+    raw.sendTo(port, bytes("y"));
     ASSERT_TRUE(receiver.waitForReceived(2));
     EXPECT_EQ(receiver.texts(), (Texts{"x", "y"}));
     EXPECT_TRUE(receiver.recorder->read([&] { return receiver.recorder->closed.empty(); }));
@@ -388,8 +408,7 @@ TEST(UdpSocketSend, FilteredPacketsReportSentWithoutTransmitting) {
     for (const bool asynchronous : {false, true}) {
         SCOPED_TRACE(asynchronous ? "asynchronous filter" : "synchronous filter");
         Peer receiver;
-        receiver.socket->setIPv6Enabled(false);
-        receiver.listen();
+        receiver.listen(false);
         const std::uint16_t port = receiver.socket->localPortIPv4();
         Peer sender;
         auto filterQueue = SerialQueue::create("test.filter");
@@ -429,7 +448,7 @@ TEST(UdpSocketReceive, BurstArrivesWholeInOrderThroughALargerKernelBuffer) {
     // Above the default (twice the send limit); without privilege the system's cap bounds it.
     EXPECT_GT(granted, 2 * 65535);
 
-    test::RawSocket sender;
+    test::UdpPeer sender;
     // Small datagrams take about a kilobyte each in the kernel's accounting.
     const int kCount = granted >= 4 << 20 ? 3000 : 200;
     Texts expected;
@@ -583,8 +602,7 @@ TEST(UdpSocketClose, ReportsOnlyWhenDescriptorsExisted) {
 
     // closeAfterSending waits for the queue, then closes without error.
     Peer receiver;
-    receiver.socket->setIPv6Enabled(false);
-    receiver.listen();
+    receiver.listen(false);
     peer.socket->sendData(bytes("last"), "127.0.0.1", receiver.socket->localPortIPv4(), 1.0, 9);
     peer.socket->closeAfterSending();
     ASSERT_TRUE(peer.recorder->waitFor([&] { return !peer.recorder->closed.empty(); }));
@@ -600,8 +618,7 @@ TEST(UdpSocketClose, ReportsOnlyWhenDescriptorsExisted) {
 
 TEST(UdpSocketConnect, ConnectedSocketTalksToItsPeerOnly) {
     Peer server;
-    server.socket->setIPv6Enabled(false);
-    server.listen();
+    server.listen(false);
     const std::uint16_t serverPort = server.socket->localPortIPv4();
 
     Peer client;
