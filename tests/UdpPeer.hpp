@@ -13,12 +13,14 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kavrin::test {
 
-// A plain IPv4 UDP socket, independent of the library under test, for the peers of the monitor
-// and of the codec's interop tests. `address` "0.0.0.0" holds the port on every interface.
+// A plain IPv4 UDP socket, independent of the library under test, for the peers of the monitor,
+// of the codec's interop tests and of the transport's servers and clients. `address` "0.0.0.0"
+// holds the port on every interface.
 class UdpPeer {
   public:
     explicit UdpPeer(std::uint16_t port = 0, const char* address = "127.0.0.1") {
@@ -42,17 +44,28 @@ class UdpPeer {
 
     // The next datagram, or nothing when none comes within `timeout`.
     std::optional<std::vector<std::uint8_t>> receive(std::chrono::milliseconds timeout) {
+        auto datagram = receiveFrom(timeout);
+        if (!datagram) return std::nullopt;
+        return std::move(datagram->first);
+    }
+
+    // The next datagram within `timeout` and the port it came from, or nothing.
+    std::optional<std::pair<std::vector<std::uint8_t>, std::uint16_t>> receiveFrom(
+        std::chrono::milliseconds timeout) {
         pollfd readable{fd_, POLLIN, 0};
         if (::poll(&readable, 1, static_cast<int>(timeout.count())) != 1) {
             return std::nullopt;
         }
         std::vector<std::uint8_t> datagram(65536);
-        const ssize_t size = ::recv(fd_, datagram.data(), datagram.size(), 0);
+        sockaddr_in from{};
+        socklen_t length = sizeof from;
+        const ssize_t size = ::recvfrom(fd_, datagram.data(), datagram.size(), 0,
+                                        reinterpret_cast<sockaddr*>(&from), &length);
         if (size < 0) {
             return std::nullopt;
         }
         datagram.resize(static_cast<std::size_t>(size));
-        return datagram;
+        return std::make_pair(std::move(datagram), ntohs(from.sin_port));
     }
 
     void sendTo(std::uint16_t port, const std::vector<std::uint8_t>& datagram) {

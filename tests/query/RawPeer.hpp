@@ -4,37 +4,23 @@
 // back: HTTP requests, well formed or not, and a WebSocket handshake with frames. Every wait
 // has a bound.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
+#include "../transport/TcpTestSupport.hpp"
+
 namespace kavrin::queryTest {
 
 class RawPeer {
   public:
-    explicit RawPeer(std::uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected_ = fd_ >= 0 && ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    ~RawPeer() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    RawPeer(const RawPeer&) = delete;
-    RawPeer& operator=(const RawPeer&) = delete;
+    explicit RawPeer(std::uint16_t port) : fd_(tcpTest::rawConnect("127.0.0.1", port)) {}
 
-    bool connected() const { return connected_; }
+    bool connected() const { return bool(fd_); }
     bool write(std::string_view bytes) {
-        return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+        return ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(bytes.size());
     }
     /// Reads until `done` says the text is whole, the peer closes or the bound passes.
     template <class Done>
@@ -43,10 +29,9 @@ class RawPeer {
         while (!done(received_)) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                 deadline - std::chrono::steady_clock::now());
-            pollfd entry{fd_, POLLIN, 0};
-            if (left.count() <= 0 || ::poll(&entry, 1, static_cast<int>(left.count())) <= 0) break;
+            if (left.count() <= 0 || !tcpTest::waitReadable(fd_.get(), left)) break;
             char buffer[65536];
-            const ssize_t length = ::recv(fd_, buffer, sizeof buffer, 0);
+            const ssize_t length = ::recv(fd_.get(), buffer, sizeof buffer, 0);
             if (length <= 0) {
                 closed_ = true;
                 break;
@@ -89,8 +74,7 @@ class RawPeer {
     }
 
   private:
-    const int fd_;
-    bool connected_ = false;
+    tcpTest::Fd fd_;
     bool closed_ = false;
     std::string received_;
 };
