@@ -3,6 +3,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace kavrin {
 
@@ -42,6 +43,35 @@ class SocketError : public std::runtime_error {
     int code_ = 0;
     std::string description_;
     std::optional<std::string> failureReason_;
+};
+
+/// What each socket's error type makes alike: its own domain's bad-config and bad-param errors,
+/// and the shared domains' errors as its own type. `Derived` names its socketDomain and its
+/// codes badConfig and badParam.
+template <class Derived>
+class SocketErrorOf : public SocketError {
+  public:
+    SocketErrorOf() = default;  ///< empty: no domain, code 0, no description
+    SocketErrorOf(std::string domain, int code, std::string description,
+                  std::optional<std::string> failureReason = std::nullopt)
+        : SocketError(std::move(domain), code, std::move(description),
+                      std::move(failureReason)) {}
+    /// An error of a shared domain, as the pieces shared with other sockets report it; an
+    /// unusable argument becomes this socket's bad-param error.
+    explicit SocketErrorOf(SocketError error)
+        : SocketError(error.domain() == paramDomain ? Derived::badParamError(error.description())
+                                                    : std::move(error)) {}
+
+    static Derived badConfigError(std::string description) {
+        return {Derived::socketDomain, Derived::badConfig, std::move(description)};
+    }
+    static Derived badParamError(std::string description) {
+        return {Derived::socketDomain, Derived::badParam, std::move(description)};
+    }
+    /// From the current errno; reason (the failing step) becomes the failure reason.
+    static Derived errnoError(std::optional<std::string> reason = std::nullopt) {
+        return Derived(posixError(std::move(reason)));
+    }
 };
 
 }  // namespace kavrin

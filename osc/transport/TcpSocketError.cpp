@@ -4,24 +4,6 @@
 
 namespace kavrin {
 
-TcpSocketError::TcpSocketError() = default;
-
-TcpSocketError::TcpSocketError(std::string domain, int code, std::string description,
-                               std::optional<std::string> failureReason)
-    : SocketError(std::move(domain), code, std::move(description), std::move(failureReason)) {}
-
-TcpSocketError::TcpSocketError(SocketError error)
-    : SocketError(error.domain() == paramDomain ? badParamError(error.description())
-                                                : std::move(error)) {}
-
-TcpSocketError TcpSocketError::badConfigError(std::string description) {
-    return {socketDomain, badConfig, std::move(description)};
-}
-
-TcpSocketError TcpSocketError::badParamError(std::string description) {
-    return {socketDomain, badParam, std::move(description)};
-}
-
 TcpSocketError TcpSocketError::connectTimeoutError() {
     return {socketDomain, connectTimeout, "Attempt to connect to host timed out"};
 }
@@ -57,10 +39,6 @@ TcpSocketError TcpSocketError::handshakeTimeoutError() {
 TcpSocketError TcpSocketError::tlsError(std::string description,
                                         std::optional<std::string> failureReason) {
     return {socketDomain, tls, std::move(description), std::move(failureReason)};
-}
-
-TcpSocketError TcpSocketError::errnoError(std::optional<std::string> reason) {
-    return TcpSocketError(posixError(std::move(reason)));
 }
 
 }  // namespace kavrin

@@ -11,7 +11,7 @@ namespace kavrin {
 /// socket's own errors (codes in Code), and the shared posixDomain (a refused connection is
 /// ECONNREFUSED there) and netDBDomain (SocketError). A plain value: safe to copy and pass
 /// between threads.
-class TcpSocketError : public SocketError {
+class TcpSocketError : public SocketErrorOf<TcpSocketError> {
   public:
     static constexpr const char* socketDomain = "TcpSocketErrorDomain";
 
@@ -34,14 +34,8 @@ class TcpSocketError : public SocketError {
         handshakeTimeout = 11,  ///< "TLS handshake timed out"
     };
 
-    TcpSocketError();  ///< empty: no domain, code 0, no description
-    TcpSocketError(std::string domain, int code, std::string description,
-                   std::optional<std::string> failureReason = std::nullopt);
-    /// An error of a shared domain, as the pieces shared with other sockets report it.
-    explicit TcpSocketError(SocketError error);
+    using SocketErrorOf::SocketErrorOf;
 
-    static TcpSocketError badConfigError(std::string description);
-    static TcpSocketError badParamError(std::string description);
     static TcpSocketError connectTimeoutError();
     static TcpSocketError readTimeoutError();
     static TcpSocketError writeTimeoutError();
@@ -52,8 +46,6 @@ class TcpSocketError : public SocketError {
     static TcpSocketError handshakeTimeoutError();
     static TcpSocketError tlsError(std::string description,
                                    std::optional<std::string> failureReason = std::nullopt);
-    /// From the current errno; reason (the failing step) becomes the failure reason.
-    static TcpSocketError errnoError(std::optional<std::string> reason = std::nullopt);
 };
 
 }  // namespace kavrin
