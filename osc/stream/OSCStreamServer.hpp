@@ -6,7 +6,6 @@
 #include <memory>
 #include <optional>
 #include <span>
-#include <unordered_map>
 #include <vector>
 
 #include "osc/dispatch/DispatchQueue.hpp"
@@ -95,9 +94,9 @@ class OSCStreamServer : public std::enable_shared_from_this<OSCStreamServer> {
     void stop();
 
     /// The port asked for at creation.
-    std::uint16_t port() const { return port_; }
+    std::uint16_t port() const;
     /// As given at creation.
-    const OSCStreamSettings& settings() const { return settings_; }
+    const OSCStreamSettings& settings() const;
     /// The port listened on once started, 0 before: the kernel's choice for port 0, the same
     /// on IPv4 and IPv6.
     std::uint16_t boundPort() const;
@@ -111,16 +110,8 @@ class OSCStreamServer : public std::enable_shared_from_this<OSCStreamServer> {
     void accepted(std::shared_ptr<TcpSocket> socket);
     void closed(const Connection& connection, const std::optional<TcpSocketError>& error);
 
-    const std::uint16_t port_;
-    const OSCStreamSettings settings_;
-    const std::shared_ptr<OSCStreamReceiver> receiver_;
-    const std::shared_ptr<ListenerDelegate> listenerDelegate_;
-    const std::shared_ptr<TcpSocket> listener_;
-    mutable std::mutex handlerMutex_;
-    OpenHandler openHandler_;    // guarded by handlerMutex_
-    CloseHandler closeHandler_;  // guarded by handlerMutex_
-    // Receive queue only.
-    std::unordered_map<std::uint64_t, Connection> connections_;
+    struct State;
+    const std::unique_ptr<State> d_;
 };
 
 }  // namespace kavrin
