@@ -27,8 +27,8 @@ std::atomic<std::chrono::microseconds::rep> floodInterval{0};
 // once, and a socket has a read and a write source on the same one. The duplicate is closed at
 // cancel, so the caller's descriptor is the only one left open for its cancel handler to close.
 // The loop watches a descriptor edge-triggered for reading and writing alike, whatever the wait,
-// so a source is in it only while resumed and not pausing: a suspended write source of a busy
-// socket would otherwise wake the loop for every datagram that arrives.
+// so a source joins it at its first wait and leaves it to pause: a socket's write source that
+// never waited would otherwise wake the loop for every datagram that arrives.
 //
 // A generation number identifies the one wait that may be outstanding; a completion from an
 // older wait (cancelled by suspend or cancel) is ignored. At most one event is on the queue at a
@@ -54,8 +54,10 @@ struct ReadinessSource::Impl : std::enable_shared_from_this<Impl> {
             drainedAt = std::chrono::steady_clock::now();
         }
         // A descriptor the loop cannot take fails the wait, which ends the waiting.
-        std::error_code error;
-        if (!watched.is_open()) watched.assign(fd, error);
+        if (!watched.is_open()) {
+            std::error_code error;
+            watched.assign(fd, error);
+        }
         const auto wait = kind == Kind::read ? asio::posix::stream_descriptor::wait_read
                                              : asio::posix::stream_descriptor::wait_write;
         watched.async_wait(wait, [self = shared_from_this(), gen = generation](
@@ -74,7 +76,7 @@ struct ReadinessSource::Impl : std::enable_shared_from_this<Impl> {
         waiting = pausing = false;
     }
 
-    // Called with mutex held: out of the event loop, as a suspended source.
+    // Called with mutex held: out of the event loop until the next wait.
     void leaveLoop() {
         stopWait();
         if (watched.is_open()) watched.release();
@@ -120,8 +122,8 @@ struct ReadinessSource::Impl : std::enable_shared_from_this<Impl> {
             // The loop could not watch the descriptor (it was closed under us): wait no more.
             return;
         }
-        // The loop may report an edge that an earlier event has consumed since: when its
-        // descriptor entered the loop with data waiting, or when a wait was re-armed.
+        // The loop may report an edge that an earlier event has consumed since, as when the
+        // descriptor joined the loop with data waiting: such a report waits again.
         if (!readyNow()) {
             startWait();
             return;
@@ -241,7 +243,7 @@ void ReadinessSource::resume() {
 void ReadinessSource::suspend() {
     std::lock_guard lock(impl_->mutex);
     impl_->resumed = false;
-    impl_->leaveLoop();
+    impl_->stopWait();
 }
 
 void ReadinessSource::cancel() {
