@@ -14,15 +14,19 @@
 
 namespace kavrin {
 
-// Work posted and not yet run. The first item after a quiet spell runs at once; while items
-// keep coming they run together once a millisecond, so a flood wakes the GUI thread a thousand
-// times a second rather than once per item, for at most a millisecond more lag.
+// Work posted and not yet run. What has come by the time the GUI thread gets to it runs as one
+// batch. A run within a millisecond of the last starts a rhythm: what has come runs once a
+// millisecond, for as long as each look finds several posts, so a flood of separate posts wakes
+// the thread a thousand times a second rather than per post. A look that finds a single post
+// ends it: a flood paced where it enters (the readiness sources' flood interval) already comes a
+// post a millisecond, and each of those runs at once.
 struct QtMainQueue::Pending : std::enable_shared_from_this<Pending> {
     static constexpr auto floodInterval = std::chrono::milliseconds(1);
 
     std::mutex mutex;
     std::vector<Work> items;
-    bool running = false;  // a run is posted or its follow-up timer armed
+    bool running = false;                           // a run is posted or its follow-up timer armed
+    std::chrono::steady_clock::time_point lastRun;  // GUI thread only
 
     // Under the lock: whether the caller must post a run.
     bool add(Work work) {
@@ -30,25 +34,28 @@ struct QtMainQueue::Pending : std::enable_shared_from_this<Pending> {
         return !std::exchange(running, true);
     }
 
-    // On the GUI thread. Runs what has come, then looks again after the interval; finding
-    // nothing then, it stops, and the next item posts a run of its own.
-    void run() {
+    // On the GUI thread; `followUp` for the look a flood's previous run arranged.
+    void run(bool followUp) {
+        const auto now = std::chrono::steady_clock::now();
+        const bool soon = now - lastRun < floodInterval;
+        lastRun = now;
         std::vector<Work> batch;
+        bool flood = false;
         {
             std::lock_guard lock(mutex);
             batch.swap(items);
-            if (batch.empty()) {
-                running = false;
-                return;
-            }
+            flood = !batch.empty() && (followUp ? batch.size() > 1 : soon);
+            if (!flood) running = false;
         }
+        if (batch.empty()) return;
         {
             const StdoutLines::Batch lines;
             for (auto& work : batch) work();
         }
+        if (!flood) return;
         QTimer::singleShot(floodInterval, Qt::PreciseTimer, QCoreApplication::instance(),
                            [weak = weak_from_this()] {
-                               if (auto self = weak.lock()) self->run();
+                               if (auto self = weak.lock()) self->run(true);
                            });
     }
 };
@@ -120,7 +127,7 @@ void QtMainQueue::async(Work work) {
         QMetaObject::invokeMethod(
             app,
             [weak = std::weak_ptr<Pending>(pending_)] {
-                if (auto pending = weak.lock()) pending->run();
+                if (auto pending = weak.lock()) pending->run(false);
             },
             Qt::QueuedConnection);
     }

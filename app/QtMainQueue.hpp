@@ -11,9 +11,12 @@ namespace kavrin {
 // posted. Work may be posted from any thread; it never runs inside the call. Work posted once
 // the QApplication is gone is dropped.
 //
-// Work runs in batches: the first item after a quiet spell at once, and while items keep coming
-// what has come once a millisecond, so that a flood of deliveries does not wake the GUI thread
-// for each. Each batch is one StdoutLines::Batch: its lines leave in one write() as it ends.
+// Work runs in batches: what has come by the time the GUI thread gets to it runs together, and
+// while separate posts keep coming what has come runs once a millisecond, so that a flood of
+// deliveries does not wake the GUI thread for each. A flood paced where it enters (the readiness
+// sources' flood interval, ReadinessSource::setFloodInterval) comes a post a millisecond, and
+// each runs at once. Each batch is one StdoutLines::Batch: its lines leave in one write() as it
+// ends.
 class QtMainQueue final : public DispatchQueue {
   public:
     QtMainQueue();

@@ -9,9 +9,14 @@
 #include "app/QtMainQueue.hpp"
 #include "app/QuitSignalNotifier.hpp"
 #include "app/ViewController.hpp"
+#include "osc/dispatch/ReadinessSource.hpp"
 
 int main(int argc, char* argv[]) {
     kavrin::installMonitorFatalErrorHandler();
+    // A flood of messages is read in millisecond gulps instead of a wake-up per datagram or two:
+    // the wake-ups were most of the monitor's CPU time. Each gulp reaches the GUI thread as one
+    // batch, so that thread too wakes at most once a millisecond.
+    kavrin::ReadinessSource::setFloodInterval(std::chrono::milliseconds(1));
     QApplication app(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("Kavrin"));
     QCoreApplication::setApplicationName(QStringLiteral("Kavrin"));

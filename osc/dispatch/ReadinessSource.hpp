@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -43,6 +44,14 @@ class ReadinessSource : public std::enable_shared_from_this<ReadinessSource> {
 
     /// For read sources: the bytes readable (FIONREAD) when the current event was taken.
     std::size_t bytesAvailable() const;
+
+    /// For the whole process, from any thread: while a read source's descriptor turns ready
+    /// again sooner than `interval` after its handler drained it, the source waits out the
+    /// interval before the next event instead of waking for each arrival, so a steady flood
+    /// costs one wake-up per interval rather than one per datagram or two, for at most
+    /// `interval` more latency. A backlog is still read without pause. Zero, the default,
+    /// turns it off: then a request and its reply never wait for a rhythm.
+    static void setFloodInterval(std::chrono::microseconds interval);
 
   private:
     struct Impl;

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <vector>
 
 #include "osc/dispatch/ManualQueue.hpp"
 #include "osc/dispatch/ReadinessSource.hpp"
@@ -135,6 +136,46 @@ TEST(ReadinessSource, ReadAndWriteSourcesShareADescriptor) {
     ASSERT_TRUE(cancelled.waitFor(1));
     drainQueue(*queue);
     EXPECT_EQ(written.value(), 1);
+    ::close(fds[1]);
+}
+
+// A flood is read a pause at a time, losing nothing; a source cancelled while pausing still
+// finishes once.
+TEST(ReadinessSource, AFloodIsReadAfterEachPauseAndCancelEndsAPause) {
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0, fds), 0);
+    ReadinessSource::setFloodInterval(300ms);  // far longer than the sends between events take
+    auto queue = SerialQueue::create("flood");
+    auto source = ReadinessSource::create(fds[0], ReadinessSource::Kind::read, queue);
+    Counter events, cancels;
+    std::vector<int> perEvent;  // datagrams each event read
+    source->setEventHandler([&] {
+        char c;
+        int read = 0;
+        while (::recv(fds[0], &c, 1, 0) == 1) ++read;
+        perEvent.push_back(read);
+        events.bump();
+    });
+    source->setCancelHandler([&] {
+        EXPECT_EQ(::close(fds[0]), 0);
+        cancels.bump();
+    });
+    source->resume();
+    // The second datagram comes soon after the first was read: a flood, so the source pauses
+    // after reading it, and the next two come in that pause and are read by one event.
+    for (int n = 1; n <= 2; ++n) {
+        ASSERT_EQ(::send(fds[1], "x", 1, 0), 1);
+        ASSERT_TRUE(events.waitFor(n));
+        drainQueue(*queue);  // the event is over: the source waits, or pauses
+    }
+    ASSERT_EQ(::send(fds[1], "y", 1, 0), 1);
+    ASSERT_EQ(::send(fds[1], "z", 1, 0), 1);
+    ASSERT_TRUE(events.waitFor(3));
+    source->cancel();  // in the pause that follows
+    ASSERT_TRUE(cancels.waitFor(1));
+    drainQueue(*queue);
+    EXPECT_EQ(perEvent, (std::vector<int>{1, 1, 2}));
+    ReadinessSource::setFloodInterval(0us);
     ::close(fds[1]);
 }
 
