@@ -82,6 +82,11 @@ namespace kavrin::matchBytes {
             // "/" ends the component being matched.
             return byte != '/' && (step.bits[(byte >> 6) & 1] >> (byte & 63) & 1) != 0 ? 1 : -1;
         }
+        case MatchStep::Kind::bracket:
+            return left != 0 && *at != '/' &&
+                           bracketTakesByte(step.text, static_cast<unsigned char>(*at))
+                       ? 1
+                       : -1;
         case MatchStep::Kind::braceList: {
             componentSyntax::Alternatives alternatives(componentSyntax::PatternBytes(step.text));
             bool any = false;

@@ -16,10 +16,21 @@ void readBracketByCharacters(std::string_view contents, MatchStep& step) {
     builder.finish(componentSyntax::scanGroups(CharacterView::segment(contents, storage), builder));
 }
 
+bool bracketTakesByte(std::string_view contents, unsigned char byte) {
+    matchStepDetail::GroupsTakeByte groups{byte};
+    const bool isExclusion =
+        componentSyntax::scanGroups(componentSyntax::PatternBytes(contents), groups);
+    if (!groups.sawCR) return groups.taken != isExclusion;
+    MatchStep step;
+    readBracketByCharacters(contents, step);
+    return (step.bits[byte >> 6] >> (byte & 63) & 1) != 0;
+}
+
 const MatchStep* PatternSteps::next() {
     if (at_ == text_.size() || text_[at_] == '/') return nullptr;
     if (opensWildcard(text_[at_])) {
         at_ = readWildcard(text_, at_, step_);
+        if (step_.kind == MatchStep::Kind::bracket) readBracket(step_.text, step_);
         return &step_;
     }
     // Literal text up to the next character that may open a wildcard.
