@@ -1,11 +1,14 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string_view>
+
+#include "support/ASCIIScan.hpp"
 
 // Internal to the pattern layer: the one reading of a pattern component's wildcard syntax,
 // shared by the parsed form (OSCAddressPattern::tokens, characterGroups) and the match steps.
@@ -26,10 +29,21 @@ class PatternBytes {
     PatternBytes slice(std::size_t from, std::size_t to) const {
         return PatternBytes({text_.data() + from, to - from});
     }
-    // Byte by byte: what is searched is a few bytes long.
-    std::optional<std::size_t> find(std::string_view character, std::size_t from) const {
-        for (std::size_t i = from; i < text_.size() && text_[i] != '/'; ++i) {
-            if (text_[i] == character[0]) return i;
+    // A word at a time, the last one read from the end of the text: matches() finds every
+    // closing bracket and comma of the pattern on every call.
+    [[gnu::always_inline]] std::optional<std::size_t> find(std::string_view character,
+                                                           std::size_t from) const {
+        const char* const first = text_.data();
+        const char* const end = first + text_.size();
+        for (const char* at = first + from; at < end; at += 8) {
+            // Bytes past the end read as zero, which is neither.
+            const std::uint64_t word = loadWordUpTo(first, at, end);
+            const std::uint64_t stops = bytesEqual(word, '/') | bytesEqual(word, character[0]);
+            if (stops == 0) continue;
+            const std::size_t i = static_cast<std::size_t>(at - first) +
+                                  static_cast<std::size_t>(std::countr_zero(stops)) / 8;
+            if (text_[i] == '/') return std::nullopt;
+            return i;
         }
         return std::nullopt;
     }

@@ -29,7 +29,7 @@ struct MatchStep {
         oneOf,      // "?" or "[...]": one character, judged by the verdicts below
         bracket,    // "[...]" read from a pattern and judged once: `text` holds its contents
         braceList,  // "{...}" read from a pattern: `text` holds its contents
-        strings,    // "{...}" kept or lowered from a token: its alternatives are listed
+        strings,    // "{...}" kept or lowered from a token: its alternatives listed in order
         star,       // "*"
     };
     Kind kind = Kind::text;
@@ -185,6 +185,10 @@ inline void readBracket(std::string_view contents, MatchStep& step) {
 // Whether a bracket's contents in a pattern's text take `byte`, an ASCII byte other than "/" and
 // a character of its own: the verdict of readBracket's step, without making it.
 bool bracketTakesByte(std::string_view contents, unsigned char byte);
+
+// The bytes that a brace list's contents in a pattern's text take of the `left` bytes at `at`,
+// or -1: the shortest alternative that is a prefix, as matchBytes::takeBytes takes a list.
+std::ptrdiff_t braceListTakesBytes(std::string_view contents, const char* at, std::size_t left);
 
 // Reads the step that the character at `at` of a pattern's text begins, where a wildcard may
 // open: a star, oneOf, bracket or brace list, or else a text step of that one character. Returns
