@@ -115,7 +115,7 @@ void scan(const Text& component, Sink& sink) {
 // wait on a stack, a dash pairs the top one with the next, and those left at the end are
 // singles, then the literal dash, if one was seen.
 template <class Text, class Sink>
-bool scanGroups(const Text& contents, Sink& sink) {
+[[gnu::always_inline]] inline bool scanGroups(const Text& contents, Sink& sink) {
     if (contents.empty()) return false;
     const bool isExclusion = contents[0] == "!";
     std::array<std::uint32_t, 32> small;

@@ -107,11 +107,12 @@ struct GroupsTakeByte {
         see(character);
         taken |= static_cast<unsigned char>(character[0]) == byte;
     }
+    // A pattern's text is ASCII, and a reversed range takes no byte.
     [[gnu::always_inline]] void range(std::string_view start, std::string_view end) {
         see(start);
         see(end);
-        const auto bounds = asciiRange(start, end);
-        taken |= bounds && bounds->first <= byte && byte <= bounds->second;
+        taken |= static_cast<unsigned char>(start[0]) <= byte &&
+                 byte <= static_cast<unsigned char>(end[0]);
     }
 
   private:
