@@ -67,22 +67,6 @@ template <class Word>
     return asciiScanDetail::load<Word>(at);
 }
 
-// Up to eight bytes from `at` in one word, the first byte low; what lies past `end` is
-// unspecified. [first, end) may be read: near its end the last eight bytes are read and
-// shifted, so that short texts need no byte loop.
-[[gnu::always_inline]] inline std::uint64_t loadWordUpTo(const char* first, const char* at,
-                                                         const char* end) {
-    const std::ptrdiff_t left = end - at;
-    if (left >= 8) return loadWord<std::uint64_t>(at);
-    if (left <= 0) return 0;
-    if (end - first >= 8) return loadWord<std::uint64_t>(end - 8) >> (8 * (8 - left));
-    std::uint64_t word = 0;
-    for (std::ptrdiff_t i = 0; i < left; ++i) {
-        word |= std::uint64_t{static_cast<unsigned char>(at[i])} << (8 * i);
-    }
-    return word;
-}
-
 // The high bit of each byte of `word` that equals `byte`, and of no other byte: unlike the
 // quicker borrow trick, a match never marks the byte above it too, so any bit may be used.
 [[gnu::always_inline]] inline std::uint64_t bytesEqual(std::uint64_t word, unsigned char byte) {

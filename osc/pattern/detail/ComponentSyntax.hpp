@@ -16,6 +16,22 @@
 // for any UTF-8. Plain functions: any thread.
 namespace kavrin::componentSyntax {
 
+// Up to eight bytes from `at` in one word, the first byte low; those past `end` read as zero.
+// [first, end) may be read: near its end the last eight bytes are read and shifted, so that
+// short texts need no byte loop.
+[[gnu::always_inline]] inline std::uint64_t loadWordUpTo(const char* first, const char* at,
+                                                         const char* end) {
+    const std::ptrdiff_t left = end - at;
+    if (left >= 8) return loadWord<std::uint64_t>(at);
+    if (left <= 0) return 0;
+    if (end - first >= 8) return loadWord<std::uint64_t>(end - 8) >> (8 * (8 - left));
+    std::uint64_t word = 0;
+    for (std::ptrdiff_t i = 0; i < left; ++i) {
+        word |= std::uint64_t{static_cast<unsigned char>(at[i])} << (8 * i);
+    }
+    return word;
+}
+
 // A pattern's text, a byte per character, with CharacterView's operations inline. It may run on
 // past the component being read, which a "/" ends: nothing is found past one. (CR LF, one
 // character, matters only between brackets: see readBracket.)

@@ -75,7 +75,8 @@ namespace kavrin::matchBytes {
             // The alternatives are in the set's order (MatchProgram): those that are prefixes of
             // one text are prefixes of one another, and a prefix comes first, so the first that
             // fits is the shortest.
-            const std::uint64_t word = loadWordUpTo(first, at, end);  // once for all alternatives
+            // Once for all alternatives.
+            const std::uint64_t word = componentSyntax::loadWordUpTo(first, at, end);
             for (const MatchPiece* piece = pieces + step.first;
                  piece != pieces + step.first + step.count; ++piece) {
                 const std::size_t size = piece->text.size();
