@@ -1,17 +1,36 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string_view>
 
+#include "support/ASCIIScan.hpp"
+
 // Internal to the pattern layer: the one reading of a pattern component's wildcard syntax,
 // shared by the parsed form (OSCAddressPattern::tokens, characterGroups) and the match steps.
 // It reads through a text of characters: PatternBytes for a pattern's ASCII text, CharacterView
 // for any UTF-8. Plain functions: any thread.
 namespace kavrin::componentSyntax {
+
+// Up to eight bytes from `at` in one word, the first byte low; those past `end` read as zero.
+// [first, end) may be read: near its end the last eight bytes are read and shifted, so that
+// short texts need no byte loop.
+[[gnu::always_inline]] inline std::uint64_t loadWordUpTo(const char* first, const char* at,
+                                                         const char* end) {
+    const std::ptrdiff_t left = end - at;
+    if (left >= 8) return loadWord<std::uint64_t>(at);
+    if (left <= 0) return 0;
+    if (end - first >= 8) return loadWord<std::uint64_t>(end - 8) >> (8 * (8 - left));
+    std::uint64_t word = 0;
+    for (std::ptrdiff_t i = 0; i < left; ++i) {
+        word |= std::uint64_t{static_cast<unsigned char>(at[i])} << (8 * i);
+    }
+    return word;
+}
 
 // A pattern's text, a byte per character, with CharacterView's operations inline. It may run on
 // past the component being read, which a "/" ends: nothing is found past one. (CR LF, one
@@ -26,10 +45,21 @@ class PatternBytes {
     PatternBytes slice(std::size_t from, std::size_t to) const {
         return PatternBytes({text_.data() + from, to - from});
     }
-    // Byte by byte: what is searched is a few bytes long.
-    std::optional<std::size_t> find(std::string_view character, std::size_t from) const {
-        for (std::size_t i = from; i < text_.size() && text_[i] != '/'; ++i) {
-            if (text_[i] == character[0]) return i;
+    // A word at a time, the last one read from the end of the text: matches() finds every
+    // closing bracket and comma of the pattern on every call.
+    [[gnu::always_inline]] std::optional<std::size_t> find(std::string_view character,
+                                                           std::size_t from) const {
+        const char* const first = text_.data();
+        const char* const end = first + text_.size();
+        for (const char* at = first + from; at < end; at += 8) {
+            // Bytes past the end read as zero, which is neither.
+            const std::uint64_t word = loadWordUpTo(first, at, end);
+            const std::uint64_t stops = bytesEqual(word, '/') | bytesEqual(word, character[0]);
+            if (stops == 0) continue;
+            const std::size_t i = static_cast<std::size_t>(at - first) +
+                                  static_cast<std::size_t>(std::countr_zero(stops)) / 8;
+            if (text_[i] == '/') return std::nullopt;
+            return i;
         }
         return std::nullopt;
     }
@@ -101,7 +131,7 @@ void scan(const Text& component, Sink& sink) {
 // wait on a stack, a dash pairs the top one with the next, and those left at the end are
 // singles, then the literal dash, if one was seen.
 template <class Text, class Sink>
-bool scanGroups(const Text& contents, Sink& sink) {
+[[gnu::always_inline]] inline bool scanGroups(const Text& contents, Sink& sink) {
     if (contents.empty()) return false;
     const bool isExclusion = contents[0] == "!";
     std::array<std::uint32_t, 32> small;

@@ -44,31 +44,12 @@ namespace kavrin::matchBytes {
     return at;
 }
 
-// Up to eight bytes from `at` in one word, the first byte low; what lies past `end` is
-// unspecified. [first, end) may be read: near its end the last eight bytes are read and
-// shifted, so that short texts need no byte loop.
-[[gnu::always_inline]] inline std::uint64_t loadAt(const char* first, const char* at,
-                                                   const char* end) {
-    const std::ptrdiff_t left = end - at;
-    if (left >= 8) return loadWord<std::uint64_t>(at);
-    if (left <= 0) return 0;
-    if (end - first >= 8) return loadWord<std::uint64_t>(end - 8) >> (8 * (8 - left));
-    std::uint64_t word = 0;
-    for (std::ptrdiff_t i = 0; i < left; ++i) {
-        word |= std::uint64_t{static_cast<unsigned char>(at[i])} << (8 * i);
-    }
-    return word;
-}
-
 // The bytes a step other than a star takes at `at` in [at, end), or -1. [first, end) may be
 // read; `pieces` are the program's, or null for steps read from a pattern's text.
 [[gnu::always_inline]] inline std::ptrdiff_t takeBytes(const MatchStep& step,
                                                        const MatchPiece* pieces, const char* first,
                                                        const char* at, const char* end) {
     const auto left = static_cast<std::size_t>(end - at);
-    // Alternatives that are prefixes of one text are prefixes of one another, and a prefix comes
-    // first in the set's order: so the first in that order that fits is the shortest.
-    std::size_t shortest = SIZE_MAX;
     switch (step.kind) {
         case MatchStep::Kind::text: {
             const std::size_t size = step.text.size();
@@ -82,38 +63,34 @@ namespace kavrin::matchBytes {
             // "/" ends the component being matched.
             return byte != '/' && (step.bits[(byte >> 6) & 1] >> (byte & 63) & 1) != 0 ? 1 : -1;
         }
-        case MatchStep::Kind::braceList: {
-            componentSyntax::Alternatives alternatives(componentSyntax::PatternBytes(step.text));
-            bool any = false;
-            while (const auto alternative = alternatives.next()) {
-                any = true;
-                const std::size_t size = alternative->size();
-                if (size <= left && size < shortest &&
-                    sameBytes(at, alternative->text().data(), size)) {
-                    shortest = size;
-                }
-            }
-            // Deliberate: "{}" takes nothing and matches.
-            if (!any) return 0;
-            break;
-        }
+        case MatchStep::Kind::bracket:
+            return left != 0 && *at != '/' &&
+                           bracketTakesByte(step.text, static_cast<unsigned char>(*at))
+                       ? 1
+                       : -1;
+        case MatchStep::Kind::braceList:
+            return braceListTakesBytes(step.text, at, left);
         case MatchStep::Kind::strings: {
             if (step.count == 0) return 0;
-            const std::uint64_t word = loadAt(first, at, end);  // once for all alternatives
+            // The alternatives are in the set's order (MatchProgram): those that are prefixes of
+            // one text are prefixes of one another, and a prefix comes first, so the first that
+            // fits is the shortest.
+            // Once for all alternatives.
+            const std::uint64_t word = componentSyntax::loadWordUpTo(first, at, end);
             for (const MatchPiece* piece = pieces + step.first;
                  piece != pieces + step.first + step.count; ++piece) {
                 const std::size_t size = piece->text.size();
-                if (size <= left && size < shortest && (word & piece->mask) == piece->head &&
+                if (size <= left && (word & piece->mask) == piece->head &&
                     (size <= 8 || sameBytes(at + 8, piece->text.data() + 8, size - 8))) {
-                    shortest = size;
+                    return static_cast<std::ptrdiff_t>(size);
                 }
             }
-            break;
+            return -1;
         }
         case MatchStep::Kind::star:
-            return -1;
+            break;
     }
-    return shortest <= left ? static_cast<std::ptrdiff_t>(shortest) : -1;
+    return -1;
 }
 
 // The search from a star through the rest of its component, [begin, stop). Out of line, so

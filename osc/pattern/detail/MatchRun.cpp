@@ -44,6 +44,11 @@ std::ptrdiff_t takeCharacters(const MatchStep& step, const MatchPiece* pieces,
         }
         case MatchStep::Kind::oneOf:
             return !rest.empty() && oneOfAccepts(step, pieces, rest[0]) ? 1 : -1;
+        case MatchStep::Kind::bracket: {
+            MatchStep oneOf;
+            readBracket(step.text, oneOf);
+            return takeCharacters(oneOf, pieces, rest, storage);
+        }
         case MatchStep::Kind::braceList:
         case MatchStep::Kind::strings: {
             // The shortest alternative that is a prefix, as byte-wise (matchBytes::takeBytes).

@@ -4,6 +4,7 @@
 
 #include "osc/pattern/CharacterView.hpp"
 #include "osc/pattern/detail/ComponentSyntax.hpp"
+#include "osc/pattern/detail/MatchBytes.hpp"
 
 namespace kavrin {
 
@@ -16,10 +17,45 @@ void readBracketByCharacters(std::string_view contents, MatchStep& step) {
     builder.finish(componentSyntax::scanGroups(CharacterView::segment(contents, storage), builder));
 }
 
+bool bracketTakesByte(std::string_view contents, unsigned char byte) {
+    matchStepDetail::GroupsTakeByte groups{byte};
+    const bool isExclusion =
+        componentSyntax::scanGroups(componentSyntax::PatternBytes(contents), groups);
+    if (!groups.sawCR) return groups.taken != isExclusion;
+    MatchStep step;
+    readBracketByCharacters(contents, step);
+    return (step.bits[byte >> 6] >> (byte & 63) & 1) != 0;
+}
+
+// The alternatives as componentSyntax::Alternatives reads them, the pieces between commas with
+// empty ones dropped, found in one pass: the contents hold no "/" to stop at.
+std::ptrdiff_t braceListTakesBytes(std::string_view contents, const char* at, std::size_t left) {
+    bool any = false;
+    std::size_t shortest = SIZE_MAX;
+    const char* begin = contents.data();
+    const char* const end = begin + contents.size();
+    for (const char* c = begin;; ++c) {
+        if (c != end && *c != ',') continue;
+        const auto size = static_cast<std::size_t>(c - begin);
+        if (size != 0) {
+            any = true;
+            if (size <= left && size < shortest && matchBytes::sameBytes(at, begin, size)) {
+                shortest = size;
+            }
+        }
+        if (c == end) break;
+        begin = c + 1;
+    }
+    // Deliberate: "{}" takes nothing and matches.
+    if (!any) return 0;
+    return shortest <= left ? static_cast<std::ptrdiff_t>(shortest) : -1;
+}
+
 const MatchStep* PatternSteps::next() {
     if (at_ == text_.size() || text_[at_] == '/') return nullptr;
     if (opensWildcard(text_[at_])) {
         at_ = readWildcard(text_, at_, step_);
+        if (step_.kind == MatchStep::Kind::bracket) readBracket(step_.text, step_);
         return &step_;
     }
     // Literal text up to the next character that may open a wildcard.
@@ -44,6 +80,9 @@ void MatchProgram::read(std::string_view component) {
         componentSyntax::Alternatives each(componentSyntax::PatternBytes(strings.text));
         while (const auto alternative = each.next()) pieces.emplace_back(alternative->text());
         strings.count = static_cast<std::uint32_t>(pieces.size()) - strings.first;
+        // In the set's order, as lowered ones are, for the matchers that stop at the first fit.
+        std::sort(pieces.begin() + strings.first, pieces.end(),
+                  [](const MatchPiece& x, const MatchPiece& y) { return x.text < y.text; });
     }
     setSpans(from);
 }

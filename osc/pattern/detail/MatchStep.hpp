@@ -5,9 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "osc/pattern/CharacterView.hpp"
@@ -25,8 +27,9 @@ struct MatchStep {
     enum class Kind : std::uint8_t {
         text,       // characters that stand as written
         oneOf,      // "?" or "[...]": one character, judged by the verdicts below
+        bracket,    // "[...]" read from a pattern and judged once: `text` holds its contents
         braceList,  // "{...}" read from a pattern: `text` holds its contents
-        strings,    // "{...}" kept or lowered from a token: its alternatives are listed
+        strings,    // "{...}" kept or lowered from a token: its alternatives listed in order
         star,       // "*"
     };
     Kind kind = Kind::text;
@@ -34,7 +37,7 @@ struct MatchStep {
     bool exclusion = false;      // oneOf: the verdict on other characters not listed
     bool thenSeparator = false;  // star: then the "/" that ends its component (a whole path's)
     std::uint32_t span = 0;      // star: how many steps follow it in its component (kept steps)
-    std::string_view text;       // text, braceList
+    std::string_view text;       // text, bracket, braceList
     // oneOf: the listed characters that are neither one ASCII byte nor CR LF (only lowered
     // steps have any); strings: the alternatives. As [first, first + count) of the pieces.
     std::uint32_t first = 0;
@@ -58,7 +61,8 @@ struct MatchPiece {
 
 // The steps of a pattern's ASCII text from some point up to the "/" or end that ends its
 // component, read one at a time as a search asks for them: nothing is kept, so reading needs
-// no memory, and none of them lists pieces.
+// no memory, and none of them lists pieces. A search judges a step at many positions, so a
+// bracket comes as its oneOf step.
 class PatternSteps {
   public:
     explicit PatternSteps(std::string_view text) : text_(text) {}
@@ -79,6 +83,41 @@ inline std::uint64_t bitsBetween(unsigned from, unsigned to) {
     if (from >= to) return 0;
     return (to - from == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << (to - from)) - 1) << from;
 }
+
+// The ASCII codes a range of a bracket takes, both included, CR LF counting as a line feed; none
+// for a reversed range ("z-a") or one with a non-ASCII bound, which deliberately take nothing.
+[[gnu::always_inline]] inline std::optional<std::pair<std::uint8_t, std::uint8_t>> asciiRange(
+    std::string_view start, std::string_view end) {
+    const auto low = CharacterView::asciiValue(start);
+    const auto high = CharacterView::asciiValue(end);
+    if (!low || !high || *low > *high) return std::nullopt;
+    return std::pair(*low, *high);
+}
+
+// Whether the groups of a bracket's contents in a pattern's text, as componentSyntax::scanGroups
+// tells them byte by byte, take one ASCII byte that is a character of its own. Every byte but a
+// leading "!" and the dashes comes as a single or a bound: so a CR, which may begin the one
+// character CR LF, is seen.
+struct GroupsTakeByte {
+    unsigned char byte;
+    bool taken = false;
+    bool sawCR = false;
+
+    [[gnu::always_inline]] void single(std::string_view character) {
+        see(character);
+        taken |= static_cast<unsigned char>(character[0]) == byte;
+    }
+    // A pattern's text is ASCII, and a reversed range takes no byte.
+    [[gnu::always_inline]] void range(std::string_view start, std::string_view end) {
+        see(start);
+        see(end);
+        taken |= static_cast<unsigned char>(start[0]) <= byte &&
+                 byte <= static_cast<unsigned char>(end[0]);
+    }
+
+  private:
+    [[gnu::always_inline]] void see(std::string_view character) { sawCR |= character[0] == '\r'; }
+};
 
 // Makes the verdicts of a oneOf step from the groups of a bracket expression, as
 // componentSyntax::scanGroups or a token tells them. `pieces` may be null where every character
@@ -102,14 +141,11 @@ class OneOfBuilder {
         }
     }
 
-    // Judged by ASCII code, CR LF counting as a line feed.
     [[gnu::always_inline]] void range(std::string_view start, std::string_view end) {
-        const auto low = CharacterView::asciiValue(start);
-        const auto high = CharacterView::asciiValue(end);
-        // Deliberate: a reversed range ("z-a") or one with a non-ASCII bound accepts nothing.
-        if (!low || !high || *low > *high) return;
-        const unsigned from = *low;
-        const unsigned to = *high + 1u;
+        const auto bounds = asciiRange(start, end);
+        if (!bounds) return;
+        const unsigned from = bounds->first;
+        const unsigned to = bounds->second + 1u;
         step_.bits[0] |= bitsBetween(std::min(from, 64u), std::min(to, 64u));
         step_.bits[1] |= bitsBetween(std::max(from, 64u) - 64, std::max(to, 64u) - 64);
         if (from <= '\n' && '\n' < to) step_.acceptsCRLF = true;
@@ -147,9 +183,17 @@ inline void readBracket(std::string_view contents, MatchStep& step) {
     builder.finish(componentSyntax::scanGroups(componentSyntax::PatternBytes(contents), builder));
 }
 
+// Whether a bracket's contents in a pattern's text take `byte`, an ASCII byte other than "/" and
+// a character of its own: the verdict of readBracket's step, without making it.
+bool bracketTakesByte(std::string_view contents, unsigned char byte);
+
+// The bytes that a brace list's contents in a pattern's text take of the `left` bytes at `at`,
+// or -1: the shortest alternative that is a prefix, as matchBytes::takeBytes takes a list.
+std::ptrdiff_t braceListTakesBytes(std::string_view contents, const char* at, std::size_t left);
+
 // Reads the step that the character at `at` of a pattern's text begins, where a wildcard may
-// open: a star, oneOf or brace list, or else a text step of that one character. Returns the
-// index after it. Inline: matches() reads every wildcard of the pattern on every call.
+// open: a star, oneOf, bracket or brace list, or else a text step of that one character. Returns
+// the index after it. Inline: matches() reads every wildcard of the pattern on every call.
 [[gnu::always_inline]] inline std::size_t readWildcard(std::string_view text, std::size_t at,
                                                        MatchStep& step) {
     using componentSyntax::Reading;
@@ -166,9 +210,9 @@ inline void readBracket(std::string_view contents, MatchStep& step) {
             makeAny(step);
             break;
         case Reading::Kind::bracket:
-            readBracket(
-                {text.data() + reading.contentsBegin, reading.contentsEnd - reading.contentsBegin},
-                step);
+            step.kind = MatchStep::Kind::bracket;
+            step.text = {text.data() + reading.contentsBegin,
+                         reading.contentsEnd - reading.contentsBegin};
             break;
         case Reading::Kind::brace:
             step.kind = MatchStep::Kind::braceList;
