@@ -52,8 +52,12 @@ template <class Derived>
 class SocketErrorOf : public SocketError {
   public:
     SocketErrorOf() = default;  ///< empty: no domain, code 0, no description
+    // Two constructors rather than a default argument: an empty reason made inline, then moved,
+    // draws a false "may be used uninitialized" from g++ 12.
+    SocketErrorOf(std::string domain, int code, std::string description)
+        : SocketError(std::move(domain), code, std::move(description)) {}
     SocketErrorOf(std::string domain, int code, std::string description,
-                  std::optional<std::string> failureReason = std::nullopt)
+                  std::optional<std::string> failureReason)
         : SocketError(std::move(domain), code, std::move(description),
                       std::move(failureReason)) {}
     /// An error of a shared domain, as the pieces shared with other sockets report it; an
