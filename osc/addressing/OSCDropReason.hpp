@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "osc/codec/OSCError.hpp"
@@ -30,29 +32,18 @@ inline OSCDropReason dropReasonOf(const OSCDecodeError& error) {
 
 /// A server's count of what it dropped, by reason: added to on its receive queue, read from
 /// any thread.
-struct OSCDropTally {
-    std::atomic<std::uint64_t> notOSC{0}, malformed{0}, unexpectedType{0},
-        internalInconsistency{0}, overScheduledLimit{0};
-
-    void add(OSCDropReason reason) {
-        switch (reason) {
-            case OSCDropReason::notOSC:
-                ++notOSC;
-                break;
-            case OSCDropReason::malformed:
-                ++malformed;
-                break;
-            case OSCDropReason::unexpectedType:
-                ++unexpectedType;
-                break;
-            case OSCDropReason::internalInconsistency:
-                ++internalInconsistency;
-                break;
-            case OSCDropReason::overScheduledLimit:
-                ++overScheduledLimit;
-                break;
-        }
+class OSCDropTally {
+  public:
+    void add(OSCDropReason reason) { ++counts_[static_cast<std::size_t>(reason)]; }
+    std::uint64_t operator[](OSCDropReason reason) const {
+        return counts_[static_cast<std::size_t>(reason)].load();
     }
+
+  private:
+    // One per reason, overScheduledLimit being the last.
+    std::array<std::atomic<std::uint64_t>,
+               static_cast<std::size_t>(OSCDropReason::overScheduledLimit) + 1>
+        counts_{};
 };
 
 }  // namespace kavrin

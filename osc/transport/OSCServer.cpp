@@ -170,11 +170,11 @@ OSCServer::Counters OSCServer::counters() const {
     return {d.datagramsReceived_.load(),
             d.messagesDelivered_.load(),
             d.messagesViewed_.load(),
-            d.dropped_.notOSC.load(),
-            d.dropped_.malformed.load(),
-            d.dropped_.unexpectedType.load(),
-            d.dropped_.internalInconsistency.load(),
-            d.dropped_.overScheduledLimit.load(),
+            d.dropped_[OSCDropReason::notOSC],
+            d.dropped_[OSCDropReason::malformed],
+            d.dropped_[OSCDropReason::unexpectedType],
+            d.dropped_[OSCDropReason::internalInconsistency],
+            d.dropped_[OSCDropReason::overScheduledLimit],
             d.mismatches_.load()};
 }
 

@@ -61,11 +61,11 @@ OSCStreamCounters OSCStreamReceiver::counters() const {
             counted_.packetsReceived.load(),
             counted_.messagesDelivered.load(),
             counted_.messagesViewed.load(),
-            dropped_.notOSC.load(),
-            dropped_.malformed.load(),
-            dropped_.unexpectedType.load(),
-            dropped_.internalInconsistency.load(),
-            dropped_.overScheduledLimit.load()};
+            dropped_[OSCDropReason::notOSC],
+            dropped_[OSCDropReason::malformed],
+            dropped_[OSCDropReason::unexpectedType],
+            dropped_[OSCDropReason::internalInconsistency],
+            dropped_[OSCDropReason::overScheduledLimit]};
 }
 
 void OSCStreamReceiver::opened(const Connection& connection) {
