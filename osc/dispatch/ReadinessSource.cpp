@@ -153,11 +153,6 @@ struct ReadinessSource::Impl : std::enable_shared_from_this<Impl> {
             std::lock_guard lock(mutex);
             eventPosted = false;
             if (cancelled || !resumed) return;
-            if (kind == Kind::read) {
-                int count = 0;
-                available =
-                    ::ioctl(fd, FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
-            }
             handler = eventHandler;
         }
         if (handler) handler();
@@ -187,7 +182,6 @@ struct ReadinessSource::Impl : std::enable_shared_from_this<Impl> {
     std::unique_ptr<asio::steady_timer> pause;        // made at the first flood
     std::chrono::steady_clock::time_point drainedAt;  // when the last wait began
     std::uint64_t generation = 0;
-    std::size_t available = 0;
     bool waiting = false;
     bool pausing = false;
     bool flooding = false;
@@ -269,9 +263,11 @@ bool ReadinessSource::isCancelled() const {
     return impl_->cancelled;
 }
 
+// Asked for, not taken with every event: most handlers just read until the call would block.
 std::size_t ReadinessSource::bytesAvailable() const {
-    std::lock_guard lock(impl_->mutex);
-    return impl_->available;
+    if (impl_->kind != Kind::read) return 0;
+    int count = 0;
+    return ::ioctl(impl_->fd, FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
 }
 
 void ReadinessSource::setFloodInterval(std::chrono::microseconds interval) {

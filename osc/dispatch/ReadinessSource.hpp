@@ -42,7 +42,7 @@ class ReadinessSource : public std::enable_shared_from_this<ReadinessSource> {
     void cancel();
     bool isCancelled() const;
 
-    /// For read sources: the bytes readable (FIONREAD) when the current event was taken.
+    /// For read sources: the bytes readable now (FIONREAD); 0 for write sources.
     std::size_t bytesAvailable() const;
 
     /// For the whole process, from any thread: while a read source's descriptor turns ready

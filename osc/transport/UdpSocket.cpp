@@ -232,7 +232,7 @@ void UdpSocket::setupSources(Family& f, bool isIPv4) {
     };
     f.sendSource->setCancelHandler(cancelHandler);
     f.receiveSource->setCancelHandler(cancelHandler);
-    f.bytesAvailable = 0;
+    f.readable = false;
     d_->flags_ |= writableBit(isIPv4);
 }
 
@@ -244,7 +244,7 @@ void UdpSocket::closeSocket(Family& f, bool isIPv4) {
     f.receiveSource.cancel();
     d_->flags_ &= ~writableBit(isIPv4);
     f.fd = -1;
-    f.bytesAvailable = 0;
+    f.readable = false;
     f.scratch = {};
     f.slots.reset();
     f.slotSize = 0;

@@ -79,15 +79,15 @@ void UdpSocket::setReceiveFilter(ReceiveFilter filter, std::shared_ptr<DispatchQ
 
 void UdpSocket::onReadable(bool isIPv4) {
     Family& f = isIPv4 ? d_->socket4_ : d_->socket6_;
-    // A datagram socket has no end of stream: a zero count is an empty datagram waiting, which
-    // the receive step reads and drops, so one empty datagram cannot close the socket.
-    f.bytesAvailable = std::max<std::uint64_t>(f.receiveSource->bytesAvailable(), 1);
+    // Readable is all the receive step needs to know: it reads until the call would block. A
+    // datagram socket has no end of stream, so an empty datagram waiting cannot close it.
+    f.readable = true;
     doReceive();
 }
 
 void UdpSocket::resumeDrainedReceiveSources() {
     for (Family* f : {&d_->socket4_, &d_->socket6_}) {
-        if (f->bytesAvailable == 0) {
+        if (!f->readable) {
             f->receiveSource.resume();
         }
     }
@@ -95,7 +95,7 @@ void UdpSocket::resumeDrainedReceiveSources() {
 
 void UdpSocket::suspendReceiveSourcesWithData() {
     for (Family* f : {&d_->socket4_, &d_->socket6_}) {
-        if (f->bytesAvailable > 0) {
+        if (f->readable) {
             f->receiveSource.suspend();
         }
     }
@@ -118,8 +118,8 @@ void UdpSocket::doReceive() {
             suspendReceiveSourcesWithData();
             break;
         }
-        const bool has4 = d_->socket4_.bytesAvailable > 0;
-        const bool has6 = d_->socket6_.bytesAvailable > 0;
+        const bool has4 = d_->socket4_.readable;
+        const bool has6 = d_->socket6_.readable;
         if ((!has4 && !has6) || read >= kTurnDatagrams) {
             d_->socket4_.receiveSource.resume();
             d_->socket6_.receiveSource.resume();
@@ -158,12 +158,7 @@ bool UdpSocket::receiveOne(bool isIPv4) {
                                       reinterpret_cast<sockaddr*>(&source), &sourceLength);
     const int receiveErrno = errno;
     if (result < 1) {
-        f.bytesAvailable = 0;
-    } else {
-        // The kernel reports the size of the next datagram only, not of all that wait: keep
-        // reading until it says there is nothing left.
-        const auto size = static_cast<std::uint64_t>(result);
-        f.bytesAvailable = f.bytesAvailable > size ? f.bytesAvailable - size : 1;
+        f.readable = false;
     }
     if (result == 0 || (result < 0 && (receiveErrno == EAGAIN || receiveErrno == EWOULDBLOCK))) {
         resumeDrainedReceiveSources();
@@ -242,7 +237,7 @@ bool UdpSocket::receiveMany(bool isIPv4) {
     const int count = ::recvmmsg(f.fd, messages, kSlots, 0, nullptr);
     if (count < 0) {
         const int receiveErrno = errno;
-        f.bytesAvailable = 0;
+        f.readable = false;
         if (receiveErrno == EAGAIN || receiveErrno == EWOULDBLOCK) {
             resumeDrainedReceiveSources();
             return false;
@@ -267,11 +262,11 @@ bool UdpSocket::receiveMany(bool isIPv4) {
     }
     // Fewer than asked for: the descriptor is drained for now.
     if (count < static_cast<int>(kSlots)) {
-        f.bytesAvailable = 0;
+        f.readable = false;
         resumeDrainedReceiveSources();
         return false;
     }
-    f.bytesAvailable = 1;
+    f.readable = true;
     return true;
 }
 
