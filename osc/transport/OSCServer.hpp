@@ -178,10 +178,10 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     // The encoded packet, once the socket is known to be bound; throws as send() says.
     std::vector<std::uint8_t> sendable(const OSCPacket& packet) const;
     void receive(const UdpDatagramBlock& block);
-    // Hands each message of the packet to the view handler; false for bytes that are not OSC,
-    // throws OSCDecodeError for a malformed packet.
+    // Hands each message of the packet to the view handler, adding their count to `viewed`;
+    // false for bytes that are not OSC, throws OSCDecodeError for a malformed packet.
     bool view(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
-              const ViewHandler& handler, OSCTextPolicy policy);
+              const ViewHandler& handler, OSCTextPolicy policy, std::uint64_t& viewed);
     // Decodes the datagram, shared with its block, into the turn's deliveries.
     void plan(const UdpDatagramBlock& block, std::size_t index, OSCTextPolicy policy,
               std::vector<Delivery>& turn);
