@@ -60,7 +60,8 @@ class Log : public Recording {
     void add(T entry) {
         record([&] { entries_.push_back(std::move(entry)); });
     }
-    bool waitForSize(std::size_t count, std::optional<std::chrono::milliseconds> bound = std::nullopt) {
+    bool waitForSize(std::size_t count,
+                     std::optional<std::chrono::milliseconds> bound = std::nullopt) {
         return waitFor([&] { return entries_.size() >= count; }, bound);
     }
     std::vector<T> entries() {

@@ -62,9 +62,11 @@ TEST_F(Zeroconf, KavrinBrowseListsServicesAndOSCQueryTrees) {
     const auto found = browse({"--once", "--timeout", "3", "--tree"});
     EXPECT_EQ(found.status, 0) << found.errors;
     for (const std::string& part :
-         {"\t" + named("Dump on loopback") + "\t_osc._tcp\t", "+\t" + named("Query desk") + "\t_oscjson._tcp\t",
-          ".local\t" + std::to_string(query.boundPort()) + "\t127.0.0.1\n", std::string("\n/mixer/gain\tf\n/ping\t\n"),
-          "+\t" + named("Responder") + "\t_osc._udp\t", "+\t" + named("Responder") + "\t_oscjson._tcp\t",
+         {"\t" + named("Dump on loopback") + "\t_osc._tcp\t",
+          "+\t" + named("Query desk") + "\t_oscjson._tcp\t",
+          ".local\t" + std::to_string(query.boundPort()) + "\t127.0.0.1\n",
+          std::string("\n/mixer/gain\tf\n/ping\t\n"), "+\t" + named("Responder") + "\t_osc._udp\t",
+          "+\t" + named("Responder") + "\t_oscjson._tcp\t",
           std::string("\n/eos/ping\t\n/responder/pings\ti\n")}) {
         EXPECT_NE(found.output.find(part), std::string::npos) << part << " in " << found.output;
     }

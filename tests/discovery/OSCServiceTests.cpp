@@ -24,8 +24,9 @@ using State = OSCZeroconfStatus::State;
 struct Found {
     explicit Found(std::vector<std::string> types = {std::string(oscUdpServiceType),
                                                      std::string(oscTcpServiceType)})
-        : browser(std::move(types), queue,
-                  [this](Event event, const OSCService& service) { events[service.name] = {event, service}; }) {}
+        : browser(std::move(types), queue, [this](Event event, const OSCService& service) {
+              events[service.name] = {event, service};
+          }) {}
 
     bool until(const std::function<bool()>& done, std::chrono::milliseconds bound = 10s) {
         return queue->drainUntil(done, bound);

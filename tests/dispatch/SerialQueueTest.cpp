@@ -161,9 +161,7 @@ TEST(SerialQueue, AsyncAfterRunsByDeadlineNotBeforeIt) {
     auto queue = SerialQueue::create("after");
     test::Log<std::pair<int, DispatchQueue::Clock::time_point>> log(queue, 5s);
     const auto start = DispatchQueue::Clock::now();
-    auto record = [&](int id) {
-        return [&, id] { log.add({id, DispatchQueue::Clock::now()}); };
-    };
+    auto record = [&](int id) { return [&, id] { log.add({id, DispatchQueue::Clock::now()}); }; };
     queue->asyncAfter(150ms, record(3));
     queue->asyncAfter(start + 50ms, record(2));
     queue->asyncAfter(start - 1s, record(1));  // past deadline: runs like async

@@ -34,7 +34,8 @@ TEST(OSCQueryClient, ReadsTheTreeAndHostInfo) {
     std::vector<std::string> methods;
     for (const auto* method : tree->methods()) methods.push_back(method->fullPath);
     EXPECT_EQ(methods, (std::vector<std::string>{"/mixer/gain", "/mixer/name", "/ping"}));
-    const OSCQueryAttributes gain{"f", "Gain", OSCQueryAccess::readWrite, {{OSCValue(0.0f), OSCValue(1.0f), {}}}};
+    const OSCQueryAttributes gain{
+        "f", "Gain", OSCQueryAccess::readWrite, {{OSCValue(0.0f), OSCValue(1.0f), {}}}};
     ASSERT_NE(tree->find("/mixer/gain"), nullptr);
     EXPECT_EQ(*tree->find("/mixer/gain"), (OSCQueryNode{"/mixer/gain", gain, {OSCValue(0.5f)}}));
     EXPECT_EQ(tree->find("/ping")->attributes.type, std::nullopt);

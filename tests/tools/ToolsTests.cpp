@@ -9,9 +9,9 @@
 
 #include <memory>
 
+#include "../UdpPeer.hpp"
 #include "../transport/TestCertificates.hpp"
 #include "NpmPeers.hpp"
-#include "../UdpPeer.hpp"
 
 namespace kavrin {
 namespace {

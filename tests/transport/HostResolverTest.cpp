@@ -30,7 +30,8 @@ std::string resolve(const HostResolver& resolver, const std::string& host, std::
         [&](std::vector<SocketAddress> addresses, std::optional<SocketError> error) {
             EXPECT_TRUE(queue->isCurrent());
             answer = error ? error->domain() + ": " + error->description() : "";
-            for (const auto& a : addresses) *answer += (answer->empty() ? "" : " ") + a.description();
+            for (const auto& a : addresses)
+                *answer += (answer->empty() ? "" : " ") + a.description();
         });
     EXPECT_FALSE(answer.has_value()) << "answered from inside the call";
     queue->drainUntil([&] { return answer.has_value(); }, 10s);

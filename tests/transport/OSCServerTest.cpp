@@ -115,10 +115,10 @@ TEST(OSCServer, AViewHandlerSeesEachMessageAtOnceOnTheReceiveQueueBesidesTheHand
                                     });
     using Seen = std::tuple<std::string, OSCTimeTag, std::uint16_t>;
     Log<Seen> viewed(receiveQueue, 5s);
-    server->setViewHandler([&](const OSCMessageView& message, const OSCTimeTag& timeTag,
-                               const SocketAddress& sender) {
-        viewed.add({std::string(message.address()), timeTag, sender.port()});
-    });
+    server->setViewHandler(
+        [&](const OSCMessageView& message, const OSCTimeTag& timeTag, const SocketAddress& sender) {
+            viewed.add({std::string(message.address()), timeTag, sender.port()});
+        });
     ASSERT_NO_THROW(server->start());
     UdpPeer sender;
     const auto port = server->boundPort();
@@ -134,9 +134,10 @@ TEST(OSCServer, AViewHandlerSeesEachMessageAtOnceOnTheReceiveQueueBesidesTheHand
     ASSERT_TRUE(viewed.waitForSize(3));
     receiveQueue->sync([] {});  // the last datagram's turn has ended
     ASSERT_TRUE(main->drainUntil([&] { return !owned.empty(); }, 5s));
-    EXPECT_EQ(viewed.entries(), (std::vector<Seen>{{"/later", outer, sender.port()},
-                                                   {"/in", inner, sender.port()},
-                                                   {"/now", OSCTimeTag::immediate(), sender.port()}}));
+    EXPECT_EQ(viewed.entries(),
+              (std::vector<Seen>{{"/later", outer, sender.port()},
+                                 {"/in", inner, sender.port()},
+                                 {"/now", OSCTimeTag::immediate(), sender.port()}}));
     EXPECT_TRUE(viewed.allOnDelegateQueue);
     EXPECT_EQ(owned, std::vector<std::string>{"/now"});
     EXPECT_EQ(server->counters().droppedMalformed, 1u);
@@ -252,8 +253,9 @@ TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried
         server->start();
         FAIL() << "start() succeeded on a port held exclusively";
     } catch (const UdpSocketError& error) {
-        EXPECT_EQ(tcpTest::describe(error), "NSPOSIXErrorDomain " + std::to_string(EADDRINUSE) + ": " +
-                                                std::strerror(EADDRINUSE) + " (Error in bind() function)");
+        EXPECT_EQ(tcpTest::describe(error), "NSPOSIXErrorDomain " + std::to_string(EADDRINUSE) +
+                                                ": " + std::strerror(EADDRINUSE) +
+                                                " (Error in bind() function)");
     }
 
     // Once the port is free the same server starts (twice: start closes first) and receives.
@@ -417,18 +419,20 @@ TEST(OSCServerMethods, CountsWhatArrivesAndHandsEveryDroppedDatagramToTheHook) {
     using Reason = OSCServer::DropReason;
     const std::vector<Dropped> expected = {
         {hello, Reason::notOSC, "", sender.port()},
-        {shortInt, Reason::malformed, "Not enough bytes while reading Int32 data chunk.", sender.port()},
+        {shortInt, Reason::malformed, "Not enough bytes while reading Int32 data chunk.",
+         sender.port()},
         {twoLater, Reason::overScheduledLimit, dropped[2].error, sender.port()},
         {utf8, Reason::malformed, dropped[3].error, sender.port()}};
     EXPECT_EQ(dropped, expected);
-    EXPECT_TRUE(dropped[3].error.starts_with("Failed to form valid ASCII string ")) << dropped[3].error;
+    EXPECT_TRUE(dropped[3].error.starts_with("Failed to form valid ASCII string "))
+        << dropped[3].error;
 
     // received, delivered; dropped as not OSC, malformed, over the limit, unexpected, inconsistent
     const auto counted = server.counters();
-    EXPECT_EQ(std::vector<std::uint64_t>({counted.datagramsReceived, counted.messagesDelivered,
-                                          counted.droppedNotOSC, counted.droppedMalformed,
-                                          counted.droppedOverScheduledLimit, counted.droppedUnexpectedType,
-                                          counted.droppedInternalInconsistency}),
+    EXPECT_EQ(std::vector<std::uint64_t>(
+                  {counted.datagramsReceived, counted.messagesDelivered, counted.droppedNotOSC,
+                   counted.droppedMalformed, counted.droppedOverScheduledLimit,
+                   counted.droppedUnexpectedType, counted.droppedInternalInconsistency}),
               std::vector<std::uint64_t>({5, 1, 1, 2, 1, 0, 0}));
 
     // Without a hook the counting goes on, silently. Under utf8 the UTF-8 string is taken.

@@ -96,14 +96,17 @@ class ChildProcess {
     }
 
     bool waitForOutput(std::string_view text, std::chrono::milliseconds bound) {
-        return waitFor([text](const std::string& output) { return output.find(text) != output.npos; },
-                       bound);
+        return waitFor(
+            [text](const std::string& output) { return output.find(text) != output.npos; }, bound);
     }
 
     // The next line of output not yet taken, without its line break.
     std::optional<std::string> nextLine(std::chrono::milliseconds bound) {
-        if (!waitFor([this](const std::string& output) { return output.find('\n', taken_) != output.npos; },
-                     bound)) {
+        if (!waitFor(
+                [this](const std::string& output) {
+                    return output.find('\n', taken_) != output.npos;
+                },
+                bound)) {
             return std::nullopt;
         }
         const auto end = text_.find('\n', taken_);
@@ -120,7 +123,8 @@ class ChildProcess {
         for (int status = 0; !status_ && pid_ > 0;) {
             if (::waitpid(pid_, &status, WNOHANG) == pid_) {
                 status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-                for (const auto drained = Clock::now() + std::chrono::seconds(1); readSome(drained);) {
+                for (const auto drained = Clock::now() + std::chrono::seconds(1);
+                     readSome(drained);) {
                 }
                 break;
             }
@@ -141,8 +145,9 @@ class ChildProcess {
     using Clock = std::chrono::steady_clock;
 
     static std::chrono::milliseconds left(Clock::time_point deadline) {
-        return std::max(std::chrono::milliseconds(0),
-                        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
+        return std::max(
+            std::chrono::milliseconds(0),
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
     }
 
     static void closeAll(std::initializer_list<int> fds) {
@@ -159,7 +164,8 @@ class ChildProcess {
             if (fd != -1) entries[count++] = {fd, POLLIN, 0};
         }
         const auto wait = left(deadline);
-        if (count == 0 || wait.count() <= 0 || ::poll(entries, count, static_cast<int>(wait.count())) <= 0) {
+        if (count == 0 || wait.count() <= 0 ||
+            ::poll(entries, count, static_cast<int>(wait.count())) <= 0) {
             return false;
         }
         for (nfds_t i = 0; i < count; ++i) {
@@ -199,7 +205,8 @@ class OpensslProcess : public ChildProcess {
             const auto accept = output.find("ACCEPT");
             return accept == output.npos ? output.npos : output.find('\n', accept);
         };
-        if (!waitFor([&](const std::string& output) { return lineEnd(output) != output.npos; }, bound)) {
+        if (!waitFor([&](const std::string& output) { return lineEnd(output) != output.npos; },
+                     bound)) {
             return 0;
         }
         return static_cast<std::uint16_t>(

@@ -16,14 +16,16 @@ namespace {
 
 // What an address says of itself: "family size IPv4|IPv6 host port description".
 std::string facts(const SocketAddress& a) {
-    return std::to_string(a.family()) + " " + std::to_string(a.size()) + (a.isIPv4() ? " IPv4" : "") +
-           (a.isIPv6() ? " IPv6" : "") + " " + a.host() + " " + std::to_string(a.port()) + " " +
-           a.description();
+    return std::to_string(a.family()) + " " + std::to_string(a.size()) +
+           (a.isIPv4() ? " IPv4" : "") + (a.isIPv6() ? " IPv6" : "") + " " + a.host() + " " +
+           std::to_string(a.port()) + " " + a.description();
 }
 
 TEST(SocketAddress, NumericHostsRoundTripThroughTheirTextForms) {
-    const std::string four = std::to_string(AF_INET) + " " + std::to_string(sizeof(sockaddr_in)) + " IPv4 ";
-    const std::string six = std::to_string(AF_INET6) + " " + std::to_string(sizeof(sockaddr_in6)) + " IPv6 ";
+    const std::string four =
+        std::to_string(AF_INET) + " " + std::to_string(sizeof(sockaddr_in)) + " IPv4 ";
+    const std::string six =
+        std::to_string(AF_INET6) + " " + std::to_string(sizeof(sockaddr_in6)) + " IPv6 ";
     const std::tuple<std::string, std::uint16_t, std::string> cases[] = {
         {"127.0.0.1", 8000, four + "127.0.0.1 8000 127.0.0.1:8000"},
         {"0.0.0.0", 0, four + "0.0.0.0 0 0.0.0.0:0"},
@@ -52,7 +54,8 @@ TEST(SocketAddress, ABlobThatIsNoIPAddressHasNoHostOrPort) {
         SocketAddress(&local, SocketAddress::maxSize),
     };
     for (const SocketAddress& blob : blobs) {
-        EXPECT_EQ(facts(blob), std::to_string(blob.family()) + " " + std::to_string(blob.size()) + "  0 ");
+        EXPECT_EQ(facts(blob),
+                  std::to_string(blob.family()) + " " + std::to_string(blob.size()) + "  0 ");
         EXPECT_EQ(blob.withPort(9), blob);
         EXPECT_FALSE(blob.sameEndpoint(blob));
     }

@@ -146,7 +146,7 @@ TEST(TcpSocketConnect, RefusedOrTimedOutConnectsEndWithTheirError) {
                                 std::strerror(ECONNREFUSED) + " (Error in connect() function)";
     const std::string timedOut = "TcpSocketErrorDomain 3: Attempt to connect to host timed out";
     const Case cases[] = {
-        {"127.0.0.1", false, refused}, {"::1", false, refused},   {"localhost", false, refused},
+        {"127.0.0.1", false, refused}, {"::1", false, refused}, {"localhost", false, refused},
         {"127.0.0.1", true, timedOut}, {"::1", true, timedOut},
     };
     for (const Case& c : cases) {
@@ -249,7 +249,8 @@ TEST(TcpSocketRead, BoundsEndTheConnectionWithTheirError) {
         EXPECT_FALSE(c.client.socket->write(Bytes(1, 'y'), -1.0, 2, &error));
         EXPECT_EQ(describe(error), describe(TcpSocketError::writeQueueFullError()));
         Recorder& r = *c.client.recorder;
-        EXPECT_EQ(r.disconnectError(c.client.socket.get()), describe(TcpSocketError::writeTimeoutError()));
+        EXPECT_EQ(r.disconnectError(c.client.socket.get()),
+                  describe(TcpSocketError::writeTimeoutError()));
         EXPECT_GT(r.read([&] { return r.partialWriteBytes; }), 0u);
         EXPECT_TRUE(r.read([&] { return r.written.empty(); }));
         // What was refused or dropped no longer counts against the bound.
@@ -326,7 +327,8 @@ TEST(TcpSocketAccept, ServesBothFamiliesOnOnePort) {
         Recorder& r = *client.recorder;
         ASSERT_TRUE(r.waitForReads(1));
         EXPECT_EQ(text(r.read([&] { return r.reads[0].data; })), "welcome\n");
-        EXPECT_EQ(r.disconnectError(client.socket.get()), describe(TcpSocketError::closedByPeerError()));
+        EXPECT_EQ(r.disconnectError(client.socket.get()),
+                  describe(TcpSocketError::closedByPeerError()));
     }
     Recorder& served = *connections.recorder;
     ASSERT_TRUE(served.waitFor([&] { return served.disconnects.size() == 2; }));
@@ -432,7 +434,8 @@ TEST(TcpSocketAccept, IdleConnectionsAreDisconnected) {
         ASSERT_FALSE(server.recorder->waitFor([&] { return !server.recorder->disconnects.empty(); },
                                               150ms));
     }
-    EXPECT_EQ(server.recorder->disconnectError(accepted), describe(TcpSocketError::idleTimeoutError()));
+    EXPECT_EQ(server.recorder->disconnectError(accepted),
+              describe(TcpSocketError::idleTimeoutError()));
     EXPECT_TRUE(seesEndOfStream(client.get()));
     EXPECT_EQ(server.socket->acceptedConnectionCount(), 0u);
 }

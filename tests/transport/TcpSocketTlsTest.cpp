@@ -245,7 +245,8 @@ TEST_F(TcpSocketTls, StartsInTheMiddleOfTheStream) {
         const auto accepted = atServer.read([&] { return atServer.accepted[0]; });
         accepted->readAvailable(100, 10.0, 4);
         client.socket->disconnect();
-        EXPECT_EQ(atServer.disconnectError(accepted.get()), describe(TcpSocketError::closedByPeerError()));
+        EXPECT_EQ(atServer.disconnectError(accepted.get()),
+                  describe(TcpSocketError::closedByPeerError()));
     }
 }
 

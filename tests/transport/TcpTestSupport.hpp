@@ -46,7 +46,8 @@ inline std::string describe(const std::optional<SocketError>& error) {
 }
 
 // For a condition nothing announces: checks it every few milliseconds, up to the bound.
-inline bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds bound = 5s) {
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds bound = 5s) {
     for (const auto deadline = Clock::now() + bound; !condition(); ::poll(nullptr, 0, 5)) {
         if (Clock::now() > deadline) return false;
     }

@@ -38,7 +38,8 @@ class TestCertificates {
                  "/CN=Unrelated Test CA", "-days", "2"});
         for (const std::string name : {"server", "expired"}) {
             request({"-keyout", path(name + ".key"), "-out", path(name + ".csr"), "-subj",
-                     "/CN=localhost", "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1"});
+                     "/CN=localhost", "-addext",
+                     "subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1"});
         }
         run({"x509", "-req", "-in", path("server.csr"), "-CA", path("ca.pem"), "-CAkey",
              path("ca.key"), "-CAcreateserial", "-out", path("server.pem"), "-days", "2",

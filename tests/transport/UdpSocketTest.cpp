@@ -105,7 +105,8 @@ struct Peer {
         return recorder->read([&] {
             Texts texts;
             for (const auto& d : recorder->received) {
-                texts.push_back(text(d.data) + (withHost ? "@" + UdpSocket::hostFromAddress(d.from) : ""));
+                texts.push_back(text(d.data) +
+                                (withHost ? "@" + UdpSocket::hostFromAddress(d.from) : ""));
             }
             return texts;
         });
@@ -117,8 +118,8 @@ struct Peer {
         return recorder->read([&] {
             Texts texts;
             for (const auto& [tag, error] : recorder->notSent) {
-                texts.push_back(withTag ? std::to_string(tag) + " " + std::to_string(error.code()) + ": " +
-                                              error.description()
+                texts.push_back(withTag ? std::to_string(tag) + " " + std::to_string(error.code()) +
+                                              ": " + error.description()
                                         : error.description());
             }
             return texts;
@@ -211,14 +212,18 @@ TEST(UdpSocketErrors, BindFailureAndFactoriesCarryDomainCodeAndText) {
     holder.reset();
     EXPECT_TRUE(peer.socket->bindToPort(0, &error)) << error.description();
 
-    const auto posix = [](int code) { return "NSPOSIXErrorDomain " + std::to_string(code) + ": " + std::strerror(code); };
+    const auto posix = [](int code) {
+        return "NSPOSIXErrorDomain " + std::to_string(code) + ": " + std::strerror(code);
+    };
     errno = ECONNREFUSED;
     const std::pair<UdpSocketError, std::string> cases[] = {
         {error, posix(EADDRINUSE) + " (Error in bind() function)"},
-        {UdpSocketError::errnoError("Error in send() function."), posix(ECONNREFUSED) + " (Error in send() function.)"},
+        {UdpSocketError::errnoError("Error in send() function."),
+         posix(ECONNREFUSED) + " (Error in send() function.)"},
         {UdpSocketError::sendTimeoutError(), "UdpSocketErrorDomain 3: Send operation timed out"},
         {UdpSocketError::socketClosedError(), "UdpSocketErrorDomain 4: Socket closed"},
-        {UdpSocketError::otherError("x"), "UdpSocketErrorDomain " + std::to_string(UdpSocketError::other) + ": x"},
+        {UdpSocketError::otherError("x"),
+         "UdpSocketErrorDomain " + std::to_string(UdpSocketError::other) + ": x"},
         {UdpSocketError::gaiError(EAI_FAIL),
          "kCFStreamErrorDomainNetDB " + std::to_string(EAI_FAIL) + ": " + gai_strerror(EAI_FAIL)},
     };
@@ -315,10 +320,12 @@ TEST(UdpSocketSend, ADestinationThatCannotBeUsedFailsThatPacketOnly) {
         sender.socket->sendData(bytes("kept"), "127.0.0.1", port4, 1.0, 2);
         // A resolver that cannot reach its server may take its full retry time to say no.
         ASSERT_TRUE(sender.waitForSends(1, 1, 60s));
-        const auto [tag, error] = sender.recorder->read([&] { return sender.recorder->notSent.front(); });
+        const auto [tag, error] =
+            sender.recorder->read([&] { return sender.recorder->notSent.front(); });
         EXPECT_EQ(tag, 1);
         EXPECT_NE(error.code(), 0);
-        EXPECT_EQ(tcpTest::describe(error), "kCFStreamErrorDomainNetDB " + std::to_string(error.code()) + ": " +
+        EXPECT_EQ(tcpTest::describe(error), "kCFStreamErrorDomainNetDB " +
+                                                std::to_string(error.code()) + ": " +
                                                 gai_strerror(error.code()));
         EXPECT_EQ(sender.sent(), (Tags{2}));
         ASSERT_TRUE(receiver.waitForReceived(1));
@@ -336,8 +343,10 @@ TEST(UdpSocketSend, ADestinationThatCannotBeUsedFailsThatPacketOnly) {
         // tag code: text
         const Texts failures = sender.failures(true);
         ASSERT_EQ(failures.size(), 3u);
-        EXPECT_EQ(failures[0], "1 5: IPv4 has been disabled and DNS lookup found no IPv6 address(es).");
-        EXPECT_EQ(failures[1], "2 1: You must specify destination of packet for a non-connected socket");
+        EXPECT_EQ(failures[0],
+                  "1 5: IPv4 has been disabled and DNS lookup found no IPv6 address(es).");
+        EXPECT_EQ(failures[1],
+                  "2 1: You must specify destination of packet for a non-connected socket");
         EXPECT_TRUE(failures[2].starts_with("4 2: ")) << failures[2];
         EXPECT_EQ(sender.sent(), (Tags{3}));
         ASSERT_TRUE(receiver.waitForReceived(2));
