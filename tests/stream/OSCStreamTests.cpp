@@ -305,20 +305,13 @@ TEST(OSCStream, AFutureBundleWaitsForItsTimeWithItsMessagesInOrder) {
 
 // TLS on both sides: the client checks the server's chain and name; a client that does not
 // trust the server's CA is refused with the reason, and the server serves on.
-class OSCStreamTls : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() { certificates_ = std::make_unique<TestCertificates>(); }
-    static void TearDownTestSuite() { certificates_.reset(); }
-    static std::unique_ptr<TestCertificates> certificates_;
-};
-std::unique_ptr<TestCertificates> OSCStreamTls::certificates_;
-
-TEST_F(OSCStreamTls, TheClientTrustsOnlyTheServersCAAndTalksSecurely) {
+TEST(OSCStreamTls, TheClientTrustsOnlyTheServersCAAndTalksSecurely) {
+    const auto& certificates = TestCertificates::shared();
     OSCStreamSettings serverSettings;
     serverSettings.framing = OSCFraming::slip;
     serverSettings.tls = TlsSettings{};
-    serverSettings.tls->certificateChainFile = certificates_->path("server.pem");
-    serverSettings.tls->privateKeyFile = certificates_->path("server.key");
+    serverSettings.tls->certificateChainFile = certificates.path("server.pem");
+    serverSettings.tls->privateKeyFile = certificates.path("server.key");
     auto atServer = std::make_shared<Recorder>();
     atServer->onMessage = [](const OSCMessage& m, const Connection& from) {
         EXPECT_TRUE(from->isSecure());
@@ -331,7 +324,7 @@ TEST_F(OSCStreamTls, TheClientTrustsOnlyTheServersCAAndTalksSecurely) {
         OSCStreamSettings settings;
         settings.framing = OSCFraming::slip;
         settings.tls = TlsSettings{};
-        settings.tls->caFile = certificates_->path(trusted ? "ca.pem" : "other.pem");
+        settings.tls->caFile = certificates.path(trusted ? "ca.pem" : "other.pem");
         auto atClient = std::make_shared<Recorder>();
         auto client = OSCStreamClient::create("localhost", server->boundPort(), atClient->queue,
                                               settings, atClient->handler());

@@ -15,10 +15,9 @@ using namespace tcpTest;
 
 class TcpSocketTls : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() { certificates_ = std::make_unique<TestCertificates>(); }
-    static void TearDownTestSuite() { certificates_.reset(); }
-
-    static std::string path(const std::string& name) { return certificates_->path(name); }
+    static std::string path(const std::string& name) {
+        return TestCertificates::shared().path(name);
+    }
 
     // An s_server on host (numeric) and a port of the kernel's choice, ready to accept.
     static std::unique_ptr<OpensslProcess> startServer(const std::string& host,
@@ -46,11 +45,7 @@ class TcpSocketTls : public ::testing::Test {
         settings.privateKeyFile = path("server.key");
         return settings;
     }
-
-    static std::unique_ptr<TestCertificates> certificates_;
 };
-
-std::unique_ptr<TestCertificates> TcpSocketTls::certificates_;
 
 // The name is checked as the host, as peerName or as an address. A refusal gives OpenSSL's reason
 // and verification's own as the failure reason; only verification turned off passes any chain.

@@ -68,6 +68,12 @@ class TestCertificates {
 
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
+    // Made on first use, once per test program, and removed when it ends.
+    static const TestCertificates& shared() {
+        static const TestCertificates certificates;
+        return certificates;
+    }
+
   private:
     static void run(const std::vector<std::string>& arguments) {
         using namespace std::chrono_literals;
