@@ -24,9 +24,9 @@ using State = OSCZeroconfStatus::State;
 struct Found {
     explicit Found(std::vector<std::string> types = {std::string(oscUdpServiceType),
                                                      std::string(oscTcpServiceType)})
-        : browser(std::move(types), queue,
-                  [this](Event event, const OSCService& service) { events[service.name] = {event, service}; },
-                  [this](const OSCZeroconfStatus& status) { states.push_back(status.state); }) {}
+        : browser(std::move(types), queue, [this](Event event, const OSCService& service) {
+              events[service.name] = {event, service};
+          }) {}
 
     bool until(const std::function<bool()>& done, std::chrono::milliseconds bound = 10s) {
         return queue->drainUntil(done, bound);
@@ -38,7 +38,6 @@ struct Found {
 
     const std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>();
     std::map<std::string, std::pair<Event, OSCService>> events;
-    std::vector<State> states;
     OSCServiceBrowser browser;
 };
 

@@ -3,13 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "osc/dispatch/GlobalQueue.hpp"
+#include "tests/Recording.hpp"
 
 using namespace kavrin;
 using namespace std::chrono_literals;
@@ -160,29 +159,23 @@ TEST(SerialQueue, WorkWaitingOnABusyQueueNeverStarvesIt) {
 
 TEST(SerialQueue, AsyncAfterRunsByDeadlineNotBeforeIt) {
     auto queue = SerialQueue::create("after");
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::vector<std::pair<int, DispatchQueue::Clock::time_point>> ran;
+    test::Log<std::pair<int, DispatchQueue::Clock::time_point>> log(queue, 5s);
     const auto start = DispatchQueue::Clock::now();
-    auto record = [&](int id) {
-        return [&, id] {
-            std::lock_guard lock(mutex);
-            ran.emplace_back(id, DispatchQueue::Clock::now());
-            cv.notify_all();
-        };
-    };
+    auto record = [&](int id) { return [&, id] { log.add({id, DispatchQueue::Clock::now()}); }; };
     queue->asyncAfter(150ms, record(3));
     queue->asyncAfter(start + 50ms, record(2));
     queue->asyncAfter(start - 1s, record(1));  // past deadline: runs like async
     // Equal deadlines run in posting order, however many.
     const auto same = start + 100ms;
     for (int id = 10; id < 60; ++id) queue->asyncAfter(same, record(id));
-    std::unique_lock lock(mutex);
-    ASSERT_TRUE(cv.wait_for(lock, 5s, [&] { return ran.size() == 53; }));
-    EXPECT_EQ(ran[0].first, 1);
-    EXPECT_EQ(ran[1].first, 2);
-    for (int id = 10; id < 60; ++id) EXPECT_EQ(ran[id - 8].first, id);
-    EXPECT_EQ(ran[52].first, 3);
+    ASSERT_TRUE(log.waitForSize(53));
+    const auto ran = log.entries();
+    std::vector<int> order, expected = {1, 2};
+    for (const auto& [id, at] : ran) order.push_back(id);
+    for (int id = 10; id < 60; ++id) expected.push_back(id);
+    expected.push_back(3);
+    EXPECT_EQ(order, expected);
+    EXPECT_TRUE(log.allOnDelegateQueue);
     EXPECT_GE(ran[1].second - start, 50ms);
     EXPECT_GE(ran[2].second - start, 100ms);
     EXPECT_GE(ran[52].second - start, 150ms);

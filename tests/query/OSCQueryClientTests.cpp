@@ -34,13 +34,10 @@ TEST(OSCQueryClient, ReadsTheTreeAndHostInfo) {
     std::vector<std::string> methods;
     for (const auto* method : tree->methods()) methods.push_back(method->fullPath);
     EXPECT_EQ(methods, (std::vector<std::string>{"/mixer/gain", "/mixer/name", "/ping"}));
-    const auto* gain = tree->find("/mixer/gain");
-    ASSERT_NE(gain, nullptr);
-    EXPECT_EQ(gain->attributes.type, "f");
-    EXPECT_EQ(gain->attributes.description, "Gain");
-    EXPECT_EQ(gain->attributes.access, OSCQueryAccess::readWrite);
-    EXPECT_EQ(gain->attributes.range, (std::vector<OSCQueryRange>{{OSCValue(0.0f), OSCValue(1.0f), {}}}));
-    EXPECT_EQ(gain->value, OSCValueList{OSCValue(0.5f)});
+    const OSCQueryAttributes gain{
+        "f", "Gain", OSCQueryAccess::readWrite, {{OSCValue(0.0f), OSCValue(1.0f), {}}}};
+    ASSERT_NE(tree->find("/mixer/gain"), nullptr);
+    EXPECT_EQ(*tree->find("/mixer/gain"), (OSCQueryNode{"/mixer/gain", gain, {OSCValue(0.5f)}}));
     EXPECT_EQ(tree->find("/ping")->attributes.type, std::nullopt);
     EXPECT_EQ(tree->find("/mixer/gai"), nullptr);
 

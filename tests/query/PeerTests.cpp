@@ -1,10 +1,6 @@
-// Independent peers read the tree: curl, and a real browser: headless Chromium loads a page
-// from another origin (a port of this test's own), which fetches the tree, opens the WebSocket,
-// sends LISTEN and reports the value update it receives back to the page's server. Each skips
-// when its peer is not installed.
+// Independent peers read the tree: curl, and headless Chromium on a page from another origin
+// (a port of this test's own), which reports back to it. Each skips without its peer.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -33,7 +29,7 @@ const report = (text) => fetch('/result?' + encodeURIComponent(text));
       if (typeof event.data === 'string') return;
       // "/mixer/gain" and its padding take 12 bytes, ",f" and its padding 4, then the float.
       const value = new DataView(event.data).getFloat32(16);
-      if (value === 0.75) report('tree ' + gain.TYPE + ' ' + gain.VALUE[0] + ', update ' + value);
+      if (value === 0.75) report('tree-' + gain.TYPE + '-' + gain.VALUE[0] + '-update-' + value);
     };
   } catch (error) {
     report('failed: ' + error);
@@ -44,22 +40,13 @@ const report = (text) => fetch('/result?' + encodeURIComponent(text));
 // Serves the page at every path but /result, whose query it keeps.
 class PageServer {
   public:
-    explicit PageServer(std::string html) : html_(std::move(html)) {
-        listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length);
-        ::listen(listener_, 16);
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-        port_ = ntohs(address.sin_port);
-        thread_ = std::thread([this] { serve(); });
-    }
+    explicit PageServer(std::string html)
+        : html_(std::move(html)),
+          listener_(tcpTest::rawListen("127.0.0.1", &port_)),
+          thread_([this] { serve(); }) {}
     ~PageServer() {
         stop_ = true;
         thread_.join();
-        ::close(listener_);
     }
     std::uint16_t port() const { return port_; }
     std::string result() {
@@ -70,56 +57,33 @@ class PageServer {
   private:
     void serve() {
         while (!stop_) {
-            pollfd entry{listener_, POLLIN, 0};
-            if (::poll(&entry, 1, 50) <= 0) continue;
-            const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) continue;
-            std::string request;
-            char buffer[4096];
-            while (request.find("\r\n\r\n") == request.npos) {
-                pollfd wait{fd, POLLIN, 0};
-                if (::poll(&wait, 1, 2000) <= 0) break;
-                const ssize_t length = ::recv(fd, buffer, sizeof buffer, 0);
-                if (length <= 0) break;
-                request.append(buffer, static_cast<std::size_t>(length));
-            }
+            RawPeer browser(tcpTest::rawAccept(listener_.get(), 50ms));
+            if (!browser.connected()) continue;
             // A browser opens connections ahead of need and may close them unused.
+            const auto request = browser.readUntil(
+                [](const std::string& text) { return text.find("\r\n\r\n") != text.npos; }, 2s);
             const auto space = request.find(' ');
             const auto target = space == request.npos ? std::string()
                                                       : request.substr(space + 1, request.find(' ', space + 1) - space - 1);
             std::string response = "HTTP/1.1 204 No Content\r\nConnection: close\r\n\r\n";
             if (target.starts_with("/result?")) {
                 std::lock_guard lock(mutex_);
-                result_ = decoded(target.substr(8));
+                result_ = target.substr(8);  // as sent: a failure's text stays percent-escaped
             } else if (target == "/") {
                 response = "HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nConnection: close\r\nContent-Length: " +
                            std::to_string(html_.size()) + "\r\n\r\n" + html_;
             }
-            ::send(fd, response.data(), response.size(), MSG_NOSIGNAL);
-            ::close(fd);
+            browser.write(response);
         }
-    }
-
-    static std::string decoded(const std::string& text) {
-        std::string out;
-        for (std::size_t i = 0; i < text.size(); ++i) {
-            if (text[i] == '%' && i + 2 < text.size()) {
-                out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-                i += 2;
-            } else {
-                out += text[i];
-            }
-        }
-        return out;
     }
 
     const std::string html_;
-    int listener_ = -1;
     std::uint16_t port_ = 0;
+    tcpTest::Fd listener_;
     std::atomic<bool> stop_{false};
-    std::thread thread_;
     std::mutex mutex_;
     std::string result_;
+    std::thread thread_;  // last: it serves with all of the above
 };
 
 TEST(OSCQueryPeers, ChromiumReadsTheTreeAndListensFromAnotherOrigin) {
@@ -146,7 +110,7 @@ TEST(OSCQueryPeers, ChromiumReadsTheTreeAndListensFromAnotherOrigin) {
     std::filesystem::remove_all(profile);
     ASSERT_TRUE(listening) << "the page never listened; it reported: " << pages.result() << "\n"
                            << chromium.errors().substr(0, 2000);
-    EXPECT_EQ(pages.result(), "tree f 0.5, update 0.75") << chromium.errors().substr(0, 2000);
+    EXPECT_EQ(pages.result(), "tree-f-0.5-update-0.75") << chromium.errors().substr(0, 2000);
 }
 
 TEST(OSCQueryPeers, CurlReadsTheTreeAndAnAttribute) {

@@ -16,6 +16,8 @@ namespace kavrin::queryTest {
 class RawPeer {
   public:
     explicit RawPeer(std::uint16_t port) : fd_(tcpTest::rawConnect("127.0.0.1", port)) {}
+    /// The other end of a connection accepted by a listener of the test's own.
+    explicit RawPeer(tcpTest::Fd accepted) : fd_(std::move(accepted)) {}
 
     bool connected() const { return bool(fd_); }
     bool write(std::string_view bytes) {

@@ -3,12 +3,7 @@
 // An address space served by an OSCQueryServer on loopback, as the query tests use it: three
 // methods, one with a value, read on a serial queue of its own.
 
-#include <gtest/gtest.h>
-#include <poll.h>
-
 #include <atomic>
-#include <chrono>
-#include <functional>
 #include <memory>
 
 #include "osc/dispatch/SerialQueue.hpp"
@@ -19,15 +14,7 @@ namespace kavrin::queryTest {
 
 using namespace std::chrono_literals;
 
-/// Whether `done` comes true within the bound, asked every few milliseconds.
-inline bool eventually(const std::function<bool()>& done, std::chrono::milliseconds bound = 5s) {
-    const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        ::poll(nullptr, 0, 5);
-    }
-    return true;
-}
+using tcpTest::eventually;
 
 struct ServedSpace {
     explicit ServedSpace(OSCQueryServer::Settings settings = {}) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -11,12 +12,13 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Feeds `stream` in pieces of the sizes `split` gives and returns the packets found.
-template <class Split>
-std::vector<Bytes> deframe(OSCDeframer& deframer, const Bytes& stream, Split split) {
+// Feeds `stream` in pieces of the sizes `split` gives (all at once without) and returns the
+// packets found.
+std::vector<Bytes> deframe(OSCDeframer& deframer, const Bytes& stream,
+                           const std::function<std::size_t()>& split = {}) {
     std::vector<Bytes> packets;
     for (std::size_t at = 0; at < stream.size();) {
-        const std::size_t size = std::min(split(), stream.size() - at);
+        const std::size_t size = std::min(split ? split() : stream.size(), stream.size() - at);
         deframer.feed(std::span(stream).subspan(at, size),
                       [&](std::span<const std::uint8_t> packet) {
                           packets.emplace_back(packet.begin(), packet.end());
@@ -66,16 +68,10 @@ TEST(OSCDeframer, LengthPrefixesThatBreakTheStreamAreRefused) {
               "Frame size 65 exceeds the maximum of 64 bytes.");
     // A size of 0 carries nothing; a stream that stops inside a packet is mid-frame.
     OSCDeframer deframer(OSCFraming::lengthPrefixed, 64);
-    std::vector<Bytes> packets;
-    const auto collect = [&](std::span<const std::uint8_t> packet) {
-        packets.emplace_back(packet.begin(), packet.end());
-    };
-    deframer.feed(Bytes{0, 0, 0, 0, 0, 0}, collect);
+    EXPECT_TRUE(deframe(deframer, {0, 0, 0, 0, 0, 0}).empty());
     EXPECT_TRUE(deframer.isMidFrame());
-    deframer.feed(Bytes{0, 4, 1, 2}, collect);
-    EXPECT_TRUE(packets.empty());
-    deframer.feed(Bytes{3, 4}, collect);
-    EXPECT_EQ(packets, std::vector<Bytes>{Bytes({1, 2, 3, 4})});
+    EXPECT_TRUE(deframe(deframer, {0, 4, 1, 2}).empty());
+    EXPECT_EQ(deframe(deframer, {3, 4}), std::vector<Bytes>{Bytes({1, 2, 3, 4})});
     EXPECT_FALSE(deframer.isMidFrame());
 }
 
@@ -89,12 +85,8 @@ TEST(OSCDeframer, SlipBoundsAFrameWithoutEndAndReadsEscapesLeniently) {
     stream.insert(stream.end(), 64, 'y');
     stream.insert(stream.end(), {0xC0, 0xDB, 'q', 0xDB, 0xDC, 0xC0});
     OSCDeframer deframer(OSCFraming::slip, 64);
-    std::vector<Bytes> packets;
-    deframer.feed(stream, [&](std::span<const std::uint8_t> packet) {
-        packets.emplace_back(packet.begin(), packet.end());
-    });
-    EXPECT_EQ(packets, (std::vector<Bytes>{Bytes(64, 'y'), Bytes({'q', 0xC0})}));
-    deframer.feed(Bytes{0xDB}, [](auto) {});
+    EXPECT_EQ(deframe(deframer, stream), (std::vector<Bytes>{Bytes(64, 'y'), Bytes({'q', 0xC0})}));
+    EXPECT_TRUE(deframe(deframer, {0xDB}).empty());
     EXPECT_TRUE(deframer.isMidFrame()) << "an ESC waits for its byte";
 }
 

@@ -1,19 +1,15 @@
-// kavrin-dump and kavrin-send against independent peers run as child processes and used strictly
-// as black boxes: liblo's oscsend and oscdump over TCP and UDP, openssl's s_client and s_server
-// over TLS, and the npm package "osc" over SLIP (slip_peer.js). The liblo tests skip without
-// liblo-tools, the SLIP test without node and npm.
+// kavrin-dump and kavrin-send against independent peers as black boxes: liblo's tools, openssl's
+// s_client and s_server, and the npm package "osc" (slip_peer.js); liblo's and npm's skip
+// when missing.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
-#include <sstream>
 
+#include "../UdpPeer.hpp"
 #include "../transport/TestCertificates.hpp"
 #include "NpmPeers.hpp"
 
@@ -137,18 +133,14 @@ class Receiver {
   private:
     // Datagrams to a port not yet bound are lost: probe until one is printed.
     bool hearsProbes() {
-        const std::string probe("/probe\0\0,\0\0\0", 12);
-        const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const auto address = loopback(port_);
+        test::UdpPeer prober;
         const auto deadline = std::chrono::steady_clock::now() + 10s;
         bool heard = false;
         while (!heard && std::chrono::steady_clock::now() < deadline) {
-            sendto(fd, probe.data(), probe.size(), 0, reinterpret_cast<const sockaddr*>(&address),
-                   sizeof address);
+            prober.sendTo(port_, test::oscMessageBytes("/probe"));
             const auto line = process_->nextLine(100ms);
             heard = line && line->find("/probe") != std::string::npos;
         }
-        close(fd);
         return heard;
     }
 
@@ -229,17 +221,8 @@ TEST(ToolsOverTls, AgainstOpensslClientAndServer) {
     // kavrin-send to s_server: refused with an unrelated CA, then sent with the right one.
     OpensslProcess server(
         {"s_server", "-accept", "0", "-cert", path("server.pem"), "-key", path("server.key")});
-    ASSERT_TRUE(server.waitFor(
-        [](const std::string& output) {
-            const auto accept = output.find("ACCEPT");
-            return accept != output.npos && output.find('\n', accept) != output.npos;
-        },
-        10s))
-        << "s_server did not start: " << server.output();
-    const auto& started = server.output();
-    const auto end = started.find('\n', started.find("ACCEPT"));
-    const auto colon = started.rfind(':', end);
-    const auto port = started.substr(colon + 1, end - colon - 1);
+    const auto port = std::to_string(server.acceptingPort(10s));
+    ASSERT_NE(port, "0") << "s_server did not start: " << server.output();
     const auto refused = run(
         kavrinSend, {"--tcp", "--tls", "--ca", path("other.pem"), "localhost", port, "/kavrin/no"});
     EXPECT_EQ(refused.status, 1) << refused.errors;
@@ -353,23 +336,15 @@ TEST(KavrinSend, RefusesBadInputAndSaysWhy) {
 
 // The datagram kavrin-send sends with these arguments, five hours west of UTC.
 std::string sentWestOfUTC(const Arguments& options, const Arguments& message) {
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    auto address = loopback(0);
-    socklen_t length = sizeof address;
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), length), 0);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    test::UdpPeer receiver;
     Arguments arguments = {"TZ=EST5", kavrinSend};
     arguments.insert(arguments.end(), options.begin(), options.end());
-    arguments.insert(arguments.end(), {"127.0.0.1", std::to_string(ntohs(address.sin_port))});
+    arguments.insert(arguments.end(), {"127.0.0.1", std::to_string(receiver.port())});
     arguments.insert(arguments.end(), message.begin(), message.end());
     const auto outcome = run("env", arguments);
     EXPECT_EQ(outcome.status, 0) << joined(arguments) << ": " << outcome.errors;
-    std::string datagram(512, '\0');
-    pollfd ready{fd, POLLIN, 0};
-    const auto size = poll(&ready, 1, 10000) == 1 ? recv(fd, datagram.data(), 512, 0) : -1;
-    close(fd);
-    datagram.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
-    return datagram;
+    const auto datagram = receiver.receive(10s).value_or(std::vector<std::uint8_t>());
+    return std::string(datagram.begin(), datagram.end());
 }
 
 // f and d: what rounds to a finite value of the type is that value, and infinity and NaN are

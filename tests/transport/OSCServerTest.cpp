@@ -4,15 +4,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <tuple>
 
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/UdpSocket.hpp"
+#include "tests/Recording.hpp"
 #include "tests/transport/ServerTestSupport.hpp"
 
 using namespace kavrin;
@@ -38,11 +37,9 @@ TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
     // Ignore mode delivers a far-future bundle at once, with the tag it carried.
     ASSERT_TRUE(fixture.waitFor(5));
     EXPECT_EQ(fixture.addresses(), (std::vector<std::string>{"/a", "/b", "/c", "/d", "/e"}));
-    EXPECT_TRUE(fixture.deliveries[0].timeTag.isImmediate());
-    EXPECT_EQ(fixture.deliveries[1].timeTag, outer);
-    EXPECT_EQ(fixture.deliveries[2].timeTag, inner);  // a nested bundle passes its own tag
-    EXPECT_EQ(fixture.deliveries[3].timeTag, outer);
-    EXPECT_TRUE(fixture.deliveries[4].timeTag.isImmediate());
+    // A nested bundle passes its own tag.
+    const auto now = OSCTimeTag::immediate();
+    EXPECT_EQ(fixture.timeTags(), (std::vector<OSCTimeTag>{now, outer, inner, outer, now}));
     EXPECT_FALSE(fixture.offQueue);
 
     // Nothing else arrives from the bad datagrams.
@@ -116,22 +113,13 @@ TEST(OSCServer, AViewHandlerSeesEachMessageAtOnceOnTheReceiveQueueBesidesTheHand
                                     [&](const OSCMessage& message, const OSCTimeTag&) {
                                         owned.emplace_back(message.addressPattern.rawAddress());
                                     });
-    std::mutex mutex;
-    std::condition_variable seen;
-    std::vector<std::tuple<std::string, OSCTimeTag, std::uint16_t>> viewed;
-    bool offQueue = false;
-    server->setViewHandler([&](const OSCMessageView& message, const OSCTimeTag& timeTag,
-                               const SocketAddress& sender) {
-        std::lock_guard lock(mutex);
-        offQueue = offQueue || !receiveQueue->isCurrent();
-        viewed.emplace_back(std::string(message.address()), timeTag, sender.port());
-        seen.notify_all();
-    });
+    using Seen = std::tuple<std::string, OSCTimeTag, std::uint16_t>;
+    Log<Seen> viewed(receiveQueue, 5s);
+    server->setViewHandler(
+        [&](const OSCMessageView& message, const OSCTimeTag& timeTag, const SocketAddress& sender) {
+            viewed.add({std::string(message.address()), timeTag, sender.port()});
+        });
     ASSERT_NO_THROW(server->start());
-    const auto viewedCount = [&](std::size_t count) {
-        std::unique_lock lock(mutex);
-        return seen.wait_for(lock, 5s, [&] { return viewed.size() >= count; });
-    };
     UdpPeer sender;
     const auto port = server->boundPort();
 
@@ -143,17 +131,14 @@ TEST(OSCServer, AViewHandlerSeesEachMessageAtOnceOnTheReceiveQueueBesidesTheHand
                                                             OSCBundle(inner, {OSCMessage("/in")})})));
     sender.sendTo(port, {'/', 'x', 0, 0, ',', 'i', 0, 0});
     sender.sendTo(port, bytes(OSCMessage("/now")));
-    ASSERT_TRUE(viewedCount(3));
+    ASSERT_TRUE(viewed.waitForSize(3));
     receiveQueue->sync([] {});  // the last datagram's turn has ended
     ASSERT_TRUE(main->drainUntil([&] { return !owned.empty(); }, 5s));
-    {
-        std::lock_guard lock(mutex);
-        using Seen = std::tuple<std::string, OSCTimeTag, std::uint16_t>;
-        EXPECT_EQ(viewed, (std::vector<Seen>{{"/later", outer, sender.port()},
-                                             {"/in", inner, sender.port()},
-                                             {"/now", OSCTimeTag::immediate(), sender.port()}}));
-        EXPECT_FALSE(offQueue);
-    }
+    EXPECT_EQ(viewed.entries(),
+              (std::vector<Seen>{{"/later", outer, sender.port()},
+                                 {"/in", inner, sender.port()},
+                                 {"/now", OSCTimeTag::immediate(), sender.port()}}));
+    EXPECT_TRUE(viewed.allOnDelegateQueue);
     EXPECT_EQ(owned, std::vector<std::string>{"/now"});
     EXPECT_EQ(server->counters().droppedMalformed, 1u);
     EXPECT_EQ(server->counters().messagesViewed, 3u);
@@ -162,7 +147,7 @@ TEST(OSCServer, AViewHandlerSeesEachMessageAtOnceOnTheReceiveQueueBesidesTheHand
     server->setHandler(nullptr);
     const auto waiting = main->pending();
     sender.sendTo(port, bytes(OSCMessage("/alone")));
-    ASSERT_TRUE(viewedCount(4));
+    ASSERT_TRUE(viewed.waitForSize(4));
     receiveQueue->sync([] {});
     EXPECT_EQ(main->pending(), waiting);
 }
@@ -171,14 +156,10 @@ TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
     // On a serial queue, as an application would use it: each message once had a deadline of
     // its own, taken from two clocks at slightly different moments, and they ran shuffled.
     auto queue = SerialQueue::create("test.handler");
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<std::string> seen;
+    Log<std::string> seen(queue, 5s);
     auto server = OSCServer::create(0, nullptr, queue, OSCServer::TimeTagMode::osc1_0,
                                     [&](const OSCMessage& message, const OSCTimeTag&) {
-                                        std::lock_guard lock(mutex);
-                                        seen.emplace_back(message.addressPattern.rawAddress());
-                                        changed.notify_all();
+                                        seen.add(std::string(message.addressPattern.rawAddress()));
                                     });
     ASSERT_NO_THROW(server->start());
     UdpPeer sender;
@@ -196,9 +177,8 @@ TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
         sender.sendTo(server->boundPort(), bytes(OSCBundle(soon, std::move(elements))));
     }
     for (int b = 0; b < 4; ++b) expected.push_back("/n/" + std::to_string(b));
-    std::unique_lock lock(mutex);
-    ASSERT_TRUE(changed.wait_for(lock, 5s, [&] { return seen.size() == expected.size(); }));
-    EXPECT_EQ(seen, expected);
+    ASSERT_TRUE(seen.waitForSize(expected.size()));
+    EXPECT_EQ(seen.entries(), expected);
 }
 
 TEST(OSCServer, ScheduledDeliveriesHoldBoundedMemoryAndDatagramsAreAdmittedWhole) {
@@ -273,10 +253,9 @@ TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried
         server->start();
         FAIL() << "start() succeeded on a port held exclusively";
     } catch (const UdpSocketError& error) {
-        EXPECT_EQ(error.domain(), UdpSocketError::posixDomain) << error.what();
-        EXPECT_EQ(error.code(), EADDRINUSE) << error.what();
-        EXPECT_EQ(error.description(), std::strerror(EADDRINUSE));
-        EXPECT_EQ(error.failureReason().value_or(""), "Error in bind() function");
+        EXPECT_EQ(tcpTest::describe(error), "NSPOSIXErrorDomain " + std::to_string(EADDRINUSE) +
+                                                ": " + std::strerror(EADDRINUSE) +
+                                                " (Error in bind() function)");
     }
 
     // Once the port is free the same server starts (twice: start closes first) and receives.
@@ -414,6 +393,7 @@ TEST(OSCServerMethods, CountsWhatArrivesAndHandsEveryDroppedDatagramToTheHook) {
         OSCServer::DropReason reason;
         std::string error;
         std::uint16_t senderPort;
+        bool operator==(const Dropped&) const = default;
     };
     std::vector<Dropped> dropped;
     server.setDropHandler([&](std::span<const std::uint8_t> datagram, const SocketAddress& from,
@@ -436,26 +416,24 @@ TEST(OSCServerMethods, CountsWhatArrivesAndHandsEveryDroppedDatagramToTheHook) {
     sender.sendTo(port, bytes(OSCMessage("/ok")));
     ASSERT_TRUE(fixture.main->drainUntil(
         [&] { return dropped.size() == 4 && !fixture.deliveries.empty(); }, 5s));
-    EXPECT_EQ(dropped[0].datagram, hello);
-    EXPECT_EQ(dropped[0].reason, OSCServer::DropReason::notOSC);
-    EXPECT_EQ(dropped[0].error, "");
-    EXPECT_EQ(dropped[1].datagram, shortInt);
-    EXPECT_EQ(dropped[1].reason, OSCServer::DropReason::malformed);
-    EXPECT_EQ(dropped[1].error, "Not enough bytes while reading Int32 data chunk.");
-    EXPECT_EQ(dropped[2].datagram, twoLater);
-    EXPECT_EQ(dropped[2].reason, OSCServer::DropReason::overScheduledLimit);
-    EXPECT_EQ(dropped[3].datagram, utf8);
-    EXPECT_EQ(dropped[3].reason, OSCServer::DropReason::malformed);
-    EXPECT_EQ(dropped[3].error.substr(0, 34), "Failed to form valid ASCII string ");
-    EXPECT_EQ(dropped[0].senderPort, sender.port());
+    using Reason = OSCServer::DropReason;
+    const std::vector<Dropped> expected = {
+        {hello, Reason::notOSC, "", sender.port()},
+        {shortInt, Reason::malformed, "Not enough bytes while reading Int32 data chunk.",
+         sender.port()},
+        {twoLater, Reason::overScheduledLimit, dropped[2].error, sender.port()},
+        {utf8, Reason::malformed, dropped[3].error, sender.port()}};
+    EXPECT_EQ(dropped, expected);
+    EXPECT_TRUE(dropped[3].error.starts_with("Failed to form valid ASCII string "))
+        << dropped[3].error;
 
+    // received, delivered; dropped as not OSC, malformed, over the limit, unexpected, inconsistent
     const auto counted = server.counters();
-    EXPECT_EQ(counted.datagramsReceived, 5u);
-    EXPECT_EQ(counted.messagesDelivered, 1u);
-    EXPECT_EQ(counted.droppedNotOSC, 1u);
-    EXPECT_EQ(counted.droppedMalformed, 2u);
-    EXPECT_EQ(counted.droppedOverScheduledLimit, 1u);
-    EXPECT_EQ(counted.droppedUnexpectedType + counted.droppedInternalInconsistency, 0u);
+    EXPECT_EQ(std::vector<std::uint64_t>(
+                  {counted.datagramsReceived, counted.messagesDelivered, counted.droppedNotOSC,
+                   counted.droppedMalformed, counted.droppedOverScheduledLimit,
+                   counted.droppedUnexpectedType, counted.droppedInternalInconsistency}),
+              std::vector<std::uint64_t>({5, 1, 1, 2, 1, 0, 0}));
 
     // Without a hook the counting goes on, silently. Under utf8 the UTF-8 string is taken.
     server.setDropHandler(nullptr);

@@ -15,7 +15,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,43 +31,31 @@ class ChildProcess {
   public:
     enum class Errors { merged, separate };
 
-    // program is found on PATH unless it holds a slash.
+    // program is found on PATH unless it holds a slash. Standard input is a socket, so that
+    // writing to a process that has ended cannot raise SIGPIPE (MSG_NOSIGNAL).
     ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
                  Errors errors = Errors::merged) {
-        // Standard input is a socket, so that writing to a process that has ended cannot raise
-        // SIGPIPE (MSG_NOSIGNAL).
-        int input[2];
-        int output[2];
-        int error[2] = {-1, -1};
-        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, input) != 0) {
-            return;
+        int input[2] = {-1, -1}, output[2] = {-1, -1}, error[2] = {-1, -1};
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, input) == 0 &&
+            ::pipe2(output, O_CLOEXEC) == 0 &&
+            (errors == Errors::merged || ::pipe2(error, O_CLOEXEC) == 0)) {
+            posix_spawn_file_actions_t actions;
+            posix_spawn_file_actions_init(&actions);
+            posix_spawn_file_actions_adddup2(&actions, input[1], 0);
+            posix_spawn_file_actions_adddup2(&actions, output[1], 1);
+            posix_spawn_file_actions_adddup2(&actions, error[1] != -1 ? error[1] : output[1], 2);
+            std::vector<std::string> argv = {program};
+            argv.insert(argv.end(), arguments.begin(), arguments.end());
+            std::vector<char*> pointers;
+            for (auto& argument : argv) pointers.push_back(argument.data());
+            pointers.push_back(nullptr);
+            if (::posix_spawnp(&pid_, program.c_str(), &actions, nullptr, pointers.data(),
+                               environ) != 0) {
+                pid_ = -1;
+            }
+            posix_spawn_file_actions_destroy(&actions);
         }
-        if (::pipe2(output, O_CLOEXEC) != 0 ||
-            (errors == Errors::separate && ::pipe2(error, O_CLOEXEC) != 0)) {
-            for (const int fd : {input[0], input[1], output[0], output[1]}) ::close(fd);
-            return;
-        }
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, input[1], 0);
-        posix_spawn_file_actions_adddup2(&actions, output[1], 1);
-        posix_spawn_file_actions_adddup2(&actions,
-                                         errors == Errors::separate ? error[1] : output[1], 2);
-        std::vector<std::string> argv = {program};
-        argv.insert(argv.end(), arguments.begin(), arguments.end());
-        std::vector<char*> pointers;
-        for (auto& argument : argv) {
-            pointers.push_back(argument.data());
-        }
-        pointers.push_back(nullptr);
-        if (::posix_spawnp(&pid_, program.c_str(), &actions, nullptr, pointers.data(), environ) !=
-            0) {
-            pid_ = -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(input[1]);
-        ::close(output[1]);
-        if (error[1] != -1) ::close(error[1]);
+        closeAll({input[1], output[1], error[1]});
         input_ = input[0];
         output_ = output[0];
         errors_ = error[0];
@@ -79,9 +69,7 @@ class ChildProcess {
                 ::waitpid(pid_, nullptr, 0);
             }
         }
-        for (const int fd : {input_, output_, errors_}) {
-            if (fd != -1) ::close(fd);
-        }
+        closeAll({input_, output_, errors_});
     }
 
     ChildProcess(const ChildProcess&) = delete;
@@ -100,11 +88,9 @@ class ChildProcess {
     // Reads output until `done` holds for it; false at the bound or when the output ends first.
     bool waitFor(const std::function<bool(const std::string&)>& done,
                  std::chrono::milliseconds bound) {
-        const auto deadline = std::chrono::steady_clock::now() + bound;
+        const auto deadline = Clock::now() + bound;
         while (!done(text_)) {
-            if (output_ == -1 || !readSome(deadline)) {
-                return false;
-            }
+            if (output_ == -1 || !readSome(deadline)) return false;
         }
         return true;
     }
@@ -130,29 +116,21 @@ class ChildProcess {
     }
 
     // The exit status (128 + the signal's number for one that ended it), once the process has
-    // ended within the bound.
+    // ended within the bound. Reading the output meanwhile keeps a chatty process from blocking
+    // on a full pipe; what it wrote last may still be in the pipes when it has ended.
     std::optional<int> waitForExit(std::chrono::milliseconds bound) {
-        const auto deadline = std::chrono::steady_clock::now() + bound;
-        while (!status_ && pid_ > 0) {
-            int status = 0;
+        const auto deadline = Clock::now() + bound;
+        for (int status = 0; !status_ && pid_ > 0;) {
             if (::waitpid(pid_, &status, WNOHANG) == pid_) {
                 status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-                // What it wrote last may still be in the pipes.
-                const auto drained = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-                while ((output_ != -1 || errors_ != -1) && readSome(drained)) {
+                for (const auto drained = Clock::now() + std::chrono::seconds(1);
+                     readSome(drained);) {
                 }
                 break;
             }
-            const auto now = std::chrono::steady_clock::now();
-            if (now >= deadline) {
-                break;
-            }
-            // Draining the output keeps a chatty process from blocking on a full pipe, and the
-            // poll in it is the wait between checks; once the output has ended, a plain wait.
-            const auto step = std::min(deadline, now + std::chrono::milliseconds(20));
-            if (!readSome(step)) {
-                ::poll(nullptr, 0, static_cast<int>(left(step).count()));
-            }
+            if (Clock::now() >= deadline) break;
+            const auto step = std::min(deadline, Clock::now() + std::chrono::milliseconds(20));
+            if (!readSome(step)) ::poll(nullptr, 0, static_cast<int>(left(step).count()));
         }
         return status_;
     }
@@ -164,14 +142,22 @@ class ChildProcess {
     }
 
   private:
-    static std::chrono::milliseconds left(std::chrono::steady_clock::time_point deadline) {
-        return std::max(std::chrono::milliseconds(0),
-                        std::chrono::duration_cast<std::chrono::milliseconds>(
-                            deadline - std::chrono::steady_clock::now()));
+    using Clock = std::chrono::steady_clock;
+
+    static std::chrono::milliseconds left(Clock::time_point deadline) {
+        return std::max(
+            std::chrono::milliseconds(0),
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
+    }
+
+    static void closeAll(std::initializer_list<int> fds) {
+        for (const int fd : fds) {
+            if (fd != -1) ::close(fd);
+        }
     }
 
     // Reads what either stream has; false when the deadline passed first or both have ended.
-    bool readSome(std::chrono::steady_clock::time_point deadline) {
+    bool readSome(Clock::time_point deadline) {
         pollfd entries[2];
         nfds_t count = 0;
         for (const int fd : {output_, errors_}) {
@@ -211,6 +197,21 @@ class OpensslProcess : public ChildProcess {
   public:
     explicit OpensslProcess(const std::vector<std::string>& arguments)
         : ChildProcess("openssl", arguments) {}
+
+    // The port s_server accepts on, once its line "ACCEPT" with the address is whole; 0 when
+    // that does not come within the bound.
+    std::uint16_t acceptingPort(std::chrono::milliseconds bound) {
+        const auto lineEnd = [](const std::string& output) {
+            const auto accept = output.find("ACCEPT");
+            return accept == output.npos ? output.npos : output.find('\n', accept);
+        };
+        if (!waitFor([&](const std::string& output) { return lineEnd(output) != output.npos; },
+                     bound)) {
+            return 0;
+        }
+        return static_cast<std::uint16_t>(
+            std::stoi(output().substr(output().rfind(':', lineEnd(output())) + 1)));
+    }
 };
 
 }  // namespace kavrin::tcpTest

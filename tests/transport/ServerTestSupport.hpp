@@ -11,6 +11,7 @@
 #include "osc/transport/OSCServer.hpp"
 #include "osc/transport/UdpSocketError.hpp"
 #include "tests/UdpPeer.hpp"
+#include "tests/transport/TcpTestSupport.hpp"
 
 // What the OSCServer tests share: a started server whose deliveries are
 // recorded on a ManualQueue.
@@ -58,6 +59,11 @@ struct Fixture {
     std::vector<std::string> addresses() const {
         std::vector<std::string> result;
         for (const auto& delivery : deliveries) result.push_back(delivery.address);
+        return result;
+    }
+    std::vector<OSCTimeTag> timeTags() const {
+        std::vector<OSCTimeTag> result;
+        for (const auto& delivery : deliveries) result.push_back(delivery.timeTag);
         return result;
     }
 };

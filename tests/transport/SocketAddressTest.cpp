@@ -8,36 +8,33 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace kavrin {
 namespace {
 
+// What an address says of itself: "family size IPv4|IPv6 host port description".
+std::string facts(const SocketAddress& a) {
+    return std::to_string(a.family()) + " " + std::to_string(a.size()) +
+           (a.isIPv4() ? " IPv4" : "") + (a.isIPv6() ? " IPv6" : "") + " " + a.host() + " " +
+           std::to_string(a.port()) + " " + a.description();
+}
+
 TEST(SocketAddress, NumericHostsRoundTripThroughTheirTextForms) {
-    struct Case {
-        std::string host;
-        std::uint16_t port;
-        int family;
-        std::size_t size;
-        std::string description;
+    const std::string four =
+        std::to_string(AF_INET) + " " + std::to_string(sizeof(sockaddr_in)) + " IPv4 ";
+    const std::string six =
+        std::to_string(AF_INET6) + " " + std::to_string(sizeof(sockaddr_in6)) + " IPv6 ";
+    const std::tuple<std::string, std::uint16_t, std::string> cases[] = {
+        {"127.0.0.1", 8000, four + "127.0.0.1 8000 127.0.0.1:8000"},
+        {"0.0.0.0", 0, four + "0.0.0.0 0 0.0.0.0:0"},
+        {"::1", 8000, six + "::1 8000 [::1]:8000"},
+        {"fe80::1", 65535, six + "fe80::1 65535 [fe80::1]:65535"},
+        {"::ffff:1.2.3.4", 9, six + "::ffff:1.2.3.4 9 [::ffff:1.2.3.4]:9"},
     };
-    const std::vector<Case> cases = {
-        {"127.0.0.1", 8000, AF_INET, sizeof(sockaddr_in), "127.0.0.1:8000"},
-        {"0.0.0.0", 0, AF_INET, sizeof(sockaddr_in), "0.0.0.0:0"},
-        {"::1", 8000, AF_INET6, sizeof(sockaddr_in6), "[::1]:8000"},
-        {"fe80::1", 65535, AF_INET6, sizeof(sockaddr_in6), "[fe80::1]:65535"},
-        {"::ffff:1.2.3.4", 9, AF_INET6, sizeof(sockaddr_in6), "[::ffff:1.2.3.4]:9"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.host);
-        const SocketAddress address = SocketAddress::fromNumericHost(c.host, c.port);
-        EXPECT_EQ(address.family(), c.family);
-        EXPECT_EQ(address.size(), c.size);
-        EXPECT_EQ(address.isIPv4(), c.family == AF_INET);
-        EXPECT_EQ(address.isIPv6(), c.family == AF_INET6);
-        EXPECT_EQ(address.host(), c.host);
-        EXPECT_EQ(address.port(), c.port);
-        EXPECT_EQ(address.description(), c.description);
+    for (const auto& [host, port, expected] : cases) {
+        EXPECT_EQ(facts(SocketAddress::fromNumericHost(host, port)), expected);
     }
     // The in_addr and in6_addr forms make the same bytes as the text.
     EXPECT_EQ(SocketAddress::ipv4(in_addr{htonl(INADDR_LOOPBACK)}, 7),
@@ -57,12 +54,8 @@ TEST(SocketAddress, ABlobThatIsNoIPAddressHasNoHostOrPort) {
         SocketAddress(&local, SocketAddress::maxSize),
     };
     for (const SocketAddress& blob : blobs) {
-        SCOPED_TRACE(blob.size());
-        EXPECT_FALSE(blob.isIPv4());
-        EXPECT_FALSE(blob.isIPv6());
-        EXPECT_EQ(blob.host(), "");
-        EXPECT_EQ(blob.port(), 0);
-        EXPECT_EQ(blob.description(), "");
+        EXPECT_EQ(facts(blob),
+                  std::to_string(blob.family()) + " " + std::to_string(blob.size()) + "  0 ");
         EXPECT_EQ(blob.withPort(9), blob);
         EXPECT_FALSE(blob.sameEndpoint(blob));
     }

@@ -1,8 +1,4 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <filesystem>
-#include <fstream>
 
 #include "OpensslProcess.hpp"
 #include "TcpTestSupport.hpp"
@@ -19,10 +15,9 @@ using namespace tcpTest;
 
 class TcpSocketTls : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() { certificates_ = std::make_unique<TestCertificates>(); }
-    static void TearDownTestSuite() { certificates_.reset(); }
-
-    static std::string path(const std::string& name) { return certificates_->path(name); }
+    static std::string path(const std::string& name) {
+        return TestCertificates::shared().path(name);
+    }
 
     // An s_server on host (numeric) and a port of the kernel's choice, ready to accept.
     static std::unique_ptr<OpensslProcess> startServer(const std::string& host,
@@ -32,12 +27,8 @@ class TcpSocketTls : public ::testing::Test {
         auto server = std::make_unique<OpensslProcess>(std::vector<std::string>{
             "s_server", "-accept", accept, "-cert", path(certificate + ".pem"), "-key",
             path(certificate + ".key")});
-        const bool ready = server->waitForOutput("ACCEPT", 10s) && server->waitForOutput("\n", 1s);
-        EXPECT_TRUE(ready) << "s_server did not start: " << server->output();
-        const std::string& out = server->output();
-        const auto line = out.find("ACCEPT");
-        const auto colon = out.rfind(':', out.find('\n', line));
-        *port = ready ? static_cast<std::uint16_t>(std::stoi(out.substr(colon + 1))) : 0;
+        *port = server->acceptingPort(10s);
+        EXPECT_NE(*port, 0) << "s_server did not start: " << server->output();
         return server;
     }
 
@@ -54,16 +45,10 @@ class TcpSocketTls : public ::testing::Test {
         settings.privateKeyFile = path("server.key");
         return settings;
     }
-
-    static std::unique_ptr<TestCertificates> certificates_;
 };
 
-std::unique_ptr<TestCertificates> TcpSocketTls::certificates_;
-
-// Our client to s_server: over both families, the name checked as given by the host, by
-// peerName and as an address, then data both ways. Each refusal says why: OpenSSL's reason, and
-// verification's own reason as the failure reason. Turning verification off, explicitly, lets an
-// unknown chain through.
+// The name is checked as the host, as peerName or as an address. A refusal gives OpenSSL's reason
+// and verification's own as the failure reason; only verification turned off passes any chain.
 TEST_F(TcpSocketTls, ClientVerifiesOpensslServerOrRefusesItWithTheReason) {
     struct Case {
         const char* what;
@@ -96,33 +81,25 @@ TEST_F(TcpSocketTls, ClientVerifiesOpensslServerOrRefusesItWithTheReason) {
         settings.peerName = c.peerName;
         settings.verifyPeer = c.verifyPeer;
         ASSERT_TRUE(client.socket->startTLS(settings, &error)) << describe(error);
+        Recorder& r = *client.recorder;
         if (c.reason) {
             client.socket->readAvailable(100, 10.0, 1);
-            const auto d = client.recorder->waitForDisconnect(client.socket.get());
-            ASSERT_TRUE(d);
-            ASSERT_TRUE(d->error);
-            EXPECT_EQ(d->error->code(), TcpSocketError::tls) << describe(d->error);
-            EXPECT_EQ(d->error->description(), "certificate verify failed") << describe(d->error);
-            EXPECT_EQ(d->error->failureReason(), c.reason) << describe(d->error);
-            EXPECT_TRUE(client.recorder->read([&] { return client.recorder->secured.empty(); }));
+            EXPECT_EQ(r.disconnectError(client.socket.get()),
+                      "TcpSocketErrorDomain 10: certificate verify failed (" + *c.reason + ")");
+            EXPECT_TRUE(r.read([&] { return r.secured.empty(); }));
             continue;
         }
         ASSERT_TRUE(client.socket->write(bytes("ping from kavrin\n"), 5.0, 1));
         ASSERT_TRUE(client.socket->readToDelimiter(bytes("\n"), 1000, 10.0, 2));
-        ASSERT_TRUE(client.recorder->waitFor([&] {
-            return !client.recorder->secured.empty() || !client.recorder->disconnects.empty();
-        }));
-        ASSERT_TRUE(client.recorder->read([&] { return client.recorder->disconnects.empty(); }))
-            << describe(client.recorder->read([&] { return client.recorder->disconnects[0].error; }));
+        ASSERT_TRUE(r.waitFor([&] { return !r.secured.empty() || !r.disconnects.empty(); }));
+        ASSERT_TRUE(r.read([&] { return r.disconnects.empty(); }))
+            << describe(r.read([&] { return r.disconnects[0].error; }));
         EXPECT_TRUE(client.socket->isSecure());
         EXPECT_TRUE(server->waitForOutput("ping from kavrin", 10s)) << server->output();
         ASSERT_TRUE(server->send("hello from s_server\n"));
-        ASSERT_TRUE(client.recorder->waitFor([&] { return client.recorder->reads.size() == 1; }))
-            << server->output();
-        EXPECT_EQ(text(client.recorder->read([&] { return client.recorder->reads[0].data; })),
-                  "hello from s_server\n");
-        EXPECT_EQ(client.recorder->read([&] { return client.recorder->written; }),
-                  std::vector<std::int64_t>{1});
+        ASSERT_TRUE(r.waitForReads(1)) << server->output();
+        EXPECT_EQ(text(r.read([&] { return r.reads[0].data; })), "hello from s_server\n");
+        EXPECT_EQ(r.read([&] { return r.written; }), std::vector<std::int64_t>{1});
     }
 }
 
@@ -145,9 +122,7 @@ TEST_F(TcpSocketTls, OpensslClientVerifiesOurServerAndTalksBothWays) {
                                "-servername", "localhost", "-quiet"});
         ASSERT_TRUE(client.waitForOutput("hello from kavrin", 10s)) << client.output();
         ASSERT_TRUE(client.send("hello from s_client\n"));
-        ++served;
-        ASSERT_TRUE(server.recorder->waitFor([&] { return server.recorder->reads.size() == served; }))
-            << client.output();
+        ASSERT_TRUE(server.recorder->waitForReads(++served)) << client.output();
         EXPECT_EQ(text(server.recorder->read([&] { return server.recorder->reads.back().data; })),
                   "hello from s_client\n");
     }
@@ -215,10 +190,8 @@ TEST_F(TcpSocketTls, StalledHandshakeTimesOut) {
     settings.handshakeTimeout = 0.3;
     ASSERT_TRUE(client.socket->startTLS(settings, &error)) << describe(error);
     Fd silent = rawAccept(listener.get());
-    const auto d = client.recorder->waitForDisconnect(client.socket.get());
-    ASSERT_TRUE(d);
-    EXPECT_EQ(describe(d->error), describe(TcpSocketError::handshakeTimeoutError()));
-    EXPECT_EQ(d->error->description(), "TLS handshake timed out");
+    EXPECT_EQ(client.recorder->disconnectError(client.socket.get()),
+              "TcpSocketErrorDomain 11: TLS handshake timed out");
 }
 
 // Plain text, then TLS in the middle of the stream without waiting for an answer: the client's
@@ -251,27 +224,23 @@ TEST_F(TcpSocketTls, StartsInTheMiddleOfTheStream) {
         client.socket->write(bytes("secret question\n"), 10.0, 2);
         client.socket->readToDelimiter(bytes("\n"), 100, 10.0, 3);
 
-        ASSERT_TRUE(client.recorder->waitFor([&] {
-            return client.recorder->reads.size() == 1 || !client.recorder->disconnects.empty();
-        }));
-        ASSERT_TRUE(client.recorder->read([&] { return client.recorder->disconnects.empty(); }))
-            << describe(client.recorder->read([&] { return client.recorder->disconnects[0].error; }));
-        EXPECT_EQ(text(client.recorder->read([&] { return client.recorder->reads[0].data; })),
-                  "secret answer\n");
-        ASSERT_TRUE(server.recorder->waitFor([&] { return server.recorder->reads.size() == 2; }));
-        const auto reads = server.recorder->read([&] { return server.recorder->reads; });
-        EXPECT_EQ(text(reads[0].data), "STARTTLS\n");
-        EXPECT_EQ(text(reads[1].data), "secret question\n");
-        EXPECT_EQ(server.recorder->read([&] { return server.recorder->secured.size(); }), 1u);
+        Recorder& r = *client.recorder;
+        ASSERT_TRUE(r.waitFor([&] { return r.reads.size() == 1 || !r.disconnects.empty(); }));
+        ASSERT_TRUE(r.read([&] { return r.disconnects.empty(); }))
+            << describe(r.read([&] { return r.disconnects[0].error; }));
+        EXPECT_EQ(text(r.read([&] { return r.reads[0].data; })), "secret answer\n");
+        Recorder& atServer = *server.recorder;
+        ASSERT_TRUE(atServer.waitForReads(2));
+        const auto reads = atServer.read([&] { return atServer.reads; });
+        EXPECT_EQ(std::vector<std::string>({text(reads[0].data), text(reads[1].data)}),
+                  std::vector<std::string>({"STARTTLS\n", "secret question\n"}));
+        EXPECT_EQ(atServer.read([&] { return atServer.secured.size(); }), 1u);
 
         // An orderly close sends close_notify: the server's waiting read ends with the peer.
-        server.recorder->read([&] {
-            server.recorder->accepted[0]->readAvailable(100, 10.0, 4);
-            return 0;
-        });
+        const auto accepted = atServer.read([&] { return atServer.accepted[0]; });
+        accepted->readAvailable(100, 10.0, 4);
         client.socket->disconnect();
-        ASSERT_TRUE(server.recorder->waitFor([&] { return !server.recorder->disconnects.empty(); }));
-        EXPECT_EQ(describe(server.recorder->read([&] { return server.recorder->disconnects[0].error; })),
+        EXPECT_EQ(atServer.disconnectError(accepted.get()),
                   describe(TcpSocketError::closedByPeerError()));
     }
 }

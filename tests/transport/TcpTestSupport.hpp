@@ -1,6 +1,6 @@
 #pragma once
 
-// What the socket and stream tests share: recording of reports, a TcpSocket delegate that
+// What the socket and stream tests share: a TcpSocket delegate that
 // records every report, a bare BSD socket peer, and the description of an error for failure
 // messages.
 
@@ -11,11 +11,9 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,6 +22,7 @@
 
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/TcpSocket.hpp"
+#include "tests/Recording.hpp"
 
 namespace kavrin::tcpTest {
 
@@ -39,49 +38,23 @@ inline std::string text(const Bytes& data) {
     return {data.begin(), data.end()};
 }
 
-inline std::string describe(const std::optional<TcpSocketError>& error) {
+// Any socket's error as one line: domain, code, description and the failure reason.
+inline std::string describe(const std::optional<SocketError>& error) {
     if (!error) return "no error";
     return error->domain() + " " + std::to_string(error->code()) + ": " + error->description() +
            (error->failureReason() ? " (" + *error->failureReason() + ")" : "");
 }
 
-// Reports recorded under a lock, each noting whether it came on the delegate queue; tests wait
-// on them with a bound.
-class Recording {
-  public:
-    explicit Recording(std::shared_ptr<DispatchQueue> queue, std::chrono::milliseconds bound = 10s)
-        : queue_(std::move(queue)), bound_(bound) {}
-
-    // Waits until done() holds (checked under the lock); false after the bound.
-    template <class Done>
-    bool waitFor(Done done, std::optional<std::chrono::milliseconds> bound = std::nullopt) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, bound.value_or(bound_), [&] { return done(); });
+// For a condition nothing announces: checks it every few milliseconds, up to the bound.
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds bound = 5s) {
+    for (const auto deadline = Clock::now() + bound; !condition(); ::poll(nullptr, 0, 5)) {
+        if (Clock::now() > deadline) return false;
     }
+    return true;
+}
 
-    template <class Look>
-    auto read(Look look) {
-        std::lock_guard lock(mutex_);
-        return look();
-    }
-
-    bool allOnDelegateQueue = true;
-
-  protected:
-    template <class F>
-    void record(F f) {
-        std::lock_guard lock(mutex_);
-        allOnDelegateQueue = allOnDelegateQueue && queue_->isCurrent();
-        f();
-        changed_.notify_all();
-    }
-
-  private:
-    std::shared_ptr<DispatchQueue> queue_;
-    std::chrono::milliseconds bound_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-};
+using test::Recording;
 
 // Every TcpSocket report, with the socket it came from. onWillAccept and onAccept, when set,
 // run on the delegate queue for each accepted socket, as a server's delegate would choose its
@@ -134,16 +107,20 @@ class Recorder : public TcpSocketDelegate, public Recording {
         record([&] { disconnects.push_back({&sock, error}); });
     }
 
-    // The first disconnect of sock, once it has come.
-    std::optional<Disconnect> waitForDisconnect(TcpSocket* sock) {
-        std::optional<Disconnect> found;
+    // The error that first disconnected sock, described; "no disconnect" after the bound.
+    std::string disconnectError(TcpSocket* sock) {
+        std::optional<std::string> found;
         waitFor([&] {
             for (const auto& d : disconnects) {
-                if (d.socket == sock) found = d;
+                if (d.socket == sock && !found) found = describe(d.error);
             }
             return found.has_value();
         });
-        return found;
+        return found.value_or("no disconnect");
+    }
+
+    bool waitForReads(std::size_t count) {
+        return waitFor([&] { return reads.size() >= count; });
     }
 
     std::size_t disconnectsOf(TcpSocket* sock) {

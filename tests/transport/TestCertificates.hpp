@@ -26,19 +26,20 @@ class TestCertificates {
             return;
         }
         dir_ = folder;
-        const std::vector<std::string> ec = {"-newkey", "ec", "-pkeyopt",
-                                             "ec_paramgen_curve:prime256v1", "-nodes"};
-        const std::string localhost = "subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1";
-        run(join({"req", "-x509"}, ec,
-                 {"-keyout", path("ca.key"), "-out", path("ca.pem"), "-subj", "/CN=Kavrin Test CA",
-                  "-days", "2"}));
-        run(join({"req", "-x509"}, ec,
-                 {"-keyout", path("other.key"), "-out", path("other.pem"), "-subj",
-                  "/CN=Unrelated Test CA", "-days", "2"}));
+        // A request (or with -x509 a certificate) for a new EC key.
+        const auto request = [](std::vector<std::string> arguments) {
+            arguments.insert(arguments.begin(), {"req", "-newkey", "ec", "-pkeyopt",
+                                                 "ec_paramgen_curve:prime256v1", "-nodes"});
+            run(arguments);
+        };
+        request({"-x509", "-keyout", path("ca.key"), "-out", path("ca.pem"), "-subj",
+                 "/CN=Kavrin Test CA", "-days", "2"});
+        request({"-x509", "-keyout", path("other.key"), "-out", path("other.pem"), "-subj",
+                 "/CN=Unrelated Test CA", "-days", "2"});
         for (const std::string name : {"server", "expired"}) {
-            run(join({"req"}, ec,
-                     {"-keyout", path(name + ".key"), "-out", path(name + ".csr"), "-subj",
-                      "/CN=localhost", "-addext", localhost}));
+            request({"-keyout", path(name + ".key"), "-out", path(name + ".csr"), "-subj",
+                     "/CN=localhost", "-addext",
+                     "subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1"});
         }
         run({"x509", "-req", "-in", path("server.csr"), "-CA", path("ca.pem"), "-CAkey",
              path("ca.key"), "-CAcreateserial", "-out", path("server.pem"), "-days", "2",
@@ -67,15 +68,13 @@ class TestCertificates {
 
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
-  private:
-    static std::vector<std::string> join(std::vector<std::string> a,
-                                         const std::vector<std::string>& b,
-                                         const std::vector<std::string>& c) {
-        a.insert(a.end(), b.begin(), b.end());
-        a.insert(a.end(), c.begin(), c.end());
-        return a;
+    // Made on first use, once per test program, and removed when it ends.
+    static const TestCertificates& shared() {
+        static const TestCertificates certificates;
+        return certificates;
     }
 
+  private:
     static void run(const std::vector<std::string>& arguments) {
         using namespace std::chrono_literals;
         OpensslProcess process(arguments);
