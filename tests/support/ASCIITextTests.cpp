@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <string>
-#include <thread>
 #include <unordered_set>
-#include <vector>
 
 #include "support/ASCIIString.hpp"
 #include "support/LossyASCII.hpp"

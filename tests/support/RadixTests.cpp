@@ -2,8 +2,6 @@
 
 #include <cstdint>
 #include <limits>
-#include <string>
-#include <vector>
 
 #include "support/HexDump.hpp"
 #include "support/RadixParse.hpp"
