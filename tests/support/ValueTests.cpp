@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -13,14 +14,9 @@ namespace {
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
-// The text of the InvalidValueError that `run` throws; "accepted" when it throws none.
-std::string refusal(const auto& run) {
-    try {
-        run();
-    } catch (const InvalidValueError& error) {
-        return error.what();
-    }
-    return "accepted";
+// A call that throws an InvalidValueError with exactly `text`.
+auto refuses(const char* text) {
+    return ::testing::ThrowsMessage<InvalidValueError>(::testing::StrEq(text));
 }
 
 TEST(Clamped, KeepsConstructionAndAssignmentWithinItsBounds) {
@@ -47,13 +43,13 @@ TEST(Clamped, KeepsConstructionAndAssignmentWithinItsBounds) {
 
 TEST(Clamped, RefusesNaNAndReversedBounds) {
     Clamped<double> level(0.5, 0.0, 1.0);
-    EXPECT_EQ(refusal([&] { level = nan; }), "NaN cannot be clamped");
+    EXPECT_THAT([&] { level = nan; }, refuses("NaN cannot be clamped"));
     EXPECT_EQ(level.value(), 0.5);  // the old value stays
     EXPECT_THROW(Clamped<double>(nan, 0.0, 1.0), InvalidValueError);
     EXPECT_THROW(Clamped<double>(0.0, nan, 1.0), InvalidValueError);
     EXPECT_THROW(Clamped<double>(0.0, 0.0, nan), InvalidValueError);
-    EXPECT_EQ(refusal([] { Clamped<int>(0, 5, 1); }),
-              "Clamped bounds out of order: low 5 is above high 1");
+    EXPECT_THAT([] { Clamped<int>(0, 5, 1); },
+              refuses("Clamped bounds out of order: low 5 is above high 1"));
 }
 
 TEST(Validated, RefusesWhatThePredicateRefusesAndKeepsTheOldValue) {
@@ -61,8 +57,8 @@ TEST(Validated, RefusesWhatThePredicateRefusesAndKeepsTheOldValue) {
     Validated<std::int64_t> port(8000, isPort, "a port from 1 to 65535");
     port = 8001;
     EXPECT_EQ(port.value(), 8001);
-    EXPECT_EQ(refusal([&] { port = 70000; }),
-              "Invalid value 70000: expected a port from 1 to 65535");
+    EXPECT_THAT([&] { port = 70000; },
+              refuses("Invalid value 70000: expected a port from 1 to 65535"));
     EXPECT_EQ(port.value(), 8001);
     EXPECT_FALSE(port.accepts(0));
     EXPECT_TRUE(port.accepts(65535));
@@ -73,8 +69,8 @@ TEST(Validated, RefusesWhatThePredicateRefusesAndKeepsTheOldValue) {
         bool good;
     };
     const auto good = [](const Opaque& o) { return o.good; };
-    EXPECT_EQ(refusal([&] { Validated<Opaque>({false}, good, "a good one"); }),
-              "Invalid value: expected a good one");
+    EXPECT_THAT([&] { Validated<Opaque>({false}, good, "a good one"); },
+              refuses("Invalid value: expected a good one"));
 }
 
 }  // namespace
