@@ -1,15 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <QFile>
 #include <QFileInfo>
 #include <QtGlobal>
-#include <memory>
-#include <string>
 
 #include "DialogAnswerer.hpp"
 #include "PrivateEnvironment.hpp"
+#include "SqliteFile.hpp"
 #include "app/AppDelegate.hpp"
 
 namespace kavrin {
@@ -18,32 +16,15 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Reply = AppDelegate::TerminateReply;
+using Rows = test::SqliteFile::Rows;
 
 // Another connection to the store that holds its write lock, as another process might.
-class StoreLock {
+class StoreLock : public test::SqliteFile {
   public:
-    explicit StoreLock(const QString& path) {
-        EXPECT_EQ(sqlite3_open(path.toUtf8().constData(), &database_), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(database_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK)
-            << sqlite3_errmsg(database_);
-    }
-    ~StoreLock() { sqlite3_close(database_); }
-
-    std::string valueOf(const std::string& key) {
-        sqlite3_stmt* select = nullptr;
-        sqlite3_prepare_v2(database_, "SELECT value FROM objects WHERE key = ?", -1, &select,
-                           nullptr);
-        sqlite3_bind_text(select, 1, key.c_str(), -1, SQLITE_TRANSIENT);
-        std::string value = sqlite3_step(select) == SQLITE_ROW
-                                ? reinterpret_cast<const char*>(sqlite3_column_text(select, 0))
-                                : "<none>";
-        sqlite3_finalize(select);
-        return value;
-    }
-    void release() { sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr); }
-
-  private:
-    sqlite3* database_ = nullptr;
+    explicit StoreLock(const QString& path) : SqliteFile(path) { rows("BEGIN EXCLUSIVE"); }
+    // What the store holds under "key".
+    Rows key() { return rows("SELECT value FROM objects WHERE key = 'key'"); }
+    void release() { rows("ROLLBACK"); }
 };
 
 // Collects what goes to Qt's system log.
@@ -77,7 +58,7 @@ TEST_F(AppDelegateTest, WithNothingToSaveQuittingIsImmediateAndTheStoreIsMadeOnD
     context().setValue("key", "value");
     delegate->saveAction();
     EXPECT_FALSE(context().hasChanges());
-    EXPECT_EQ(StoreLock(environment.storeFile()).valueOf("key"), "value");
+    EXPECT_EQ(StoreLock(environment.storeFile()).key(), Rows{{"value"}});
     EXPECT_TRUE(user.seen.empty());
 }
 
@@ -109,7 +90,7 @@ TEST_F(AppDelegateTest, AFailedSaveAtQuitShowsTheErrorThenAsksWhetherToQuitAnywa
     test::DialogAnswerer nobody;
     EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::now);
     EXPECT_TRUE(nobody.seen.empty());
-    EXPECT_EQ(lock.valueOf("key"), "unsaved");
+    EXPECT_EQ(lock.key(), Rows{{"unsaved"}});
 }
 
 TEST_F(AppDelegateTest, AFailedSaveActionIsShownAndTheEditsStayPending) {

@@ -46,11 +46,7 @@ TEST(DeviceChoice, OfAnOSCQueryDeviceFollowsItsHostInfo) {
     // The same device's stream port, which says how it frames.
     const std::vector<OSCService> others = {query, found("_osc._tcp", 3037, bothFamilies, {{"framing", "slip"}})};
     const auto info = [](std::string address, std::uint16_t port, OSCQueryTransport transport) {
-        OSCQueryHostInfo hostInfo;
-        hostInfo.oscAddress = std::move(address);
-        hostInfo.oscPort = port;
-        hostInfo.oscTransport = transport;
-        return hostInfo;
+        return OSCQueryHostInfo{"", std::move(address), port, transport, {}};
     };
     const struct {
         OSCQueryHostInfo info;

@@ -1,13 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <QTemporaryDir>
 #include <QtTest/QTest>
-#include <chrono>
-#include <string>
-#include <vector>
+#include <tuple>
 
+#include "SqliteFile.hpp"
 #include "app/LinkHistory.hpp"
 #include "app/OutageCsv.hpp"
 #include "app/QtMainQueue.hpp"
@@ -23,19 +21,24 @@ Outage::TimePoint at(int second) {
     return Outage::TimePoint(seconds(1'700'000'000 + second));
 }
 
+const std::optional<microseconds> none;
+
+// The outages as rows that compare whole: started, ended, how, median and worst round trip.
+using Row = std::tuple<Outage::TimePoint, std::optional<Outage::TimePoint>, End,
+                       std::optional<microseconds>, std::optional<microseconds>>;
+std::vector<Row> rows(const std::vector<Outage>& outages) {
+    std::vector<Row> rows;
+    for (const auto& o : outages) {
+        rows.emplace_back(o.started, o.ended, o.end, o.medianRoundTrip, o.worstRoundTrip);
+    }
+    return rows;
+}
+
 class LinkHistoryTest : public ::testing::Test {
   protected:
     std::unique_ptr<LinkHistory> open() {
         return std::make_unique<LinkHistory>(file, std::make_shared<QtMainQueue>(),
                                              [this](const std::string& what) { failures.push_back(what); });
-    }
-
-    // Runs `sql` on the file as another program would.
-    void tamper(const char* sql) {
-        sqlite3* db = nullptr;
-        ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
-        sqlite3_close(db);
     }
 
     QTemporaryDir directory;
@@ -59,20 +62,12 @@ TEST_F(LinkHistoryTest, RecordsOutagesFromTheFirstPaintWithTheRoundTripsBeforeEa
         history->painted(at(10), true);
         history->painted(at(12), false);  // still down at quit
 
-        const auto outages = history->outages();
-        ASSERT_EQ(outages.size(), 3u);
-        EXPECT_EQ(outages[0].started, at(12));
-        EXPECT_EQ(outages[0].end, End::ongoing);
-        EXPECT_FALSE(outages[0].ended.has_value());
-        EXPECT_EQ(outages[1].started, at(6));
-        EXPECT_EQ(outages[1].ended, at(10));
-        EXPECT_EQ(outages[1].end, End::recovered);
-        EXPECT_EQ(outages[1].medianRoundTrip, microseconds(900)) << "of 400, 900, 1200";
-        EXPECT_EQ(outages[1].worstRoundTrip, microseconds(1200));
-        EXPECT_EQ(outages[2].started, at(0));
-        EXPECT_EQ(outages[2].ended, at(2));
-        EXPECT_FALSE(outages[2].medianRoundTrip.has_value()) << "no healthy time before it";
-        EXPECT_FALSE(outages[0].medianRoundTrip.has_value()) << "none timed between 10 and 12";
+        // The median of 400, 900 and 1200; none timed between 10 and 12, nor before the first.
+        EXPECT_EQ(rows(history->outages()),
+                  (std::vector<Row>{{at(12), std::nullopt, End::ongoing, none, none},
+                                    {at(6), at(10), End::recovered, microseconds(900),
+                                     microseconds(1200)},
+                                    {at(0), at(2), End::recovered, none, none}}));
     }
     const auto outages = open()->outages();  // survives the restart
     ASSERT_EQ(outages.size(), 3u);
@@ -90,21 +85,17 @@ TEST_F(LinkHistoryTest, AnOutageACrashLeftOpenIsClosedAtTheNextStartAtItsLastPai
     }
     // As if the monitor had stopped after its paint at 4 s without quitting; and as an earlier
     // version kept round trips, under the time of the reply (400 µs after a ping at 1 s).
-    tamper("UPDATE runs SET ended_at = NULL, ended_by = NULL, last_seen_at = 1700000004000;"
-           "UPDATE outages SET ended_at = NULL, ended_by = NULL;"
-           "CREATE TABLE round_trips (at INTEGER NOT NULL, micros INTEGER NOT NULL);"
-           "INSERT INTO round_trips VALUES (1700000001000, 400);");
+    test::SqliteFile(QString::fromStdString(file)).rows(
+        "UPDATE runs SET ended_at = NULL, ended_by = NULL, last_seen_at = 1700000004000;"
+        "UPDATE outages SET ended_at = NULL, ended_by = NULL;"
+        "CREATE TABLE round_trips (at INTEGER NOT NULL, micros INTEGER NOT NULL);"
+        "INSERT INTO round_trips VALUES (1700000001000, 400);");
 
     auto history = open();
     history->painted(at(100), false);
-    const auto outages = history->outages();
-    ASSERT_EQ(outages.size(), 2u);
-    EXPECT_EQ(outages[0].started, at(100));
-    EXPECT_EQ(outages[0].end, End::ongoing) << "this run's own outage stays open";
-    EXPECT_EQ(outages[1].started, at(2));
-    EXPECT_EQ(outages[1].ended, at(4));
-    EXPECT_EQ(outages[1].end, End::crash);
-    EXPECT_EQ(outages[1].medianRoundTrip, microseconds(400));
+    EXPECT_EQ(rows(history->outages()),  // this run's own outage stays open
+              (std::vector<Row>{{at(100), std::nullopt, End::ongoing, none, none},
+                                {at(2), at(4), End::crash, microseconds(400), microseconds(400)}}));
 }
 
 TEST_F(LinkHistoryTest, KeepsAWeekOfPingsAndPlotsThemInBucketsWithTheOutages) {

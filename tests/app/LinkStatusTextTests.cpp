@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
-
 #include "app/LinkStatusText.hpp"
 
 namespace kavrin {

@@ -4,7 +4,6 @@
 #include <QClipboard>
 #include <QScrollBar>
 #include <QtTest/QTest>
-#include <string>
 
 #include "app/LineStore.hpp"
 #include "app/MessageLogView.hpp"

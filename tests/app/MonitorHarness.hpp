@@ -7,9 +7,6 @@
 #include <QTimer>
 #include <QtTest/QTest>
 #include <cstdio>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "PrivateEnvironment.hpp"
 #include "app/MonitorSettings.hpp"
@@ -76,8 +73,19 @@ class MonitorHarness : public ::testing::Test {
         return ping.value_or(std::vector<std::uint8_t>{});
     }
 
-    QString status() { return widget<QLabel>("StatusLab")->text(); }
+    QString label(const char* name) { return widget<QLabel>(name)->text(); }
+    QString status() { return label("StatusLab"); }
     QColor colour() { return widget<QWidget>("Background")->palette().color(QPalette::Window); }
+
+    // Waits until the label `name` shows `text`, or contains it when `part`; if it never does,
+    // the failure says what it shows.
+    ::testing::AssertionResult shows(const char* name, const QString& text, bool part = false) {
+        if (QTest::qWaitFor([&] { return part ? label(name).contains(text) : label(name) == text; },
+                            5000)) {
+            return ::testing::AssertionSuccess();
+        }
+        return ::testing::AssertionFailure() << name << ": " << label(name).toStdString();
+    }
 
     // Waits until a line starting with `prefix` is logged after the first `from` lines.
     bool logged(const std::string& prefix, std::size_t from, int boundMs = 5000) {

@@ -11,13 +11,12 @@
 #include <QLabel>
 #include <QtTest/QTest>
 #include <algorithm>
-#include <memory>
-#include <string>
 
 #include "MonitorHarness.hpp"
 #include "TcpPeer.hpp"
 #include "app/LinkConnection.hpp"
 #include "app/RoundTripPlot.hpp"
+#include "osc/codec/OSCMessage.hpp"
 #include "tests/tools/NpmPeers.hpp"
 
 namespace kavrin {
@@ -111,7 +110,7 @@ TEST_P(MonitorLinkTest, TheLightFollowsTheConsoleTickByTick) {
     start();
     // The connection is made at start, well within the first tick's 2 s.
     if (stream) {
-        ASSERT_TRUE(connected(2000)) << widget<QLabel>("ConnectionLab")->text().toStdString();
+        ASSERT_TRUE(connected(2000)) << label("ConnectionLab").toStdString();
     }
 
     const std::size_t first = lines.size();
@@ -119,7 +118,7 @@ TEST_P(MonitorLinkTest, TheLightFollowsTheConsoleTickByTick) {
     if (GetParam().numberPings) {
         EXPECT_THAT(lines[first + 1], HasSubstr("Int32: 1")) << "the ping's number, echoed";
     }
-    EXPECT_THAT(widget<QLabel>("RoundTripLab")->text().toStdString(), ::testing::EndsWith(" ms"));
+    EXPECT_THAT(label("RoundTripLab").toStdString(), ::testing::EndsWith(" ms"));
 
     // The peer stops once it has answered the last ping, and the link notices at once: both
     // well within the two seconds between real ticks.
@@ -164,9 +163,9 @@ INSTANTIATE_TEST_SUITE_P(
 // The link against a console gone wrong: a raw TCP peer that writes what the test gives.
 class MonitorLinkFaultsTest : public test::MonitorHarness {
   protected:
-    QString connection() { return widget<QLabel>("ConnectionLab")->text(); }
-    bool shows(const QString& text) {
-        return QTest::qWaitFor([&] { return connection().contains(text); }, 5000);
+    // Waits until the connection's line contains `text`.
+    ::testing::AssertionResult connection(const QString& text) {
+        return shows("ConnectionLab", text, true);
     }
     // `packet` after its size.
     static std::vector<std::uint8_t> framed(std::vector<std::uint8_t> packet) {
@@ -199,16 +198,15 @@ TEST_F(MonitorLinkFaultsTest, ChangesTakeEffectAtTheNextTickAndNoPingWaitsForThe
 
     EXPECT_THAT(tick(), StartsWith("ERROR sending ping: not connected to 127.0.0.1:" +
                                    nobody.toStdString() + " over tcp: "));
-    EXPECT_TRUE(shows("tcp 127.0.0.1:" + nobody + ": refused, retrying in"));
+    EXPECT_TRUE(connection("tcp 127.0.0.1:" + nobody + ": refused, retrying in"));
 
     edit("OutPortText", QString::number(console.port()));
     tick();  // connects to the console, and pings if that was quick
     ASSERT_TRUE(console.accept());
-    ASSERT_TRUE(shows("tcp 127.0.0.1:" + QString::number(console.port()) + ": connected"));
+    ASSERT_TRUE(connection("tcp 127.0.0.1:" + QString::number(console.port()) + ": connected"));
     EXPECT_THAT(tick(), StartsWith("Sent OSC ping to 127.0.0.1:" + std::to_string(console.port())));
     // The first ping on the wire is numbered 1: the ticks that sent nothing used no number.
-    const auto first = framed({'/', 'e', 'o', 's', '/', 'p', 'i', 'n', 'g', 0, 0, 0, ',', 'i', 0, 0,
-                               0, 0, 0, 1});
+    const auto first = framed(OSCMessage("/eos/ping", {1}).rawData());
     const auto read = console.read();
     EXPECT_TRUE(read.size() >= first.size() && std::equal(first.begin(), first.end(), read.begin()));
 }
@@ -228,34 +226,32 @@ TEST_F(MonitorLinkFaultsTest, ABrokenConnectionCostsOnlyItselfAndTheWindowSaysWh
     settings->store().setValue("Transport", "tcp");
     start();
     ASSERT_TRUE(console.accept());
-    ASSERT_TRUE(shows("connected"));
+    ASSERT_TRUE(connection("connected"));
 
     // A well-framed packet that is not OSC costs only itself.
     const std::size_t before = lines.size();
     console.write(framed({'a', 'b', 'c', 'd'}));
-    console.write(framed({'/', 'e', 'o', 's', '/', 'o', 'u', 't', '/', 'p', 'i', 'n', 'g', 0, 0, 0,
-                          ',', 0, 0, 0}));
+    console.write(framed(test::oscMessageBytes("/eos/out/ping")));
     EXPECT_TRUE(logged("Matched expected pattern", before));
-    EXPECT_TRUE(QTest::qWaitFor(
-        [&] { return widget<QLabel>("DroppedLab")->text().contains("1 packet dropped"); }, 5000));
-    EXPECT_THAT(connection().toStdString(), HasSubstr("connected"));
+    EXPECT_TRUE(shows("DroppedLab", "1 packet dropped", true));
+    EXPECT_THAT(label("ConnectionLab").toStdString(), HasSubstr("connected"));
 
     // SLIP where sizes belong breaks the framing: the connection goes, and the window says why.
     console.write({0xC0, '/', 'e', 'o', 's', 0, 0, 0, ',', 0, 0, 0, 0xC0});
-    EXPECT_TRUE(shows("closed (Frame size prefix is negative"));
-    EXPECT_TRUE(shows("look like slip framing")) << connection().toStdString();
-    EXPECT_TRUE(shows("retrying in"));
+    EXPECT_TRUE(connection("closed (Frame size prefix is negative"));
+    EXPECT_TRUE(connection("look like slip framing"));
+    EXPECT_TRUE(connection("retrying in"));
     ASSERT_TRUE(console.accept()) << "connects again";
 
     // So does a hang-up in the middle of a packet.
     console.write({0, 0, 0, 16, '/', 'e', 'o'});
-    ASSERT_TRUE(QTest::qWaitFor([&] { return connection().contains("connected"); }, 5000));
+    ASSERT_TRUE(connection("connected"));
     console.hangUp();
-    EXPECT_TRUE(shows("closed (Socket closed by remote peer)")) << connection().toStdString();
+    EXPECT_TRUE(connection("closed (Socket closed by remote peer)"));
 
     // A console that takes the pings and never answers leaves the light red.
     ASSERT_TRUE(console.accept());
-    ASSERT_TRUE(shows(": connected"));
+    ASSERT_TRUE(connection(": connected"));
     for (int i = 0; i < 2; ++i) EXPECT_THAT(tick(), StartsWith("Sent OSC ping"));
     EXPECT_EQ(status(), "OSC IS DEAD!!!");
     EXPECT_FALSE(console.read().empty());

@@ -4,8 +4,6 @@
 
 #include <QElapsedTimer>
 #include <QProcess>
-#include <string>
-#include <vector>
 
 #include "PrivateEnvironment.hpp"
 

@@ -3,13 +3,22 @@
 #include <QFileInfo>
 #include <QStringList>
 #include <limits>
-#include <memory>
+#include <tuple>
 
 #include "PrivateEnvironment.hpp"
 #include "app/MonitorSettings.hpp"
 
 namespace kavrin {
 namespace {
+
+// Every setting, in the order MonitorSettings declares them.
+using Values = std::tuple<std::string, std::int64_t, std::int64_t, std::string, std::string,
+                          std::string, bool, bool, bool>;
+Values values(const MonitorSettings& s) {
+    return {s.ip.value(),   s.outPort.value(), s.inPort.value(),
+            s.ping.value(), s.reply.value(),   s.transport.value(),
+            s.pingFromInPort.value(), s.numberPings.value(), s.advertise.value()};
+}
 
 class MonitorSettingsTest : public ::testing::Test {
   protected:
@@ -25,26 +34,17 @@ class MonitorSettingsTest : public ::testing::Test {
 
 TEST_F(MonitorSettingsTest, MissingAndUnusableValuesReadAsTheDefaults) {
     EXPECT_EQ(settings->store().fileName(), environment.settingsFile());
-    EXPECT_EQ(settings->ip.value(), "localhost");
-    EXPECT_EQ(settings->outPort.value(), 8000);
-    EXPECT_EQ(settings->transport.value(), "udp");
-    EXPECT_FALSE(settings->pingFromInPort.value());
-    EXPECT_FALSE(settings->numberPings.value());
-    EXPECT_TRUE(settings->advertise.value());
+    EXPECT_EQ(values(*settings), Values("localhost", 8000, 8001, "/eos/ping", "/eos/out/ping",
+                                        "udp", false, false, true));
 
-    settings->store().setValue("OutPort", 0);
+    settings->store().setValue("OutPort", 0);  // 0 means the default
     settings->store().setValue("InPort", "not a number");
     settings->store().setValue("Reply", QStringList{"two", "values"});
-    settings->store().setValue("ip", "");
+    settings->store().setValue("ip", "");  // an empty string is a value
     settings->store().setValue("ping", 42);
     settings->store().setValue("NumberPings", "maybe");
-    const auto stored = reopen();
-    EXPECT_EQ(stored->outPort.value(), 8000) << "0 means the default";
-    EXPECT_EQ(stored->inPort.value(), 8001);
-    EXPECT_EQ(stored->reply.value(), "/eos/out/ping");
-    EXPECT_EQ(stored->ip.value(), "") << "an empty string is a value";
-    EXPECT_EQ(stored->ping.value(), "42");
-    EXPECT_FALSE(stored->numberPings.value());
+    EXPECT_EQ(values(*reopen()),
+              Values("", 8000, 8001, "42", "/eos/out/ping", "udp", false, false, true));
 }
 
 TEST_F(MonitorSettingsTest, PortsAreStoredAsTheLeadingNumberWithoutRangeCheck) {
@@ -86,12 +86,8 @@ TEST_F(MonitorSettingsTest, WrittenValuesSurviveARestart) {
     const auto stored = reopen();
 
     EXPECT_TRUE(QFileInfo::exists(environment.settingsFile()));
-    EXPECT_EQ(stored->ip.value(), "");
-    EXPECT_EQ(stored->ping.value(), "  /with spaces, and \u2192 commas ");
-    EXPECT_EQ(stored->reply.value(), "@at sign");
-    EXPECT_EQ(stored->inPort.value(), 9001);
-    EXPECT_EQ(stored->transport.value(), "slip");
-    EXPECT_TRUE(stored->pingFromInPort.value());
+    EXPECT_EQ(values(*stored), Values("", 8000, 9001, "  /with spaces, and \u2192 commas ",
+                                      "@at sign", "slip", true, false, true));
     EXPECT_EQ(stored->store().value("PingFromInPort").toString(), "true");
 }
 

@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <QtTest/QTest>
-#include <chrono>
-#include <thread>
-#include <vector>
 
 #include "app/QtMainQueue.hpp"
 

@@ -3,8 +3,6 @@
 #include <unistd.h>
 
 #include <QtTest/QTest>
-#include <string>
-#include <vector>
 
 #include "app/QtMainQueue.hpp"
 #include "app/StdoutLines.hpp"

@@ -5,9 +5,6 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QtTest/QTest>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "DialogAnswerer.hpp"
 #include "MonitorHarness.hpp"
@@ -21,11 +18,13 @@ using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-const QColor green(0x00, 0xFF, 0x00);
-const QColor red(0xFF, 0x00, 0x00);
+const std::pair<QString, QColor> alive("OSC IS ALIVE", QColor(0x00, 0xFF, 0x00));
+const std::pair<QString, QColor> dead("OSC IS DEAD!!!", QColor(0xFF, 0x00, 0x00));
 
 class ViewControllerTest : public test::MonitorHarness {
   protected:
+    std::pair<QString, QColor> light() { return {status(), colour()}; }
+
     // Every line of the log view, each ended by a newline.
     QString logView() {
         auto* view = widget<MessageLogView>("MsgView");
@@ -42,11 +41,12 @@ TEST_F(ViewControllerTest, StartUpFillsTheFieldsAndStartsTheServer) {
     settings->store().setValue("InPort", inPort);
     start();
 
-    EXPECT_EQ(widget<QLineEdit>("IpText")->text(), "localhost");
-    EXPECT_EQ(widget<QLineEdit>("OutPortText")->text(), "8000");
-    EXPECT_EQ(widget<QLineEdit>("InPortText")->text(), QString::number(inPort));
-    EXPECT_EQ(widget<QLineEdit>("OutMsgText")->text(), "/eos/ping");
-    EXPECT_EQ(widget<QLineEdit>("InMsgText")->text(), "/eos/out/ping");
+    QStringList fields;
+    for (const char* field : {"IpText", "OutPortText", "InPortText", "OutMsgText", "InMsgText"}) {
+        fields << widget<QLineEdit>(field)->text();
+    }
+    EXPECT_EQ(fields, QStringList({"localhost", "8000", QString::number(inPort), "/eos/ping",
+                                   "/eos/out/ping"}));
     EXPECT_THAT(lines, ElementsAre("OSC Server started on port " + std::to_string(inPort)));
     // Nothing is painted before the first tick.
     EXPECT_NE(status(), "OSC IS DEAD!!!");
@@ -61,8 +61,7 @@ TEST_F(ViewControllerTest, EachTickPaintsWhatArrivedSinceThePreviousOne) {
     controller->sendPing();
     EXPECT_EQ(nextPing(), test::oscMessageBytes("/eos/ping"));
     EXPECT_EQ(lines.back(), sent);
-    EXPECT_EQ(status(), "OSC IS DEAD!!!");
-    EXPECT_EQ(colour(), red);
+    EXPECT_EQ(light(), dead);
 
     EXPECT_THAT(reply("/eos/out/ping"),
                 ElementsAre(received("/eos/out/ping"),
@@ -72,14 +71,12 @@ TEST_F(ViewControllerTest, EachTickPaintsWhatArrivedSinceThePreviousOne) {
 
     controller->sendPing();
     nextPing();
-    EXPECT_EQ(status(), "OSC IS ALIVE");
-    EXPECT_EQ(colour(), green);
+    EXPECT_EQ(light(), alive);
 
     controller->sendPing();
     nextPing();
     EXPECT_EQ(lines.back(), sent);
-    EXPECT_EQ(status(), "OSC IS DEAD!!!") << "a whole interval passed without a reply";
-    EXPECT_EQ(colour(), red);
+    EXPECT_EQ(light(), dead) << "a whole interval passed without a reply";
 }
 
 TEST_F(ViewControllerTest, AReplyMatchesWhenItsAddressContainsTheExpectedNonEmptyText) {
@@ -126,13 +123,7 @@ TEST_F(ViewControllerTest, TheWindowCountsWhatCouldNotBeReadAndLogsNothingOfIt) 
     replier.sendTo(inPort, {'h', 'e', 'l', 'l', 'o'});             // not OSC
     replier.sendTo(inPort, {'/', 'a', 0, 0, ',', 'i', 0, 0});      // an Int32 missing
     replier.sendTo(inPort, {'/', 'c', 'a', 0xC3, 0xA9, 0, 0, 0});  // not ASCII
-    EXPECT_TRUE(QTest::qWaitFor(
-        [&] {
-            return widget<QLabel>("DroppedLab")->text() ==
-                   "3 datagrams dropped (not OSC or undecodable)";
-        },
-        5000))
-        << widget<QLabel>("DroppedLab")->text().toStdString();
+    EXPECT_TRUE(shows("DroppedLab", "3 datagrams dropped (not OSC or undecodable)"));
     EXPECT_TRUE(lines.size() == 1) << "only the start line: drops print nothing";
 }
 
@@ -186,13 +177,10 @@ TEST_F(ViewControllerTest, AFailedServerStartIsLoggedAndTheMonitorRunsOn) {
     test::UdpPeer holder(inPort, "0.0.0.0");  // holds the port without sharing it
     start();
 
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_THAT(lines[0], ::testing::StartsWith("Failed to start OSC Server on port " +
-                                                std::to_string(inPort) + ": "));
-    EXPECT_GT(lines[0].size(),
-              ("Failed to start OSC Server on port " + std::to_string(inPort) + ": ").size())
-        << "the error's description follows";
-    EXPECT_EQ(lines[1], "OSC Server started on port " + std::to_string(inPort));
+    // The error's description follows.
+    EXPECT_THAT(lines, ElementsAre(::testing::MatchesRegex("Failed to start OSC Server on port " +
+                                                           std::to_string(inPort) + ": .+"),
+                                   "OSC Server started on port " + std::to_string(inPort)));
     EXPECT_EQ(controller->advertiser().status(), "Not advertised: the OSC server is not running.");
 
     controller->sendPing();
@@ -204,19 +192,12 @@ TEST_F(ViewControllerTest, AFailedServerStartIsLoggedAndTheMonitorRunsOn) {
 TEST_F(ViewControllerTest, WithoutADaemonTheFindWindowSaysSoAndTheMonitorRunsAsBefore) {
     start();
     controller->showFind();
-    auto* found = widget<QLabel>("FindStatusLab");
-    auto* advertising = widget<QLabel>("AdvertiseStatusLab");
-    EXPECT_TRUE(QTest::qWaitFor(
-        [&] {
-            return found->text() == "Nothing can be found: the Avahi daemon is not running." &&
-                   advertising->text() == "Not advertised: the Avahi daemon is not running.";
-        },
-        5000))
-        << found->text().toStdString() << "; " << advertising->text().toStdString();
+    EXPECT_TRUE(shows("FindStatusLab", "Nothing can be found: the Avahi daemon is not running."));
+    EXPECT_TRUE(shows("AdvertiseStatusLab", "Not advertised: the Avahi daemon is not running."));
 
     widget<QCheckBox>("AdvertiseBox")->click();
     EXPECT_EQ(settings->store().value("Advertise").toString(), "false") << "stored at once";
-    EXPECT_EQ(advertising->text(), "Off: this monitor is not advertised.");
+    EXPECT_EQ(label("AdvertiseStatusLab"), "Off: this monitor is not advertised.");
 
     controller->sendPing();
     EXPECT_EQ(nextPing(), test::oscMessageBytes("/eos/ping"));

@@ -35,23 +35,20 @@ TEST(OSCBundleEncoding, KnownBundlesEncodeByteExact) {
     EXPECT_EQ(OSCPacket(bundle).rawData(), encoded);
     EXPECT_EQ(OSCBundle(OSCTimeTag::immediate()).rawData(), emptyBundle);
 
-    const auto decoded = OSCBundle::decode(encoded);
+    // Elements keep views of their own bytes within the datagram, into the bundle's own copy of
+    // it rather than the caller's buffer.
+    Bytes scratch = encoded;
+    const auto decoded = OSCBundle::decode(scratch);
+    std::fill(scratch.begin(), scratch.end(), 0);
     EXPECT_EQ(decoded, bundle);
     EXPECT_EQ(std::hash<OSCBundle>{}(decoded), std::hash<OSCBundle>{}(bundle));
-    // Elements keep views of their own bytes within the datagram.
-    const auto& message = std::get<OSCMessage>(decoded.elements[0].base());
-    ASSERT_TRUE(message.decodedFrom());
-    EXPECT_EQ(Bytes(message.decodedFrom()->begin(), message.decodedFrom()->end()),
+    const auto kept = [](const auto& packet) {
+        const auto& from = packet.decodedFrom();
+        return from ? Bytes(from->begin(), from->end()) : Bytes();
+    };
+    EXPECT_EQ(kept(std::get<OSCMessage>(decoded.elements[0].base())),
               Bytes(encoded.begin() + 20, encoded.begin() + 32));
-    EXPECT_EQ(decoded.decodedFrom()->size(), encoded.size());
-    // Those views are into the bundle's own copy, not into the caller's buffer.
-    Bytes scratch = encoded;
-    const auto kept = OSCBundle::decode(scratch);
-    std::fill(scratch.begin(), scratch.end(), 0);
-    const auto& keptMessage = std::get<OSCMessage>(kept.elements[0].base());
-    EXPECT_EQ(Bytes(keptMessage.decodedFrom()->begin(), keptMessage.decodedFrom()->end()),
-              Bytes(encoded.begin() + 20, encoded.begin() + 32));
-    EXPECT_EQ(Bytes(kept.decodedFrom()->begin(), kept.decodedFrom()->end()), encoded);
+    EXPECT_EQ(kept(decoded), encoded);
 }
 
 TEST(OSCBundleDecoding, NestedBundlesDecodeToEveryLevel) {
@@ -119,11 +116,8 @@ TEST(OSCBundleDescription, ListsElementsOnePerLine) {
 // Nested bundles around `inner`, by hand, since the encoder refuses too many levels.
 Bytes nestBundles(Bytes inner, int levels) {
     for (int i = 0; i < levels; ++i) {
-        Bytes outer = emptyBundle;
-        const auto size = static_cast<std::uint32_t>(inner.size());
-        outer.insert(outer.end(),
-                     {static_cast<std::uint8_t>(size >> 24), static_cast<std::uint8_t>(size >> 16),
-                      static_cast<std::uint8_t>(size >> 8), static_cast<std::uint8_t>(size)});
+        const auto size = static_cast<int>(inner.size());  // below 64 KiB
+        Bytes outer = bytes({"#bundle", 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, size >> 8, size & 0xFF});
         outer.insert(outer.end(), inner.begin(), inner.end());
         inner = std::move(outer);
     }

@@ -1,9 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "osc/pattern/OSCAddressPattern.hpp"
 #include "osc/pattern/OSCCompiledPattern.hpp"
 

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <string>
 #include <unordered_set>
-#include <vector>
 
 #include "osc/pattern/OSCAddressPattern.hpp"
 

@@ -2,8 +2,6 @@
 
 #include <cstddef>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "osc/pattern/OSCAddressPatternToken.hpp"
 

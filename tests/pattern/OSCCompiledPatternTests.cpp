@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <random>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "osc/pattern/CharacterView.hpp"
 #include "osc/pattern/OSCCompiledPattern.hpp"

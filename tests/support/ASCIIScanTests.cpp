@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <random>
 #include <string_view>
-#include <vector>
 
 #include "support/ASCIIScan.hpp"
 

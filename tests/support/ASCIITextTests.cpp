@@ -1,10 +1,8 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <string>
-#include <thread>
 #include <unordered_set>
-#include <vector>
 
 #include "support/ASCIIString.hpp"
 #include "support/LossyASCII.hpp"
@@ -12,6 +10,8 @@
 
 namespace kavrin {
 namespace {
+
+using namespace ::testing;
 
 TEST(ASCIICharacter, SplitsIntoPrintableAndControlAndRefusesTheRest) {
     struct Case {
@@ -26,13 +26,9 @@ TEST(ASCIICharacter, SplitsIntoPrintableAndControlAndRefusesTheRest) {
         EXPECT_NE(character.isControl(), c.printable);
         EXPECT_EQ(static_cast<char32_t>(character.value()), c.scalar);
     }
-    try {
-        ASCIICharacter(U'\u00E9');
-        FAIL() << "U+00E9 accepted";
-    } catch (const ASCIIError& error) {
-        EXPECT_STREQ(error.what(), "Non-ASCII character U+00E9");
-        EXPECT_EQ(error.position(), std::nullopt);
-    }
+    const auto nonASCII = [] { ASCIICharacter(U'\u00E9'); };
+    EXPECT_THAT(nonASCII, ThrowsMessage<ASCIIError>(StrEq("Non-ASCII character U+00E9")));
+    EXPECT_THAT(nonASCII, Throws<ASCIIError>(Property(&ASCIIError::position, Eq(std::nullopt))));
     // A char is a byte, never a negative scalar.
     EXPECT_THROW(ASCIICharacter('\xE9'), ASCIIError);
     EXPECT_THROW(ASCIICharacter(char32_t{0x110000}), ASCIIError);
@@ -67,19 +63,14 @@ TEST(ASCIIText, ChecksNameTheFirstOffenderAndItsBytePosition) {
         {"ok\xC3\xA9\t", true, R::nonASCII, 0xE9, 2, "Non-ASCII character U+00E9 at position 2"},
     };
     for (const auto& c : cases) {
-        try {
-            if (c.printableOnly) {
-                ASCIIString::printable(c.text);
-            } else {
-                ASCIIString{c.text};
-            }
-            ADD_FAILURE() << c.message << ": accepted";
-        } catch (const ASCIIError& error) {
-            EXPECT_STREQ(error.what(), c.message);
-            EXPECT_EQ(error.reason(), c.reason) << c.message;
-            EXPECT_EQ(error.value(), c.value) << c.message;
-            EXPECT_EQ(error.position(), c.position) << c.message;
-        }
+        const auto check = [&] {
+            c.printableOnly ? ASCIIString::printable(c.text) : ASCIIString(c.text);
+        };
+        EXPECT_THAT(check, ThrowsMessage<ASCIIError>(StrEq(c.message)));
+        EXPECT_THAT(check, Throws<ASCIIError>(AllOf(Property(&ASCIIError::reason, c.reason),
+                                                    Property(&ASCIIError::value, c.value),
+                                                    Property(&ASCIIError::position, c.position))))
+            << c.message;
         // The view checks alike.
         EXPECT_THROW(c.printableOnly ? ASCIIStringView::printable(c.text) : ASCIIStringView(c.text),
                      ASCIIError);

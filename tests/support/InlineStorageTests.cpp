@@ -2,14 +2,11 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <span>
 #include <stdexcept>
-#include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "support/CompactBytes.hpp"
 #include "support/SmallVector.hpp"

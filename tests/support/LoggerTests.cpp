@@ -1,14 +1,9 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <latch>
-#include <memory>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <fmt/format.h>
 
@@ -144,19 +139,11 @@ TEST(StderrLogSink, WritesOneStampedLinePerMessageFromAnyThread) {
     std::string text(1 << 16, '\0');
     text.resize(std::fread(text.data(), 1, text.size(), file.get()));
     std::istringstream lines(text);
-    // A digit wherever the shape has a 0.
-    const std::string stamp = "0000-00-00 00:00:00.000";
-    const auto stamped = [&](const std::string& line) {
-        return line.size() > stamp.size() &&
-               std::equal(stamp.begin(), stamp.end(), line.begin(), [](char shape, char c) {
-                   return shape == '0' ? std::isdigit(static_cast<unsigned char>(c)) != 0
-                                       : shape == c;
-               });
-    };
     int count = 0;
     for (std::string line; std::getline(lines, line); ++count) {
-        ASSERT_TRUE(stamped(line)) << line;
-        EXPECT_EQ(line.substr(stamp.size()), " warning transport: dropped 12 bytes: too short");
+        EXPECT_THAT(line, ::testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:"
+                                                  "[0-9]{2}\\.[0-9]{3} warning transport: "
+                                                  "dropped 12 bytes: too short"));
     }
     EXPECT_EQ(count, 400);
 }

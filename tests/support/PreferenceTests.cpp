@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <limits>
-#include <string>
 
 #include "support/MemoryPreferenceStore.hpp"
 #include "support/Preference.hpp"

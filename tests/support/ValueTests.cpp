@@ -1,6 +1,6 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdint>
 #include <limits>
 #include <utility>
@@ -13,6 +13,11 @@ namespace {
 
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 constexpr double infinity = std::numeric_limits<double>::infinity();
+
+// A call that throws an InvalidValueError with exactly `text`.
+auto refuses(const char* text) {
+    return ::testing::ThrowsMessage<InvalidValueError>(::testing::StrEq(text));
+}
 
 TEST(Clamped, KeepsConstructionAndAssignmentWithinItsBounds) {
     Clamped<double> level(1.5, 0.0, 1.0);
@@ -38,22 +43,13 @@ TEST(Clamped, KeepsConstructionAndAssignmentWithinItsBounds) {
 
 TEST(Clamped, RefusesNaNAndReversedBounds) {
     Clamped<double> level(0.5, 0.0, 1.0);
-    try {
-        level = nan;
-        FAIL() << "NaN accepted";
-    } catch (const InvalidValueError& error) {
-        EXPECT_STREQ(error.what(), "NaN cannot be clamped");
-    }
+    EXPECT_THAT([&] { level = nan; }, refuses("NaN cannot be clamped"));
     EXPECT_EQ(level.value(), 0.5);  // the old value stays
     EXPECT_THROW(Clamped<double>(nan, 0.0, 1.0), InvalidValueError);
     EXPECT_THROW(Clamped<double>(0.0, nan, 1.0), InvalidValueError);
     EXPECT_THROW(Clamped<double>(0.0, 0.0, nan), InvalidValueError);
-    try {
-        Clamped<int>(0, 5, 1);
-        FAIL() << "reversed bounds accepted";
-    } catch (const InvalidValueError& error) {
-        EXPECT_STREQ(error.what(), "Clamped bounds out of order: low 5 is above high 1");
-    }
+    EXPECT_THAT([] { Clamped<int>(0, 5, 1); },
+              refuses("Clamped bounds out of order: low 5 is above high 1"));
 }
 
 TEST(Validated, RefusesWhatThePredicateRefusesAndKeepsTheOldValue) {
@@ -61,12 +57,8 @@ TEST(Validated, RefusesWhatThePredicateRefusesAndKeepsTheOldValue) {
     Validated<std::int64_t> port(8000, isPort, "a port from 1 to 65535");
     port = 8001;
     EXPECT_EQ(port.value(), 8001);
-    try {
-        port = 70000;
-        FAIL() << "70000 accepted";
-    } catch (const InvalidValueError& error) {
-        EXPECT_STREQ(error.what(), "Invalid value 70000: expected a port from 1 to 65535");
-    }
+    EXPECT_THAT([&] { port = 70000; },
+              refuses("Invalid value 70000: expected a port from 1 to 65535"));
     EXPECT_EQ(port.value(), 8001);
     EXPECT_FALSE(port.accepts(0));
     EXPECT_TRUE(port.accepts(65535));
@@ -76,13 +68,9 @@ TEST(Validated, RefusesWhatThePredicateRefusesAndKeepsTheOldValue) {
     struct Opaque {
         bool good;
     };
-    try {
-        Validated<Opaque>(
-            {false}, [](const Opaque& o) { return o.good; }, "a good one");
-        FAIL() << "bad initial value accepted";
-    } catch (const InvalidValueError& error) {
-        EXPECT_STREQ(error.what(), "Invalid value: expected a good one");
-    }
+    const auto good = [](const Opaque& o) { return o.good; };
+    EXPECT_THAT([&] { Validated<Opaque>({false}, good, "a good one"); },
+              refuses("Invalid value: expected a good one"));
 }
 
 }  // namespace

@@ -1,10 +1,5 @@
 #pragma once
 
-#include <chrono>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "tests/transport/OpensslProcess.hpp"
 
 namespace kavrin::test {

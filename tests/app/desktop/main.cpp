@@ -5,7 +5,6 @@
 #include <QApplication>
 #include <QSystemTrayIcon>
 #include <QtTest/QTest>
-#include <memory>
 
 #include "PrivateEnvironment.hpp"
 #include "XSession.hpp"

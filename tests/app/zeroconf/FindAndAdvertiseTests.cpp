@@ -80,7 +80,7 @@ TEST_F(MonitorZeroconfTest, FindFillsHostPortAndLinkFromTheDeviceChosen) {
             },
             10000))
             << c.name << " " << c.type.toStdString() << " not found as " << pingsGo.toStdString()
-            << "; " << widget<QLabel>("FindStatusLab")->text().toStdString();
+            << "; " << label("FindStatusLab").toStdString();
         list->setCurrentItem(row);
         widget<QPushButton>("UseButton")->click();
 
@@ -127,14 +127,10 @@ TEST_F(MonitorZeroconfTest, TheMonitorAdvertisesItsServerUnlessSwitchedOff) {
     ASSERT_TRUE(QTest::qWaitFor([&] { return monitorService().has_value(); }, 10000));
     // A name still in the daemon's cache from a test before is taken as "… #2".
     EXPECT_THAT(monitorService()->name, ::testing::StartsWith(MonitorAdvertiser::serviceName()));
-    EXPECT_TRUE(QTest::qWaitFor(
-        [&] {
-            return widget<QLabel>("AdvertiseStatusLab")->text() ==
-                   QString::fromStdString("Advertised as \u201c" + monitorService()->name +
-                                          "\u201d: _osc._udp, port " + std::to_string(inPort) + ".");
-        },
-        5000))
-        << widget<QLabel>("AdvertiseStatusLab")->text().toStdString();
+    EXPECT_TRUE(shows("AdvertiseStatusLab",
+                      QString::fromStdString("Advertised as \u201c" + monitorService()->name +
+                                             "\u201d: _osc._udp, port " + std::to_string(inPort) +
+                                             ".")));
 
     advertise->click();
     EXPECT_EQ(settings->store().value("Advertise").toString(), "false");
