@@ -131,6 +131,9 @@ TEST(TcpSocketConnect, BadCallsFailAtOnceWithoutAReport) {
         EXPECT_EQ(error.code(), code) << describe(error);
     }
     EXPECT_EQ(e.recorder->read([&] { return e.recorder->disconnects.size(); }), 0u);
+    // A resolver's bad-param error becomes the socket's own.
+    EXPECT_EQ(describe(TcpSocketError(SocketError::unusableParam("x"))),
+              "TcpSocketErrorDomain " + std::to_string(badParam) + ": x");
 }
 
 // A closed port refuses with the system's text; a listener that never accepts and whose queue
