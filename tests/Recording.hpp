@@ -1,12 +1,9 @@
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <utility>
-#include <vector>
 
 #include "osc/dispatch/DispatchQueue.hpp"
 

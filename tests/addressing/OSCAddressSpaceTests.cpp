@@ -1,6 +1,3 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <string_view>
 #include <unordered_set>
 #include <utility>

@@ -1,6 +1,5 @@
 // Where the pings go for each kind of service found: by its type, its TXT record, and for an
 // OSCQuery service its HOST_INFO.
-#include <gtest/gtest.h>
 
 #include "app/DeviceChoice.hpp"
 

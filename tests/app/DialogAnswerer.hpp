@@ -6,7 +6,6 @@
 #include <QPointer>
 #include <QStringList>
 #include <QTimer>
-#include <vector>
 
 namespace kavrin::test {
 

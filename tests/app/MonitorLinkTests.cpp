@@ -3,8 +3,6 @@
 // slip_peer.js) run as child processes; and the link's faults against a raw TCP peer. Ticks are
 // driven directly; a wait stands in for the real time between ticks only where the link needs
 // it (a reconnection), bounded by one tick.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <QCheckBox>
 #include <QComboBox>

@@ -5,6 +5,8 @@
 #include <QTemporaryDir>
 #include <cstdint>
 
+#include "tests/transport/OpensslProcess.hpp"
+
 namespace kavrin::test {
 
 // Points this process, and the monitors it starts, at a system bus that does not exist: no test
@@ -38,6 +40,18 @@ class PrivateEnvironment {
         stored.setValue("ip", "127.0.0.1");
         stored.setValue("OutPort", outPort);
         stored.setValue("InPort", inPort);
+    }
+
+    // The built monitor as a child process on these settings and data, on Qt's `platform`, with
+    // `more` variables ("NAME=value").
+    std::unique_ptr<tcpTest::ChildProcess> startMonitor(const std::string& platform = "offscreen",
+                                                        std::vector<std::string> more = {}) const {
+        more.push_back("QT_QPA_PLATFORM=" + platform);
+        more.push_back("XDG_CONFIG_HOME=" + configHome().toStdString());
+        more.push_back("XDG_DATA_HOME=" + dataHome().toStdString());
+        return std::make_unique<tcpTest::ChildProcess>(
+            KAVRIN_MONITOR_PATH, std::vector<std::string>{},
+            tcpTest::ChildProcess::Errors::separate, std::move(more));
     }
 
   private:

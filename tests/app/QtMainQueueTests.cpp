@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <QtTest/QTest>
 
 #include "app/QtMainQueue.hpp"

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <QSignalSpy>
 #include <QtTest/QTest>
 #include <csignal>

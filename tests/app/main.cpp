@@ -1,5 +1,4 @@
 // The monitor's widgets need a QApplication; the tests run on the offscreen platform.
-#include <gtest/gtest.h>
 
 #include <QApplication>
 #include <QTemporaryDir>

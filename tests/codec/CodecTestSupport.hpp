@@ -1,13 +1,9 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
-#include <string>
 #include <string_view>
-#include <vector>
 
 #include "osc/codec/OSCMessage.hpp"
 

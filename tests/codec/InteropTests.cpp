@@ -1,12 +1,7 @@
 // Our encoding against an independent OSC implementation, used strictly as a black box: the
 // liblo command-line tools print what they receive (oscdump) and write what they would send
 // (oscsend -). Skipped when the tools are not installed.
-#include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <chrono>
-#include <string>
-#include <vector>
 
 #include "osc/codec/OSCPacket.hpp"
 #include "tests/UdpPeer.hpp"

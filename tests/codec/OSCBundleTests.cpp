@@ -1,12 +1,10 @@
 #include "osc/codec/OSCBundle.hpp"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
-#include <string>
 
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCPacket.hpp"

@@ -1,14 +1,9 @@
 #include "osc/codec/OSCMessage.hpp"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <memory>
-#include <string>
 #include <unordered_set>
-#include <vector>
 
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessageView.hpp"

@@ -1,7 +1,5 @@
 #include "osc/codec/OSCMessageView.hpp"
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <fstream>
 #include <iterator>

@@ -1,9 +1,5 @@
 #include "osc/codec/OSCPacketWriter.hpp"
 
-#include <gtest/gtest.h>
-
-#include <vector>
-
 #include "osc/codec/OSCBundle.hpp"
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCPacket.hpp"

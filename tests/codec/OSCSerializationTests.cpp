@@ -1,9 +1,5 @@
 #include "osc/codec/OSCSerialization.hpp"
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "osc/codec/OSCError.hpp"
 #include "tests/codec/CodecTestSupport.hpp"
 

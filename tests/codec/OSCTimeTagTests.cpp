@@ -1,11 +1,8 @@
 #include "osc/codec/OSCTimeTag.hpp"
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <string>
 
 namespace kavrin {
 namespace {

@@ -1,7 +1,5 @@
 #include "osc/codec/PassiveDataReader.hpp"
 
-#include <gtest/gtest.h>
-
 #include "osc/codec/DataReader.hpp"
 #include "tests/codec/CodecTestSupport.hpp"
 

@@ -1,7 +1,6 @@
 // kavrin-browse as a child process: the services kavrin-dump, the ping responder and an
 // OSCQuery server of this test advertise, with the OSCQuery trees; its exit status with nothing
 // found and without a daemon. The responder's OSCQuery server read by OSCQueryClient.
-#include <gtest/gtest.h>
 
 #include <regex>
 

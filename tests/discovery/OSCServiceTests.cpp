@@ -1,6 +1,5 @@
 // Advertising and browsing against a real Avahi daemon on loopback, against Avahi's own tools
 // both ways, without a daemon and across a restart of it.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>

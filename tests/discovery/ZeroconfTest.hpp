@@ -5,15 +5,12 @@
 // library finds the system bus (once per process: the bus library keeps the first address it
 // reads); a skip when they could not be had.
 
-#include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <sstream>
-#include <string>
 
 namespace kavrin::zeroconfTest {
 

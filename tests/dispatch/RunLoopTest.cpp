@@ -1,10 +1,6 @@
 #include "osc/dispatch/RunLoop.hpp"
 
-#include <gtest/gtest.h>
-
 #include <csignal>
-#include <thread>
-#include <vector>
 
 using namespace kavrin;
 using namespace std::chrono_literals;

@@ -1,11 +1,7 @@
 #include "osc/dispatch/SerialQueue.hpp"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <future>
-#include <thread>
-#include <vector>
 
 #include "osc/dispatch/GlobalQueue.hpp"
 #include "tests/Recording.hpp"

@@ -1,10 +1,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include <vector>
-
 #include "osc/dispatch/ManualQueue.hpp"
 #include "osc/dispatch/ReadinessSource.hpp"
 #include "osc/dispatch/TimerSource.hpp"

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include "osc/pattern/OSCAddressPattern.hpp"
 #include "osc/pattern/OSCCompiledPattern.hpp"
 

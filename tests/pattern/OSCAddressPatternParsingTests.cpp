@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <unordered_set>
 
 #include "osc/pattern/OSCAddressPattern.hpp"

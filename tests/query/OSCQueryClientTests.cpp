@@ -1,6 +1,5 @@
 // OSCQueryClient against our server: reading the tree and HOST_INFO, listening, following the
 // tree's changes and sending to the OSC port; and the JSON of values both ways.
-#include <gtest/gtest.h>
 
 #include "ServedSpace.hpp"
 #include "osc/dispatch/ManualQueue.hpp"

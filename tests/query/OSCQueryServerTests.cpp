@@ -1,6 +1,5 @@
 // The OSCQuery server over raw HTTP and WebSocket connections: what it answers, and what it
 // does with bad input and with peers that hold on to connections or never read.
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <sys/resource.h>

@@ -1,12 +1,10 @@
 // Independent peers read the tree: curl, and headless Chromium on a page from another origin
 // (a port of this test's own), which reports back to it. Each skips without its peer.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
 #include <mutex>
-#include <thread>
 
 #include "../transport/OpensslProcess.hpp"
 #include "ServedSpace.hpp"

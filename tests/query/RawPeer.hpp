@@ -4,9 +4,7 @@
 // back: HTTP requests, well formed or not, and a WebSocket handshake with frames. Every wait
 // has a bound.
 
-#include <chrono>
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 #include "../transport/TcpTestSupport.hpp"

@@ -4,7 +4,6 @@
 // methods, one with a value, read on a serial queue of its own.
 
 #include <atomic>
-#include <memory>
 
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/query/OSCQueryServer.hpp"

@@ -1,11 +1,7 @@
 #include "osc/stream/OSCDeframer.hpp"
 
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <random>
-#include <string>
-#include <vector>
 
 namespace kavrin {
 namespace {

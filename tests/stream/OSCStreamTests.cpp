@@ -1,8 +1,5 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <map>
-#include <thread>
 
 #include "../transport/TcpTestSupport.hpp"
 #include "../transport/TestCertificates.hpp"

@@ -1,7 +1,5 @@
 #include "support/FatalError.hpp"
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <cstdlib>
 

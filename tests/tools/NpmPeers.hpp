@@ -4,17 +4,14 @@
 // (package.json beside this file), installed into the build folder on first use.
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
-#include <string>
 
 #include "../transport/OpensslProcess.hpp"
 

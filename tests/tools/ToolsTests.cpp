@@ -2,12 +2,9 @@
 // s_client and s_server, and the npm package "osc" (slip_peer.js); liblo's and npm's skip
 // when missing.
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <memory>
 
 #include "../UdpPeer.hpp"
 #include "../transport/TestCertificates.hpp"

@@ -1,7 +1,5 @@
 #include "osc/transport/OSCClient.hpp"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <stdexcept>
 

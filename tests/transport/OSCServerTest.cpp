@@ -1,6 +1,5 @@
 #include "osc/transport/OSCServer.hpp"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,18 +20,16 @@ using namespace std::chrono_literals;
 TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
     Fixture fixture(OSCServer::TimeTagMode::ignore);
     ASSERT_TRUE(fixture.server);
-    UdpPeer sender;
-    const auto port = fixture.server->boundPort();
 
     const auto outer = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 100s);
     const auto inner = OSCTimeTag::fromSeconds(12345.5);
     const OSCBundle bundle(
         outer, {OSCMessage("/b"), OSCBundle(inner, {OSCMessage("/c")}), OSCMessage("/d")});
-    sender.sendTo(port, bytes(OSCMessage("/a")));
-    sender.sendTo(port, bytes(bundle));
-    sender.sendTo(port, {'h', 'e', 'l', 'l', 'o'});         // not OSC
-    sender.sendTo(port, {'/', 'x', 0, 0, ',', 'i', 0, 0});  // int missing
-    sender.sendTo(port, bytes(OSCMessage("/e")));
+    fixture.send(bytes(OSCMessage("/a")));
+    fixture.send(bytes(bundle));
+    fixture.send({'h', 'e', 'l', 'l', 'o'});         // not OSC
+    fixture.send({'/', 'x', 0, 0, ',', 'i', 0, 0});  // int missing
+    fixture.send(bytes(OSCMessage("/e")));
 
     // Ignore mode delivers a far-future bundle at once, with the tag it carried.
     ASSERT_TRUE(fixture.waitFor(5));
@@ -47,10 +44,10 @@ TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
 
     // The handler in force when a delivery runs is the one called; none makes it a no-op.
     fixture.server->setHandler(nullptr);
-    sender.sendTo(port, bytes(OSCMessage("/dropped")));
+    fixture.send(bytes(OSCMessage("/dropped")));
     ASSERT_TRUE(fixture.main->waitForWork(5s));
     EXPECT_EQ(fixture.main->drain(), 1u);
-    sender.sendTo(port, bytes(OSCMessage("/late-bound")));
+    fixture.send(bytes(OSCMessage("/late-bound")));
     ASSERT_TRUE(fixture.main->waitForWork(5s));
     std::vector<std::string> replaced;
     fixture.server->setHandler([&](const OSCMessage& message, const OSCTimeTag&) {
@@ -66,24 +63,21 @@ TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
         [&](const OSCMessage&, const OSCTimeTag&, const SocketAddress& from) {
             if (from.host() == "127.0.0.1") senders.push_back(from.port());
         });
-    sender.sendTo(
-        port, bytes(OSCBundle(OSCTimeTag::immediate(), {OSCMessage("/x"), OSCMessage("/y")})));
+    fixture.send(bytes(OSCBundle(OSCTimeTag::immediate(), {OSCMessage("/x"), OSCMessage("/y")})));
     ASSERT_TRUE(fixture.main->drainUntil([&] { return senders.size() >= 2; }, 5s));
-    EXPECT_EQ(senders, (std::vector<std::uint16_t>{sender.port(), sender.port()}));
+    EXPECT_EQ(senders, (std::vector<std::uint16_t>{fixture.sender.port(), fixture.sender.port()}));
 }
 
 TEST(OSCServer, HonoursFutureTimeTagsOnlyInOSC1_0Mode) {
     Fixture fixture(OSCServer::TimeTagMode::osc1_0);
     ASSERT_TRUE(fixture.server);
-    UdpPeer sender;
-    const auto port = fixture.server->boundPort();
 
     const auto sent = DispatchQueue::Clock::now();
     const auto future = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 300ms);
     const auto past = OSCTimeTag::fromDate(std::chrono::system_clock::now() - 10s);
-    sender.sendTo(port, bytes(OSCBundle(future, {OSCMessage("/later")})));
-    sender.sendTo(port, bytes(OSCBundle(past, {OSCMessage("/past")})));
-    sender.sendTo(port, bytes(OSCMessage("/now")));
+    fixture.send(bytes(OSCBundle(future, {OSCMessage("/later")})));
+    fixture.send(bytes(OSCBundle(past, {OSCMessage("/past")})));
+    fixture.send(bytes(OSCMessage("/now")));
 
     ASSERT_TRUE(fixture.waitFor(3));
     EXPECT_EQ(fixture.addresses(), (std::vector<std::string>{"/past", "/now", "/later"}));
@@ -95,10 +89,9 @@ TEST(OSCServer, HonoursFutureTimeTagsOnlyInOSC1_0Mode) {
     EXPECT_FALSE(fixture.offQueue);
 
     // A scheduled delivery does not keep a released server alive, and then does nothing.
-    sender.sendTo(
-        port, bytes(OSCBundle(OSCTimeTag::fromDate(std::chrono::system_clock::now() + 200ms),
-                              {OSCMessage("/orphan")})));
-    sender.sendTo(port, bytes(OSCMessage("/marker")));
+    fixture.send(bytes(OSCBundle(OSCTimeTag::fromDate(std::chrono::system_clock::now() + 200ms),
+                                 {OSCMessage("/orphan")})));
+    fixture.send(bytes(OSCMessage("/marker")));
     ASSERT_TRUE(fixture.waitFor(4));  // the marker came after the orphan was scheduled
     fixture.server.reset();
     EXPECT_FALSE(fixture.waitFor(5, 500ms));
@@ -127,8 +120,8 @@ TEST(OSCServer, AViewHandlerSeesEachMessageAtOnceOnTheReceiveQueueBesidesTheHand
     // its owned delivery waits for the tag; a malformed datagram reaches neither.
     const auto outer = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 100s);
     const auto inner = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 200s);
-    sender.sendTo(port, bytes(OSCBundle(outer, {OSCMessage("/later"),
-                                                            OSCBundle(inner, {OSCMessage("/in")})})));
+    sender.sendTo(port, bytes(OSCBundle(
+                            outer, {OSCMessage("/later"), OSCBundle(inner, {OSCMessage("/in")})})));
     sender.sendTo(port, {'/', 'x', 0, 0, ',', 'i', 0, 0});
     sender.sendTo(port, bytes(OSCMessage("/now")));
     ASSERT_TRUE(viewed.waitForSize(3));
@@ -143,13 +136,16 @@ TEST(OSCServer, AViewHandlerSeesEachMessageAtOnceOnTheReceiveQueueBesidesTheHand
     EXPECT_EQ(server->counters().droppedMalformed, 1u);
     EXPECT_EQ(server->counters().messagesViewed, 3u);
 
-    // A view handler alone: nothing is decoded for the dispatch queue (where the bundle waits).
+    // A view handler alone: nothing is decoded for the dispatch queue (where the bundle waits),
+    // and what is not OSC at all is still counted as such.
     server->setHandler(nullptr);
     const auto waiting = main->pending();
+    sender.sendTo(port, {'h', 'i'});
     sender.sendTo(port, bytes(OSCMessage("/alone")));
     ASSERT_TRUE(viewed.waitForSize(4));
     receiveQueue->sync([] {});
     EXPECT_EQ(main->pending(), waiting);
+    EXPECT_EQ(server->counters().droppedNotOSC, 1u);
 }
 
 TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
@@ -172,7 +168,8 @@ TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
             elements.emplace_back(OSCMessage("/m/" + std::to_string(b) + "/" + std::to_string(m)));
             expected.push_back("/m/" + std::to_string(b) + "/" + std::to_string(m));
             // A nested bundle keeps its own tag: its message comes after all of these.
-            if (m == 3) elements.emplace_back(OSCBundle(later, {OSCMessage("/n/" + std::to_string(b))}));
+            if (m == 3)
+                elements.emplace_back(OSCBundle(later, {OSCMessage("/n/" + std::to_string(b))}));
         }
         sender.sendTo(server->boundPort(), bytes(OSCBundle(soon, std::move(elements))));
     }
@@ -186,8 +183,6 @@ TEST(OSCServer, ScheduledDeliveriesHoldBoundedMemoryAndDatagramsAreAdmittedWhole
     ASSERT_TRUE(fixture.server);
     EXPECT_EQ(fixture.server->scheduledLimit().messages, 10'000u);
     fixture.server->setScheduledLimit({5, 1 << 20});
-    UdpPeer sender;
-    const auto port = fixture.server->boundPort();
     const auto soon = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 300ms);
     const auto farAway = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 24h);
     auto bundleOf = [](OSCTimeTag tag, std::vector<std::string> addresses,
@@ -197,23 +192,22 @@ TEST(OSCServer, ScheduledDeliveriesHoldBoundedMemoryAndDatagramsAreAdmittedWhole
         for (auto& element : more) elements.push_back(std::move(element));
         return bytes(OSCBundle(tag, std::move(elements)));
     };
-    sender.sendTo(port, bundleOf(soon, {"/a1", "/a2", "/a3"}));
+    fixture.send(bundleOf(soon, {"/a1", "/a2", "/a3"}));
     // Would hold six: dropped whole, its part due at once included.
-    sender.sendTo(
-        port, bundleOf(farAway, {"/x1", "/x2", "/x3"},
-                       {OSCBundle(OSCTimeTag::immediate(), {OSCMessage("/x-now")})}));
-    sender.sendTo(port, bundleOf(soon, {"/b1", "/b2"}));  // exactly five
-    sender.sendTo(port, bytes(OSCMessage("/marker")));
+    fixture.send(bundleOf(farAway, {"/x1", "/x2", "/x3"},
+                          {OSCBundle(OSCTimeTag::immediate(), {OSCMessage("/x-now")})}));
+    fixture.send(bundleOf(soon, {"/b1", "/b2"}));  // exactly five
+    fixture.send(bytes(OSCMessage("/marker")));
     ASSERT_TRUE(fixture.waitFor(6));
     EXPECT_EQ(fixture.addresses(),
               (std::vector<std::string>{"/marker", "/a1", "/a2", "/a3", "/b1", "/b2"}));
 
     // Delivered deliveries free their room; the byte bound counts too.
     fixture.server->setScheduledLimit({100, 64});
-    sender.sendTo(port, bundleOf(farAway, {"/fits"}));
-    sender.sendTo(port, bundleOf(farAway, {"/a/much/longer/address/over/the/bytes",
-                                                       "/and/another/one/that/will/not/fit"}));
-    sender.sendTo(port, bytes(OSCMessage("/marker2")));
+    fixture.send(bundleOf(farAway, {"/fits"}));
+    fixture.send(bundleOf(
+        farAway, {"/a/much/longer/address/over/the/bytes", "/and/another/one/that/will/not/fit"}));
+    fixture.send(bytes(OSCMessage("/marker2")));
     ASSERT_TRUE(fixture.waitFor(7));
     EXPECT_EQ(fixture.deliveries.back().address, "/marker2");
     EXPECT_FALSE(fixture.waitFor(8, 200ms));
@@ -232,10 +226,9 @@ TEST(OSCServerDeathTest, TheUTCEpochDeliversAStandardSendersBundleOnTimeWestOfUT
         if (!fixture.server) std::exit(2);
         const auto seconds = std::chrono::duration<double>(
             std::chrono::system_clock::now().time_since_epoch() + std::chrono::milliseconds(200));
-        const OSCTimeTag standard{0, static_cast<std::uint64_t>((seconds.count() + 2208988800.0) *
-                                                                4294967296.0)};
-        UdpPeer().sendTo(fixture.server->boundPort(),
-                           bytes(OSCBundle(standard, {OSCMessage("/on/time")})));
+        const OSCTimeTag standard{
+            0, static_cast<std::uint64_t>((seconds.count() + 2208988800.0) * 4294967296.0)};
+        fixture.send(bytes(OSCBundle(standard, {OSCMessage("/on/time")})));
         std::exit(fixture.waitFor(1, 3000ms) ? 0 : 1);
     };
     EXPECT_EXIT(deliversOnTime(), testing::ExitedWithCode(0), "");
@@ -317,16 +310,15 @@ TEST(OSCServer, DeliversABurstWholeAndInOrder) {
     Fixture fixture(OSCServer::TimeTagMode::osc1_0);
     ASSERT_TRUE(fixture.server);
     fixture.server->setKernelReceiveBufferSize(4 << 20);
-    UdpPeer sender;
     // Without privilege the kernel caps the buffer well below what a big burst needs.
     const int count = ::geteuid() == 0 ? 2000 : 200;
     std::vector<std::string> expected;
     for (int i = 0; i < count; ++i) {
         if (i == count / 2) {
-            sender.sendTo(fixture.server->boundPort(), {'/', 0, 0});
+            fixture.send({'/', 0, 0});
         }
         expected.push_back("/n/" + std::to_string(i));
-        sender.sendTo(fixture.server->boundPort(), bytes(OSCMessage(expected.back())));
+        fixture.send(bytes(OSCMessage(expected.back())));
     }
     ASSERT_TRUE(fixture.waitFor(count));
     EXPECT_EQ(fixture.addresses(), expected);
@@ -351,14 +343,13 @@ TEST(OSCServerMethods, RouteMatchingMessagesInTheSpacesOrderBesidesTheHandler) {
     });
     std::vector<std::string> mismatches;
     server.setMismatchHandler([&](const OSCMessage& message, const OSCValueMaskError& error) {
-        mismatches.push_back(std::string(message.addressPattern.rawAddress()) + ": " + error.what());
+        mismatches.push_back(std::string(message.addressPattern.rawAddress()) + ": " +
+                             error.what());
     });
 
-    UdpPeer sender;
-    const auto port = server.boundPort();
-    sender.sendTo(port, bytes(OSCMessage("/mixer/*")));
-    sender.sendTo(port, bytes(OSCMessage("/mixer/typed", {12, 0.5f})));
-    sender.sendTo(port, bytes(OSCMessage("/mixer/typed", {std::string("no")})));
+    fixture.send(bytes(OSCMessage("/mixer/*")));
+    fixture.send(bytes(OSCMessage("/mixer/typed", {12, 0.5f})));
+    fixture.send(bytes(OSCMessage("/mixer/typed", {std::string("no")})));
     ASSERT_TRUE(fixture.waitFor(3));
     EXPECT_EQ(calls, (std::vector<std::string>{"x /mixer/*", "y /mixer/*"}));
     EXPECT_EQ(typed, (std::vector<std::pair<std::int32_t, float>>{{12, 0.5f}}));
@@ -371,7 +362,7 @@ TEST(OSCServerMethods, RouteMatchingMessagesInTheSpacesOrderBesidesTheHandler) {
 
     // The route is fixed when the message arrives: one removed after that still runs.
     calls.clear();
-    sender.sendTo(port, bytes(OSCMessage("/mixer/x")));
+    fixture.send(bytes(OSCMessage("/mixer/x")));
     ASSERT_TRUE(fixture.main->waitForWork(5s));
     EXPECT_TRUE(server.removeMethod(x));
     EXPECT_FALSE(server.removeMethod(x));
@@ -379,7 +370,7 @@ TEST(OSCServerMethods, RouteMatchingMessagesInTheSpacesOrderBesidesTheHandler) {
     EXPECT_FALSE(server.removeMethod("/mixer/nothing"));
     ASSERT_TRUE(fixture.waitFor(4));
     EXPECT_EQ(calls, (std::vector<std::string>{"x /mixer/x"}));
-    sender.sendTo(port, bytes(OSCMessage("/mixer/*")));
+    fixture.send(bytes(OSCMessage("/mixer/*")));
     ASSERT_TRUE(fixture.waitFor(5));
     EXPECT_EQ(calls.size(), 1u) << "removed methods are no longer routed to";
 }
@@ -402,27 +393,25 @@ TEST(OSCServerMethods, CountsWhatArrivesAndHandsEveryDroppedDatagramToTheHook) {
     });
     server.setScheduledLimit({1, 1 << 20});
 
-    UdpPeer sender;
-    const auto port = server.boundPort();
     const std::vector<std::uint8_t> hello = {'h', 'e', 'l', 'l', 'o'};
     const std::vector<std::uint8_t> shortInt = {'/', 'x', 0, 0, ',', 'i', 0, 0};
     const auto farAway = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 24h);
     const auto twoLater = bytes(OSCBundle(farAway, {OSCMessage("/a"), OSCMessage("/b")}));
     const auto utf8 = OSCMessage("/u", {std::string("w\xC3\xB6rld")}).rawData(OSCTextPolicy::utf8);
-    sender.sendTo(port, hello);
-    sender.sendTo(port, shortInt);
-    sender.sendTo(port, twoLater);  // two waiting messages, the limit is one
-    sender.sendTo(port, utf8);      // the default text policy is ascii
-    sender.sendTo(port, bytes(OSCMessage("/ok")));
+    fixture.send(hello);
+    fixture.send(shortInt);
+    fixture.send(twoLater);  // two waiting messages, the limit is one
+    fixture.send(utf8);      // the default text policy is ascii
+    fixture.send(bytes(OSCMessage("/ok")));
     ASSERT_TRUE(fixture.main->drainUntil(
         [&] { return dropped.size() == 4 && !fixture.deliveries.empty(); }, 5s));
     using Reason = OSCServer::DropReason;
     const std::vector<Dropped> expected = {
-        {hello, Reason::notOSC, "", sender.port()},
+        {hello, Reason::notOSC, "", fixture.sender.port()},
         {shortInt, Reason::malformed, "Not enough bytes while reading Int32 data chunk.",
-         sender.port()},
-        {twoLater, Reason::overScheduledLimit, dropped[2].error, sender.port()},
-        {utf8, Reason::malformed, dropped[3].error, sender.port()}};
+         fixture.sender.port()},
+        {twoLater, Reason::overScheduledLimit, dropped[2].error, fixture.sender.port()},
+        {utf8, Reason::malformed, dropped[3].error, fixture.sender.port()}};
     EXPECT_EQ(dropped, expected);
     EXPECT_TRUE(dropped[3].error.starts_with("Failed to form valid ASCII string "))
         << dropped[3].error;
@@ -438,8 +427,8 @@ TEST(OSCServerMethods, CountsWhatArrivesAndHandsEveryDroppedDatagramToTheHook) {
     // Without a hook the counting goes on, silently. Under utf8 the UTF-8 string is taken.
     server.setDropHandler(nullptr);
     server.setTextPolicy(OSCTextPolicy::utf8);
-    sender.sendTo(port, hello);
-    sender.sendTo(port, utf8);
+    fixture.send(hello);
+    fixture.send(utf8);
     ASSERT_TRUE(fixture.waitFor(2));
     EXPECT_EQ(fixture.addresses().back(), "/u");
     EXPECT_EQ(server.counters().droppedNotOSC, 2u);

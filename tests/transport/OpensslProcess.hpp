@@ -1,7 +1,8 @@
 #pragma once
 
 // A command-line program as a child process with its standard input and output on pipes, its
-// errors merged into the output or kept apart; OpensslProcess runs the openssl tool, to make test
+// errors merged into the output or kept apart, and its environment this one's with `variables`
+// ("NAME=value") set over it; OpensslProcess runs the openssl tool, to make test
 // certificates and as an independent TLS peer (s_server, s_client). Every wait has a bound; the
 // destructor ends the process and reaps it.
 
@@ -14,14 +15,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <initializer_list>
 #include <optional>
-#include <string>
 #include <string_view>
-#include <vector>
 
 extern char** environ;
 
@@ -34,7 +33,19 @@ class ChildProcess {
     // program is found on PATH unless it holds a slash. Standard input is a socket, so that
     // writing to a process that has ended cannot raise SIGPIPE (MSG_NOSIGNAL).
     ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-                 Errors errors = Errors::merged) {
+                 Errors errors = Errors::merged, std::vector<std::string> variables = {}) {
+        for (char** variable = environ; *variable; ++variable) {
+            const std::string_view name(*variable, std::strcspn(*variable, "="));
+            if (std::none_of(variables.begin(), variables.end(), [&](const std::string& set) {
+                    return set.starts_with(name) && set.size() > name.size() &&
+                           set[name.size()] == '=';
+                })) {
+                variables.emplace_back(*variable);
+            }
+        }
+        std::vector<char*> environment;
+        for (auto& variable : variables) environment.push_back(variable.data());
+        environment.push_back(nullptr);
         int input[2] = {-1, -1}, output[2] = {-1, -1}, error[2] = {-1, -1};
         if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, input) == 0 &&
             ::pipe2(output, O_CLOEXEC) == 0 &&
@@ -50,7 +61,7 @@ class ChildProcess {
             for (auto& argument : argv) pointers.push_back(argument.data());
             pointers.push_back(nullptr);
             if (::posix_spawnp(&pid_, program.c_str(), &actions, nullptr, pointers.data(),
-                               environ) != 0) {
+                               environment.data()) != 0) {
                 pid_ = -1;
             }
             posix_spawn_file_actions_destroy(&actions);
@@ -115,6 +126,17 @@ class ChildProcess {
         return line;
     }
 
+    // The lines up to and including the next one that starts with `prefix`; on timeout, those
+    // read until then and an empty line.
+    std::vector<std::string> linesThrough(
+        std::string_view prefix, std::chrono::milliseconds bound = std::chrono::seconds(10)) {
+        std::vector<std::string> lines;
+        do {
+            lines.push_back(nextLine(bound).value_or(""));
+        } while (!lines.back().empty() && !lines.back().starts_with(prefix));
+        return lines;
+    }
+
     // The exit status (128 + the signal's number for one that ended it), once the process has
     // ended within the bound. Reading the output meanwhile keeps a chatty process from blocking
     // on a full pipe; what it wrote last may still be in the pipes when it has ended.
@@ -135,9 +157,10 @@ class ChildProcess {
         return status_;
     }
 
-    // Asks the process to end (SIGTERM) and waits for its exit status.
-    std::optional<int> stop(std::chrono::milliseconds bound) {
-        if (pid_ > 0 && !status_) ::kill(pid_, SIGTERM);
+    // Asks the process to end (SIGTERM, unless another signal is given) and waits for its exit
+    // status.
+    std::optional<int> stop(std::chrono::milliseconds bound, int signal = SIGTERM) {
+        if (pid_ > 0 && !status_) ::kill(pid_, signal);
         return waitForExit(bound);
     }
 

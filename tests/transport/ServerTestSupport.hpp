@@ -1,12 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "osc/dispatch/ManualQueue.hpp"
 #include "osc/transport/OSCServer.hpp"
 #include "osc/transport/UdpSocketError.hpp"
@@ -31,6 +24,7 @@ struct Fixture {
     std::shared_ptr<OSCServer> server;
     std::vector<Delivery> deliveries;
     bool offQueue = false;
+    UdpPeer sender;
 
     // Port 0: the kernel picks a free one, which boundPort() tells.
     explicit Fixture(OSCServer::TimeTagMode mode) {
@@ -47,9 +41,14 @@ struct Fixture {
     OSCServer::Handler recorder() {
         return [this](const OSCMessage& message, const OSCTimeTag& timeTag) {
             if (!main->isCurrent()) offQueue = true;
-            deliveries.push_back(
-                {std::string(message.addressPattern.rawAddress()), timeTag, DispatchQueue::Clock::now()});
+            deliveries.push_back({std::string(message.addressPattern.rawAddress()), timeTag,
+                                  DispatchQueue::Clock::now()});
         };
+    }
+
+    // From `sender`, to the server's port.
+    void send(const std::vector<std::uint8_t>& datagram) {
+        sender.sendTo(server->boundPort(), datagram);
     }
 
     bool waitFor(std::size_t count, std::chrono::milliseconds bound = 5000ms) {

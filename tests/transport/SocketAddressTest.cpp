@@ -1,15 +1,12 @@
 #include "osc/transport/SocketAddress.hpp"
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include <cstring>
-#include <string>
 #include <tuple>
-#include <vector>
 
 namespace kavrin {
 namespace {

@@ -1,6 +1,5 @@
 #include "osc/transport/TcpSocket.hpp"
 
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <cerrno>
@@ -20,8 +19,9 @@ using namespace tcpTest;
 const char* const kHosts[] = {"127.0.0.1", "::1"};
 
 std::size_t openDescriptors() {
-    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                                                  std::filesystem::directory_iterator()));
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                      std::filesystem::directory_iterator()));
 }
 
 // How many of clients see their stream end, waiting up to the bound for expected of them.
@@ -131,6 +131,9 @@ TEST(TcpSocketConnect, BadCallsFailAtOnceWithoutAReport) {
         EXPECT_EQ(error.code(), code) << describe(error);
     }
     EXPECT_EQ(e.recorder->read([&] { return e.recorder->disconnects.size(); }), 0u);
+    // A resolver's bad-param error becomes the socket's own.
+    EXPECT_EQ(describe(TcpSocketError(SocketError::unusableParam("x"))),
+              "TcpSocketErrorDomain " + std::to_string(badParam) + ": x");
 }
 
 // A closed port refuses with the system's text; a listener that never accepts and whose queue
@@ -184,24 +187,32 @@ TEST(TcpSocketRead, ReadsToLengthAndToDelimiterAcrossFragments) {
         ASSERT_TRUE(s.readExactly(4, 5.0, 1));
         ASSERT_TRUE(s.readExactly(5, 5.0, 2));
         ASSERT_TRUE(s.readToDelimiter(bytes("\r\n"), 100, 5.0, 3));
-        ASSERT_TRUE(s.readToDelimiter(bytes("\r\n"), 100, 5.0, 4));
+        ASSERT_TRUE(s.readToDelimiter(bytes("\r\n--\r\n"), 100, 5.0, 4));
         ASSERT_TRUE(s.readToDelimiter({0xC0}, 100, 5.0, 5));  // a SLIP frame's end
-        ASSERT_TRUE(s.readAvailable(1000, 5.0, 6));
-        const std::vector<std::string> pieces = {std::string("\0\0", 2), std::string("\0\5he", 4),
-                                                 "llo", "line one\r", "\nline two",
-                                                 "\r\n\xDB\xDC\xC0", "rest"};
+        ASSERT_TRUE(s.readAvailable(1, 5.0, 6));
+        ASSERT_TRUE(s.readAvailable(1000, 5.0, 7));
+        // A delimiter split over pieces, partly matched more than once, then one with more after.
+        const std::vector<std::string> pieces = {std::string("\0\0", 2),
+                                                 std::string("\0\5he", 4),
+                                                 "llo",
+                                                 "line one\r",
+                                                 "\nline two\r",
+                                                 "\n-",
+                                                 "-\r",
+                                                 "\n\xDB\xDC\xC0",
+                                                 "rest"};
         for (const auto& piece : pieces) {
             ASSERT_TRUE(sendAll(c.peer.get(), bytes(piece)));
         }
         Recorder& r = *c.client.recorder;
-        ASSERT_TRUE(r.waitForReads(6)) << r.read([&] { return r.reads.size(); }) << " reads";
+        ASSERT_TRUE(r.waitForReads(7)) << r.read([&] { return r.reads.size(); }) << " reads";
         std::vector<std::string> reads;
         for (const auto& read : r.read([&] { return r.reads; })) {
             reads.push_back(std::to_string(read.tag) + " " + text(read.data));
         }
         EXPECT_EQ(reads, (std::vector<std::string>{std::string("1 \0\0\0\5", 6), "2 hello",
-                                                   "3 line one\r\n", "4 line two\r\n",
-                                                   "5 \xDB\xDC\xC0", "6 rest"}));
+                                                   "3 line one\r\n", "4 line two\r\n--\r\n",
+                                                   "5 \xDB\xDC\xC0", "6 r", "7 est"}));
     }
 }
 
@@ -245,7 +256,8 @@ TEST(TcpSocketRead, BoundsEndTheConnectionWithTheirError) {
         ASSERT_TRUE(c.connected) << c.connectError;
         c.client.socket->setMaxWriteQueueLength(1 << 20);
         TcpSocketError error;
-        ASSERT_TRUE(c.client.socket->write(Bytes(64 << 20, 'x'), 0.5, 1, &error)) << describe(error);
+        ASSERT_TRUE(c.client.socket->write(Bytes(64 << 20, 'x'), 0.5, 1, &error))
+            << describe(error);
         EXPECT_FALSE(c.client.socket->write(Bytes(1, 'y'), -1.0, 2, &error));
         EXPECT_EQ(describe(error), describe(TcpSocketError::writeQueueFullError()));
         Recorder& r = *c.client.recorder;
@@ -428,11 +440,10 @@ TEST(TcpSocketAccept, IdleConnectionsAreDisconnected) {
     // Bytes keep it open past the time-out; silence then ends it.
     for (int i = 0; i < 5; ++i) {
         ASSERT_TRUE(sendAll(client.get(), bytes("x")));
-        ASSERT_TRUE(server.recorder->waitFor([&] {
-            return server.recorder->reads.size() == static_cast<std::size_t>(i + 1);
-        }));
-        ASSERT_FALSE(server.recorder->waitFor([&] { return !server.recorder->disconnects.empty(); },
-                                              150ms));
+        ASSERT_TRUE(server.recorder->waitFor(
+            [&] { return server.recorder->reads.size() == static_cast<std::size_t>(i + 1); }));
+        ASSERT_FALSE(
+            server.recorder->waitFor([&] { return !server.recorder->disconnects.empty(); }, 150ms));
     }
     EXPECT_EQ(server.recorder->disconnectError(accepted),
               describe(TcpSocketError::idleTimeoutError()));

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include "OpensslProcess.hpp"
 #include "TcpTestSupport.hpp"
 #include "TestCertificates.hpp"

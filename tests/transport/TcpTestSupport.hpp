@@ -10,15 +10,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/TcpSocket.hpp"

@@ -1,13 +1,9 @@
 #pragma once
 
-#include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "OpensslProcess.hpp"
 

@@ -1,15 +1,10 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <QApplication>
 #include <QLabel>
-#include <QProcess>
 #include <QSystemTrayIcon>
 #include <QtTest/QTest>
 #include <regex>
 
 #include "MonitorHarness.hpp"
-#include "MonitorProgram.hpp"
 #include "PrivateEnvironment.hpp"
 #include "SqliteFile.hpp"
 #include "XSession.hpp"
@@ -49,7 +44,8 @@ class MonitorWindowTest : public test::MonitorHarness {
     double replyAge() {
         std::smatch match;
         const std::string age = label("ReplyAgeLab").toStdString();
-        EXPECT_TRUE(std::regex_match(age, match, std::regex(R"(last reply (\d+\.\d) s ago)"))) << age;
+        EXPECT_TRUE(std::regex_match(age, match, std::regex(R"(last reply (\d+\.\d) s ago)")))
+            << age;
         return match.empty() ? -1 : std::stod(match[1]);
     }
 
@@ -92,7 +88,8 @@ TEST_F(MonitorWindowTest, ShowsTheRoundTripOfEachPingAndTheAgeOfTheLastReply) {
     EXPECT_EQ(label("RoundTripLab"), "round trip \u2013");
     tick();
     reply();
-    EXPECT_THAT(label("RoundTripLab").toStdString(), MatchesRegex(R"(round trip [0-9]+(\.[0-9])? ms)"));
+    EXPECT_THAT(label("RoundTripLab").toStdString(),
+                MatchesRegex(R"(round trip [0-9]+(\.[0-9])? ms)"));
     const double fresh = replyAge();
     EXPECT_LT(fresh, 1.0);
 
@@ -113,33 +110,32 @@ class MonitorProgramTest : public ::testing::Test {
     }
 
     void startMonitor() {
-        QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
-        variables.insert("QT_QPA_PLATFORM", "xcb");
-        variables.insert("DISPLAY", QString::fromStdString(test::desktopDisplay()));
         // Under AddressSanitizer the X and D-Bus libraries keep memory until exit, which a leak
         // check would call the monitor's; its own leaks are checked on the offscreen platform.
-        variables.insert("ASAN_OPTIONS", variables.value("ASAN_OPTIONS") + ":detect_leaks=0");
-        monitor.startMonitor(environment, variables);
+        const char* asan = std::getenv("ASAN_OPTIONS");
+        monitor = environment.startMonitor(
+            "xcb", {"DISPLAY=" + test::desktopDisplay(),
+                    "ASAN_OPTIONS=" + std::string(asan ? asan : "") + ":detect_leaks=0"});
     }
 
-    // Ends the monitor, whose tray icon gave Qt nothing to warn about.
-    void quit() { EXPECT_THAT(monitor.quit(), Not(HasSubstr("QSystemTrayIcon"))); }
+    // Ends the monitor normally, its tray icon having given Qt nothing to warn about.
+    void quit() {
+        EXPECT_EQ(monitor->stop(10s), 0) << monitor->errors();
+        EXPECT_THAT(monitor->errors(), Not(HasSubstr("QSystemTrayIcon")));
+    }
 
     void startResponder() {
-        responder.startProgram(KAVRIN_RESPONDER_PATH, {"--listen", QString::number(pingPort),
-                                                    "--reply-port", QString::number(inPort)});
-    }
-
-    void stopResponder() {
-        responder.kill();
-        ASSERT_TRUE(responder.waitForFinished(5000));
+        responder = std::make_unique<tcpTest::ChildProcess>(
+            KAVRIN_RESPONDER_PATH,
+            std::vector<std::string>{"--listen", std::to_string(pingPort), "--reply-port",
+                                     std::to_string(inPort)});
     }
 
     test::PrivateEnvironment environment;
     std::uint16_t pingPort = test::freeUdpPort();
     std::uint16_t inPort = test::freeUdpPort();
-    test::MonitorProgram monitor;
-    test::MonitorProgram responder;
+    std::unique_ptr<tcpTest::ChildProcess> monitor;
+    std::unique_ptr<tcpTest::ChildProcess> responder;
 };
 
 TEST_F(MonitorProgramTest, PrintsExactlyTheLinesItAlwaysHasForAScriptedExchange) {
@@ -148,10 +144,10 @@ TEST_F(MonitorProgramTest, PrintsExactlyTheLinesItAlwaysHasForAScriptedExchange)
     const std::string port = std::to_string(inPort);
     const std::string sent = "Sent OSC ping to 127.0.0.1:" + std::to_string(pingPort) +
                              " \xE2\x86\x92 pattern /eos/ping";
-    EXPECT_EQ(monitor.nextLine(), "OSC Server started on port " + port);
+    EXPECT_EQ(monitor->nextLine(10s), "OSC Server started on port " + port);
 
     ASSERT_TRUE(console.receive(6s).has_value());
-    EXPECT_EQ(monitor.nextLine(), sent);
+    EXPECT_EQ(monitor->nextLine(10s), sent);
     const std::vector<std::vector<std::uint8_t>> replies = {
         OSCMessage("/eos/out/ping/extra", {7}).rawData(),
         OSCMessage("/other", {std::string("hi")}).rawData(),
@@ -159,14 +155,15 @@ TEST_F(MonitorProgramTest, PrintsExactlyTheLinesItAlwaysHasForAScriptedExchange)
         OSCBundle(OSCTimeTag::immediate(), {OSCMessage("/a"), OSCMessage("/b")}).rawData(),
     };
     for (const auto& datagram : replies) console.sendTo(inPort, datagram);
-    monitor.linesThrough("Received OSC message: OSCMessage(\"/b\")");
-    monitor.nextLine();
+    monitor->linesThrough("Received OSC message: OSCMessage(\"/b\")");
+    monitor->nextLine(10s);
     ASSERT_TRUE(console.receive(6s).has_value());
-    EXPECT_EQ(monitor.nextLine(), sent);
+    EXPECT_EQ(monitor->nextLine(10s), sent);
     quit();
 
-    const std::string noMatch = "No match for expected pattern '/eos/out/ping'. OSCgood remains false\n";
-    EXPECT_EQ(monitor.printed.toStdString(),
+    const std::string noMatch =
+        "No match for expected pattern '/eos/out/ping'. OSCgood remains false\n";
+    EXPECT_EQ(monitor->output(),
               "OSC Server started on port " + port + "\n" + sent + "\n" +
                   "Received OSC message: OSCMessage(\"/eos/out/ping/extra\") with values:\n"
                   "  Int32: 7\n"
@@ -184,12 +181,12 @@ TEST_F(MonitorProgramTest, TheHistoryRecordsEachOutageAsTheResponderStopsAndStar
     for (int round = 0; round < 2; ++round) {
         startResponder();
         for (int tick = 0; tick < 2; ++tick) {
-            monitor.linesThrough("Sent OSC ping");
-            monitor.linesThrough("Matched");
+            monitor->linesThrough("Sent OSC ping");
+            monitor->linesThrough("Matched");
         }
-        stopResponder();
-        monitor.linesThrough("Sent OSC ping");
-        monitor.linesThrough("Sent OSC ping");
+        ASSERT_TRUE(responder->stop(5s, SIGKILL));
+        monitor->linesThrough("Sent OSC ping");
+        monitor->linesThrough("Sent OSC ping");
     }
     // Started, how long until it ended (-1 while open), how it ended, and whether at the start.
     test::SqliteFile::Rows rows;
@@ -198,21 +195,20 @@ TEST_F(MonitorProgramTest, TheHistoryRecordsEachOutageAsTheResponderStopsAndStar
             [&] {
                 rows = test::SqliteFile(environment.dataHome() + "/Kavrin/history.sqlite",
                                         SQLITE_OPEN_READONLY)
-                           .rows("SELECT IFNULL(o.ended_at - o.started_at, -1), "
-                                 "IFNULL(o.ended_by, ''), o.started_at = r.started_at "
-                                 "FROM outages o JOIN runs r ON r.id = o.run ORDER BY o.id");
+                           .rows(
+                               "SELECT IFNULL(o.ended_at - o.started_at, -1), "
+                               "IFNULL(o.ended_by, ''), o.started_at = r.started_at "
+                               "FROM outages o JOIN runs r ON r.id = o.run ORDER BY o.id");
                 return rows.size() >= 3 && rows[2][1] == end;
             },
             5000);
     };
     ASSERT_TRUE(thirdOutageEndedBy("")) << "the paint of tick 8 is kept";
-    monitor.kill();  // a crash during the outage
-    ASSERT_TRUE(monitor.waitForFinished(5000));
+    ASSERT_TRUE(monitor->stop(5s, SIGKILL));  // a crash during the outage
 
-    monitor.setStandardOutputFile(QProcess::nullDevice());
     startMonitor();
     ASSERT_TRUE(thirdOutageEndedBy("crash")) << "the next start closes what the crash left open";
-    monitor.quit();
+    EXPECT_EQ(monitor->stop(10s), 0) << monitor->errors();
     ASSERT_EQ(rows.size(), 3u);
     EXPECT_EQ(rows[0][2], "1") << "down from the first paint";
     EXPECT_NEAR(std::stoll(rows[0][0]), 2000, 500);

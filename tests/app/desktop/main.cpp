@@ -1,6 +1,5 @@
 // The monitor on a real desktop: a private Xvfb with jwm, whose tray the monitor uses. Every
 // test is skipped when Xvfb is not installed (scripts/setup installs it).
-#include <gtest/gtest.h>
 
 #include <QApplication>
 #include <QSystemTrayIcon>

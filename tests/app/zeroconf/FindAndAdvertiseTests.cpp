@@ -1,8 +1,6 @@
 // The monitor against the test run's own Avahi daemon on loopback: the Find… window fills the
 // fields from the services published by avahi-publish and by the ping responder, and the monitor
 // advertises its own server unless switched off. Its stdout lines stay those of its ticks.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <QCheckBox>
 #include <QComboBox>
@@ -11,10 +9,10 @@
 
 #include "../../discovery/ZeroconfTest.hpp"
 #include "MonitorHarness.hpp"
-#include "MonitorProgram.hpp"
 #include "app/QtMainQueue.hpp"
 #include "osc/discovery/OSCServiceAdvertiser.hpp"
 #include "osc/discovery/OSCServiceBrowser.hpp"
+#include "tests/transport/OpensslProcess.hpp"
 
 namespace kavrin {
 namespace {
@@ -29,25 +27,21 @@ class MonitorZeroconfTest : public test::MonitorHarness {
     }
 
     // A child process that runs until the test ends, its stderr with its stdout.
-    test::MonitorProgram& run(const QString& program, const QStringList& arguments) {
-        auto& process = *children.emplace_back(std::make_unique<test::MonitorProgram>());
-        process.setProcessChannelMode(QProcess::MergedChannels);
-        process.startProgram(program, arguments);
-        return process;
+    tcpTest::ChildProcess& run(const std::string& program,
+                               const std::vector<std::string>& arguments) {
+        return *children.emplace_back(std::make_unique<tcpTest::ChildProcess>(program, arguments));
     }
 
-    std::vector<std::unique_ptr<test::MonitorProgram>> children;
+    std::vector<std::unique_ptr<tcpTest::ChildProcess>> children;
 };
 
 TEST_F(MonitorZeroconfTest, FindFillsHostPortAndLinkFromTheDeviceChosen) {
-    run("avahi-publish", {"-s", QString::fromStdString(named("Udp desk")), "_osc._udp", "9201"});
-    run("avahi-publish", {"-s", QString::fromStdString(named("Tcp desk")), "_osc._tcp", "9202"});
-    run("avahi-publish",
-        {"-s", QString::fromStdString(named("Slip desk")), "_osc._tcp", "9203", "framing=slip"});
+    run("avahi-publish", {"-s", named("Udp desk"), "_osc._udp", "9201"});
+    run("avahi-publish", {"-s", named("Tcp desk"), "_osc._tcp", "9202"});
+    run("avahi-publish", {"-s", named("Slip desk"), "_osc._tcp", "9203", "framing=slip"});
     // OSCQuery names TCP only; the responder's own _osc._tcp record says it is SLIP.
     auto& responder = run(KAVRIN_RESPONDER_PATH, {"--listen", "0", "--slip", "--advertise",
-                                                  QString::fromStdString(named("Query desk")),
-                                                  "--oscquery", "0"});
+                                                  named("Query desk"), "--oscquery", "0"});
     const std::string listening = responder.linesThrough("osc_ping_responder: listening").back();
     const QString slipPort = QString::fromStdString(listening).section(' ', 5, 5);
     start();
@@ -127,14 +121,15 @@ TEST_F(MonitorZeroconfTest, TheMonitorAdvertisesItsServerUnlessSwitchedOff) {
     ASSERT_TRUE(QTest::qWaitFor([&] { return monitorService().has_value(); }, 10000));
     // A name still in the daemon's cache from a test before is taken as "… #2".
     EXPECT_THAT(monitorService()->name, ::testing::StartsWith(MonitorAdvertiser::serviceName()));
-    EXPECT_TRUE(shows("AdvertiseStatusLab",
-                      QString::fromStdString("Advertised as \u201c" + monitorService()->name +
-                                             "\u201d: _osc._udp, port " + std::to_string(inPort) +
-                                             ".")));
+    EXPECT_TRUE(
+        shows("AdvertiseStatusLab",
+              QString::fromStdString("Advertised as \u201c" + monitorService()->name +
+                                     "\u201d: _osc._udp, port " + std::to_string(inPort) + ".")));
 
     advertise->click();
     EXPECT_EQ(settings->store().value("Advertise").toString(), "false");
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !monitorService().has_value(); }, 10000)) << "withdrawn";
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !monitorService().has_value(); }, 10000))
+        << "withdrawn";
     EXPECT_THAT(lines, ElementsAre("OSC Server started on port " + std::to_string(inPort)));
 }
 
