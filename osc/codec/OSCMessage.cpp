@@ -130,9 +130,10 @@ void OSCMessage::decodeFrom(std::span<const std::uint8_t> bytes,
     // blobs as views of `owner`; a fault further on throws, and the message goes with it.
     const auto header = argumentCheck::header(bytes);
     addressPattern = OSCAddressPattern(header.address, owner, OSCAddressPattern::ASCII{});
-    if (header.tags.size() > oscValueListInlineCount) {
-        values.reserve(argumentCheck::count(header.tags));
-    }
+    // Room for one value per tag past the leading comma, which is exact unless there are arrays
+    // (whose elements allocate anyway) or stray commas; counting first would cost a pass.
+    const auto tagCount = header.tags.size() - header.tags.starts_with(',');
+    if (tagCount > oscValueListInlineCount) values.reserve(tagCount);
     argumentCheck::arguments(header.tags, header.arguments, bytes.data() + bytes.size(), policy,
                              [&](const char* tag, const std::uint8_t* data) {
                                  OSCArgumentView(tag, data).appendTo(values, &owner);

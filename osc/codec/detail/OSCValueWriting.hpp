@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -19,33 +20,29 @@ namespace kavrin::valueWriting {
 
 inline constexpr std::ptrdiff_t general = -1;
 
+// The argument bytes of each kind of a fixed width, from the wire format's table.
+inline constexpr auto kindWidths = [] {
+    std::array<std::uint8_t, oscValueKindCount> widths{};
+    widths.fill(oscTypeTag::variableWidth);
+    for (const auto& entry : oscTypeTags) {
+        widths[static_cast<std::size_t>(entry.kind)] = oscTypeTag::width(entry.format);
+    }
+    return widths;
+}();
+
 // The argument bytes of `value` when it is written here, else `general`.
 inline std::ptrdiff_t size(const OSCValue& value) {
-    switch (kindOf(value)) {
-        case OSCValueKind::int32:
-        case OSCValueKind::float32:
-        case OSCValueKind::character:
-        case OSCValueKind::midi:
-            return 4;
-        case OSCValueKind::int64:
-        case OSCValueKind::float64:
-        case OSCValueKind::timeTag:
-            return 8;
-        case OSCValueKind::boolean:
-        case OSCValueKind::impulse:
-        case OSCValueKind::null:
-            return 0;
-        case OSCValueKind::string: {
-            const auto text = std::get_if<OSCString>(&value.base())->view();
-            if (hasZeroOrNonASCII(text)) return general;
-            return static_cast<std::ptrdiff_t>(padding::nullTerminatedSize(text.size()));
-        }
-        case OSCValueKind::blob:
-            return static_cast<std::ptrdiff_t>(
-                4 + padding::wordAligned(std::get_if<OSCBlob>(&value.base())->size()));
-        default:
-            return general;
+    if (const auto width = kindWidths[value.index()]; width != oscTypeTag::variableWidth) {
+        return width;
     }
+    if (const auto* text = std::get_if<OSCString>(&value.base())) {
+        if (hasZeroOrNonASCII(text->view())) return general;
+        return static_cast<std::ptrdiff_t>(padding::nullTerminatedSize(text->size()));
+    }
+    if (const auto* blob = std::get_if<OSCBlob>(&value.base())) {
+        return static_cast<std::ptrdiff_t>(4 + padding::wordAligned(blob->size()));
+    }
+    return general;
 }
 
 // Writes the tag of `value` at `tag` and its argument bytes at `out`, which are zero-filled, and
