@@ -1,6 +1,5 @@
 #include "osc/codec/detail/OSCArgumentCheck.hpp"
 
-#include "osc/codec/OSCObjectType.hpp"
 #include "osc/codec/PassiveDataReader.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
 
@@ -70,25 +69,10 @@ void checkArray(std::string_view tags, std::size_t& index, PassiveDataReader& re
 
 }  // namespace
 
-Header header(std::span<const std::uint8_t> bytes) {
-    const auto* const begin = bytes.data();
-    const auto* const end = begin + bytes.size();
-    // The usual case here; any fault goes through the reader, which knows the texts.
-    stringChunk::Chunk address, tags;
-    if (bytes.size() % 4 == 0 && startsWithMessageHeader(bytes)) {
-        address = stringChunk::ascii(begin, end - begin);
-        if (address.length > 0)
-            tags = stringChunk::ascii(begin + address.length, end - begin - address.length);
-    }
-    if (tags.length > 0) {
-        return {{reinterpret_cast<const char*>(begin), static_cast<std::size_t>(address.textLength)},
-                {reinterpret_cast<const char*>(begin + address.length),
-                 static_cast<std::size_t>(tags.textLength)},
-                begin + address.length + tags.length};
-    }
+Header headerThroughReader(std::span<const std::uint8_t> bytes) {
     PassiveDataReader reader(bytes);
     const auto found = wireFormat::readMessageHeader(reader);
-    return {found.address, found.tags, begin + reader.readOffset()};
+    return {found.address, found.tags, bytes.data() + reader.readOffset()};
 }
 
 std::size_t count(std::string_view tags) {
