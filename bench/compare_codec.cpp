@@ -341,22 +341,25 @@ void decodeOscpack(const Bytes& bytes, Sink& sink) {
 // Each library builds a case from the same values the way its users do: ours as OSCMessage and
 // OSCBundle, liblo as lo_message and lo_bundle, oscpack by streaming the values into a buffer.
 
+// Ours with the values made in place, the way docs/library.md shows building a message.
 OSCMessage typicalMessage() {
-    return OSCMessage(typicalAddress, {12, 0.75f, std::string("main")});
+    return OSCMessage(typicalAddress, 12, 0.75f, "main");
 }
 
 OSCMessage tenArgsMessage() {
-    return OSCMessage(tenArgsAddress, {7, 0.5f, std::string("sine"), tenArgsInt64, 440.0, true,
-                                       false, OSCNullValue{}, OSCBlob(blobData(), blobData() + 16),
-                                       std::string("release")});
+    return OSCMessage(tenArgsAddress, 7, 0.5f, "sine", tenArgsInt64, 440.0, true, false,
+                      OSCNullValue{}, OSCBlob(blobData(), blobData() + 16), "release");
 }
 
-// The messages are moved into the bundle: an initializer list would copy each one.
+// The messages are made in place in the bundle: an initializer list would copy each one.
 OSCBundle bundle3() {
-    std::vector<OSCPacket> elements;
-    elements.reserve(3);
-    for (int i = 0; i < 3; ++i) elements.emplace_back(typicalMessage());
-    return OSCBundle(OSCTimeTag::immediate(), std::move(elements));
+    OSCBundle bundle(OSCTimeTag::immediate());
+    bundle.elements.reserve(3);
+    for (int i = 0; i < 3; ++i) {
+        bundle.elements.emplace_back(std::in_place_type<OSCMessage>, typicalAddress, 12, 0.75f,
+                                     "main");
+    }
+    return bundle;
 }
 
 // A liblo message or bundle, with the blob it was given, if any. liblo serialises without a

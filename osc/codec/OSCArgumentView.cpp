@@ -46,6 +46,10 @@ OSCValue OSCArgumentView::value() const {
     return std::move(*value);
 }
 
+void OSCArgumentView::fillArray(OSCArrayValue& array, const Buffer* buffer) const {
+    for (const auto element : elements()) element.appendTo(array.elements, buffer);
+}
+
 void OSCArgumentView::appendTo(OSCValueList& values) const {
     appendTo(values, nullptr);
 }

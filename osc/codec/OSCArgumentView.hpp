@@ -97,6 +97,7 @@ class OSCArgumentView {
     void appendTo(Values& values, const Buffer* buffer) const;
     template <class Make>
     void makeValue(const Buffer* buffer, Make&& make) const;
+    void fillArray(OSCArrayValue& array, const Buffer* buffer) const;
 
     OSCArgumentView(const char* tag, const std::uint8_t* data) : tag_(tag), data_(data) {}
     // Only the kind's first tag passes; the table is read when this is compiled.

@@ -6,11 +6,13 @@
 #include <utility>
 
 #include "osc/codec/OSCError.hpp"
-#include "osc/codec/OSCMessageView.hpp"
+#include "osc/codec/OSCArgumentView.hpp"
 #include "osc/codec/OSCPadding.hpp"
 #include "osc/codec/OSCSerialization.hpp"
+#include "osc/codec/detail/OSCArgumentCheck.hpp"
 #include "osc/codec/detail/OSCArgumentValue.hpp"
 #include "osc/codec/detail/OSCRawBytes.hpp"
+#include "osc/codec/detail/OSCValueWriting.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
 #include "support/HashCombine.hpp"
 
@@ -59,12 +61,23 @@ void OSCMessage::encode(std::vector<std::uint8_t>& into, OSCTextPolicy policy) c
     write(sizes, into.data(), policy);
 }
 
-// The measuring pass: the sizes of the three parts.
+// The measuring pass: the sizes of the three parts. The usual values are counted here, the rest
+// by the registry.
 OSCMessage::Layout OSCMessage::layout(OSCTextPolicy policy) const {
+    std::size_t tags = 0;
+    std::size_t arguments = 0;
     OSCValueEncoder measure(OSCSerialization::shared(), policy);
-    for (const auto& value : values) measure.serialization().measureValue(value, measure);
+    for (const auto& value : values) {
+        if (const auto size = valueWriting::size(value); size != valueWriting::general) {
+            ++tags;
+            arguments += static_cast<std::size_t>(size);
+        } else {
+            measure.serialization().measureValue(value, measure);
+        }
+    }
     return {padding::nullTerminatedSize(addressPattern.rawAddress().size()),
-            padding::nullTerminatedSize(1 + measure.tagCount()), measure.argumentByteCount()};
+            padding::nullTerminatedSize(1 + tags + measure.tagCount()),
+            arguments + measure.argumentByteCount()};
 }
 
 // The writing pass into zero-filled bytes, each part at its place.
@@ -72,12 +85,21 @@ std::uint8_t* OSCMessage::write(const Layout& sizes, std::uint8_t* out,
                                 OSCTextPolicy policy) const {
     const auto address = addressPattern.rawAddress();
     std::memcpy(out, address.data(), address.size());
-    std::uint8_t* tags = out + sizes.address;
-    *tags = ',';
-    std::uint8_t* arguments = tags + sizes.tags;
-    OSCValueEncoder writer(OSCSerialization::shared(), tags + 1, arguments, policy);
-    for (const auto& value : values) writer.serialization().encodeValue(value, writer);
-    return arguments + writer.argumentByteCount();
+    std::uint8_t* tag = out + sizes.address;
+    *tag++ = ',';
+    std::uint8_t* at = out + sizes.address + sizes.tags;
+    for (const auto& value : values) {
+        if (const auto size = valueWriting::write(value, tag, at); size != valueWriting::general) {
+            ++tag;
+            at += size;
+            continue;
+        }
+        OSCValueEncoder writer(OSCSerialization::shared(), tag, at, policy);
+        writer.serialization().encodeValue(value, writer);
+        tag += writer.tagCount();
+        at += writer.argumentByteCount();
+    }
+    return at;
 }
 
 std::uint8_t* OSCMessage::writeMeasured(std::uint8_t* out, OSCTextPolicy policy) const {
@@ -104,12 +126,18 @@ OSCMessage OSCMessage::decode(std::shared_ptr<const std::uint8_t[]> buffer, std:
 
 void OSCMessage::decodeFrom(std::span<const std::uint8_t> bytes,
                             std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy) {
-    // The view makes every check of the format, in its order and with its texts, and finds the
-    // arguments; what is left is to take them out, long strings and blobs as views of `owner`.
-    const OSCMessageView view(bytes, policy);
-    addressPattern = OSCAddressPattern(view.address(), owner, OSCAddressPattern::ASCII{});
-    values.reserve(view.argumentCount());
-    for (const auto argument : view) argument.appendTo(values, &owner);
+    // One walk: each value is made as soon as its bytes have passed the check, long strings and
+    // blobs as views of `owner`; a fault further on throws, and the message goes with it.
+    const auto header = argumentCheck::header(bytes);
+    addressPattern = OSCAddressPattern(header.address, owner, OSCAddressPattern::ASCII{});
+    // Room for one value per tag past the leading comma, which is exact unless there are arrays
+    // (whose elements allocate anyway) or stray commas; counting first would cost a pass.
+    const auto tagCount = header.tags.size() - header.tags.starts_with(',');
+    if (tagCount > oscValueListInlineCount) values.reserve(tagCount);
+    argumentCheck::arguments(header.tags, header.arguments, bytes.data() + bytes.size(), policy,
+                             [&](const char* tag, const std::uint8_t* data) {
+                                 OSCArgumentView(tag, data).appendTo(values, &owner);
+                             });
     // Whatever follows the last argument is ignored.
     decodedFrom_ = OSCDecodedBytes(std::move(owner), bytes);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -40,6 +41,16 @@ struct OSCMessage {
     OSCMessage() {}
     OSCMessage(OSCAddressPattern pattern, OSCValueList values = {});
     OSCMessage(OSCAddressPattern pattern, std::initializer_list<OSCValue> values);
+    // Each value made in place from what it is made from: `OSCMessage("/a", 1, 0.5f, "text")`.
+    // The quickest way to build a message in code: no list to copy the values out of.
+    template <class... Values>
+        requires(sizeof...(Values) > 0 && (std::constructible_from<OSCValue, Values&&> && ...))
+    OSCMessage(OSCAddressPattern pattern, Values&&... values) : addressPattern(std::move(pattern)) {
+        if constexpr (sizeof...(Values) > oscValueListInlineCount) {
+            this->values.reserve(sizeof...(Values));
+        }
+        (this->values.emplace_back(std::forward<Values>(values)), ...);
+    }
 
     // Encodes, strings as `policy` has them (OSCTextPolicy); throws OSCEncodeError only for a
     // value kind without an encoder or a too deep array.

@@ -35,7 +35,7 @@ TEST(OSCMessageEncoding, KnownMessagesEncodeByteExact) {
         0x3F, 0x40, 0, 0,                        // f 0.75
         "main", 0, 0, 0, 0});                    // s "main"
     // clang-format on
-    const OSCMessage message("/mixer/ch/12/fader/level", {12, 0.75f, std::string("main")});
+    const OSCMessage message("/mixer/ch/12/fader/level", 12, 0.75f, "main");
     EXPECT_EQ(message.rawData(), typical);
     EXPECT_EQ(message.encodedSize(), 52u);
 
@@ -154,8 +154,8 @@ TEST(OSCMessageAllocation, TheUsualMessageIsBuiltEncodedAndDecodedWithoutAllocat
     const std::vector<std::uint8_t> blob(32, 0xB1);
     std::vector<std::uint8_t> buffer;
     const auto build = [&] {
-        return OSCMessage(address, {1, 2.5f, OSCString(text), OSCBlob(blob), true, 3.0,
-                                    std::int64_t{4}, OSCStringAltValue{text}});
+        return OSCMessage(address, 1, 2.5f, text, OSCBlob(blob), true, 3.0, std::int64_t{4},
+                          OSCStringAltValue{text});
     };
     build().encode(buffer);  // sizes the buffer, and makes the codec's tables
     const Bytes encoded = buffer;

@@ -10,9 +10,10 @@
 namespace kavrin {
 
 // Makes the argument's value with make(std::in_place_type<Kind>, constructor arguments...),
-// which puts it where it belongs and returns it; an array is then filled in place.
+// which puts it where it belongs and returns it; an array is then filled in place, out of line
+// so that this inlines into the decoder's loop.
 template <class Make>
-void OSCArgumentView::makeValue(const Buffer* buffer, Make&& make) const {
+[[gnu::always_inline]] inline void OSCArgumentView::makeValue(const Buffer* buffer, Make&& make) const {
     switch (kind()) {
         case OSCValueKind::blob:
             if (buffer) {
@@ -46,11 +47,9 @@ void OSCArgumentView::makeValue(const Buffer* buffer, Make&& make) const {
         case OSCValueKind::int64:
             make(std::in_place_type<std::int64_t>, int64());
             return;
-        case OSCValueKind::array: {
-            auto& array = std::get<OSCArrayValue>(make(std::in_place_type<OSCArrayValue>));
-            for (const auto element : elements()) element.appendTo(array.elements, buffer);
+        case OSCValueKind::array:
+            fillArray(std::get<OSCArrayValue>(make(std::in_place_type<OSCArrayValue>)), buffer);
             return;
-        }
         case OSCValueKind::impulse:
             make(std::in_place_type<OSCImpulseValue>);
             return;
@@ -72,7 +71,7 @@ void OSCArgumentView::makeValue(const Buffer* buffer, Make&& make) const {
 
 // In place in the list: decoding a message makes one value per argument.
 template <class Values>
-void OSCArgumentView::appendTo(Values& values, const Buffer* buffer) const {
+[[gnu::always_inline]] inline void OSCArgumentView::appendTo(Values& values, const Buffer* buffer) const {
     makeValue(buffer, [&](auto kind, auto&&... arguments) -> OSCValue& {
         return values.emplace_back(kind, std::forward<decltype(arguments)>(arguments)...);
     });

@@ -16,8 +16,8 @@
 #include "support/UTF8.hpp"
 
 // Internal to the codec: the checks and error texts of the wire format that the decoders share
-// (OSCMessageView and OSCBundleView, on which OSCMessage and OSCBundle decode), so that every
-// decoder refuses the same bytes with the same text.
+// (a message's walk in OSCArgumentCheck, a bundle's in readBundle, which the views and the owning
+// decoders all take), so that every decoder refuses the same bytes with the same text.
 namespace kavrin::wireFormat {
 
 // Where a message's arguments begin: its address and tag string, views into the bytes.
