@@ -54,7 +54,7 @@ class UdpDatagramBlock {
 
     /// The datagrams a socket gathers into one block at most: enough that handing a block on
     /// costs little per datagram, few enough that the first of a flood do not wait for the last.
-    static constexpr std::size_t expected = 64;
+    static constexpr std::size_t expected = 128;
 
   private:
     // Shared, never grown once handed on: every share points into it.
