@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <any>
 #include <cstddef>
 #include <cstdint>
@@ -39,12 +40,14 @@ class UdpDatagramBlock {
         return {buffer_, buffer_->data() + datagram.offset};
     }
 
-    /// Appends a copy of `bytes`. The first datagram allocates the buffer for the usual block.
+    /// Appends a copy of `bytes`. The first datagram allocates the buffer for a block of its
+    /// like, up to a bound: a block of the largest datagrams grows as they come.
     void add(std::span<const std::uint8_t> bytes, const SocketAddress& address,
              std::any filterContext = {}) {
         if (!buffer_) {
+            constexpr std::size_t reserveBound = 64 * 1024;
             buffer_ = std::make_shared<std::vector<std::uint8_t>>();
-            buffer_->reserve(bytes.size() * expected);
+            buffer_->reserve(std::min(bytes.size() * expected, std::max(reserveBound, bytes.size())));
             datagrams_.reserve(expected);
         }
         const std::size_t offset = buffer_->size();
@@ -54,7 +57,7 @@ class UdpDatagramBlock {
 
     /// The datagrams a socket gathers into one block at most: enough that handing a block on
     /// costs little per datagram, few enough that the first of a flood do not wait for the last.
-    static constexpr std::size_t expected = 128;
+    static constexpr std::size_t expected = 256;
 
   private:
     // Shared, never grown once handed on: every share points into it.
