@@ -306,7 +306,8 @@ void OSCServer::plan(const UdpDatagramBlock& block, std::size_t index, OSCTextPo
     }
     // Most datagrams are one message, delivered at once: no plan to make.
     if (auto* message = std::get_if<OSCMessage>(&*packet)) {
-        Routes found = d_->routes_.empty() ? Routes{} : d_->routes_.routesFor(message->addressPattern);
+        Routes found =
+            d_->routes_.empty() ? Routes{} : d_->routes_.routesFor(message->addressPattern);
         turn.push_back({std::move(*message), OSCTimeTag::immediate(), datagram.address,
                         std::move(found)});
         return;

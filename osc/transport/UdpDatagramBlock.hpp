@@ -47,7 +47,8 @@ class UdpDatagramBlock {
         if (!buffer_) {
             constexpr std::size_t reserveBound = 64 * 1024;
             buffer_ = std::make_shared<std::vector<std::uint8_t>>();
-            buffer_->reserve(std::min(bytes.size() * expected, std::max(reserveBound, bytes.size())));
+            buffer_->reserve(
+                std::min(bytes.size() * expected, std::max(reserveBound, bytes.size())));
             datagrams_.reserve(expected);
         }
         const std::size_t offset = buffer_->size();
