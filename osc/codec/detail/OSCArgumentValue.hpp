@@ -13,7 +13,8 @@ namespace kavrin {
 // which puts it where it belongs and returns it; an array is then filled in place, out of line
 // so that this inlines into the decoder's loop.
 template <class Make>
-[[gnu::always_inline]] inline void OSCArgumentView::makeValue(const Buffer* buffer, Make&& make) const {
+[[gnu::always_inline]] inline void OSCArgumentView::makeValue(const Buffer* buffer,
+                                                              Make&& make) const {
     switch (kind()) {
         case OSCValueKind::blob:
             if (buffer) {
@@ -71,7 +72,8 @@ template <class Make>
 
 // In place in the list: decoding a message makes one value per argument.
 template <class Values>
-[[gnu::always_inline]] inline void OSCArgumentView::appendTo(Values& values, const Buffer* buffer) const {
+[[gnu::always_inline]] inline void OSCArgumentView::appendTo(Values& values,
+                                                             const Buffer* buffer) const {
     makeValue(buffer, [&](auto kind, auto&&... arguments) -> OSCValue& {
         return values.emplace_back(kind, std::forward<decltype(arguments)>(arguments)...);
     });

@@ -73,7 +73,7 @@ struct UdpSocket::Family {
     int fd = -1;
     SuspendableSource sendSource;
     SuspendableSource receiveSource;
-    bool readable = false;                  // from the read source's event to a read that would block
+    bool readable = false;                  // from the read event until a read would block
     std::vector<std::uint8_t> scratch;      // reused receive buffer
     std::unique_ptr<std::uint8_t[]> slots;  // reused buffers of receiveMany, slotSize each
     std::size_t slotSize = 0;
