@@ -78,6 +78,8 @@ struct OSCServer::State {
     std::atomic<std::uint64_t> datagramsReceived_{0}, messagesDelivered_{0}, messagesViewed_{0},
         mismatches_{0};
     OSCDropTally dropped_;
+    // The block being received: its drops hold the socket's backlog as its deliveries do.
+    std::shared_ptr<const void> receivingHold_;
 };
 
 std::shared_ptr<OSCServer> OSCServer::create(std::uint16_t port,
@@ -207,6 +209,10 @@ void OSCServer::setKernelReceiveBufferSize(std::size_t bytes) {
     d_->socket_->setKernelReceiveBufferSize(bytes);
 }
 
+void OSCServer::setMaxReceiveBacklog(std::size_t bytes) {
+    d_->socket_->setMaxReceiveBacklog(bytes);
+}
+
 void OSCServer::start() {
     d_->socket_->close();
     UdpSocketError error;
@@ -263,6 +269,7 @@ void OSCServer::receive(const UdpDatagramBlock& block) {
     const ViewHandler* viewHandler = d_->receiving_.second.view.get();
     const bool owned = !viewHandler || d_->receiving_.second.handler || !d_->routes_.empty();
     const auto policy = d_->textPolicy_.load();
+    d_->receivingHold_ = block.hold();
     std::vector<Delivery> turn;
     if (owned) turn.reserve(block.size());
     // Counted once a block: an atomic add per datagram is a measurable share of a drain.
@@ -282,7 +289,8 @@ void OSCServer::receive(const UdpDatagramBlock& block) {
         }
     }
     d_->messagesViewed_ += viewed;
-    if (!turn.empty()) deliverNow(std::move(turn));
+    if (!turn.empty()) deliverNow(std::move(turn), block.hold());
+    d_->receivingHold_.reset();
 }
 
 bool OSCServer::view(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
@@ -327,7 +335,7 @@ void OSCServer::drop(std::span<const std::uint8_t> datagram, const SocketAddress
     if (!d_->hasDropHandler_.load()) return;
     d_->dispatchQueue_->async([self = shared_from_this(),
                           copy = std::vector<std::uint8_t>(datagram.begin(), datagram.end()),
-                          sender, reason, error] {
+                          sender, reason, error, hold = d_->receivingHold_] {
         if (const auto handler = self->currentHandlers().drop) {
             (*handler)(copy, sender, reason, error);
         }
@@ -347,8 +355,11 @@ void OSCServer::deliver(const OSCMessage& message, const Routes& found, const OS
 }
 
 // Holds the server strongly: a delivery already decided runs even if the owner lets go.
-void OSCServer::deliverNow(std::vector<Delivery> batch) {
-    d_->dispatchQueue_->async([self = shared_from_this(), batch = std::move(batch)] {
+// The hold keeps the socket from reading past its backlog while the turn waits for a busy
+// dispatch queue.
+void OSCServer::deliverNow(std::vector<Delivery> batch, std::shared_ptr<const void> hold) {
+    d_->dispatchQueue_->async([self = shared_from_this(), batch = std::move(batch),
+                               hold = std::move(hold)] {
         std::pair<std::uint64_t, Handlers> cache{0, {}};
         for (const auto& delivery : batch) {
             self->deliver(delivery.message, delivery.routes, delivery.timeTag, delivery.origin,

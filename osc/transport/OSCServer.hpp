@@ -97,6 +97,9 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
     /// enlarge it to ride out bursts of thousands of datagrams. Takes effect at once, also on a
     /// running server; 0 restores the default.
     void setKernelReceiveBufferSize(std::size_t bytes);
+    /// What the socket reads ahead of a receive or dispatch queue that falls behind (see
+    /// UdpSocket::setMaxReceiveBacklog); past it, what comes waits in the kernel's buffer.
+    void setMaxReceiveBacklog(std::size_t bytes);
 
     /// What deliveries waiting for their time tag (osc1_0 mode) may hold at once: a bound on
     /// their messages and on those messages' encoded bytes. A datagram whose scheduled messages
@@ -187,7 +190,7 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
               std::vector<Delivery>& turn);
     void drop(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
               DropReason reason, const std::string& error);
-    void deliverNow(std::vector<Delivery> block);
+    void deliverNow(std::vector<Delivery> block, std::shared_ptr<const void> hold);
     void deliverLater(ScheduledRun&& run);
     // Calls the handler and the routes; `cache` holds the handlers a run of deliveries last
     // read, with their generation.

@@ -40,6 +40,18 @@ class UdpDatagramBlock {
         return {buffer_, buffer_->data() + datagram.offset};
     }
 
+    /// Keeps the block counted in its socket's receive backlog (UdpSocket::setMaxReceiveBacklog)
+    /// while the hold lives, as the block itself is while it or a copy lives: a delegate that
+    /// passes the block's work on to another queue passes a hold with it. Empty for a block no
+    /// socket made.
+    std::shared_ptr<const void> hold() const { return hold_; }
+
+    /// What the block counts for in that backlog: its bytes and a share for each datagram's
+    /// record and what a decoder makes of it.
+    std::size_t weight() const {
+        return (buffer_ ? buffer_->size() : 0) + datagrams_.size() * 256;
+    }
+
     /// Appends a copy of `bytes`. The first datagram allocates the buffer for a block of its
     /// like, up to a bound: a block of the largest datagrams grows as they come.
     void add(std::span<const std::uint8_t> bytes, const SocketAddress& address,
@@ -61,9 +73,12 @@ class UdpDatagramBlock {
     static constexpr std::size_t expected = 256;
 
   private:
+    friend class UdpSocket;
+
     // Shared, never grown once handed on: every share points into it.
     std::shared_ptr<std::vector<std::uint8_t>> buffer_;
     std::vector<Datagram> datagrams_;
+    std::shared_ptr<const void> hold_;
 };
 
 }  // namespace kavrin

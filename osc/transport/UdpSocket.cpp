@@ -41,8 +41,14 @@ std::shared_ptr<UdpSocket> UdpSocket::create(std::weak_ptr<UdpSocketDelegate> de
     } else {
         serial = SerialQueue::create("UdpSocket");
     }
-    return std::make_shared<UdpSocket>(Private{}, std::move(delegate), std::move(delegateQueue),
-                                       std::move(serial));
+    auto socket = std::make_shared<UdpSocket>(Private{}, std::move(delegate),
+                                              std::move(delegateQueue), std::move(serial));
+    socket->d_->backlog_->setOnRoom([weak = std::weak_ptr(socket)] {
+        if (auto self = weak.lock()) {
+            self->d_->socketQueue_->async([self] { self->doReceive(); });
+        }
+    });
+    return socket;
 }
 
 std::shared_ptr<UdpSocket> UdpSocket::create(std::shared_ptr<DispatchQueue> socketQueue) {

@@ -117,6 +117,13 @@ class UdpSocket : public std::enable_shared_from_this<UdpSocket> {
     bool setKernelReceiveBufferSize(std::size_t bytes, UdpSocketError* error = nullptr);
     std::size_t kernelReceiveBufferSize() const;  ///< as asked for, 0 for the default
 
+    /// Bytes read and handed to the delegate that it has not finished with (see
+    /// UdpDatagramBlock::hold) before the socket stops reading until it has: past this, what
+    /// comes waits in the kernel's buffer, which drops when full. The socket may go over by
+    /// the one block it is reading. 32 MiB by default.
+    void setMaxReceiveBacklog(std::size_t bytes);
+    std::size_t maxReceiveBacklog() const;
+
     std::any userData() const;
     void setUserData(std::any userData);
 

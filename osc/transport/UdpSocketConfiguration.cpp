@@ -96,6 +96,17 @@ std::size_t UdpSocket::kernelReceiveBufferSize() const {
     return d_->query([&] { return d_->kernelReceiveSize_.value(); });
 }
 
+void UdpSocket::setMaxReceiveBacklog(std::size_t bytes) {
+    d_->runSync([&] {
+        d_->backlog_->setLimit(bytes);
+        doReceive();  // a raised limit may let a waiting read go on
+    });
+}
+
+std::size_t UdpSocket::maxReceiveBacklog() const {
+    return d_->backlog_->limit();
+}
+
 // A privileged process may pass the system's cap; anyone else gets at most the cap.
 bool UdpSocket::applyKernelReceiveBufferSize(int fd) const {
     const std::size_t asked = d_->kernelReceiveSize_;

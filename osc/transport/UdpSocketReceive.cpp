@@ -118,6 +118,10 @@ void UdpSocket::doReceive() {
             suspendReceiveSourcesWithData();
             break;
         }
+        if (d_->backlog_->full()) {
+            suspendReceiveSourcesWithData();  // its room, once made, brings us back
+            break;
+        }
         const bool has4 = d_->socket4_.readable;
         const bool has6 = d_->socket6_.readable;
         if ((!has4 && !has6) || read >= kTurnDatagrams) {
@@ -290,6 +294,7 @@ void UdpSocket::reportReceived() {
         return;
     }
     UdpDatagramBlock block = std::exchange(d_->received_, {});
+    block.hold_ = d_->backlog_->admit(block.weight());
     auto delegate = d_->delegate_.lock();
     auto self = weak_from_this().lock();
     if (!delegate || !d_->delegateQueue_ || !self) {

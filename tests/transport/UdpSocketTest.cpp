@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <utility>
 
 #include "TcpTestSupport.hpp"
@@ -505,6 +506,32 @@ TEST(UdpSocketReceive, BurstArrivesWholeInOrderThroughALargerKernelBuffer) {
     ASSERT_TRUE(UdpSocket::getHost(&host, &port, from));
     EXPECT_EQ(host, "127.0.0.1");
     EXPECT_EQ(port, sender.port());
+}
+
+// Past its backlog limit the socket leaves what comes in the kernel's buffer until the delegate
+// catches up; then it arrives, in order.
+TEST(UdpSocketReceive, ADelegateThatFallsBehindStopsTheReadingAtTheBacklogLimit) {
+    Peer receiver;
+    receiver.socket->setMaxReceiveBacklog(1);
+    EXPECT_EQ(receiver.socket->maxReceiveBacklog(), 1u);
+    std::promise<void> caughtUp;
+    receiver.delegateQueue->async([behind = caughtUp.get_future().share()] { behind.wait(); });
+    receiver.listen(false);
+    const int fd = receiver.socket->socket4FD();
+    const auto kernelIsEmpty = [fd] {
+        char byte;
+        return ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0;
+    };
+    test::UdpPeer sender;
+    const auto port = receiver.socket->localPortIPv4();
+    sender.sendTo(port, bytes("a"));
+    ASSERT_TRUE(tcpTest::eventually(kernelIsEmpty));
+    sender.sendTo(port, bytes("b"));
+    sender.sendTo(port, bytes("c"));
+    EXPECT_FALSE(tcpTest::eventually(kernelIsEmpty, 300ms));
+    caughtUp.set_value();
+    ASSERT_TRUE(receiver.waitForReceived(3));
+    EXPECT_EQ(receiver.texts(), (Texts{"a", "b", "c"}));
 }
 
 TEST(UdpSocketReceive, FiltersOnceModeAndPause) {

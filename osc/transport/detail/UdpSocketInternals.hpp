@@ -13,6 +13,7 @@
 #include "osc/dispatch/DispatchQueue.hpp"
 #include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/detail/HostResolver.hpp"
+#include "osc/transport/detail/ReceiveBacklog.hpp"
 #include "osc/transport/detail/SocketCore.hpp"
 #include "osc/transport/detail/SuspendableSource.hpp"
 #include "support/Clamped.hpp"
@@ -108,6 +109,8 @@ struct UdpSocket::State : SocketCore<UdpSocket, UdpSocketDelegate, UdpSocketErro
     std::uint32_t pendingFilterOperations_ = 0;
     // Read in this turn and not yet reported; the turn reports them at its end.
     UdpDatagramBlock received_;
+    // What the delegate has of ours and has not finished with.
+    const std::shared_ptr<ReceiveBacklog> backlog_ = std::make_shared<ReceiveBacklog>();
     SocketAddress cachedConnectedAddress_;
     std::string cachedConnectedHost_;
     std::uint16_t cachedConnectedPort_ = 0;
