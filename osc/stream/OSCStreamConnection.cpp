@@ -25,12 +25,23 @@ OSCStreamConnection::OSCStreamConnection(Private, std::weak_ptr<OSCStreamReceive
       textPolicy_(settings.textPolicy),
       tls_(sideOf(settings.tls, isServer)),
       id_(nextID_++),
-      deframer_(settings.framing, settings.maximumFrame) {}
+      deframer_(settings.framing, settings.maximumFrame) {
+    backlog_->setLimit(settings.maxReceiveBacklog);
+}
 
 std::shared_ptr<OSCStreamConnection> OSCStreamConnection::make(
     std::weak_ptr<OSCStreamReceiver> receiver, const OSCStreamSettings& settings, bool isServer) {
-    return std::make_shared<OSCStreamConnection>(Private{}, std::move(receiver), settings,
-                                                 isServer);
+    auto connection = std::make_shared<OSCStreamConnection>(Private{}, std::move(receiver),
+                                                            settings, isServer);
+    connection->backlog_->setOnRoom([weak = std::weak_ptr(connection)] {
+        const auto self = weak.lock();
+        const auto receiver = self ? self->receiver_.lock() : nullptr;
+        if (!receiver) return;
+        receiver->receiveQueue()->async([self] {
+            if (!self->closed_ && !self->failure_) self->readNext();
+        });
+    });
+    return connection;
 }
 
 std::weak_ptr<TcpSocketDelegate> OSCStreamConnection::asDelegate() {
@@ -103,16 +114,20 @@ void OSCStreamConnection::socketDidReadData(TcpSocket&, std::vector<std::uint8_t
     auto receiver = receiver_.lock();
     if (!receiver || failure_) return;
     const auto self = shared_from_this();
+    // Decoded, small packets take several times their bytes.
+    receiver->setReadHold(backlog_->admit(8 * data.size()));
     try {
         deframer_.feed(
             data, [&](std::span<const std::uint8_t> packet) { receiver->receive(packet, self); });
     } catch (const OSCFramingError& broken) {
         receiver->flush();
+        receiver->setReadHold(nullptr);
         fail(TcpSocketError(oscStreamErrorDomain, oscStreamFramingError, broken.what()));
         return;
     }
     receiver->flush();
-    readNext();
+    receiver->setReadHold(nullptr);
+    if (!backlog_->full()) readNext();  // else the room, once made, reads on
 }
 
 void OSCStreamConnection::fail(TcpSocketError error) {

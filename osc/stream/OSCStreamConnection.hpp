@@ -15,6 +15,7 @@
 #include "osc/transport/SocketAddress.hpp"
 #include "osc/transport/TcpSocket.hpp"
 #include "osc/transport/TcpSocketError.hpp"
+#include "support/ReceiveBacklog.hpp"
 
 namespace kavrin {
 
@@ -101,6 +102,7 @@ class OSCStreamConnection final : private TcpSocketDelegate,
     const std::optional<TlsSettings> tls_;
     const std::uint64_t id_;
     std::shared_ptr<TcpSocket> socket_;
+    const std::shared_ptr<ReceiveBacklog> backlog_ = std::make_shared<ReceiveBacklog>();
     std::atomic<bool> secure_{false};
     std::atomic<bool> closed_{false};
     // Receive queue only.

@@ -28,6 +28,10 @@ struct OSCStreamSettings {
     /// and sent ones encoded under it. With ascii, a packet with UTF-8 in a string is dropped
     /// as undecodable (the connection reads on) and such text is sent as printable ASCII.
     OSCTextPolicy textPolicy = OSCTextPolicy::ascii;
+    /// What a connection may have read whose messages have not yet reached the handlers (the
+    /// dispatch queue is behind), counted as eight times the bytes read: past it the connection
+    /// reads no more, and TCP holds the peer back, until they have.
+    std::size_t maxReceiveBacklog = 4u << 20;
     /// TLS on every connection when set. A server's side is taken as the server whatever
     /// `isServer` says, a client's as the client.
     std::optional<TlsSettings> tls;

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <future>
 #include <map>
 
 #include "../transport/TcpTestSupport.hpp"
@@ -266,6 +267,30 @@ TEST(OSCStream, ConnectionsPastTheCapOrIdleTooLongAreClosed) {
     EXPECT_EQ(recorder->read([&] { return recorder->received.size(); }), 6u);
     EXPECT_TRUE(seesEndOfStream(first.get(), 5s));
     EXPECT_EQ(server->connections().size(), 1u);
+}
+
+// A connection whose messages wait for a busy dispatch queue reads no further than its backlog
+// lets it; TCP holds the rest back, and it arrives in order once the queue catches up.
+TEST(OSCStream, AConnectionStopsReadingWhileItsMessagesWaitForTheDispatchQueue) {
+    auto recorder = std::make_shared<Recorder>();
+    OSCStreamSettings settings;
+    settings.maxReceiveBacklog = 1;
+    auto server = startServer(recorder, settings);
+    std::promise<void> caughtUp;
+    recorder->queue->async([behind = caughtUp.get_future().share()] { behind.wait(); });
+    Fd peer = rawConnect("127.0.0.1", server->boundPort());
+    const auto packetsRead = [&] { return server->counters().packetsReceived; };
+    ASSERT_TRUE(sendAll(peer.get(), framePacket(OSCFraming::lengthPrefixed, message("/n", 1))));
+    ASSERT_TRUE(eventually([&] { return packetsRead() == 1; }));
+    for (int i = 2; i <= 3; ++i) {
+        ASSERT_TRUE(sendAll(peer.get(), framePacket(OSCFraming::lengthPrefixed, message("/n", i))));
+    }
+    EXPECT_FALSE(eventually([&] { return packetsRead() > 1; }, 300ms));
+    caughtUp.set_value();
+    ASSERT_TRUE(recorder->waitFor([&] { return recorder->received.size() == 3; }));
+    recorder->read([&] {
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(recorder->received[i].values[0], OSCValue(i + 1));
+    });
 }
 
 // A bundle tagged ahead waits for its time in osc1_0 mode, its messages in order and together.

@@ -89,7 +89,7 @@ void OSCStreamReceiver::receive(std::span<const std::uint8_t> packet, const Conn
         if (packetHandler_) {
             dispatchQueue_->async([handler = packetHandler_,
                                    copy = std::vector<std::uint8_t>(packet.begin(), packet.end()),
-                                   from] { (*handler)(copy, from); });
+                                   from, hold = readHold_] { (*handler)(copy, from); });
         }
     }
     // Read once per packet: a view handler alone spares the owned decode.
@@ -145,9 +145,11 @@ void OSCStreamReceiver::flush() {
     if (!turn_.empty()) deliverNow(std::exchange(turn_, {}));
 }
 
-// Holds the receiver strongly: a delivery already decided runs even if the owner lets go.
+// Holds the receiver strongly: a delivery already decided runs even if the owner lets go. Holds
+// the read's share of its connection's backlog, so that a busy dispatch queue slows the reading.
 void OSCStreamReceiver::deliverNow(std::vector<Planner::Delivery> block) {
-    dispatchQueue_->async([self = shared_from_this(), block = std::move(block)] {
+    dispatchQueue_->async([self = shared_from_this(), block = std::move(block),
+                           hold = readHold_] {
         const auto handler = self->handler();  // the one in force as the block runs
         for (const auto& delivery : block) {
             self->deliver(delivery.message, delivery.timeTag, delivery.origin, handler.get());

@@ -45,6 +45,9 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
     void receive(std::span<const std::uint8_t> packet, const Connection& from);
     /// The end of a read: what it decided goes to the dispatch queue.
     void flush();
+    /// What the read being received holds of its connection's backlog: every work item it
+    /// posts keeps it until run.
+    void setReadHold(std::shared_ptr<const void> hold) { readHold_ = std::move(hold); }
     void opened(const Connection& connection);
     /// wasOpen: the connection had opened (a failed connect or handshake had not).
     void closed(const Connection& connection, const std::optional<TcpSocketError>& error,
@@ -87,6 +90,7 @@ class OSCStreamReceiver : public std::enable_shared_from_this<OSCStreamReceiver>
     OSCMethodRoutes noRoutes_;
     Planner planner_;
     std::vector<Planner::Delivery> turn_;  // the read's immediate deliveries so far
+    std::shared_ptr<const void> readHold_;  // receive queue only
     struct AtomicCounters {
         std::atomic<std::uint64_t> connectionsOpened{0}, connectionsFailed{0}, packetsReceived{0},
             messagesDelivered{0}, messagesViewed{0};

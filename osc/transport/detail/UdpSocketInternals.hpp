@@ -13,10 +13,10 @@
 #include "osc/dispatch/DispatchQueue.hpp"
 #include "osc/transport/UdpSocket.hpp"
 #include "osc/transport/detail/HostResolver.hpp"
-#include "osc/transport/detail/ReceiveBacklog.hpp"
 #include "osc/transport/detail/SocketCore.hpp"
 #include "osc/transport/detail/SuspendableSource.hpp"
 #include "support/Clamped.hpp"
+#include "support/ReceiveBacklog.hpp"
 
 // What UdpSocket's source files share and nothing else uses: its state, the bits of its state
 // and configuration words, its name resolver, texts reported from more than one file, the

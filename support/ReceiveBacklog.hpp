@@ -8,11 +8,11 @@
 
 namespace kavrin {
 
-/// What a socket has read and handed on, and its delegate has not finished with, in bytes. Past
-/// its limit the socket stops reading, leaving what comes to the kernel's buffer (which drops
-/// when full), until the delegate catches up: a stalled delegate must not make the socket hold
-/// without bound what a flood sends. Admitted on the socket queue; a hold may end on any thread.
-/// Internal to the transport layer.
+/// What a reader has read and handed on, and its consumer has not finished with, in bytes. Past
+/// its limit the reader stops, leaving what comes to the kernel's buffer (or a stream's peer),
+/// until the consumer catches up: a consumer that falls behind must not make the reader hold
+/// without bound what a fast peer sends. Admitted and asked full() on the reader's queue; a
+/// hold may end on any thread.
 class ReceiveBacklog : public std::enable_shared_from_this<ReceiveBacklog> {
   public:
     /// `onRoom` runs, on the thread that ends the hold, when the backlog falls below its limit
