@@ -112,10 +112,11 @@ bool matchesPattern(std::string_view pattern, std::string_view address) {
         // wildcard, then byte by byte.
         while (pathEnd - p >= 8 && end - a >= 8) {
             const auto word = loadWord<std::uint64_t>(p);
-            const auto stops =
-                bytesEqual(word, '*') | bytesEqual(word, '?') |
-                bytesEqual(word | asciiScanDetail::ones * 0x20, '{') |
-                (~bytesEqual(word ^ loadWord<std::uint64_t>(a), 0) & asciiScanDetail::highBits);
+            // The lowest bit set in the differences is in the first byte that differs.
+            const auto stops = matchBytes::firstEqual(word, '*') |
+                               matchBytes::firstEqual(word, '?') |
+                               matchBytes::firstEqual(word | asciiScanDetail::ones * 0x20, '{') |
+                               (word ^ loadWord<std::uint64_t>(a));
             if (stops != 0) {
                 const auto same = static_cast<std::size_t>(std::countr_zero(stops)) / 8;
                 p += same;
@@ -145,6 +146,11 @@ bool matchesPattern(std::string_view pattern, std::string_view address) {
                 const char* const stop = matchBytes::findSlash(a, end);
                 const char* text = p + 1;
                 while (text != pathEnd && *text == '*') ++text;  // a run is one star
+                if (text == pathEnd || *text == '/') {
+                    p = text;
+                    a = stop;
+                    continue;
+                }
                 const char* textEnd = text;
                 while (textEnd != pathEnd && *textEnd != '/' && !opensWildcard(*textEnd)) {
                     ++textEnd;
