@@ -86,7 +86,8 @@ TEST(OSCCompiledPattern, AllMatchersAnswerLikeTheBacktrackingSearchOverATable) {
         "/ch/12/gain", "/ch/x/mute", "/ch/1/pan", "/mixer/ch12/fader/level", "/aaaaab",
         "/aaaa", "/a\r\n", "/\r\n", "/\r", "/\n", "/\t", "/e\xCC\x81", "/\xC3\xA9", "/a/\xCC\x81" "b",
         "/ABC", "/e", "/c", "/d", "/x", "/g", "/l", "/{a", "/[", "/]", "/}", "/,", "/!",
-        "/x/ab/c", "/x/aXb/c", "/q/\xCC\x81/x", "/q/x\xCC\x81", "/a\r\nb", "/a\rb", "/\r\n\r", "/a\xFF\xC3"};
+        "/x/ab/c", "/x/aXb/c", "/q/\xCC\x81/x", "/q/x\xCC\x81", "/a\r\nb", "/a\rb", "/\r\n\r",
+        "/a\xFF\xC3"};
     // clang-format on
     for (const auto& pattern : patterns) {
         for (const auto& address : addresses) expectSameAnswers(pattern, address);
