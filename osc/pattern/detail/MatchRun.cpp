@@ -108,33 +108,28 @@ bool matchesPattern(std::string_view pattern, std::string_view address) {
     if (p == pathEnd || a == end) return false;
     bool checked = false;
     for (;;) {
-        // Literal text: eight bytes at a time up to the first that differs or may open a
-        // wildcard, then byte by byte.
-        while (pathEnd - p >= 8 && end - a >= 8) {
-            const auto word = loadWord<std::uint64_t>(p);
-            // The lowest bit set in the differences is in the first byte that differs.
-            const auto stops = matchBytes::firstEqual(word, '*') |
-                               matchBytes::firstEqual(word, '?') |
-                               matchBytes::firstEqual(word | asciiScanDetail::ones * 0x20, '{') |
-                               (word ^ loadWord<std::uint64_t>(a));
-            if (stops != 0) {
-                const auto same = static_cast<std::size_t>(std::countr_zero(stops)) / 8;
+        if (p == pathEnd) return a == end;
+        if (!opensWildcard(*p)) {
+            // Literal text: eight bytes at a time while both texts have them, up to the first
+            // byte that differs or may open a wildcard.
+            if (pathEnd - p >= 8 && end - a >= 8) {
+                const auto word = loadWord<std::uint64_t>(p);
+                // The lowest bit set in the differences is in the first byte that differs.
+                const auto stops = matchBytes::firstEqual(word, '*') |
+                                   matchBytes::firstEqual(word, '?') |
+                                   matchBytes::firstEqual(word | asciiScanDetail::ones * 0x20, '{') |
+                                   (word ^ loadWord<std::uint64_t>(a));
+                const auto same = stops == 0 ? 8 : std::countr_zero(stops) / 8;
+                if (same == 0) return false;  // *p, which opens nothing, differs
                 p += same;
                 a += same;
-                break;
+                continue;
             }
-            p += 8;
-            a += 8;
+            if (a == end || *a != *p) return false;
+            ++p;
+            ++a;
+            continue;
         }
-        const auto length = std::min(pathEnd - p, end - a);
-        std::ptrdiff_t same = 0;
-        for (; same != length && !opensWildcard(p[same]); ++same) {
-            if (a[same] != p[same]) return false;
-        }
-        p += same;
-        a += same;
-        if (p == pathEnd) return a == end;
-        if (!opensWildcard(*p)) return false;  // the address ended first
         if (!checked) {
             if (!CharacterView::isOneBytePerCharacter(address)) {
                 return matchesPatternByCharacters(pattern, address);
