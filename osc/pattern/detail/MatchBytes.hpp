@@ -44,9 +44,15 @@ namespace kavrin::matchBytes {
     return (x - asciiScanDetail::ones) & ~x & asciiScanDetail::highBits;
 }
 
-// The first "/" in [at, end), or end. Byte by byte: a star skips a few bytes, fewer than one
-// word's set-up would cost.
+// The first "/" in [at, end), or end. Byte by byte, four to a turn of the loop: a star skips a
+// few bytes, fewer than one word's set-up would cost.
 [[gnu::always_inline]] inline const char* findSlash(const char* at, const char* end) {
+    for (; end - at >= 4; at += 4) {
+        if (at[0] == '/') return at;
+        if (at[1] == '/') return at + 1;
+        if (at[2] == '/') return at + 2;
+        if (at[3] == '/') return at + 3;
+    }
     while (at != end && *at != '/') ++at;
     return at;
 }
