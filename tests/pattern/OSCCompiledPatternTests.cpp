@@ -77,15 +77,17 @@ TEST(OSCCompiledPattern, AllMatchersAnswerLikeTheBacktrackingSearchOverATable) {
         "/ch/[0-9]*/{gain,mute}", "/mixer/*/fader/*", "/*a*a*a*a*a*b", "/a\r\n", "/[\r\n]",
         "/?", "/??", "/e*", "/**", "/*?", "/[xa-c-e]", "/[!-a]", "/[a-]{b}", "/{a,,b}[]",
         "/[{a,b}]", "/{[a,b]}", "/[a-c-e-g]*", "/*/x", "/q/*", "/q/x", "/a/b*", "/x/a*b/c",
-        "/[\t-\r\n]", "/a\r\n*", "/*\r?", "/*//b", "/a*//*"};
+        "/[\t-\r\n]", "/a\r\n*", "/*\r?", "/*//b", "/a*//*", "/[abcdefghijk-m]",
+        "/[!abcdefghij]"};
     const std::vector<std::string> addresses = {
         "", "/", "//", "/a", "a", "/a/", "/a/b", "/a/b/", "/a//c", "/a/b/c", "//a", "/a//b",
         "/xy", "/xaby", "/xya", "/abc", "/b", "/ac", "/abab", "/xabyab", "/bx", "/dx", "/-",
         "/5", "/m", "/chX", "/ch", "/foo", "/bar", "/baz", "/ab", "/abb", "/x[ab", "/{foo",
         "/ch/12/gain", "/ch/x/mute", "/ch/1/pan", "/mixer/ch12/fader/level", "/aaaaab",
         "/aaaa", "/a\r\n", "/\r\n", "/\r", "/\n", "/\t", "/e\xCC\x81", "/\xC3\xA9", "/a/\xCC\x81" "b",
-        "/ABC", "/e", "/c", "/d", "/x", "/g", "/{a", "/[", "/]", "/}", "/,", "/!", "/x/ab/c",
-        "/x/aXb/c", "/q/\xCC\x81/x", "/q/x\xCC\x81", "/a\r\nb", "/a\rb", "/\r\n\r", "/a\xFF\xC3"};
+        "/ABC", "/e", "/c", "/d", "/x", "/g", "/l", "/{a", "/[", "/]", "/}", "/,", "/!",
+        "/x/ab/c", "/x/aXb/c", "/q/\xCC\x81/x", "/q/x\xCC\x81", "/a\r\nb", "/a\rb", "/\r\n\r",
+        "/a\xFF\xC3"};
     // clang-format on
     for (const auto& pattern : patterns) {
         for (const auto& address : addresses) expectSameAnswers(pattern, address);

@@ -44,11 +44,6 @@ std::ptrdiff_t takeCharacters(const MatchStep& step, const MatchPiece* pieces,
         }
         case MatchStep::Kind::oneOf:
             return !rest.empty() && oneOfAccepts(step, pieces, rest[0]) ? 1 : -1;
-        case MatchStep::Kind::bracket: {
-            MatchStep oneOf;
-            readBracket(step.text, oneOf);
-            return takeCharacters(oneOf, pieces, rest, storage);
-        }
         case MatchStep::Kind::braceList:
         case MatchStep::Kind::strings: {
             // The shortest alternative that is a prefix, as byte-wise (matchBytes::takeBytes).
@@ -102,8 +97,7 @@ bool matchesComponent(const MatchStep* first, const MatchStep* last, const Match
 bool matchesPattern(std::string_view pattern, std::string_view address) {
     const char* p = pattern.data();
     const char* pathEnd = p + pattern.size();
-    const char* const first = address.data();
-    const char* a = first;
+    const char* a = address.data();
     const char* end = a + address.size();
     // One leading and then one trailing "/" go, as pathComponents drops them.
     if (p != pathEnd && *p == '/') ++p;
@@ -112,62 +106,101 @@ bool matchesPattern(std::string_view pattern, std::string_view address) {
     if (a != end && end[-1] == '/') --end;
     // Deliberate: a pattern without components matches nothing, not even "/".
     if (p == pathEnd || a == end) return false;
-    const char* const path = p;
     bool checked = false;
     for (;;) {
-        // Literal text: eight bytes at a time up to the first that differs or may open a
-        // wildcard, then byte by byte.
-        while (pathEnd - p >= 8 && end - a >= 8) {
-            const auto word = loadWord<std::uint64_t>(p);
-            const auto stops =
-                bytesEqual(word, '*') | bytesEqual(word, '?') |
-                bytesEqual(word | asciiScanDetail::ones * 0x20, '{') |
-                (~bytesEqual(word ^ loadWord<std::uint64_t>(a), 0) & asciiScanDetail::highBits);
-            if (stops != 0) {
-                const auto same = static_cast<std::size_t>(std::countr_zero(stops)) / 8;
+        if (p == pathEnd) return a == end;
+        if (!opensWildcard(*p)) {
+            // Literal text: eight bytes at a time while both texts have them, up to the first
+            // byte that differs or may open a wildcard.
+            if (pathEnd - p >= 8 && end - a >= 8) {
+                const auto word = loadWord<std::uint64_t>(p);
+                // The lowest bit set in the differences is in the first byte that differs.
+                const auto stops = matchBytes::firstEqual(word, '*') |
+                                   matchBytes::firstEqual(word, '?') |
+                                   matchBytes::firstEqual(word | asciiScanDetail::ones * 0x20, '{') |
+                                   (word ^ loadWord<std::uint64_t>(a));
+                const auto same = stops == 0 ? 8 : std::countr_zero(stops) / 8;
+                if (same == 0) return false;  // *p, which opens nothing, differs
                 p += same;
                 a += same;
-                break;
+                continue;
             }
-            p += 8;
-            a += 8;
+            if (a == end || *a != *p) return false;
+            ++p;
+            ++a;
+            continue;
         }
-        const auto length = std::min(pathEnd - p, end - a);
-        std::ptrdiff_t same = 0;
-        for (; same != length && !opensWildcard(p[same]); ++same) {
-            if (a[same] != p[same]) return false;
-        }
-        p += same;
-        a += same;
-        if (p == pathEnd) return a == end;
-        if (!opensWildcard(*p)) return false;  // the address ended first
         if (!checked) {
             if (!CharacterView::isOneBytePerCharacter(address)) {
                 return matchesPatternByCharacters(pattern, address);
             }
             checked = true;
         }
-        MatchStep step;
-        const std::string_view text(path, static_cast<std::size_t>(pathEnd - path));
-        const char* const next =
-            path + readWildcard(text, static_cast<std::size_t>(p - path), step);
-        if (step.kind != MatchStep::Kind::star) {
-            const std::ptrdiff_t taken = matchBytes::takeBytes(step, nullptr, first, a, end);
-            if (taken < 0) return false;
-            a += taken;
-            p = next;
-            continue;
+        switch (*p) {
+            case '*': {
+                const char* const stop = matchBytes::findSlash(a, end);
+                const char* text = p + 1;
+                while (text != pathEnd && *text == '*') ++text;  // a run is one star
+                if (text == pathEnd || *text == '/') {
+                    p = text;
+                    a = stop;
+                    continue;
+                }
+                const char* textEnd = text;
+                while (textEnd != pathEnd && *textEnd != '/' && !opensWildcard(*textEnd)) {
+                    ++textEnd;
+                }
+                if (textEnd == pathEnd || *textEnd == '/') {
+                    // Only text follows in the component, which must end it.
+                    const auto size = static_cast<std::size_t>(textEnd - text);
+                    if (static_cast<std::size_t>(stop - a) < size ||
+                        !matchBytes::sameBytes(stop - size, text, size)) {
+                        return false;
+                    }
+                    p = textEnd;
+                } else {
+                    // The star and the rest of its component, as one search up to its end.
+                    PatternSteps steps({p, static_cast<std::size_t>(pathEnd - p)});
+                    if (!matchBytes::searchBytes(steps, nullptr, a, stop)) return false;
+                    p += steps.position();
+                }
+                a = stop;
+                continue;
+            }
+            case '?':
+                if (a == end || *a == '/') return false;
+                ++a;
+                ++p;
+                continue;
+            case '[': {
+                const auto byte = static_cast<unsigned char>(a != end ? *a : '/');
+                const char* next = nullptr;
+                const bool takes = matchBytes::bracketTakes(p, pathEnd, byte, next);
+                if (next) {
+                    if (byte == '/' || !takes) return false;
+                    ++a;
+                    p = next;
+                    continue;
+                }
+                // Deliberate: an unclosed "[" is read as a "{".
+                [[fallthrough]];
+            }
+            default: {
+                const char* next = nullptr;
+                const std::ptrdiff_t taken = matchBytes::braceListTakes(
+                    pattern.data(), p + 1, pathEnd, a, static_cast<std::size_t>(end - a), next);
+                if (next) {
+                    if (taken < 0) return false;
+                    a += taken;
+                    p = next;
+                    continue;
+                }
+                // An opener that opens nothing is text.
+                if (a == end || *a != *p) return false;
+                ++a;
+                ++p;
+            }
         }
-        const char* const stop = matchBytes::findSlash(a, end);
-        if (next != pathEnd && *next != '/') {
-            // The star and the rest of its component, as one search up to the component's end.
-            PatternSteps steps({p, static_cast<std::size_t>(pathEnd - p)});
-            if (!matchBytes::searchBytes(steps, nullptr, a, stop)) return false;
-            p += steps.position();
-        } else {
-            p = next;
-        }
-        a = stop;
     }
 }
 

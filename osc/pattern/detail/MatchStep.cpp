@@ -18,50 +18,49 @@ void readBracketByCharacters(std::string_view contents, MatchStep& step) {
 }
 
 bool bracketTakesByte(std::string_view contents, unsigned char byte) {
-    matchStepDetail::GroupsTakeByte groups{byte};
-    const bool isExclusion =
-        componentSyntax::scanGroups(componentSyntax::PatternBytes(contents), groups);
-    if (!groups.sawCR) return groups.taken != isExclusion;
     MatchStep step;
-    readBracketByCharacters(contents, step);
+    readBracket(contents, step);
     return (step.bits[byte >> 6] >> (byte & 63) & 1) != 0;
 }
 
-// The alternatives as componentSyntax::Alternatives reads them, the pieces between commas with
-// empty ones dropped, found in one pass: the contents hold no "/" to stop at.
 std::ptrdiff_t braceListTakesBytes(std::string_view contents, const char* at, std::size_t left) {
-    bool any = false;
-    std::size_t shortest = SIZE_MAX;
-    const char* begin = contents.data();
-    const char* const end = begin + contents.size();
-    for (const char* c = begin;; ++c) {
-        if (c != end && *c != ',') continue;
-        const auto size = static_cast<std::size_t>(c - begin);
-        if (size != 0) {
-            any = true;
-            if (size <= left && size < shortest && matchBytes::sameBytes(at, begin, size)) {
-                shortest = size;
-            }
-        }
-        if (c == end) break;
-        begin = c + 1;
-    }
-    // Deliberate: "{}" takes nothing and matches.
-    if (!any) return 0;
-    return shortest <= left ? static_cast<std::ptrdiff_t>(shortest) : -1;
+    const char* next = nullptr;
+    return matchBytes::braceListTakes(contents.data(), contents.data(),
+                                      contents.data() + contents.size() + 1, at, left, next);
 }
 
 const MatchStep* PatternSteps::next() {
     if (at_ == text_.size() || text_[at_] == '/') return nullptr;
+    step_ = MatchStep();
     if (opensWildcard(text_[at_])) {
-        at_ = readWildcard(text_, at_, step_);
-        if (step_.kind == MatchStep::Kind::bracket) readBracket(step_.text, step_);
+        using componentSyntax::Reading;
+        const Reading reading = componentSyntax::read(componentSyntax::PatternBytes(text_), at_);
+        const std::string_view contents =
+            text_.substr(reading.contentsBegin, reading.contentsEnd - reading.contentsBegin);
+        switch (reading.kind) {
+            case Reading::Kind::literal:
+                step_.text = text_.substr(at_, 1);
+                break;
+            case Reading::Kind::star:
+                step_.kind = MatchStep::Kind::star;
+                break;
+            case Reading::Kind::any:
+                makeAny(step_);
+                break;
+            case Reading::Kind::bracket:
+                readBracket(contents, step_);
+                break;
+            case Reading::Kind::brace:
+                step_.kind = MatchStep::Kind::braceList;
+                step_.text = contents;
+                break;
+        }
+        at_ = reading.next;
         return &step_;
     }
     // Literal text up to the next character that may open a wildcard.
     std::size_t end = at_ + 1;
     while (end < text_.size() && text_[end] != '/' && !opensWildcard(text_[end])) ++end;
-    step_ = MatchStep();
     step_.text = text_.substr(at_, end - at_);
     at_ = end;
     return &step_;

@@ -27,7 +27,6 @@ struct MatchStep {
     enum class Kind : std::uint8_t {
         text,       // characters that stand as written
         oneOf,      // "?" or "[...]": one character, judged by the verdicts below
-        bracket,    // "[...]" read from a pattern and judged once: `text` holds its contents
         braceList,  // "{...}" read from a pattern: `text` holds its contents
         strings,    // "{...}" kept or lowered from a token: its alternatives listed in order
         star,       // "*"
@@ -37,7 +36,7 @@ struct MatchStep {
     bool exclusion = false;      // oneOf: the verdict on other characters not listed
     bool thenSeparator = false;  // star: then the "/" that ends its component (a whole path's)
     std::uint32_t span = 0;      // star: how many steps follow it in its component (kept steps)
-    std::string_view text;       // text, bracket, braceList
+    std::string_view text;       // text, braceList
     // oneOf: the listed characters that are neither one ASCII byte nor CR LF (only lowered
     // steps have any); strings: the alternatives. As [first, first + count) of the pieces.
     std::uint32_t first = 0;
@@ -93,31 +92,6 @@ inline std::uint64_t bitsBetween(unsigned from, unsigned to) {
     if (!low || !high || *low > *high) return std::nullopt;
     return std::pair(*low, *high);
 }
-
-// Whether the groups of a bracket's contents in a pattern's text, as componentSyntax::scanGroups
-// tells them byte by byte, take one ASCII byte that is a character of its own. Every byte but a
-// leading "!" and the dashes comes as a single or a bound: so a CR, which may begin the one
-// character CR LF, is seen.
-struct GroupsTakeByte {
-    unsigned char byte;
-    bool taken = false;
-    bool sawCR = false;
-
-    [[gnu::always_inline]] void single(std::string_view character) {
-        see(character);
-        taken |= static_cast<unsigned char>(character[0]) == byte;
-    }
-    // A pattern's text is ASCII, and a reversed range takes no byte.
-    [[gnu::always_inline]] void range(std::string_view start, std::string_view end) {
-        see(start);
-        see(end);
-        taken |= static_cast<unsigned char>(start[0]) <= byte &&
-                 byte <= static_cast<unsigned char>(end[0]);
-    }
-
-  private:
-    [[gnu::always_inline]] void see(std::string_view character) { sawCR |= character[0] == '\r'; }
-};
 
 // Makes the verdicts of a oneOf step from the groups of a bracket expression, as
 // componentSyntax::scanGroups or a token tells them. `pieces` may be null where every character
@@ -184,44 +158,12 @@ inline void readBracket(std::string_view contents, MatchStep& step) {
 }
 
 // Whether a bracket's contents in a pattern's text take `byte`, an ASCII byte other than "/" and
-// a character of its own: the verdict of readBracket's step, without making it.
+// a character of its own: the verdict of readBracket's step.
 bool bracketTakesByte(std::string_view contents, unsigned char byte);
 
-// The bytes that a brace list's contents in a pattern's text take of the `left` bytes at `at`,
-// or -1: the shortest alternative that is a prefix, as matchBytes::takeBytes takes a list.
+// The bytes that a brace list's contents in a pattern's text, which the "}" follows there, take
+// of the `left` bytes at `at`, or -1: matchBytes::braceListTakes.
 std::ptrdiff_t braceListTakesBytes(std::string_view contents, const char* at, std::size_t left);
-
-// Reads the step that the character at `at` of a pattern's text begins, where a wildcard may
-// open: a star, oneOf, bracket or brace list, or else a text step of that one character. Returns
-// the index after it. Inline: matches() reads every wildcard of the pattern on every call.
-[[gnu::always_inline]] inline std::size_t readWildcard(std::string_view text, std::size_t at,
-                                                       MatchStep& step) {
-    using componentSyntax::Reading;
-    const Reading reading = componentSyntax::read(componentSyntax::PatternBytes(text), at);
-    step = MatchStep();
-    switch (reading.kind) {
-        case Reading::Kind::literal:
-            step.text = {text.data() + at, 1};
-            break;
-        case Reading::Kind::star:
-            step.kind = MatchStep::Kind::star;
-            break;
-        case Reading::Kind::any:
-            makeAny(step);
-            break;
-        case Reading::Kind::bracket:
-            step.kind = MatchStep::Kind::bracket;
-            step.text = {text.data() + reading.contentsBegin,
-                         reading.contentsEnd - reading.contentsBegin};
-            break;
-        case Reading::Kind::brace:
-            step.kind = MatchStep::Kind::braceList;
-            step.text = {text.data() + reading.contentsBegin,
-                         reading.contentsEnd - reading.contentsBegin};
-            break;
-    }
-    return reading.next;
-}
 
 // Steps and the pieces they list, kept to be run many times or made from tokens.
 struct MatchProgram {
