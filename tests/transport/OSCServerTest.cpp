@@ -8,14 +8,67 @@
 #include <tuple>
 
 #include "osc/codec/OSCBundle.hpp"
+#include "osc/dispatch/ManualQueue.hpp"
 #include "osc/dispatch/SerialQueue.hpp"
 #include "osc/transport/UdpSocket.hpp"
-#include "tests/Recording.hpp"
-#include "tests/transport/ServerTestSupport.hpp"
+#include "tests/UdpPeer.hpp"
+#include "tests/transport/TcpTestSupport.hpp"
 
 using namespace kavrin;
 using namespace kavrin::test;
 using namespace std::chrono_literals;
+
+namespace {
+
+struct Delivery {
+    std::string address;
+    OSCTimeTag timeTag;
+    DispatchQueue::Clock::time_point at;
+};
+
+// A server started on a port of the kernel's choice, whose handler records each delivery made
+// on a ManualQueue.
+struct Fixture {
+    explicit Fixture(OSCServer::TimeTagMode mode)
+        : server(OSCServer::create(0, nullptr, main, mode,
+                                   [this](const OSCMessage& message, const OSCTimeTag& timeTag) {
+                                       offQueue = offQueue || !main->isCurrent();
+                                       deliveries.push_back(
+                                           {std::string(message.addressPattern.rawAddress()),
+                                            timeTag, DispatchQueue::Clock::now()});
+                                   })) {
+        try {
+            server->start();
+        } catch (const UdpSocketError& error) {
+            ADD_FAILURE() << error.what();
+            server.reset();
+        }
+    }
+
+    void send(const std::vector<std::uint8_t>& datagram) {
+        sender.sendTo(server->boundPort(), datagram);
+    }
+    bool waitFor(std::size_t count, std::chrono::milliseconds bound = 5s) {
+        return main->drainUntil([&] { return deliveries.size() >= count; }, bound);
+    }
+    std::vector<std::string> addresses() const {
+        std::vector<std::string> result;
+        for (const auto& delivery : deliveries) result.push_back(delivery.address);
+        return result;
+    }
+
+    std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>();
+    std::vector<Delivery> deliveries;
+    bool offQueue = false;
+    std::shared_ptr<OSCServer> server;
+    UdpPeer sender;
+};
+
+std::vector<std::uint8_t> bytes(const OSCPacket& packet) {
+    return packet.rawData();
+}
+
+}  // namespace
 
 TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
     Fixture fixture(OSCServer::TimeTagMode::ignore);
@@ -36,7 +89,9 @@ TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
     EXPECT_EQ(fixture.addresses(), (std::vector<std::string>{"/a", "/b", "/c", "/d", "/e"}));
     // A nested bundle passes its own tag.
     const auto now = OSCTimeTag::immediate();
-    EXPECT_EQ(fixture.timeTags(), (std::vector<OSCTimeTag>{now, outer, inner, outer, now}));
+    std::vector<OSCTimeTag> timeTags;
+    for (const auto& delivery : fixture.deliveries) timeTags.push_back(delivery.timeTag);
+    EXPECT_EQ(timeTags, (std::vector<OSCTimeTag>{now, outer, inner, outer, now}));
     EXPECT_FALSE(fixture.offQueue);
 
     // Nothing else arrives from the bad datagrams.
