@@ -27,7 +27,7 @@ struct Delivery {
 };
 
 // A server started on a port of the kernel's choice, whose handler records each delivery made
-// on a ManualQueue.
+// on a ManualQueue. A failed start throws its error, which fails the test.
 struct Fixture {
     explicit Fixture(OSCServer::TimeTagMode mode)
         : server(OSCServer::create(0, nullptr, main, mode,
@@ -37,12 +37,7 @@ struct Fixture {
                                            {std::string(message.addressPattern.rawAddress()),
                                             timeTag, DispatchQueue::Clock::now()});
                                    })) {
-        try {
-            server->start();
-        } catch (const UdpSocketError& error) {
-            ADD_FAILURE() << error.what();
-            server.reset();
-        }
+        server->start();
     }
 
     void send(const std::vector<std::uint8_t>& datagram) {
@@ -72,7 +67,6 @@ std::vector<std::uint8_t> bytes(const OSCPacket& packet) {
 
 TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
     Fixture fixture(OSCServer::TimeTagMode::ignore);
-    ASSERT_TRUE(fixture.server);
 
     const auto outer = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 100s);
     const auto inner = OSCTimeTag::fromSeconds(12345.5);
@@ -125,7 +119,6 @@ TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
 
 TEST(OSCServer, HonoursFutureTimeTagsOnlyInOSC1_0Mode) {
     Fixture fixture(OSCServer::TimeTagMode::osc1_0);
-    ASSERT_TRUE(fixture.server);
 
     const auto sent = DispatchQueue::Clock::now();
     const auto future = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 300ms);
@@ -235,7 +228,6 @@ TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
 
 TEST(OSCServer, ScheduledDeliveriesHoldBoundedMemoryAndDatagramsAreAdmittedWhole) {
     Fixture fixture(OSCServer::TimeTagMode::osc1_0);
-    ASSERT_TRUE(fixture.server);
     EXPECT_EQ(fixture.server->scheduledLimit().messages, 10'000u);
     fixture.server->setScheduledLimit({5, 1 << 20});
     const auto soon = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 300ms);
@@ -278,7 +270,6 @@ TEST(OSCServerDeathTest, TheUTCEpochDeliversAStandardSendersBundleOnTimeWestOfUT
         tzset();
         OSCTimeTag::setEpoch(OSCTimeTag::Epoch::utc);
         Fixture fixture(OSCServer::TimeTagMode::osc1_0);
-        if (!fixture.server) std::exit(2);
         const auto seconds = std::chrono::duration<double>(
             std::chrono::system_clock::now().time_since_epoch() + std::chrono::milliseconds(200));
         const OSCTimeTag standard{
@@ -323,7 +314,6 @@ TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried
 // from that port, so a peer that answers the sender reaches it.
 TEST(OSCServer, SendsFromItsOwnPortOnlyWhileItRuns) {
     Fixture fixture(OSCServer::TimeTagMode::ignore);
-    ASSERT_TRUE(fixture.server);
     const auto port = fixture.server->boundPort();
     ASSERT_NE(port, 0);
     EXPECT_EQ(fixture.server->port(), 0) << "the port asked for stays what it was";
@@ -363,7 +353,6 @@ TEST(OSCServer, SendsFromItsOwnPortOnlyWhileItRuns) {
 // still arrive whole and in order.
 TEST(OSCServer, DeliversABurstWholeAndInOrder) {
     Fixture fixture(OSCServer::TimeTagMode::osc1_0);
-    ASSERT_TRUE(fixture.server);
     fixture.server->setKernelReceiveBufferSize(4 << 20);
     // Without privilege the kernel caps the buffer well below what a big burst needs.
     const int count = ::geteuid() == 0 ? 2000 : 200;
@@ -382,7 +371,6 @@ TEST(OSCServer, DeliversABurstWholeAndInOrder) {
 
 TEST(OSCServerMethods, RouteMatchingMessagesInTheSpacesOrderBesidesTheHandler) {
     Fixture fixture(OSCServer::TimeTagMode::ignore);
-    ASSERT_TRUE(fixture.server);
     auto& server = *fixture.server;
     std::vector<std::string> calls;
     const auto note = [&](std::string name) {
@@ -432,7 +420,6 @@ TEST(OSCServerMethods, RouteMatchingMessagesInTheSpacesOrderBesidesTheHandler) {
 
 TEST(OSCServerMethods, CountsWhatArrivesAndHandsEveryDroppedDatagramToTheHook) {
     Fixture fixture(OSCServer::TimeTagMode::osc1_0);
-    ASSERT_TRUE(fixture.server);
     auto& server = *fixture.server;
     struct Dropped {
         std::vector<std::uint8_t> datagram;

@@ -63,7 +63,6 @@ class Recorder : public TcpSocketDelegate, public Recording {
         std::uint16_t port;
     };
     struct Read {
-        TcpSocket* socket;
         std::int64_t tag;
         Bytes data;
     };
@@ -84,8 +83,8 @@ class Recorder : public TcpSocketDelegate, public Recording {
         if (onAccept) onAccept(newSocket);
         record([&] { accepted.push_back(std::move(newSocket)); });
     }
-    void socketDidReadData(TcpSocket& sock, Bytes data, std::int64_t tag) override {
-        record([&] { reads.push_back({&sock, tag, std::move(data)}); });
+    void socketDidReadData(TcpSocket&, Bytes data, std::int64_t tag) override {
+        record([&] { reads.push_back({tag, std::move(data)}); });
     }
     void socketDidReadPartialDataOfLength(TcpSocket&, std::size_t length, std::int64_t) override {
         record([&] { partialReadBytes += length; });
