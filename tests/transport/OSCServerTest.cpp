@@ -196,34 +196,27 @@ TEST(OSCServer, AViewHandlerSeesEachMessageAtOnceOnTheReceiveQueueBesidesTheHand
     EXPECT_EQ(server->counters().droppedNotOSC, 1u);
 }
 
+// Each message once had a deadline of its own, taken from two clocks at slightly different
+// moments, and they ran shuffled.
 TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
-    // On a serial queue, as an application would use it: each message once had a deadline of
-    // its own, taken from two clocks at slightly different moments, and they ran shuffled.
-    auto queue = SerialQueue::create("test.handler");
-    Log<std::string> seen(queue, 5s);
-    auto server = OSCServer::create(0, nullptr, queue, OSCServer::TimeTagMode::osc1_0,
-                                    [&](const OSCMessage& message, const OSCTimeTag&) {
-                                        seen.add(std::string(message.addressPattern.rawAddress()));
-                                    });
-    ASSERT_NO_THROW(server->start());
-    UdpPeer sender;
+    Fixture fixture(OSCServer::TimeTagMode::osc1_0);
     const auto soon = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 400ms);
     const auto later = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 600ms);
     std::vector<std::string> expected;
     for (int b = 0; b < 4; ++b) {
         std::vector<OSCPacket> elements;
         for (int m = 0; m < 8; ++m) {
-            elements.emplace_back(OSCMessage("/m/" + std::to_string(b) + "/" + std::to_string(m)));
             expected.push_back("/m/" + std::to_string(b) + "/" + std::to_string(m));
+            elements.emplace_back(OSCMessage(expected.back()));
             // A nested bundle keeps its own tag: its message comes after all of these.
             if (m == 3)
                 elements.emplace_back(OSCBundle(later, {OSCMessage("/n/" + std::to_string(b))}));
         }
-        sender.sendTo(server->boundPort(), bytes(OSCBundle(soon, std::move(elements))));
+        fixture.send(bytes(OSCBundle(soon, std::move(elements))));
     }
     for (int b = 0; b < 4; ++b) expected.push_back("/n/" + std::to_string(b));
-    ASSERT_TRUE(seen.waitForSize(expected.size()));
-    EXPECT_EQ(seen.entries(), expected);
+    ASSERT_TRUE(fixture.waitFor(expected.size()));
+    EXPECT_EQ(fixture.addresses(), expected);
 }
 
 TEST(OSCServer, ScheduledDeliveriesHoldBoundedMemoryAndDatagramsAreAdmittedWhole) {
