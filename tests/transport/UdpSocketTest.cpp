@@ -91,8 +91,8 @@ struct Peer {
             bound);
     }
 
-    // What arrived (with the sender's host: "data@host"), what went, and why sends failed (with
-    // the tag and code: "tag code: text"), so far.
+    // What arrived (with the sender's host: "data@host"), what went, and why sends failed
+    // ("tag code: text"), so far.
     Texts texts(bool withHost = false) {
         return recorder->read([&] {
             Texts texts;
@@ -106,13 +106,12 @@ struct Peer {
     Tags sent() {
         return recorder->read([&] { return recorder->sent; });
     }
-    Texts failures(bool withTag = false) {
+    Texts failures() {
         return recorder->read([&] {
             Texts texts;
             for (const auto& [tag, error] : recorder->notSent) {
-                texts.push_back(withTag ? std::to_string(tag) + " " + std::to_string(error.code()) +
-                                              ": " + error.description()
-                                        : error.description());
+                texts.push_back(std::to_string(tag) + " " + std::to_string(error.code()) + ": " +
+                                error.description());
             }
             return texts;
         });
@@ -352,7 +351,7 @@ TEST(UdpSocketSend, ADestinationThatCannotBeUsedFailsThatPacketOnly) {
         sender.socket->sendData(bytes("e"), "", port4, -1, 5);
         ASSERT_TRUE(sender.waitForSends(1, 3));
         // tag code: text
-        const Texts failures = sender.failures(true);
+        const Texts failures = sender.failures();
         ASSERT_EQ(failures.size(), 3u);
         EXPECT_EQ(failures[0],
                   "2 1: You must specify destination of packet for a non-connected socket");
@@ -398,7 +397,7 @@ TEST(UdpSocketSend, ADestinationThatCannotBeUsedFailsThatPacketOnly) {
                                 2);
         ASSERT_TRUE(sender.waitForSends(1, 1));
         EXPECT_EQ(sender.sent(), (Tags{1}));
-        EXPECT_EQ(sender.failures(true), (Texts{"2 5: " + c.failure}));
+        EXPECT_EQ(sender.failures(), (Texts{"2 5: " + c.failure}));
         ASSERT_TRUE(receiver.waitForReceived(++arrived));
         EXPECT_FALSE(sender.socket->isClosed());
     }
@@ -603,7 +602,7 @@ TEST(UdpSocketConnect, ConnectedSocketTalksToItsPeerOnly) {
     ASSERT_TRUE(client.waitForSends(1, 1));
     EXPECT_EQ(client.sent(), (Tags{1}));
     EXPECT_EQ(client.failures(),
-              (Texts{"Cannot specify destination of packet for connected socket"}));
+              (Texts{"2 1: Cannot specify destination of packet for connected socket"}));
     ASSERT_TRUE(server.waitForReceived(1));
     const SocketAddress clientAddress =
         server.recorder->read([&] { return server.recorder->received[0].from; });
