@@ -26,11 +26,13 @@ struct Delivery {
     DispatchQueue::Clock::time_point at;
 };
 
-// A server started on a port of the kernel's choice, whose handler records each delivery made
-// on a ManualQueue. A failed start throws its error, which fails the test.
+// A server started on a port of the kernel's choice (receiving on `receiveQueue`, or on a queue of
+// its own), whose handler records each delivery made on a ManualQueue. A failed start throws its
+// error, which fails the test.
 struct Fixture {
-    explicit Fixture(OSCServer::TimeTagMode mode)
-        : server(OSCServer::create(0, nullptr, main, mode,
+    explicit Fixture(OSCServer::TimeTagMode mode,
+                     std::shared_ptr<SerialQueue> receiveQueue = nullptr)
+        : server(OSCServer::create(0, std::move(receiveQueue), main, mode,
                                    [this](const OSCMessage& message, const OSCTimeTag& timeTag) {
                                        offQueue = offQueue || !main->isCurrent();
                                        deliveries.push_back(
@@ -148,21 +150,16 @@ TEST(OSCServer, HonoursFutureTimeTagsOnlyInOSC1_0Mode) {
 
 TEST(OSCServer, AViewHandlerSeesEachMessageAtOnceOnTheReceiveQueueBesidesTheHandler) {
     const auto receiveQueue = SerialQueue::create("receive");
-    const auto main = std::make_shared<ManualQueue>();
-    std::vector<std::string> owned;
-    auto server = OSCServer::create(0, receiveQueue, main, OSCServer::TimeTagMode::osc1_0,
-                                    [&](const OSCMessage& message, const OSCTimeTag&) {
-                                        owned.emplace_back(message.addressPattern.rawAddress());
-                                    });
+    Fixture fixture(OSCServer::TimeTagMode::osc1_0, receiveQueue);
+    const auto& server = fixture.server;
     using Seen = std::tuple<std::string, OSCTimeTag, std::uint16_t>;
     Log<Seen> viewed(receiveQueue, 5s);
     server->setViewHandler(
         [&](const OSCMessageView& message, const OSCTimeTag& timeTag, const SocketAddress& sender) {
             viewed.add({std::string(message.address()), timeTag, sender.port()});
         });
-    ASSERT_NO_THROW(server->start());
-    UdpPeer sender;
     const auto port = server->boundPort();
+    UdpPeer& sender = fixture.sender;
 
     // A bundle tagged in the future is viewed at once, opened depth first with each tag, while
     // its owned delivery waits for the tag; a malformed datagram reaches neither.
@@ -174,25 +171,25 @@ TEST(OSCServer, AViewHandlerSeesEachMessageAtOnceOnTheReceiveQueueBesidesTheHand
     sender.sendTo(port, bytes(OSCMessage("/now")));
     ASSERT_TRUE(viewed.waitForSize(3));
     receiveQueue->sync([] {});  // the last datagram's turn has ended
-    ASSERT_TRUE(main->drainUntil([&] { return !owned.empty(); }, 5s));
+    ASSERT_TRUE(fixture.waitFor(1));
     EXPECT_EQ(viewed.entries(),
               (std::vector<Seen>{{"/later", outer, sender.port()},
                                  {"/in", inner, sender.port()},
                                  {"/now", OSCTimeTag::immediate(), sender.port()}}));
     EXPECT_TRUE(viewed.allOnDelegateQueue);
-    EXPECT_EQ(owned, std::vector<std::string>{"/now"});
+    EXPECT_EQ(fixture.addresses(), std::vector<std::string>{"/now"});
     EXPECT_EQ(server->counters().droppedMalformed, 1u);
     EXPECT_EQ(server->counters().messagesViewed, 3u);
 
     // A view handler alone: nothing is decoded for the dispatch queue (where the bundle waits),
     // and what is not OSC at all is still counted as such.
     server->setHandler(nullptr);
-    const auto waiting = main->pending();
+    const auto waiting = fixture.main->pending();
     sender.sendTo(port, {'h', 'i'});
     sender.sendTo(port, bytes(OSCMessage("/alone")));
     ASSERT_TRUE(viewed.waitForSize(4));
     receiveQueue->sync([] {});
-    EXPECT_EQ(main->pending(), waiting);
+    EXPECT_EQ(fixture.main->pending(), waiting);
     EXPECT_EQ(server->counters().droppedNotOSC, 1u);
 }
 

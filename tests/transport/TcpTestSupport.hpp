@@ -218,23 +218,6 @@ inline bool sendAll(int fd, const Bytes& data) {
     return true;
 }
 
-// Up to length bytes, fewer at the end of the stream or after the bound.
-inline Bytes recvUpTo(int fd, std::size_t length, std::chrono::milliseconds bound = 10s) {
-    Bytes received;
-    const auto deadline = Clock::now() + bound;
-    std::uint8_t buffer[65536];
-    while (received.size() < length) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        const ssize_t n =
-            left.count() > 0 && waitReadable(fd, left)
-                ? ::recv(fd, buffer, std::min(sizeof buffer, length - received.size()), 0)
-                : 0;
-        if (n <= 0) break;
-        received.insert(received.end(), buffer, buffer + n);
-    }
-    return received;
-}
-
 // True when the peer has closed: the stream ends (or is reset) within the bound.
 inline bool seesEndOfStream(int fd, std::chrono::milliseconds bound = 10s) {
     if (!waitReadable(fd, bound)) return false;
