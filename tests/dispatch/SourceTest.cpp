@@ -20,10 +20,6 @@ struct SocketPair {
     int fds[2] = {-1, -1};
 };
 
-void drainQueue(SerialQueue& queue) {
-    queue.sync([] {});
-}
-
 }  // namespace
 
 TEST(ReadinessSource, ReadEventsFollowSuspendResumeAndCancelRunsOnce) {
@@ -48,17 +44,17 @@ TEST(ReadinessSource, ReadEventsFollowSuspendResumeAndCancelRunsOnce) {
 
     source->resume();
     ASSERT_TRUE(events.waitForSize(1));
-    drainQueue(*queue);
+    queue->sync([] {});
 
     source->suspend();
-    drainQueue(*queue);
+    queue->sync([] {});
     ASSERT_EQ(::send(pair.fds[1], "defg", 4, 0), 4);
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(events.size(), 1u) << "an event arrived while suspended";
 
     source->resume();
     ASSERT_TRUE(events.waitForSize(2));
-    drainQueue(*queue);
+    queue->sync([] {});
 
     source->suspend();
     source->cancel();
@@ -67,7 +63,7 @@ TEST(ReadinessSource, ReadEventsFollowSuspendResumeAndCancelRunsOnce) {
     ASSERT_TRUE(closes.waitForSize(1));
     source->resume();  // no effect after cancel
     std::this_thread::sleep_for(50ms);
-    drainQueue(*queue);
+    queue->sync([] {});
     EXPECT_EQ(closes.entries(), std::vector<int>{0});
     EXPECT_EQ(events.entries(), (std::vector<std::size_t>{3, 4}));
     EXPECT_TRUE(events.allOnDelegateQueue && closes.allOnDelegateQueue);
@@ -104,7 +100,7 @@ TEST(ReadinessSource, ReadAndWriteSourcesShareADescriptor) {
     writer->cancel();
     reader->cancel();
     ASSERT_TRUE(events.waitForSize(3));
-    drainQueue(*queue);
+    queue->sync([] {});
     EXPECT_EQ(events.entries(), (std::vector<std::string>{"written", "read", "closed 0"}));
 }
 
@@ -131,14 +127,14 @@ TEST(ReadinessSource, AFloodIsReadAfterEachPauseAndCancelEndsAPause) {
     for (std::size_t n = 1; n <= 2; ++n) {
         ASSERT_EQ(::send(pair.fds[1], "x", 1, 0), 1);
         ASSERT_TRUE(perEvent.waitForSize(n));
-        drainQueue(*queue);  // the event is over: the source waits, or pauses
+        queue->sync([] {});  // the event is over: the source waits, or pauses
     }
     ASSERT_EQ(::send(pair.fds[1], "y", 1, 0), 1);
     ASSERT_EQ(::send(pair.fds[1], "z", 1, 0), 1);
     ASSERT_TRUE(perEvent.waitForSize(3));
     source->cancel();  // in the pause that follows
     ASSERT_TRUE(closes.waitForSize(1));
-    drainQueue(*queue);
+    queue->sync([] {});
     EXPECT_EQ(perEvent.entries(), (std::vector<int>{1, 1, 2}));
     EXPECT_EQ(closes.entries(), std::vector<int>{0});
     ReadinessSource::setFloodInterval(0us);
@@ -166,7 +162,7 @@ TEST(TimerSource, FiresOnceAfterItsDelayAndNotAfterCancel) {
     cancelled->resume();
     cancelled->cancel();
     std::this_thread::sleep_for(80ms);
-    drainQueue(*queue);
+    queue->sync([] {});
     EXPECT_EQ(fired.size(), 1u);
 }
 

@@ -77,8 +77,9 @@ OSCMessage message(const std::string& address, std::int32_t value) {
 
 std::shared_ptr<OSCStreamServer> startServer(
     const std::shared_ptr<Recorder>& recorder, OSCStreamSettings settings,
-    OSCStreamServer::TimeTagMode mode = OSCStreamServer::TimeTagMode::ignore) {
-    auto server = OSCStreamServer::create(0, recorder->queue, mode, settings, recorder->handler());
+    OSCStreamServer::TimeTagMode mode = OSCStreamServer::TimeTagMode::ignore,
+    std::uint16_t port = 0) {
+    auto server = OSCStreamServer::create(port, recorder->queue, mode, settings, recorder->handler());
     recorder->watch(*server);
     server->start();
     return server;
@@ -244,12 +245,9 @@ TEST(OSCStream, HostilePeersLoseOnlyTheirOwnConnection) {
 // closed with idleTimeout; the others are untouched.
 TEST(OSCStream, ConnectionsPastTheCapOrIdleTooLongAreClosed) {
     auto recorder = std::make_shared<Recorder>();
-    auto server = OSCStreamServer::create(0, recorder->queue, OSCStreamServer::TimeTagMode::ignore,
-                                          {}, recorder->handler());
-    recorder->watch(*server);
+    auto server = startServer(recorder, {});
     server->setMaxConnections(2);
     server->setIdleTimeout(0.5);
-    server->start();
     Fd first = rawConnect("127.0.0.1", server->boundPort());
     Fd second = rawConnect("127.0.0.1", server->boundPort());
     ASSERT_TRUE(recorder->waitFor([&] { return recorder->opened.size() == 2; }));
@@ -408,10 +406,7 @@ TEST(OSCStream, TheClientReconnectsWithBackOffAndLosesNothingSentMeanwhile) {
     });
     ASSERT_TRUE(client->send(message("/early", 2)));
 
-    auto server = OSCStreamServer::create(
-        port, atServer->queue, OSCStreamServer::TimeTagMode::ignore, {}, atServer->handler());
-    atServer->watch(*server);
-    server->start();
+    auto server = startServer(atServer, {}, OSCStreamServer::TimeTagMode::ignore, port);
     ASSERT_TRUE(atServer->waitFor([&] { return atServer->received.size() == 2; }));
     EXPECT_EQ(atServer->read([&] { return atServer->received[0].values.at(0); }), OSCValue(1));
     EXPECT_EQ(atServer->read([&] { return atServer->received[1].values.at(0); }), OSCValue(2));

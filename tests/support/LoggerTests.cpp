@@ -53,13 +53,17 @@ TEST(Logger, WritesWhatEachCategoryLevelLetThrough) {
     transport.debug("port {}", 8001);
     logger.category("transport").notice("same {}", "category");
     codec.warning("hidden");
-    codec.error("bad tag '{}'", 'x');
+    // A disabled level formats nothing.
+    int formatted = 0;
+    codec.debug("{}", Counted{&formatted});
+    codec.log(LogLevel::info, "{}", Counted{&formatted});
+    codec.error("bad tag '{}', formatted {}", 'x', Counted{&formatted});
     other.fault("fault");
     EXPECT_EQ(sink->text,
               "warning transport: shown 2\n"
               "debug transport: port 8001\n"
               "notice transport: same category\n"
-              "error codec: bad tag 'x'\n"
+              "error codec: bad tag 'x', formatted 1\n"
               "fault other: fault\n");
     EXPECT_EQ(problems, (std::vector<std::string>{
                             "unknown level \"verbose\" for codec (expected one of debug, info, "
@@ -73,18 +77,6 @@ TEST(Logger, WritesWhatEachCategoryLevelLetThrough) {
     EXPECT_TRUE(other.enabled(LogLevel::debug));
     EXPECT_FALSE(other.enabled(LogLevel::off));  // a threshold, never a message level
     EXPECT_EQ(transport.name(), "transport");
-}
-
-TEST(Logger, ADisabledLevelFormatsNothing) {
-    Logger logger;
-    logger.setSinks({std::make_shared<TextSink>()});
-    const auto log = logger.category("codec");
-    int formatted = 0;
-    log.debug("{}", Counted{&formatted});
-    log.log(LogLevel::info, "{}", Counted{&formatted});
-    EXPECT_EQ(formatted, 0);
-    log.error("{}", Counted{&formatted});
-    EXPECT_EQ(formatted, 1);
 }
 
 TEST(Logger, LinesFromManyThreadsStayWhole) {

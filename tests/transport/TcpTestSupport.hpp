@@ -63,7 +63,6 @@ class Recorder : public TcpSocketDelegate, public Recording {
         std::uint16_t port;
     };
     struct Read {
-        TcpSocket* socket;
         std::int64_t tag;
         Bytes data;
     };
@@ -84,8 +83,8 @@ class Recorder : public TcpSocketDelegate, public Recording {
         if (onAccept) onAccept(newSocket);
         record([&] { accepted.push_back(std::move(newSocket)); });
     }
-    void socketDidReadData(TcpSocket& sock, Bytes data, std::int64_t tag) override {
-        record([&] { reads.push_back({&sock, tag, std::move(data)}); });
+    void socketDidReadData(TcpSocket&, Bytes data, std::int64_t tag) override {
+        record([&] { reads.push_back({tag, std::move(data)}); });
     }
     void socketDidReadPartialDataOfLength(TcpSocket&, std::size_t length, std::int64_t) override {
         record([&] { partialReadBytes += length; });
@@ -217,23 +216,6 @@ inline bool sendAll(int fd, const Bytes& data) {
         sent += static_cast<std::size_t>(n);
     }
     return true;
-}
-
-// Up to length bytes, fewer at the end of the stream or after the bound.
-inline Bytes recvUpTo(int fd, std::size_t length, std::chrono::milliseconds bound = 10s) {
-    Bytes received;
-    const auto deadline = Clock::now() + bound;
-    std::uint8_t buffer[65536];
-    while (received.size() < length) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        const ssize_t n =
-            left.count() > 0 && waitReadable(fd, left)
-                ? ::recv(fd, buffer, std::min(sizeof buffer, length - received.size()), 0)
-                : 0;
-        if (n <= 0) break;
-        received.insert(received.end(), buffer, buffer + n);
-    }
-    return received;
 }
 
 // True when the peer has closed: the stream ends (or is reset) within the bound.

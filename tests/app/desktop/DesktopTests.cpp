@@ -7,11 +7,14 @@
 #include "MonitorHarness.hpp"
 #include "PrivateEnvironment.hpp"
 #include "SqliteFile.hpp"
-#include "XSession.hpp"
 #include "app/LinkLight.hpp"
 #include "osc/codec/OSCBundle.hpp"
 
 namespace kavrin {
+namespace test {
+// The display the tests run on, e.g. ":1", as main.cpp started it; empty when there is none.
+const std::string& desktopDisplay();
+}  // namespace test
 namespace {
 
 using namespace std::chrono_literals;

@@ -6,12 +6,40 @@
 #include <QtTest/QTest>
 
 #include "PrivateEnvironment.hpp"
-#include "XSession.hpp"
 #include "app/FatalError.hpp"
 
 namespace kavrin::test {
 namespace {
+
+// A private X server (Xvfb) with a window manager that has a system tray (jwm); both are ended
+// with the session, the window manager first. display() is empty when Xvfb is not installed or
+// did not start within its bound.
+class XSession {
+  public:
+    XSession() {
+        // Xvfb picks a free display and writes its number to the descriptor given: its output.
+        server_ = std::make_unique<tcpTest::ChildProcess>(
+            "Xvfb",
+            std::vector<std::string>{"-displayfd", "1", "-screen", "0", "1024x768x24", "-nolisten",
+                                     "tcp"},
+            tcpTest::ChildProcess::Errors::separate);
+        const auto number = server_->nextLine(std::chrono::seconds(10));
+        if (!number || number->empty()) return;
+        display_ = ":" + *number;
+        windowManager_ = std::make_unique<tcpTest::ChildProcess>(
+            "jwm", std::vector<std::string>{"-display", display_});
+    }
+
+    const std::string& display() const { return display_; }
+
+  private:
+    std::unique_ptr<tcpTest::ChildProcess> server_;
+    std::unique_ptr<tcpTest::ChildProcess> windowManager_;
+    std::string display_;
+};
+
 std::string display;
+
 }  // namespace
 
 const std::string& desktopDisplay() {
