@@ -65,7 +65,7 @@ class UdpDatagramBlock {
         }
         const std::size_t offset = buffer_->size();
         buffer_->insert(buffer_->end(), bytes.begin(), bytes.end());
-        datagrams_.push_back({offset, bytes.size(), address, std::move(filterContext)});
+        datagrams_.emplace_back(offset, bytes.size(), address, std::move(filterContext));
     }
 
     /// The datagrams a socket gathers into one block at most: enough that handing a block on
