@@ -104,9 +104,32 @@ class CompactBytes {
     };
 
     bool fitsInside() const noexcept { return size_ <= Capacity; }
-    // An empty span may have no data at all.
+    // Copies of fixed sizes, which compile to a few moves where a copy of `size_` bytes would
+    // call the library: two that overlap for 4 bytes or more, else the first, middle and last
+    // byte. An empty span may have no data at all.
     void copyInside(const std::uint8_t* from) noexcept {
-        if (size_ > 0) std::memcpy(inline_, from, size_);
+        static_assert(Capacity >= 4 && Capacity <= 64);
+        if constexpr (Capacity > 32) {
+            if (size_ >= 32) return copyOverlapping<32>(from);
+        }
+        if constexpr (Capacity >= 16) {
+            if (size_ >= 16) return copyOverlapping<16>(from);
+        }
+        if constexpr (Capacity >= 8) {
+            if (size_ >= 8) return copyOverlapping<8>(from);
+        }
+        if (size_ >= 4) return copyOverlapping<4>(from);
+        if (size_ > 0) {
+            inline_[0] = from[0];
+            inline_[size_ / 2] = from[size_ / 2];
+            inline_[size_ - 1] = from[size_ - 1];
+        }
+    }
+    // The first and the last `n` bytes, for n <= size_ <= 2n.
+    template <std::size_t n>
+    void copyOverlapping(const std::uint8_t* from) noexcept {
+        std::memcpy(inline_, from, n);
+        std::memcpy(inline_ + size_ - n, from + size_ - n, n);
     }
     // The whole inside area, whatever the size: one copy of a fixed size, which is quicker
     // than one of the bytes' own.

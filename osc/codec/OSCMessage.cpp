@@ -134,10 +134,12 @@ void OSCMessage::decodeFrom(std::span<const std::uint8_t> bytes,
     // (whose elements allocate anyway) or stray commas; counting first would cost a pass.
     const auto tagCount = header.tags.size() - header.tags.starts_with(',');
     if (tagCount > oscValueListInlineCount) values.reserve(tagCount);
-    argumentCheck::arguments(header.tags, header.arguments, bytes.data() + bytes.size(), policy,
-                             [&](const char* tag, const std::uint8_t* data) {
-                                 OSCArgumentView(tag, data).appendTo(values, &owner);
-                             });
+    // Inlined into the walk: a call per value would cost as much as making most values.
+    argumentCheck::arguments(
+        header.tags, header.arguments, bytes.data() + bytes.size(), policy,
+        [&](const char* tag, const std::uint8_t* data) __attribute__((always_inline)) {
+            OSCArgumentView(tag, data).appendTo(values, &owner);
+        });
     // Whatever follows the last argument is ignored.
     decodedFrom_ = OSCDecodedBytes(std::move(owner), bytes);
 }
