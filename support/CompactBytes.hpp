@@ -7,9 +7,39 @@
 #include <new>
 #include <span>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace kavrin {
+
+// Copies `size` bytes, at most `Capacity` (4 to 64), in copies of fixed sizes, which compile to
+// a few moves where a copy of any size would call the library: two that overlap for 4 bytes or
+// more, else the first, middle and last byte. `from` may be null when `size` is 0.
+template <std::size_t Capacity>
+[[gnu::always_inline]] inline void copyShortBytes(std::uint8_t* to, const std::uint8_t* from,
+                                                  std::size_t size) noexcept {
+    static_assert(Capacity >= 4 && Capacity <= 64);
+    const auto twoOverlapping = [&](auto n) {
+        std::memcpy(to, from, n);
+        std::memcpy(to + size - n, from + size - n, n);
+    };
+    using Size = std::size_t;
+    if constexpr (Capacity > 32) {
+        if (size >= 32) return twoOverlapping(std::integral_constant<Size, 32>{});
+    }
+    if constexpr (Capacity >= 16) {
+        if (size >= 16) return twoOverlapping(std::integral_constant<Size, 16>{});
+    }
+    if constexpr (Capacity >= 8) {
+        if (size >= 8) return twoOverlapping(std::integral_constant<Size, 8>{});
+    }
+    if (size >= 4) return twoOverlapping(std::integral_constant<Size, 4>{});
+    if (size > 0) {
+        to[0] = from[0];
+        to[size / 2] = from[size / 2];
+        to[size - 1] = from[size - 1];
+    }
+}
 
 // An immutable run of bytes (or text) that allocates nothing when it is short: up to Capacity
 // bytes are kept inside the object. Longer ones are a view into a shared buffer: one of their
@@ -26,26 +56,19 @@ class CompactBytes {
 
     CompactBytes() noexcept : inline_{} {}
     // A copy of `bytes`: inside, or in a buffer of its own.
-    explicit CompactBytes(std::span<const std::uint8_t> bytes) : size_(bytes.size()) {
-        if (fitsInside()) {
-            copyInside(bytes.data());
-            return;
-        }
-        auto own = std::make_shared_for_overwrite<std::uint8_t[]>(size_);
-        std::memcpy(own.get(), bytes.data(), size_);
-        const std::uint8_t* data = own.get();
-        new (&shared_) Shared{std::move(own), data};
-    }
+    explicit CompactBytes(std::span<const std::uint8_t> bytes) : CompactBytes(bytes, nullptr) {}
     explicit CompactBytes(std::string_view text)
         : CompactBytes(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size())) {
     }
     // `bytes`, which lie within `buffer`: copied inside when they fit, else a view that keeps
-    // `buffer` alive.
+    // `buffer` alive; with no buffer, a copy in a buffer of their own.
     CompactBytes(std::span<const std::uint8_t> bytes, const Buffer& buffer) : size_(bytes.size()) {
         if (fitsInside()) {
             copyInside(bytes.data());
-        } else {
+        } else if (buffer) {
             new (&shared_) Shared{buffer, bytes.data()};
+        } else {
+            copyToOwnBuffer(bytes.data());
         }
     }
 
@@ -104,9 +127,16 @@ class CompactBytes {
     };
 
     bool fitsInside() const noexcept { return size_ <= Capacity; }
+    // Out of line, so that the usual constructions inline.
+    [[gnu::noinline]] void copyToOwnBuffer(const std::uint8_t* from) {
+        auto own = std::make_shared_for_overwrite<std::uint8_t[]>(size_);
+        std::memcpy(own.get(), from, size_);
+        const std::uint8_t* data = own.get();
+        new (&shared_) Shared{std::move(own), data};
+    }
     // An empty span may have no data at all.
     void copyInside(const std::uint8_t* from) noexcept {
-        if (size_ > 0) std::memcpy(inline_, from, size_);
+        copyShortBytes<Capacity>(inline_, from, size_);
     }
     // The whole inside area, whatever the size: one copy of a fixed size, which is quicker
     // than one of the bytes' own.

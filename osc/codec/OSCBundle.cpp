@@ -117,7 +117,7 @@ OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes,
             std::get<OSCMessage>(message).decodeFrom(element, owner, policy);
         }
     });
-    bundle.decodedFrom_ = OSCDecodedBytes(std::move(owner), bytes);
+    bundle.decodedFrom_.share(std::move(owner), bytes);
     return bundle;
 }
 

@@ -109,9 +109,13 @@ std::uint8_t* OSCMessage::writeMeasured(std::uint8_t* out, OSCTextPolicy policy)
 }
 
 OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes, OSCTextPolicy policy) {
+    OSCMessage message;
+    if (bytes.size() <= OSCDecodedBytes::inlineCapacity) {
+        message.decodeFrom(bytes, nullptr, policy);
+        return message;
+    }
     auto copy = rawBytes::shareCopy(bytes);
     const std::span<const std::uint8_t> kept(copy.get(), bytes.size());
-    OSCMessage message;
     message.decodeFrom(kept, std::move(copy), policy);
     return message;
 }
@@ -127,19 +131,26 @@ OSCMessage OSCMessage::decode(std::shared_ptr<const std::uint8_t[]> buffer, std:
 void OSCMessage::decodeFrom(std::span<const std::uint8_t> bytes,
                             std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy) {
     // One walk: each value is made as soon as its bytes have passed the check, long strings and
-    // blobs as views of `owner`; a fault further on throws, and the message goes with it.
+    // blobs as views of `owner` (copies when there is none, the bytes being the caller's); a
+    // fault further on throws, and the message goes with it.
     const auto header = argumentCheck::header(bytes);
     addressPattern = OSCAddressPattern(header.address, owner, OSCAddressPattern::ASCII{});
     // Room for one value per tag past the leading comma, which is exact unless there are arrays
     // (whose elements allocate anyway) or stray commas; counting first would cost a pass.
     const auto tagCount = header.tags.size() - header.tags.starts_with(',');
     if (tagCount > oscValueListInlineCount) values.reserve(tagCount);
-    argumentCheck::arguments(header.tags, header.arguments, bytes.data() + bytes.size(), policy,
-                             [&](const char* tag, const std::uint8_t* data) {
-                                 OSCArgumentView(tag, data).appendTo(values, &owner);
-                             });
+    // Inlined into the walk: a call per value would cost as much as making most values.
+    argumentCheck::arguments(
+        header.tags, header.arguments, bytes.data() + bytes.size(), policy,
+        [&](const char* tag, const std::uint8_t* data) __attribute__((always_inline)) {
+            OSCArgumentView(tag, data).appendTo(values, &owner);
+        });
     // Whatever follows the last argument is ignored.
-    decodedFrom_ = OSCDecodedBytes(std::move(owner), bytes);
+    if (owner) {
+        decodedFrom_.share(std::move(owner), bytes);
+    } else {
+        decodedFrom_.copy(bytes);
+    }
 }
 
 std::optional<std::span<const std::uint8_t>> OSCMessage::decodedFrom() const {

@@ -68,7 +68,8 @@ struct OSCMessage {
     static OSCMessage decode(std::shared_ptr<const std::uint8_t[]> buffer, std::size_t size,
                              OSCTextPolicy policy = OSCTextPolicy::ascii);
     // The bytes this message was decoded from (shared with its bundle, if any); nothing for a
-    // message built in code.
+    // message built in code. Those of a message of up to 64 bytes decoded from a span are kept
+    // inside it, valid while it lives where it is.
     std::optional<std::span<const std::uint8_t>> decodedFrom() const;
 
     // `OSCMessage("/a")`, or `OSCMessage("/a") with values:` and one "Kind: value" line per value.

@@ -20,7 +20,12 @@ std::string OSCPacket::description() const {
 
 std::optional<OSCPacket> OSCPacket::decode(std::span<const std::uint8_t> bytes,
                                            OSCTextPolicy policy) {
-    if (!classifyPacket(bytes)) return std::nullopt;  // not copied only to be dropped
+    const auto type = classifyPacket(bytes);
+    if (!type) return std::nullopt;  // not copied only to be dropped
+    // A short message keeps its own copy of the bytes inside: no shared one to allocate.
+    if (*type == OSCObjectType::message && bytes.size() <= OSCDecodedBytes::inlineCapacity) {
+        return decodeMessage(bytes, nullptr, policy);
+    }
     return decode(rawBytes::shareCopy(bytes), bytes.size(), policy);
 }
 
@@ -42,15 +47,17 @@ std::optional<OSCPacket> OSCPacket::decode(std::shared_ptr<const std::uint8_t[]>
     if (*type == OSCObjectType::bundle) {
         return std::optional<OSCPacket>(OSCBundle::decode(bytes, std::move(buffer), 1, policy));
     }
-    // The message is decoded where the caller wants it, never moved: it holds its values
-    // inside, so a move would move each one. (An empty optional made first would be zero-filled
-    // whole.)
-    const auto inPlace = [&] {
-        std::optional<OSCPacket> packet(std::in_place, std::in_place_type<OSCMessage>);
-        std::get<OSCMessage>(*packet).decodeFrom(bytes, std::move(buffer), policy);
-        return packet;
-    };
-    return inPlace();
+    return decodeMessage(bytes, std::move(buffer), policy);
+}
+
+// The message is decoded where the caller wants it, never moved: it holds its values inside, so
+// a move would move each one. (An empty optional made first would be zero-filled whole.)
+std::optional<OSCPacket> OSCPacket::decodeMessage(std::span<const std::uint8_t> bytes,
+                                                  std::shared_ptr<const std::uint8_t[]> buffer,
+                                                  OSCTextPolicy policy) {
+    std::optional<OSCPacket> packet(std::in_place, std::in_place_type<OSCMessage>);
+    std::get<OSCMessage>(*packet).decodeFrom(bytes, std::move(buffer), policy);
+    return packet;
 }
 
 }  // namespace kavrin

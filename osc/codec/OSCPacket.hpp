@@ -37,6 +37,12 @@ struct OSCPacket : std::variant<OSCMessage, OSCBundle> {
     static std::optional<OSCPacket> decode(std::shared_ptr<const std::uint8_t[]> buffer,
                                            std::size_t size,
                                            OSCTextPolicy policy = OSCTextPolicy::ascii);
+
+  private:
+    // A message from `bytes`, which lie within `buffer` (none: the caller's, and copied).
+    static std::optional<OSCPacket> decodeMessage(std::span<const std::uint8_t> bytes,
+                                                  std::shared_ptr<const std::uint8_t[]> buffer,
+                                                  OSCTextPolicy policy);
 };
 
 }  // namespace kavrin

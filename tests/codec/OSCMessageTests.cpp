@@ -122,11 +122,21 @@ TEST(OSCMessageDecoding, EveryKindRoundTripsAndKeepsItsBytes) {
     EXPECT_EQ(Bytes(decoded.decodedFrom()->begin(), decoded.decodedFrom()->end()), encoded);
     EXPECT_FALSE(message.decodedFrom().has_value());
     EXPECT_EQ(decoded.rawData(), encoded);
-    // The kept bytes are the message's own copy, whatever becomes of the caller's buffer.
-    Bytes scratch = encoded;
-    const auto kept = OSCMessage::decode(scratch);
-    std::fill(scratch.begin(), scratch.end(), 0);
-    EXPECT_EQ(Bytes(kept.decodedFrom()->begin(), kept.decodedFrom()->end()), encoded);
+    // The kept bytes and values are the message's own, whatever becomes of the caller's buffer:
+    // a shared copy, or inside a short message (whose long address, text or blob then has one).
+    const OSCMessage shortOnes[] = {OSCMessage("/" + std::string(48, 'a')),
+                                    OSCMessage("/a", {std::string(33, 's')}),
+                                    OSCMessage("/a", {OSCBlob(Bytes(33, 7))})};
+    for (const auto& original : {message, shortOnes[0], shortOnes[1], shortOnes[2]}) {
+        Bytes scratch = original.rawData();
+        const auto kept = OSCMessage::decode(scratch);
+        const auto packet = OSCPacket::decode(scratch);
+        std::fill(scratch.begin(), scratch.end(), 0);
+        EXPECT_EQ(kept, original);
+        EXPECT_EQ(*packet, OSCPacket(original));
+        EXPECT_EQ(Bytes(kept.decodedFrom()->begin(), kept.decodedFrom()->end()),
+                  original.rawData());
+    }
 
     // The stored bytes are no part of identity; S stays S, never s.
     const OSCMessage built("/a", {OSCStringAltValue{"x"}});

@@ -101,44 +101,36 @@ std::size_t arguments(std::string_view tags, const std::uint8_t* at, const std::
     std::size_t count = 0;
     int arrayDepth = 0;
     while (tag != tagsEnd) {
-        // Fixed widths and well-formed strings are checked here; everything else, and every
-        // fault, goes through the reader.
+        // Fixed widths and well-formed strings and blobs are checked here and share the one call
+        // at the end, so that an inlined `argument` is inlined once for them; everything else,
+        // and every fault, goes through the reader.
         const auto width = checkedWidths[static_cast<std::uint8_t>(*tag)];
-        if (width != oscTypeTag::variableWidth && end - at >= width) {
-            argument(tag, at);
-            at += width;
-            ++tag;
-            ++count;
-            continue;
-        }
-        // Deliberately lenient: commas are skipped wherever they stand.
-        if (*tag == ',') {
-            ++tag;
-            continue;
-        }
-        if (stringTags[static_cast<std::uint8_t>(*tag)]) {
-            if (const auto length = stringChunk::ascii(at, end - at).length; length > 0) {
-                argument(tag, at);
-                at += length;
+        std::int64_t size = width;
+        if (width == oscTypeTag::variableWidth || end - at < width) {
+            // Deliberately lenient: commas are skipped wherever they stand.
+            if (*tag == ',') {
                 ++tag;
+                continue;
+            }
+            size = 0;
+            if (stringTags[static_cast<std::uint8_t>(*tag)]) {
+                size = stringChunk::ascii(at, end - at).length;
+            } else if (*tag == oscTypeTag::tagFor<OSCValueKind::blob>) {
+                size = blobSize(at, end - at);
+            }
+            if (size <= 0) {
+                auto index = static_cast<std::size_t>(tag - tags.data());
+                const auto checked = other(tags, index, {at, end}, arrayDepth, policy);
+                argument(tag, at);
+                tag = tags.data() + index;
+                at += checked;
                 ++count;
                 continue;
             }
         }
-        if (*tag == oscTypeTag::tagFor<OSCValueKind::blob>) {
-            if (const auto size = blobSize(at, end - at); size > 0) {
-                argument(tag, at);
-                at += size;
-                ++tag;
-                ++count;
-                continue;
-            }
-        }
-        auto index = static_cast<std::size_t>(tag - tags.data());
-        const auto size = other(tags, index, {at, end}, arrayDepth, policy);
         argument(tag, at);
-        tag = tags.data() + index;
         at += size;
+        ++tag;
         ++count;
     }
     return count;
