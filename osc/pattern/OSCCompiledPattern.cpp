@@ -98,11 +98,9 @@ bool OSCCompiledPattern::matches(std::string_view address) const {
     // Deliberate: a pattern without components matches nothing, not even "/".
     if (program.starts.size() == 1) return false;
     const MatchStep* const first = program.path.data();
-    if (const auto answer = matchBytes::matchesPathBytes(
-            first, first + program.path.size(), program.components.pieces.data(), address)) {
-        return *answer;
-    }
-    return program.matchesByCharacters(address);
+    return matchBytes::matchesPathBytes(first, first + program.path.size(),
+                                        program.components.pieces.data(), address,
+                                        [&] { return program.matchesByCharacters(address); });
 }
 
 std::size_t OSCCompiledPattern::componentCount() const {
