@@ -216,7 +216,8 @@ template <bool fromText>
 // The search from a star through the rest of its component, [begin, stop). Out of line, so
 // that steps without a star in the middle need no stack frame for it.
 template <class Steps>
-[[gnu::noinline]] bool searchBytes(Steps& steps, const MatchPiece* pieces, const char* begin, const char* stop) {
+[[gnu::noinline]] bool searchBytes(Steps& steps, const MatchPiece* pieces, const char* begin,
+                                   const char* stop) {
     return positionSearch::reachesEnd(steps, static_cast<std::size_t>(stop - begin),
                                       [&](const MatchStep& step, std::size_t p) {
                                           return takeBytes<std::is_same_v<Steps, PatternSteps>>(
