@@ -113,6 +113,41 @@ constexpr bool isPrintableASCII(char32_t scalar) {
     });
 }
 
+// True when every byte is below 0x80 and none is a CR: a byte per character, told more cheaply
+// than printable ASCII is.
+[[gnu::always_inline]] inline bool isASCIIWithoutCR(std::string_view text) {
+#if defined(__SSE2__)
+    // A byte's high bit is its own; a CR's is set by comparing.
+    const auto flagged = [](__m128i block) {
+        return _mm_movemask_epi8(_mm_or_si128(block, _mm_cmpeq_epi8(block, _mm_set1_epi8('\r'))));
+    };
+    const auto load = [](const char* at) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+    };
+    if (text.size() >= 16) {
+        // Blocks of sixteen, the last one overlapping the one before.
+        int found = 0;
+        for (std::size_t i = 0; i + 16 < text.size(); i += 16)
+            found |= flagged(load(text.data() + i));
+        return (found | flagged(load(text.data() + text.size() - 16))) == 0;
+    }
+    if (text.size() >= 8) {
+        // Two overlapping halves as one block.
+        const auto half = [](const char* at) {
+            return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(at));
+        };
+        return flagged(
+                   _mm_unpacklo_epi64(half(text.data()), half(text.data() + text.size() - 8))) == 0;
+    }
+#endif
+    return !asciiScanDetail::anyByteFlagged(text, [](auto word) {
+        using Word = decltype(word);
+        using asciiScanDetail::repeated;
+        const Word x = word ^ repeated<Word>('\r');
+        return static_cast<Word>(word | ((x - repeated<Word>(1)) & ~x));
+    });
+}
+
 // True when a byte is zero or 0x80 and above: text that cannot go into a zero-terminated ASCII
 // string as it is. `(word - ones) & ~word` has a high bit set at a zero byte whenever the
 // word holds one.

@@ -20,9 +20,9 @@ class CharacterView {
     CharacterView() = default;
 
     // True when every byte of `text` is one character: all bytes ASCII and no CR LF pair.
-    // Inline: addresses are almost always printable ASCII, which one quick scan settles.
+    // Inline: addresses are almost always ASCII without a CR, which one quick scan settles.
     static bool isOneBytePerCharacter(std::string_view text) {
-        return isPrintableASCII(text) || isASCIIWithoutCRLF(text);
+        return isASCIIWithoutCR(text) || isASCIIWithoutCRLF(text);
     }
 
     // Views `text`, which must be one byte per character, without segmenting it.

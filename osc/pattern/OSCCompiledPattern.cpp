@@ -19,6 +19,7 @@ struct OSCCompiledPattern::Program {
     // The whole pattern's steps for runBytes: the components' steps joined by "/", with text
     // next to text compared as one.
     std::vector<MatchStep> path;
+    bool pathIsTextsAndStars = false;  // matchBytes::textsAndStars of path
 
     const MatchStep* componentBegin(std::size_t i) const {
         return components.steps.data() + starts[i];
@@ -30,7 +31,17 @@ struct OSCCompiledPattern::Program {
         return matchRun::matchesComponent(componentBegin(i), componentEnd(i),
                                           components.pieces.data(), component);
     }
-    // Out of line, so that the byte-wise path keeps its registers.
+    template <bool isTextsAndStars>
+    bool matchesPath(std::string_view address) const {
+        const MatchStep* const first = path.data();
+        return matchBytes::matchesPathBytes<isTextsAndStars>(
+            first, first + path.size(), components.pieces.data(), address,
+            [this, address] { return matchesByCharacters(address); });
+    }
+    // Out of line, each, so that the byte-wise path for other patterns keeps its registers.
+    [[gnu::noinline]] bool matchesTextsAndStars(std::string_view address) const {
+        return matchesPath<true>(address);
+    }
     [[gnu::noinline]] bool matchesByCharacters(std::string_view address) const {
         return matchRun::matchesByCharacters(address, starts.size() - 1,
                                              [&](std::size_t i, const CharacterView& component) {
@@ -90,19 +101,17 @@ OSCCompiledPattern::OSCCompiledPattern(OSCAddressPattern pattern) : pattern_(std
             }
         }
     }
+    program->pathIsTextsAndStars =
+        matchBytes::textsAndStars(steps.data(), steps.data() + steps.size());
     program_ = std::move(program);
 }
 
 bool OSCCompiledPattern::matches(std::string_view address) const {
     const Program& program = *program_;
-    // Deliberate: a pattern without components matches nothing, not even "/".
-    if (program.starts.size() == 1) return false;
-    const MatchStep* const first = program.path.data();
-    if (const auto answer = matchBytes::matchesPathBytes(
-            first, first + program.path.size(), program.components.pieces.data(), address)) {
-        return *answer;
-    }
-    return program.matchesByCharacters(address);
+    // Deliberate: a pattern without components matches nothing, not even "/": its path is
+    // empty, and an address that the path's no steps take has no components.
+    if (program.pathIsTextsAndStars) return program.matchesTextsAndStars(address);
+    return program.matchesPath<false>(address);
 }
 
 std::size_t OSCCompiledPattern::componentCount() const {

@@ -78,7 +78,7 @@ TEST(OSCCompiledPattern, AllMatchersAnswerLikeTheBacktrackingSearchOverATable) {
         "/?", "/??", "/e*", "/**", "/*?", "/[xa-c-e]", "/[!-a]", "/[a-]{b}", "/{a,,b}[]",
         "/[{a,b}]", "/{[a,b]}", "/[a-c-e-g]*", "/*/x", "/q/*", "/q/x", "/a/b*", "/x/a*b/c",
         "/[\t-\r\n]", "/a\r\n*", "/*\r?", "/*//b", "/a*//*", "/[abcdefghijk-m]",
-        "/[!abcdefghij]"};
+        "/[!abcdefghij]", "/abcdefgh?>>xy"};
     const std::vector<std::string> addresses = {
         "", "/", "//", "/a", "a", "/a/", "/a/b", "/a/b/", "/a//c", "/a/b/c", "//a", "/a//b",
         "/xy", "/xaby", "/xya", "/abc", "/b", "/ac", "/abab", "/xabyab", "/bx", "/dx", "/-",
@@ -87,7 +87,7 @@ TEST(OSCCompiledPattern, AllMatchersAnswerLikeTheBacktrackingSearchOverATable) {
         "/aaaa", "/a\r\n", "/\r\n", "/\r", "/\n", "/\t", "/e\xCC\x81", "/\xC3\xA9", "/a/\xCC\x81" "b",
         "/ABC", "/e", "/c", "/d", "/x", "/g", "/l", "/{a", "/[", "/]", "/}", "/,", "/!",
         "/x/ab/c", "/x/aXb/c", "/q/\xCC\x81/x", "/q/x\xCC\x81", "/a\r\nb", "/a\rb", "/\r\n\r",
-        "/a\xFF\xC3"};
+        "/a\xFF\xC3", "/abcdefghQ>>xy"};
     // clang-format on
     for (const auto& pattern : patterns) {
         for (const auto& address : addresses) expectSameAnswers(pattern, address);
@@ -109,8 +109,8 @@ TEST(OSCCompiledPattern, AllMatchersAnswerLikeTheBacktrackingSearchOnGeneratedPa
         "a", "b", "a", "b", "c", "*",  "*",  "?",     "[",      "]",
         "!", "-", "{", "}", ",", "\r", "\n", "[a-c]", "{ab,a}", "abcdefghi"};
     const std::vector<std::string> addressParts = {
-        "a",  "b",  "a",    "b",        "ab",        "-",         ",",
-        "\r", "\n", "\r\n", "\xC3\xA9", "e\xCC\x81", "/\xCC\x81", "abcdefghij"};
+        "a",  "b",    "a",        "b",         "ab",        "-",         ",",         "\r",
+        "\n", "\r\n", "\xC3\xA9", "e\xCC\x81", "/\xCC\x81", "\xD8\x80/", "abcdefghij"};
     std::mt19937 generator(20261122);
     const auto join = [&](const std::vector<std::string>& parts, std::size_t components) {
         std::string text = generator() % 8 ? "/" : "";

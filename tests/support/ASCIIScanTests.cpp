@@ -18,6 +18,9 @@ bool referenceASCII(std::string_view text) {
 bool referencePrintable(std::string_view text) {
     return allBytes(text, [](unsigned char b) { return b >= 0x20 && b <= 0x7E; });
 }
+bool referenceWithoutCR(std::string_view text) {
+    return allBytes(text, [](unsigned char b) { return b < 0x80 && b != '\r'; });
+}
 bool referenceZeroFree(std::string_view text) {
     return allBytes(text, [](unsigned char b) { return b != 0 && b < 0x80; });
 }
@@ -38,14 +41,15 @@ void expectAgreement(const std::vector<std::uint8_t>& bytes) {
     const auto shown = ::testing::PrintToString(bytes);
     EXPECT_EQ(isASCII(text), referenceASCII(text)) << shown;
     EXPECT_EQ(isPrintableASCII(text), referencePrintable(text)) << shown;
+    EXPECT_EQ(isASCIIWithoutCR(text), referenceWithoutCR(text)) << shown;
     EXPECT_EQ(hasZeroOrNonASCII(text), !referenceZeroFree(text)) << shown;
     EXPECT_EQ(scan.zero, expected.zero) << shown;
     EXPECT_EQ(scan.highBitBeforeZero, expected.highBitBeforeZero) << shown;
 }
 
 // The bytes at which a borrow or carry between bytes would show, and the bounds of each class.
-constexpr std::uint8_t edgeBytes[] = {0x00, 0x01, 0x1F, 0x20, 0x21, 0x40,
-                                      0x7E, 0x7F, 0x80, 0x81, 0xC3, 0xFF};
+constexpr std::uint8_t edgeBytes[] = {0x00, 0x01, 0x0C, 0x0D, 0x0E, 0x1F, 0x20, 0x21,
+                                      0x40, 0x7E, 0x7F, 0x80, 0x81, 0xC3, 0xFF};
 
 TEST(ASCIIScan, FindsOneOffenderAtEveryPositionOfEveryLength) {
     // Lengths around the one-, half- and whole-word paths and the SSE2 block.

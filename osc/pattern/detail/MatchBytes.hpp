@@ -5,6 +5,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <type_traits>
 
 #include "osc/pattern/CharacterView.hpp"
 #include "osc/pattern/detail/ComponentSyntax.hpp"
@@ -44,16 +45,26 @@ namespace kavrin::matchBytes {
     return (x - asciiScanDetail::ones) & ~x & asciiScanDetail::highBits;
 }
 
-// The first "/" in [at, end), or end. Byte by byte, four to a turn of the loop: a star skips a
-// few bytes, fewer than one word's set-up would cost.
+// The first "/" in [at, end), or end; with `orNonASCII`, the first "/" or byte above 0x7F. Byte
+// by byte, four to a turn of the loop: a star skips a few bytes, fewer than one word's set-up
+// would cost. As signed bytes, those are among the ones up to "/", which one compare finds.
+template <bool orNonASCII = false>
 [[gnu::always_inline]] inline const char* findSlash(const char* at, const char* end) {
+    const auto stops = [](char c) {
+        if constexpr (orNonASCII) {
+            return static_cast<signed char>(c) <= '/' &&
+                   (c == '/' || static_cast<signed char>(c) < 0);
+        } else {
+            return c == '/';
+        }
+    };
     for (; end - at >= 4; at += 4) {
-        if (at[0] == '/') return at;
-        if (at[1] == '/') return at + 1;
-        if (at[2] == '/') return at + 2;
-        if (at[3] == '/') return at + 3;
+        if (stops(at[0])) return at;
+        if (stops(at[1])) return at + 1;
+        if (stops(at[2])) return at + 2;
+        if (stops(at[3])) return at + 3;
     }
-    while (at != end && *at != '/') ++at;
+    while (at != end && !stops(*at)) ++at;
     return at;
 }
 
@@ -166,7 +177,9 @@ namespace kavrin::matchBytes {
 }
 
 // The bytes a step other than a star takes at `at` in [at, end), or -1. [first, end) may be
-// read; `pieces` are the program's, or null for steps read from a pattern's text.
+// read; `pieces` are the program's, or null for steps read from a pattern's text. Only steps
+// read from a pattern's text are brace lists (`fromText`): a program lists the alternatives.
+template <bool fromText>
 [[gnu::always_inline]] inline std::ptrdiff_t takeBytes(const MatchStep& step,
                                                        const MatchPiece* pieces, const char* first,
                                                        const char* at, const char* end) {
@@ -185,7 +198,8 @@ namespace kavrin::matchBytes {
             return byte != '/' && (step.bits[(byte >> 6) & 1] >> (byte & 63) & 1) != 0 ? 1 : -1;
         }
         case MatchStep::Kind::braceList:
-            return braceListTakesBytes(step.text, at, left);
+            if constexpr (fromText) return braceListTakesBytes(step.text, at, left);
+            break;
         case MatchStep::Kind::strings: {
             if (step.count == 0) return 0;
             // The alternatives are in the set's order (MatchProgram): those that are prefixes of
@@ -216,41 +230,110 @@ template <class Steps>
                                    const char* stop) {
     return positionSearch::reachesEnd(steps, static_cast<std::size_t>(stop - begin),
                                       [&](const MatchStep& step, std::size_t p) {
-                                          return takeBytes(step, pieces, begin, begin + p, stop);
+                                          return takeBytes<std::is_same_v<Steps, PatternSteps>>(
+                                              step, pieces, begin, begin + p, stop);
                                       });
 }
 
-// Runs the steps [step, last) over the bytes [where, end), moving `where` to where they end;
-// false where one does not match. [first, end) may be read. No step takes a "/" but text
-// holding one, and a star takes up to the next "/" (searching up to it when more of its
-// component follows): so the steps may be one component's, over a component without "/", or a
-// whole path's, the components' steps joined by "/", over a whole address.
+bool runBytesAfterSearch(const MatchStep* star, const MatchStep* last, const MatchPiece* pieces,
+                         const char* first, const char* at, const char* end);
+
+// A miss that the bytes [first, end) tell where each is a character; else `byCharacters()`
+// answers. Out of line: few addresses miss.
+template <class F>
+[[gnu::noinline]] bool missUnlessJoined(const char* first, const char* end, F byCharacters) {
+    const std::string_view bytes(first, static_cast<std::size_t>(end - first));
+    return !CharacterView::isOneBytePerCharacter(bytes) && byCharacters();
+}
+
+// Whether the steps [step, last) take exactly the bytes [at, end). [first, end) may be read. No
+// step takes a "/" but text holding one, and a star takes up to the next "/" (searching up to it
+// when more of its component follows): so the steps may be one component's, over a component
+// without "/", or a whole path's, the components' steps joined by "/", over a whole address.
+// Where the bytes are not known to be a character each, the steps must be textsAndStars ones,
+// and `byCharacters()` answers instead once a star meets a byte above 0x7F or a miss is found in
+// bytes that are not a character each.
+template <class F = std::nullptr_t>
 [[gnu::always_inline]] inline bool runBytes(const MatchStep* step, const MatchStep* last,
                                             const MatchPiece* pieces, const char* first,
-                                            const char*& where, const char* end) {
-    const char* at = where;
+                                            const char* at, const char* end,
+                                            F byCharacters = nullptr) {
+    constexpr bool checked = std::is_same_v<F, std::nullptr_t>;
+    const auto miss = [&] {
+        if constexpr (checked) {
+            return false;
+        } else {
+            return missUnlessJoined(first, end, byCharacters);
+        }
+    };
     for (; step != last; ++step) {
         if (step->kind != MatchStep::Kind::star) {
-            const std::ptrdiff_t taken = takeBytes(*step, pieces, first, at, end);
-            if (taken < 0) return false;
-            at += taken;
+            if constexpr (checked) {
+                const std::ptrdiff_t taken = takeBytes<false>(*step, pieces, first, at, end);
+                if (taken < 0) return false;
+                at += taken;
+            } else {
+                const std::size_t size = step->text.size();  // textsAndStars: text
+                if (static_cast<std::size_t>(end - at) < size ||
+                    !sameBytes(at, step->text.data(), size)) {
+                    return miss();
+                }
+                at += size;
+            }
             continue;
         }
-        const char* const stop = findSlash(at, end);
-        if (step->span != 0) {
-            const MatchStep* const after = step + 1 + step->span;
-            positionSearch::ArraySteps steps(step, after);
-            if (!searchBytes(steps, pieces, at, stop)) return false;
-            step = after - 1;
+        if constexpr (checked) {
+            // As a tail call, so that the steps without a search need no registers saved.
+            if (step->span != 0) return runBytesAfterSearch(step, last, pieces, first, at, end);
         }
-        at = stop;
+        at = findSlash<!checked>(at, end);
         if (step->thenSeparator) {
+            // Unchecked, the star took only ASCII bytes up to the end: a miss all the same.
             if (at == end) return false;
+            if constexpr (!checked) {
+                if (*at != '/') return byCharacters();
+            }
             ++at;
+        } else if constexpr (!checked) {
+            // The path's last step: a "/" here may join a byte above 0x7F after it.
+            if (at != end) return miss();
         }
     }
-    where = at;
+    return at == end || miss();
+}
+
+// Whether the byte-wise walk over `steps` may skip telling whether the address is a byte per
+// character, leaving it to the stars: every step is text without a CR, or a star that ends its
+// component. Text of the pattern is ASCII, so that the bytes it takes are characters, and only a
+// byte above 0x7F next to one of them could join it, which a star that meets it or a miss then
+// tells. A CR joins only a line feed after it, which text never takes and a star takes whole.
+inline bool textsAndStars(const MatchStep* step, const MatchStep* last) {
+    for (; step != last; ++step) {
+        if (step->kind == MatchStep::Kind::star
+                ? step->span != 0
+                : step->kind != MatchStep::Kind::text ||
+                      step->text.find('\r') != std::string_view::npos) {
+            return false;
+        }
+    }
     return true;
+}
+
+// The star `star`, which more of its component follows, searched through that component; then
+// the steps after it. Out of line: few patterns have such a star.
+[[gnu::noinline]] inline bool runBytesAfterSearch(const MatchStep* star, const MatchStep* last,
+                                                  const MatchPiece* pieces, const char* first,
+                                                  const char* at, const char* end) {
+    const char* const stop = findSlash(at, end);
+    const MatchStep* const after = star + 1 + star->span;
+    positionSearch::ArraySteps steps(star, after);
+    if (!searchBytes(steps, pieces, at, stop)) return false;
+    at = stop;
+    if (after[-1].thenSeparator) {
+        if (at == end) return false;
+        ++at;
+    }
+    return runBytes(after, last, pieces, first, at, end);
 }
 
 // Whether the steps of one component take exactly `text`, byte by byte; nothing when the text
@@ -261,21 +344,21 @@ template <class Steps>
                                                                         const MatchPiece* pieces,
                                                                         std::string_view text) {
     if (!CharacterView::isOneBytePerCharacter(text)) return std::nullopt;
-    const char* at = text.data();
-    const char* const end = at + text.size();
+    const char* const end = text.data() + text.size();
     // Byte-wise a "/" only stops a star or a oneOf, which never makes a wrong yes.
-    if (runBytes(first, last, pieces, text.data(), at, end) && at == end) return true;
+    if (runBytes(first, last, pieces, text.data(), text.data(), end)) return true;
     if (findSlash(text.data(), end) != end) return std::nullopt;
     return false;
 }
 
-// Whether a whole path's steps (a pattern with components) match `address`; nothing when the
-// address is not a byte per character and a wildcard is met, so that the caller must answer
-// character by character.
-[[gnu::always_inline]] inline std::optional<bool> matchesPathBytes(const MatchStep* first,
-                                                                   const MatchStep* last,
-                                                                   const MatchPiece* pieces,
-                                                                   std::string_view address) {
+// Whether a whole path's steps (a pattern with components) match `address`; when the address
+// is not a byte per character and a wildcard is met, `byCharacters()` answers, as a tail call
+// so that the byte-wise path needs no registers saved. `isTextsAndStars`: textsAndStars(first,
+// last).
+template <bool isTextsAndStars, class F>
+[[gnu::always_inline]] inline bool matchesPathBytes(const MatchStep* first, const MatchStep* last,
+                                                    const MatchPiece* pieces,
+                                                    std::string_view address, F byCharacters) {
     const char* const begin = address.data();
     const char* at = begin;
     const char* end = at + address.size();
@@ -287,13 +370,16 @@ template <class Steps>
     // Literal text before the first wildcard answers alike whatever the address holds (see
     // matchRun::matchesPattern).
     if (first != last && first->kind == MatchStep::Kind::text) {
-        if (takeBytes(*first, pieces, begin, at, end) < 0) return false;
+        if (takeBytes<false>(*first, pieces, begin, at, end) < 0) return false;
         at += first->text.size();
         ++first;
     }
     if (first == last) return at == end;
-    if (!CharacterView::isOneBytePerCharacter(address)) return std::nullopt;
-    return runBytes(first, last, pieces, begin, at, end) && at == end;
+    if constexpr (isTextsAndStars) {
+        return runBytes(first, last, pieces, begin, at, end, byCharacters);
+    }
+    if (!CharacterView::isOneBytePerCharacter(address)) return byCharacters();
+    return runBytes(first, last, pieces, begin, at, end);
 }
 
 }  // namespace kavrin::matchBytes

@@ -115,10 +115,10 @@ bool matchesPattern(std::string_view pattern, std::string_view address) {
             if (pathEnd - p >= 8 && end - a >= 8) {
                 const auto word = loadWord<std::uint64_t>(p);
                 // The lowest bit set in the differences is in the first byte that differs.
-                const auto stops = matchBytes::firstEqual(word, '*') |
-                                   matchBytes::firstEqual(word, '?') |
-                                   matchBytes::firstEqual(word | asciiScanDetail::ones * 0x20, '{') |
-                                   (word ^ loadWord<std::uint64_t>(a));
+                const auto stops =
+                    matchBytes::firstEqual(word, '*') | matchBytes::firstEqual(word, '?') |
+                    matchBytes::firstEqual(word | asciiScanDetail::ones * 0x20, '{') |
+                    (word ^ loadWord<std::uint64_t>(a));
                 const auto same = stops == 0 ? 8 : std::countr_zero(stops) / 8;
                 if (same == 0) return false;  // *p, which opens nothing, differs
                 p += same;
@@ -128,6 +128,23 @@ bool matchesPattern(std::string_view pattern, std::string_view address) {
             if (a == end || *a != *p) return false;
             ++p;
             ++a;
+            // The pattern's last few bytes, as one word that ends with them, less its bytes
+            // before p. A borrow out of those may mark a byte that does not stop, which then
+            // stands as it is.
+            const auto left = pathEnd - p;
+            if (left > 0 && left < 8 && pathEnd - pattern.data() >= 8 &&
+                a - address.data() >= 8 - left && end - a >= left) {
+                const auto word = loadWord<std::uint64_t>(pathEnd - 8);
+                const auto stops =
+                    (matchBytes::firstEqual(word, '*') | matchBytes::firstEqual(word, '?') |
+                     matchBytes::firstEqual(word | asciiScanDetail::ones * 0x20, '{') |
+                     (word ^ loadWord<std::uint64_t>(a + left - 8))) >>
+                    (8 * (8 - left));
+                const auto same = stops == 0 ? left : std::countr_zero(stops) / 8;
+                if (same != left && !opensWildcard(p[same]) && p[same] != a[same]) return false;
+                p += same;
+                a += same;
+            }
             continue;
         }
         if (!checked) {
