@@ -19,7 +19,7 @@ auto refuses(const char* text) {
 TEST(Clamped, KeepsConstructionAndAssignmentWithinItsBounds) {
     Clamped<double> level(1.5, 0.0, 1.0);
     EXPECT_EQ(level.value(), 1.0);
-    for (const auto [given, kept] :
+    for (const auto& [given, kept] :
          {std::pair{-0.25, 0.0}, {0.5, 0.5}, {infinity, 1.0}, {-infinity, 0.0}}) {
         level = given;
         EXPECT_EQ(level.value(), kept) << given;

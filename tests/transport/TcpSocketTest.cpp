@@ -247,7 +247,7 @@ TEST(TcpSocketReadWrite, InOrderAcrossFragmentsThenHalfCloses) {
         ASSERT_TRUE(s.readAvailable(1, 5.0, 6));
         ASSERT_TRUE(s.readAvailable(1000, 5.0, 7));
         // A delimiter split over pieces, partly matched more than once, then one with more after.
-        for (const std::string piece :
+        for (const std::string& piece :
              {std::string("\0\0", 2), std::string("\0\5he", 4), std::string("llo"),
               std::string("line one\r"), std::string("\nline two\r"), std::string("\n-"),
               std::string("-\r"), std::string("\n\xDB\xDC\xC0"), std::string("rest")}) {
