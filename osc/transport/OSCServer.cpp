@@ -78,7 +78,7 @@ struct OSCServer::State {
     std::atomic<std::uint64_t> datagramsReceived_{0}, messagesDelivered_{0}, messagesViewed_{0},
         mismatches_{0};
     OSCDropTally dropped_;
-    // The block being received: its drops hold the socket's backlog as its deliveries do.
+    // The block being received: what it posts holds the socket's backlog until run.
     std::shared_ptr<const void> receivingHold_;
 };
 
@@ -289,7 +289,7 @@ void OSCServer::receive(const UdpDatagramBlock& block) {
         }
     }
     d_->messagesViewed_ += viewed;
-    if (!turn.empty()) deliverNow(std::move(turn), block.hold());
+    if (!turn.empty()) deliverNow(std::move(turn));
     d_->receivingHold_.reset();
 }
 
@@ -355,11 +355,11 @@ void OSCServer::deliver(const OSCMessage& message, const Routes& found, const OS
 }
 
 // Holds the server strongly: a delivery already decided runs even if the owner lets go.
-// The hold keeps the socket from reading past its backlog while the turn waits for a busy
-// dispatch queue.
-void OSCServer::deliverNow(std::vector<Delivery> batch, std::shared_ptr<const void> hold) {
+// The block's hold keeps the socket from reading past its backlog while the turn waits for a
+// busy dispatch queue.
+void OSCServer::deliverNow(std::vector<Delivery> batch) {
     d_->dispatchQueue_->async([self = shared_from_this(), batch = std::move(batch),
-                               hold = std::move(hold)] {
+                               hold = d_->receivingHold_] {
         std::pair<std::uint64_t, Handlers> cache{0, {}};
         for (const auto& delivery : batch) {
             self->deliver(delivery.message, delivery.routes, delivery.timeTag, delivery.origin,

@@ -190,7 +190,7 @@ class OSCServer : public std::enable_shared_from_this<OSCServer> {
               std::vector<Delivery>& turn);
     void drop(std::span<const std::uint8_t> datagram, const SocketAddress& sender,
               DropReason reason, const std::string& error);
-    void deliverNow(std::vector<Delivery> block, std::shared_ptr<const void> hold);
+    void deliverNow(std::vector<Delivery> block);
     void deliverLater(ScheduledRun&& run);
     // Calls the handler and the routes; `cache` holds the handlers a run of deliveries last
     // read, with their generation.

@@ -46,12 +46,6 @@ class UdpDatagramBlock {
     /// socket made.
     std::shared_ptr<const void> hold() const { return hold_; }
 
-    /// What the block counts for in that backlog: its bytes and a share for each datagram's
-    /// record and what a decoder makes of it.
-    std::size_t weight() const {
-        return (buffer_ ? buffer_->size() : 0) + datagrams_.size() * 256;
-    }
-
     /// Appends a copy of `bytes`. The first datagram allocates the buffer for a block of its
     /// like, up to a bound: a block of the largest datagrams grows as they come.
     // Inlined into the socket's read loop, where a call a datagram is a share of a drain.
@@ -80,6 +74,12 @@ class UdpDatagramBlock {
 
   private:
     friend class UdpSocket;
+
+    // What the block counts for in its socket's backlog: its bytes and a share for each
+    // datagram's record and what a decoder makes of it.
+    std::size_t weight() const {
+        return (buffer_ ? buffer_->size() : 0) + datagrams_.size() * 256;
+    }
 
     // Shared, never grown once handed on: every share points into it.
     std::shared_ptr<std::vector<std::uint8_t>> buffer_;
