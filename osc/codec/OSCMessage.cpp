@@ -134,15 +134,17 @@ void OSCMessage::decodeFrom(std::span<const std::uint8_t> bytes,
     // blobs as views of `owner` (copies when there is none, the bytes being the caller's); a
     // fault further on throws, and the message goes with it.
     const auto header = argumentCheck::header(bytes);
-    addressPattern = OSCAddressPattern(header.address, owner, OSCAddressPattern::ASCII{});
+    addressPattern =
+        OSCAddressPattern(header.address(bytes.data()), owner, OSCAddressPattern::ASCII{});
     // Room for one value per tag past the leading comma, which is exact unless there are arrays
     // (whose elements allocate anyway) or stray commas; counting first would cost a pass.
-    const auto tagCount = header.tags.size() - header.tags.starts_with(',');
+    const auto tags = header.tags(bytes.data());
+    const auto tagCount = tags.size() - tags.starts_with(',');
     if (tagCount > oscValueListInlineCount) values.reserve(tagCount);
     // Inlined into the walk: a call per value would cost as much as making most values.
     argumentCheck::arguments(
-        header.tags, header.arguments, bytes.data() + bytes.size(), policy,
-        [&](const char* tag, const std::uint8_t* data) __attribute__((always_inline)) {
+        tags, header.arguments(bytes.data()), bytes.data() + bytes.size(),
+        policy, [&](const char* tag, const std::uint8_t* data) __attribute__((always_inline)) {
             OSCArgumentView(tag, data).appendTo(values, &owner);
         });
     // Whatever follows the last argument is ignored.

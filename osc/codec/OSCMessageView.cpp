@@ -11,9 +11,9 @@ namespace kavrin {
 OSCMessageView::OSCMessageView(std::span<const std::uint8_t> bytes, OSCTextPolicy policy)
     : bytes_(bytes) {
     const auto header = argumentCheck::header(bytes);
-    address_ = header.address;
-    tags_ = header.tags;
-    arguments_ = header.arguments;
+    address_ = header.address(bytes.data());
+    tags_ = header.tags(bytes.data());
+    arguments_ = header.arguments(bytes.data());
     count_ = argumentCheck::arguments(tags_, arguments_, bytes.data() + bytes.size(), policy,
                                       [](const char*, const std::uint8_t*) {});
 }

@@ -17,12 +17,23 @@
 // that the message is walked once). Both refuse the same bytes with the same texts.
 namespace kavrin::argumentCheck {
 
-// A checked header: the address and the tag string as views into the bytes, and where the
-// arguments begin.
+// A checked header: the lengths of the address and of the tag string, whose chunks begin the
+// message. Two words, so that it comes back in registers whichever way it was found: a wider
+// result goes through memory and its reload stalls on the stores that made it.
 struct Header {
-    std::string_view address;
-    std::string_view tags;
-    const std::uint8_t* arguments;
+    std::size_t addressLength;
+    std::size_t tagsLength;
+
+    std::string_view address(const std::uint8_t* message) const {
+        return {reinterpret_cast<const char*>(message), addressLength};
+    }
+    std::string_view tags(const std::uint8_t* message) const {
+        return {reinterpret_cast<const char*>(message + stringChunk::size(addressLength)),
+                tagsLength};
+    }
+    const std::uint8_t* arguments(const std::uint8_t* message) const {
+        return message + stringChunk::size(addressLength) + stringChunk::size(tagsLength);
+    }
 };
 
 // The same for bytes the quick look below did not take, through the reader, which knows the
@@ -41,10 +52,8 @@ inline Header header(std::span<const std::uint8_t> bytes) {
             tags = stringChunk::ascii(begin + address.length, end - begin - address.length);
     }
     if (tags.length <= 0) return headerThroughReader(bytes);
-    return {{reinterpret_cast<const char*>(begin), static_cast<std::size_t>(address.textLength)},
-            {reinterpret_cast<const char*>(begin + address.length),
-             static_cast<std::size_t>(tags.textLength)},
-            begin + address.length + tags.length};
+    return {static_cast<std::size_t>(address.textLength),
+            static_cast<std::size_t>(tags.textLength)};
 }
 
 // The top-level arguments that checked `tags` announce; an array counts as one.
@@ -75,8 +84,8 @@ inline std::int64_t blobSize(const std::uint8_t* data, std::int64_t available) {
     if (available < 4) return 0;
     const std::int64_t length = static_cast<std::int32_t>(bigEndian::load32(data));
     if (length < 0) return 0;
-    const auto size = 4 + static_cast<std::int64_t>(padding::wordAligned(
-                              static_cast<std::size_t>(length)));
+    const auto size =
+        4 + static_cast<std::int64_t>(padding::wordAligned(static_cast<std::size_t>(length)));
     if (size > available) return 0;
     for (std::int64_t i = 4 + length; i < size; ++i) {
         if (data[i] != 0) return 0;
