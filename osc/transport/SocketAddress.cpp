@@ -22,14 +22,8 @@ T as(const SocketAddress& address) {
 
 }  // namespace
 
-SocketAddress::SocketAddress(const void* bytes, std::size_t size) {
-    if (size > maxSize) {
-        throw std::length_error("socket address longer than a sockaddr_in6");
-    }
-    if (size > 0) {
-        std::memcpy(bytes_.data(), bytes, size);
-    }
-    size_ = static_cast<std::uint8_t>(size);
+void SocketAddress::throwTooLong() {
+    throw std::length_error("socket address longer than a sockaddr_in6");
 }
 
 SocketAddress::SocketAddress(std::span<const std::uint8_t> bytes)

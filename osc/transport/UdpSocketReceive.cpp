@@ -266,7 +266,9 @@ bool UdpSocket::receiveMany(bool isIPv4) {
         if ((d_->flags_ & kConnected) && !address.sameEndpoint(d_->cachedConnectedAddress_)) {
             continue;  // not from the peer: dropped
         }
-        deliver({bytes, size}, address, {});
+        // deliver() without its filter context and once-mode, which batches never have.
+        d_->received_.add({bytes, size}, address);
+        if (d_->received_.size() == UdpDatagramBlock::expected) reportReceived();
     }
     // Fewer than asked for: the descriptor is drained for now.
     if (count < static_cast<int>(kSlots)) {
