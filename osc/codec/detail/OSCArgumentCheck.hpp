@@ -107,6 +107,8 @@ std::size_t arguments(std::string_view tags, const std::uint8_t* at, const std::
     // Locals rather than members in the loop, so that they stay in registers.
     const char* tag = tags.data();
     const char* const tagsEnd = tag + tags.size();
+    // The usual leading comma, here rather than as a turn of the loop.
+    if (tag != tagsEnd && *tag == ',') ++tag;
     std::size_t count = 0;
     int arrayDepth = 0;
     while (tag != tagsEnd) {
