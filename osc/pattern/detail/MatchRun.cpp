@@ -172,9 +172,12 @@ template <bool lean>
                 const char* const stop = matchBytes::findSlash(a, end);
                 const char* text = p + 1;
                 while (text != pathEnd && *text == '*') ++text;  // a run is one star
-                if (text == pathEnd || *text == '/') {
-                    p = text;
-                    a = stop;
+                if (text == pathEnd) return stop == end;
+                if (*text == '/') {
+                    // The "/" after it too, which the address has unless it ended.
+                    if (stop == end) return false;
+                    p = text + 1;
+                    a = stop + 1;
                     continue;
                 }
                 const char* textEnd = text;
