@@ -76,9 +76,8 @@ template <bool orNonASCII = false>
 
 // The high bit of each byte of `word` as bit i for byte i, the other bits ignored.
 [[gnu::always_inline]] inline std::uint32_t byteMask(std::uint64_t word) {
-    return static_cast<std::uint32_t>((((word >> 7) & asciiScanDetail::ones) *
-                                       0x0102040810204080ULL) >>
-                                      56);
+    return static_cast<std::uint32_t>(
+        (((word >> 7) & asciiScanDetail::ones) * 0x0102040810204080ULL) >> 56);
 }
 
 // Bit i set where byte i of [p, p + N), pattern text, opens no wildcard and equals byte i of
@@ -95,9 +94,10 @@ template <int N>
         }
     };
     const auto text = load(p);
-    const auto wild = _mm_or_si128(
-        _mm_or_si128(_mm_cmpeq_epi8(text, _mm_set1_epi8('*')), _mm_cmpeq_epi8(text, _mm_set1_epi8('?'))),
-        _mm_cmpeq_epi8(_mm_or_si128(text, _mm_set1_epi8(0x20)), _mm_set1_epi8('{')));
+    const auto wild =
+        _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(text, _mm_set1_epi8('*')),
+                                  _mm_cmpeq_epi8(text, _mm_set1_epi8('?'))),
+                     _mm_cmpeq_epi8(_mm_or_si128(text, _mm_set1_epi8(0x20)), _mm_set1_epi8('{')));
     const auto same = static_cast<std::uint32_t>(
         _mm_movemask_epi8(_mm_andnot_si128(wild, _mm_cmpeq_epi8(text, load(a)))));
     return N == 16 ? same : same & 0xFF;
@@ -114,25 +114,25 @@ template <int N>
 }
 
 // The bytes from `at` that end an alternative of a brace list ("," and "}") or the component
-// ("/"), bit i for the byte at + i, over `span` bytes from `at`, which is set; those at or past
-// `last` stop nothing. [first, last) may be read: one block of sixteen where the text has them,
-// so that a list's alternatives take one search between them, not one each.
+// ("/"), bit i for the byte at + i; `span` is set to how many bytes from `at` the bits cover.
+// Bytes at or past `last` stop nothing. [first, last) may be read: one block of sixteen where
+// the text has them, so that a list's alternatives take one search between them, not one each.
 [[gnu::always_inline]] inline std::uint32_t listStops(const char* first, const char* at,
                                                       const char* last, std::ptrdiff_t& span) {
 #if defined(__SSE2__)
     if (last - first >= 16) {
         const char* const base = last - at >= 16 ? at : last - 16;
         const auto block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(base));
-        const auto stops =
-            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8(',')),
-                                      _mm_cmpeq_epi8(block, _mm_set1_epi8('}'))),
-                         _mm_cmpeq_epi8(block, _mm_set1_epi8('/')));
+        const auto stops = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8(',')),
+                                                     _mm_cmpeq_epi8(block, _mm_set1_epi8('}'))),
+                                        _mm_cmpeq_epi8(block, _mm_set1_epi8('/')));
         span = base + 16 - at;
         return static_cast<std::uint32_t>(_mm_movemask_epi8(stops)) >> (at - base);
     }
 #endif
     const std::uint64_t word = componentSyntax::loadWordUpTo(first, at, last);
-    const std::uint64_t stops = bytesEqual(word, ',') | bytesEqual(word, '}') | bytesEqual(word, '/');
+    const std::uint64_t stops =
+        bytesEqual(word, ',') | bytesEqual(word, '}') | bytesEqual(word, '/');
     span = 8;
     return byteMask(stops);
 }

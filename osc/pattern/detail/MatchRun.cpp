@@ -120,9 +120,8 @@ namespace {
 
 // The brace list, or opener of nothing, at `p`: false where it takes nothing of the address
 // at `a`; else `p` and `a` move past what it takes.
-[[gnu::always_inline]] inline bool braceStep(const char* first, const char*& p,
-                                             const char* pathEnd, const char*& a,
-                                             const char* end) {
+[[gnu::always_inline]] inline bool braceStep(const char* first, const char*& p, const char* pathEnd,
+                                             const char*& a, const char* end) {
     const char* next = nullptr;
     const std::ptrdiff_t taken = matchBytes::braceListTakes(
         first, p + 1, pathEnd, a, static_cast<std::size_t>(end - a), next);
@@ -158,8 +157,7 @@ namespace {
 // registers, and the full walk never hands back, so that no stack grows with the pattern.
 template <bool lean>
 [[gnu::always_inline]] inline bool walk(const char* first, const char* p, const char* pathEnd,
-                                        const char* addressFirst, const char* a,
-                                        const char* end) {
+                                        const char* addressFirst, const char* a, const char* end) {
     const auto handOver = [&] { return fullWalk(first, p, pathEnd, addressFirst, a, end); };
     for (;;) {
         if (p == pathEnd) return a == end;
@@ -273,8 +271,7 @@ struct Stripped {
 [[gnu::noinline]] bool matchesJoinedAddress(std::string_view pattern, std::string_view address) {
     const Stripped texts(pattern, address);
     if (CharacterView::isOneBytePerCharacter(address)) {
-        return fullWalk(pattern.data(), texts.p, texts.pathEnd, address.data(), texts.a,
-                        texts.end);
+        return fullWalk(pattern.data(), texts.p, texts.pathEnd, address.data(), texts.a, texts.end);
     }
     const char* p = texts.p;
     const char* a = texts.a;
