@@ -78,7 +78,8 @@ TEST(OSCCompiledPattern, AllMatchersAnswerLikeTheBacktrackingSearchOverATable) {
         "/?", "/??", "/e*", "/**", "/*?", "/[xa-c-e]", "/[!-a]", "/[a-]{b}", "/{a,,b}[]",
         "/[{a,b}]", "/{[a,b]}", "/[a-c-e-g]*", "/*/x", "/q/*", "/q/x", "/a/b*", "/x/a*b/c",
         "/[\t-\r\n]", "/a\r\n*", "/*\r?", "/*//b", "/a*//*", "/[abcdefghijk-m]",
-        "/[!abcdefghij]", "/abcdefgh?>>xy"};
+        "/[!abcdefghij]", "/abcdefgh?>>xy", "/abcdefghijklmnopq*", "/abcdefghijklmnop{q,r/s}",
+        "/{mixer,ch}/{abcdefghijklmno,ab,a,b,c,d,e,f,g}*", "/abcdefghijklmnop{qrstuvwxyzabcde}"};
     const std::vector<std::string> addresses = {
         "", "/", "//", "/a", "a", "/a/", "/a/b", "/a/b/", "/a//c", "/a/b/c", "//a", "/a//b",
         "/xy", "/xaby", "/xya", "/abc", "/b", "/ac", "/abab", "/xabyab", "/bx", "/dx", "/-",
@@ -87,7 +88,9 @@ TEST(OSCCompiledPattern, AllMatchersAnswerLikeTheBacktrackingSearchOverATable) {
         "/aaaa", "/a\r\n", "/\r\n", "/\r", "/\n", "/\t", "/e\xCC\x81", "/\xC3\xA9", "/a/\xCC\x81" "b",
         "/ABC", "/e", "/c", "/d", "/x", "/g", "/l", "/{a", "/[", "/]", "/}", "/,", "/!",
         "/x/ab/c", "/x/aXb/c", "/q/\xCC\x81/x", "/q/x\xCC\x81", "/a\r\nb", "/a\rb", "/\r\n\r",
-        "/a\xFF\xC3", "/abcdefghQ>>xy"};
+        "/a\xFF\xC3", "/abcdefghQ>>xy", "/abcdefghijklmnopqr", "/abcdefghijklmnoPq",
+        "/abcdefghijklmnop{q,r/s}", "/ch/abcdefghijklmnopqrs", "/mixer/ab",
+        "/abcdefghijklmnopqrstuvwxyzabcde"};
     // clang-format on
     for (const auto& pattern : patterns) {
         for (const auto& address : addresses) expectSameAnswers(pattern, address);

@@ -1,11 +1,17 @@
 #pragma once
 
+#include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <optional>
 #include <string_view>
 #include <type_traits>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "osc/pattern/CharacterView.hpp"
 #include "osc/pattern/detail/ComponentSyntax.hpp"
@@ -68,6 +74,69 @@ template <bool orNonASCII = false>
     return at;
 }
 
+// The high bit of each byte of `word` as bit i for byte i, the other bits ignored.
+[[gnu::always_inline]] inline std::uint32_t byteMask(std::uint64_t word) {
+    return static_cast<std::uint32_t>(
+        (((word >> 7) & asciiScanDetail::ones) * 0x0102040810204080ULL) >> 56);
+}
+
+// Bit i set where byte i of [p, p + N), pattern text, opens no wildcard and equals byte i of
+// [a, a + N) of the address (N is 8 or 16); both ranges are read. A "[" is found as the "{" that
+// it becomes with bit 5 set, which nothing else does.
+template <int N>
+[[gnu::always_inline]] inline std::uint32_t literalBytes(const char* p, const char* a) {
+#if defined(__SSE2__)
+    const auto load = [](const char* at) {
+        if constexpr (N == 16) {
+            return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+        } else {
+            return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(at));
+        }
+    };
+    const auto text = load(p);
+    const auto wild =
+        _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(text, _mm_set1_epi8('*')),
+                                  _mm_cmpeq_epi8(text, _mm_set1_epi8('?'))),
+                     _mm_cmpeq_epi8(_mm_or_si128(text, _mm_set1_epi8(0x20)), _mm_set1_epi8('{')));
+    const auto same = static_cast<std::uint32_t>(
+        _mm_movemask_epi8(_mm_andnot_si128(wild, _mm_cmpeq_epi8(text, load(a)))));
+    return N == 16 ? same : same & 0xFF;
+#else
+    const auto half = [](const char* p, const char* a) {
+        const auto word = loadWord<std::uint64_t>(p);
+        const auto wild = bytesEqual(word, '*') | bytesEqual(word, '?') |
+                          bytesEqual(word | asciiScanDetail::ones * 0x20, '{');
+        return byteMask(bytesEqual(word ^ loadWord<std::uint64_t>(a), 0) & ~wild);
+    };
+    if constexpr (N == 16) return half(p, a) | half(p + 8, a + 8) << 8;
+    return half(p, a);
+#endif
+}
+
+// The bytes from `at` that end an alternative of a brace list ("," and "}") or the component
+// ("/"), bit i for the byte at + i; `span` is set to how many bytes from `at` the bits cover.
+// Bytes at or past `last` stop nothing. [first, last) may be read: one block of sixteen where
+// the text has them, so that a list's alternatives take one search between them, not one each.
+[[gnu::always_inline]] inline std::uint32_t listStops(const char* first, const char* at,
+                                                      const char* last, std::ptrdiff_t& span) {
+#if defined(__SSE2__)
+    if (last - first >= 16) {
+        const char* const base = last - at >= 16 ? at : last - 16;
+        const auto block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(base));
+        const auto stops = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8(',')),
+                                                     _mm_cmpeq_epi8(block, _mm_set1_epi8('}'))),
+                                        _mm_cmpeq_epi8(block, _mm_set1_epi8('/')));
+        span = base + 16 - at;
+        return static_cast<std::uint32_t>(_mm_movemask_epi8(stops)) >> (at - base);
+    }
+#endif
+    const std::uint64_t word = componentSyntax::loadWordUpTo(first, at, last);
+    const std::uint64_t stops =
+        bytesEqual(word, ',') | bytesEqual(word, '}') | bytesEqual(word, '/');
+    span = 8;
+    return byteMask(stops);
+}
+
 // The brace list whose first alternative begins at `alternative`, up to its "}": what it takes
 // of the `left` bytes at `a`, its shortest alternative that is a prefix, or -1; `next` is set
 // past the "}", or to null where a "/" or `last` comes first and there is no list. The
@@ -77,39 +146,47 @@ template <bool orNonASCII = false>
                                                             const char* alternative,
                                                             const char* last, const char* a,
                                                             std::size_t left, const char*& next) {
-    bool any = false;
+    // SIZE_MAX while no alternative is read, then SIZE_MAX - 1 while none is a prefix.
     std::size_t shortest = SIZE_MAX;
-    for (const char* at = alternative;;) {
-        if (at >= last) {
-            next = nullptr;
-            return -1;
-        }
-        // Bytes past `last` read as zero, which stops nothing.
-        const std::uint64_t word = componentSyntax::loadWordUpTo(first, at, last);
-        const std::uint64_t stops =
-            firstEqual(word, ',') | firstEqual(word, '}') | firstEqual(word, '/');
-        if (stops == 0) {
-            at += 8;
-            continue;
-        }
-        const char* const stop = at + std::countr_zero(stops) / 8;
-        if (*stop == '/') {
-            next = nullptr;
-            return -1;
-        }
-        const auto size = static_cast<std::size_t>(stop - alternative);
-        if (size != 0) {
-            any = true;
-            if (size < shortest && size <= left && sameBytes(a, alternative, size)) {
-                shortest = size;
+    for (const char* at = alternative; at < last;) {
+        std::ptrdiff_t span;
+        for (std::uint32_t stops = listStops(first, at, last, span); stops != 0;
+             stops &= stops - 1) {
+            const char* const stop = at + std::countr_zero(stops);
+            const char c = *stop;
+            if (c == '/') {
+                next = nullptr;
+                return -1;
+            }
+            const auto size = static_cast<std::size_t>(stop - alternative);
+            if (size != 0) {
+                shortest = std::min(shortest, SIZE_MAX - 1);
+                if (size < shortest && size <= left && sameBytes(a, alternative, size)) {
+                    shortest = size;
+                }
+            }
+            alternative = stop + 1;
+            if (c == '}') {
+                next = alternative;
+                if (shortest == SIZE_MAX) return 0;
+                return shortest == SIZE_MAX - 1 ? -1 : static_cast<std::ptrdiff_t>(shortest);
             }
         }
-        at = alternative = stop + 1;
-        if (*stop == '}') break;
+        at += span;
     }
-    next = alternative;
-    if (!any) return 0;
-    return shortest == SIZE_MAX ? -1 : static_cast<std::ptrdiff_t>(shortest);
+    next = nullptr;
+    return -1;
+}
+
+// Whether the "[" at `open` begins the commonest bracket, one range such as "[0-9]" that
+// bracketTakes would read alike: its bounds neither CR nor a byte that ends the contents or
+// changes their reading. [open, last) may be read.
+[[gnu::always_inline]] inline bool isPlainRange(const char* open, const char* last) {
+    if (last - open < 5 || open[2] != '-' || open[4] != ']') return false;
+    const auto low = open[1];
+    const auto high = open[3];
+    return low != '!' && low != '-' && low != ']' && low != '/' && low != '\r' && high != ']' &&
+           high != '/' && high != '\r';
 }
 
 // The bracket that the "[" at `open` begins, up to its "]": whether it takes `byte`, an ASCII
@@ -120,17 +197,6 @@ template <bool orNonASCII = false>
 // CR LF, or more singles than a word holds, are judged by bracketTakesByte.
 [[gnu::always_inline]] inline bool bracketTakes(const char* open, const char* last,
                                                 unsigned char byte, const char*& next) {
-    // The commonest shape first: one range such as "[0-9]", its bounds neither CR nor a byte
-    // that ends the contents or changes their reading.
-    if (last - open >= 5 && open[2] == '-' && open[4] == ']') {
-        const auto low = static_cast<unsigned char>(open[1]);
-        const auto high = static_cast<unsigned char>(open[3]);
-        if (low != '!' && low != '-' && low != ']' && low != '/' && low != '\r' && high != ']' &&
-            high != '/' && high != '\r') {
-            next = open + 5;
-            return low <= byte && byte <= high;
-        }
-    }
     const char* c = open + 1;
     const bool isExclusion = c != last && *c == '!';
     if (isExclusion) ++c;
