@@ -83,8 +83,8 @@ OSCMessage::Layout OSCMessage::layout(OSCTextPolicy policy) const {
 // The writing pass into zero-filled bytes, each part at its place.
 std::uint8_t* OSCMessage::write(const Layout& sizes, std::uint8_t* out,
                                 OSCTextPolicy policy) const {
-    const auto address = addressPattern.rawAddress();
-    std::memcpy(out, address.data(), address.size());
+    const auto address = addressPattern.rawData();
+    valueWriting::copyBytes(out, address.data(), address.size());
     std::uint8_t* tag = out + sizes.address;
     *tag++ = ',';
     std::uint8_t* at = out + sizes.address + sizes.tags;

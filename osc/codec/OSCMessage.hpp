@@ -24,7 +24,7 @@ namespace kavrin {
 // from (kept for the receiver, but no part of equality or hashing). A plain value: distinct
 // objects from any thread, a shared one for reading only.
 //
-// The usual message allocates nothing: an address of up to 48 bytes, up to 8 values and strings
+// The usual message allocates nothing: an address of up to 48 bytes, up to 12 values and strings
 // and blobs of up to 32 bytes are all kept inside it. Decoded, longer strings and blobs share
 // the bytes it was decoded from instead of copying them.
 //

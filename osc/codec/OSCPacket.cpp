@@ -22,8 +22,9 @@ std::optional<OSCPacket> OSCPacket::decode(std::span<const std::uint8_t> bytes,
                                            OSCTextPolicy policy) {
     const auto type = classifyPacket(bytes);
     if (!type) return std::nullopt;  // not copied only to be dropped
+    if (*type == OSCObjectType::bundle) return OSCBundle::decode(bytes, policy);
     // A short message keeps its own copy of the bytes inside: no shared one to allocate.
-    if (*type == OSCObjectType::message && bytes.size() <= OSCDecodedBytes::inlineCapacity) {
+    if (bytes.size() <= OSCDecodedBytes::inlineCapacity) {
         return decodeMessage(bytes, nullptr, policy);
     }
     return decode(rawBytes::shareCopy(bytes), bytes.size(), policy);

@@ -158,14 +158,15 @@ TEST(OSCMessageDecoding, EveryKindRoundTripsAndKeepsItsBytes) {
 }
 
 TEST(OSCMessageAllocation, TheUsualMessageIsBuiltEncodedAndDecodedWithoutAllocating) {
-    // The largest usual message: a 48-byte address, 8 values, 32-byte strings and blob.
+    // The largest usual message: a 48-byte address, 12 values, 32-byte strings and blob.
     const std::string address = "/" + std::string(47, 'a');
     const std::string text(32, 't');
     const std::vector<std::uint8_t> blob(32, 0xB1);
     std::vector<std::uint8_t> buffer;
     const auto build = [&] {
         return OSCMessage(address, 1, 2.5f, text, OSCBlob(blob), true, 3.0, std::int64_t{4},
-                          OSCStringAltValue{text});
+                          OSCStringAltValue{text}, OSCNullValue{}, U'c', OSCImpulseValue{},
+                          OSCTimeTag{0, 1});
     };
     build().encode(buffer);  // sizes the buffer, and makes the codec's tables
     const Bytes encoded = buffer;

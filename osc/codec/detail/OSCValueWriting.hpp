@@ -11,6 +11,7 @@
 #include "osc/codec/OSCValue.hpp"
 #include "support/ASCIIScan.hpp"
 #include "support/BigEndian.hpp"
+#include "support/CompactBytes.hpp"
 
 // Internal to the codec: the values a message writes itself, with one switch on the kind and no
 // encoder in between: numbers, booleans, the markers, blobs and plain ASCII strings, which are
@@ -29,6 +30,16 @@ inline constexpr auto kindWidths = [] {
     }
     return widths;
 }();
+
+// Copies text or bytes into the output: the usual short ones (an address, a string, a blob) in
+// a few moves rather than a call to the library's copy.
+inline void copyBytes(std::uint8_t* out, const std::uint8_t* from, std::size_t size) {
+    if (size <= 64) {
+        copyShortBytes<64>(out, from, size);
+    } else {
+        std::memcpy(out, from, size);
+    }
+}
 
 // The argument bytes of `value` when it is written here, else `general`.
 inline std::ptrdiff_t size(const OSCValue& value) {
@@ -99,14 +110,15 @@ inline std::ptrdiff_t write(const OSCValue& value, std::uint8_t* tag, std::uint8
             const auto text = std::get_if<OSCString>(&base)->view();
             if (hasZeroOrNonASCII(text)) return general;
             *tag = oscTypeTag::tagFor<OSCValueKind::string>;
-            std::memcpy(out, text.data(), text.size());  // the zeros after it are there
+            // The zeros after it are there.
+            copyBytes(out, reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
             return static_cast<std::ptrdiff_t>(padding::nullTerminatedSize(text.size()));
         }
         case OSCValueKind::blob: {
             const auto& blob = *std::get_if<OSCBlob>(&base);
             *tag = oscTypeTag::tagFor<OSCValueKind::blob>;
             bigEndian::store32(out, static_cast<std::uint32_t>(blob.size()));
-            if (!blob.empty()) std::memcpy(out + 4, blob.data(), blob.size());
+            copyBytes(out + 4, blob.data(), blob.size());
             return static_cast<std::ptrdiff_t>(4 + padding::wordAligned(blob.size()));
         }
         default:
