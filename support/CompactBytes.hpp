@@ -41,6 +41,13 @@ template <std::size_t Capacity>
     }
 }
 
+// A copy of `bytes` in a buffer of its own, which views into it may share.
+inline std::shared_ptr<const std::uint8_t[]> sharedCopy(std::span<const std::uint8_t> bytes) {
+    auto buffer = std::make_shared_for_overwrite<std::uint8_t[]>(bytes.size());
+    if (!bytes.empty()) std::memcpy(buffer.get(), bytes.data(), bytes.size());
+    return buffer;
+}
+
 // An immutable run of bytes (or text) that allocates nothing when it is short: up to Capacity
 // bytes are kept inside the object. Longer ones are a view into a shared buffer: one of their
 // own, made when they were copied in, or a buffer they were found in (a received datagram),
@@ -129,8 +136,7 @@ class CompactBytes {
     bool fitsInside() const noexcept { return size_ <= Capacity; }
     // Out of line, so that the usual constructions inline.
     [[gnu::noinline]] void copyToOwnBuffer(const std::uint8_t* from) {
-        auto own = std::make_shared_for_overwrite<std::uint8_t[]>(size_);
-        std::memcpy(own.get(), from, size_);
+        auto own = sharedCopy({from, size_});
         const std::uint8_t* data = own.get();
         new (&shared_) Shared{std::move(own), data};
     }

@@ -9,6 +9,7 @@
 #include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
 #include "support/BigEndian.hpp"
+#include "support/CompactBytes.hpp"
 #include "support/HashCombine.hpp"
 
 namespace kavrin {
@@ -93,7 +94,8 @@ std::uint8_t* OSCBundle::encodeInto(std::uint8_t* out, int depth, OSCTextPolicy 
 }
 
 OSCBundle OSCBundle::decode(std::span<const std::uint8_t> bytes, OSCTextPolicy policy) {
-    auto copy = rawBytes::shareCopy(bytes);
+    // One shared copy: the bundle and all of its elements keep views into it.
+    auto copy = sharedCopy(bytes);
     const std::span<const std::uint8_t> kept(copy.get(), bytes.size());
     return decode(kept, std::move(copy), 1, policy);
 }

@@ -14,6 +14,7 @@
 #include "osc/codec/detail/OSCRawBytes.hpp"
 #include "osc/codec/detail/OSCValueWriting.hpp"
 #include "osc/codec/detail/OSCWireFormat.hpp"
+#include "support/CompactBytes.hpp"
 #include "support/HashCombine.hpp"
 
 namespace kavrin {
@@ -110,13 +111,7 @@ std::uint8_t* OSCMessage::writeMeasured(std::uint8_t* out, OSCTextPolicy policy)
 
 OSCMessage OSCMessage::decode(std::span<const std::uint8_t> bytes, OSCTextPolicy policy) {
     OSCMessage message;
-    if (bytes.size() <= OSCDecodedBytes::inlineCapacity) {
-        message.decodeFrom(bytes, nullptr, policy);
-        return message;
-    }
-    auto copy = rawBytes::shareCopy(bytes);
-    const std::span<const std::uint8_t> kept(copy.get(), bytes.size());
-    message.decodeFrom(kept, std::move(copy), policy);
+    message.decodeFrom(bytes, nullptr, policy);
     return message;
 }
 
@@ -130,6 +125,12 @@ OSCMessage OSCMessage::decode(std::shared_ptr<const std::uint8_t[]> buffer, std:
 
 void OSCMessage::decodeFrom(std::span<const std::uint8_t> bytes,
                             std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy) {
+    // The caller's bytes: a short message keeps a copy inside, which costs no allocation; a
+    // longer one makes one shared copy for its long values to view.
+    if (!owner && bytes.size() > OSCDecodedBytes::inlineCapacity) {
+        owner = sharedCopy(bytes);
+        bytes = {owner.get(), bytes.size()};
+    }
     // One walk: each value is made as soon as its bytes have passed the check, long strings and
     // blobs as views of `owner` (copies when there is none, the bytes being the caller's); a
     // fault further on throws, and the message goes with it.

@@ -102,8 +102,9 @@ struct OSCMessage {
     // is known to succeed): the tag string's size follows from the values without a pass.
     std::uint8_t* writeMeasured(std::uint8_t* out, OSCTextPolicy policy) const;
 
-    // Decodes `bytes`, a part of the buffer `owner`, into this message, made empty and kept in
-    // place: a packet or bundle decodes its messages where they will stay, with no move.
+    // Decodes `bytes`, a part of the buffer `owner` (none: the caller's, copied), into this
+    // message, made empty and kept in place: a packet or bundle decodes its messages where they
+    // will stay, with no move.
     void decodeFrom(std::span<const std::uint8_t> bytes,
                     std::shared_ptr<const std::uint8_t[]> owner, OSCTextPolicy policy);
 

@@ -2,8 +2,6 @@
 
 #include <functional>
 
-#include "osc/codec/detail/OSCRawBytes.hpp"
-
 namespace kavrin {
 
 std::vector<std::uint8_t> OSCPacket::rawData(OSCTextPolicy policy) const {
@@ -23,11 +21,7 @@ std::optional<OSCPacket> OSCPacket::decode(std::span<const std::uint8_t> bytes,
     const auto type = classifyPacket(bytes);
     if (!type) return std::nullopt;  // not copied only to be dropped
     if (*type == OSCObjectType::bundle) return OSCBundle::decode(bytes, policy);
-    // A short message keeps its own copy of the bytes inside: no shared one to allocate.
-    if (bytes.size() <= OSCDecodedBytes::inlineCapacity) {
-        return decodeMessage(bytes, nullptr, policy);
-    }
-    return decode(rawBytes::shareCopy(bytes), bytes.size(), policy);
+    return decodeMessage(bytes, nullptr, policy);
 }
 
 std::optional<OSCPacket> OSCPacket::decode(std::vector<std::uint8_t>&& bytes,

@@ -9,14 +9,6 @@
 
 namespace kavrin::rawBytes {
 
-// One shared copy of a received datagram: the decoded message or bundle and all of its nested
-// elements keep views into it instead of copies of their own.
-inline std::shared_ptr<const std::uint8_t[]> shareCopy(std::span<const std::uint8_t> bytes) {
-    auto buffer = std::make_shared_for_overwrite<std::uint8_t[]>(bytes.size());
-    if (!bytes.empty()) std::memcpy(buffer.get(), bytes.data(), bytes.size());
-    return buffer;
-}
-
 // Trims blanks, tabs and line ends at both ends.
 inline std::string trimmed(const std::string& text) {
     const auto first = text.find_first_not_of(" \t\r\n");

@@ -44,13 +44,6 @@ namespace kavrin::matchBytes {
     return n == 0 || *a == *b;
 }
 
-// Marks the first byte of `word` that equals `byte` with its high bit, and perhaps bytes above
-// it too: the borrow trick, cheaper than bytesEqual, for scans that only look for the lowest.
-[[gnu::always_inline]] inline std::uint64_t firstEqual(std::uint64_t word, unsigned char byte) {
-    const std::uint64_t x = word ^ (asciiScanDetail::ones * byte);
-    return (x - asciiScanDetail::ones) & ~x & asciiScanDetail::highBits;
-}
-
 // The first "/" in [at, end), or end; with `orNonASCII`, the first "/" or byte above 0x7F. Byte
 // by byte, four to a turn of the loop: a star skips a few bytes, fewer than one word's set-up
 // would cost. As signed bytes, those are among the ones up to "/", which one compare finds.
