@@ -32,7 +32,7 @@ std::size_t elementCount(std::span<const std::uint8_t> bytes) {
 
 OSCBundle::OSCBundle() = default;
 OSCBundle::OSCBundle(OSCTimeTag timeTag) : timeTag(timeTag) {}
-OSCBundle::OSCBundle(OSCTimeTag timeTag, std::vector<OSCPacket> elements)
+OSCBundle::OSCBundle(OSCTimeTag timeTag, Elements elements)
     : timeTag(timeTag), elements(std::move(elements)) {}
 OSCBundle::OSCBundle(const OSCBundle&) = default;
 OSCBundle::OSCBundle(OSCBundle&&) noexcept = default;

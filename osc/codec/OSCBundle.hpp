@@ -11,6 +11,7 @@
 #include "osc/codec/OSCDecodedBytes.hpp"
 #include "osc/codec/OSCMessage.hpp"
 #include "osc/codec/OSCTimeTag.hpp"
+#include "support/RecyclingAllocator.hpp"
 
 namespace kavrin {
 
@@ -27,13 +28,16 @@ struct OSCPacket;
 // keeps decoding, printing, comparing and destroying within a small thread stack.
 struct OSCBundle {
     static constexpr int maximumDepth = 128;
+    // A vector whose storage is recycled per thread: a decoded bundle's list is past glibc's
+    // own cache, and receivers make and drop one per datagram.
+    using Elements = std::vector<OSCPacket, RecyclingAllocator<OSCPacket>>;
 
     OSCTimeTag timeTag;
-    std::vector<OSCPacket> elements;
+    Elements elements;
 
     OSCBundle();
     explicit OSCBundle(OSCTimeTag timeTag);
-    OSCBundle(OSCTimeTag timeTag, std::vector<OSCPacket> elements);
+    OSCBundle(OSCTimeTag timeTag, Elements elements);
     OSCBundle(const OSCBundle&);
     OSCBundle(OSCBundle&&) noexcept;
     OSCBundle& operator=(const OSCBundle&);

@@ -301,7 +301,7 @@ TEST(OSCStream, AFutureBundleWaitsForItsTimeWithItsMessagesInOrder) {
         viewed.add(std::string(view.address()));
     });
     Fd peer = rawConnect("127.0.0.1", server->boundPort());
-    std::vector<OSCPacket> elements;
+    OSCBundle::Elements elements;
     for (std::int32_t i = 0; i < 8; ++i) elements.emplace_back(message("/m", i));
     const auto sent = Clock::now();
     const auto due = std::chrono::system_clock::now() + 300ms;

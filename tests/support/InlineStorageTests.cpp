@@ -4,9 +4,11 @@
 #include <span>
 #include <stdexcept>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include "support/CompactBytes.hpp"
+#include "support/RecyclingAllocator.hpp"
 #include "support/SmallVector.hpp"
 
 namespace kavrin {
@@ -96,5 +98,24 @@ TEST(CompactBytes, KeepsShortBytesInsideAndSharesTheBufferOfLongOnes) {
     EXPECT_EQ(Bytes().text(), "");
 }
 
+TEST(RecycledBlocks, AKeptBlockServesOnlyRequestsItCanHold) {
+    if (!recycledBlocks::keeping) GTEST_SKIP() << "nothing is kept under AddressSanitizer";
+    // 1500 and 1800 bytes share a size range: the smaller block must not serve the larger.
+    void* small = recycledBlocks::take(1500);
+    recycledBlocks::release(small, 1500);
+    void* large = recycledBlocks::take(1800);
+    EXPECT_NE(large, small);
+    std::fill_n(static_cast<char*>(large), 1800, 'x');
+    recycledBlocks::release(large, 1800);  // the larger block replaces the kept one
+    EXPECT_EQ(recycledBlocks::take(1500), large);
+    recycledBlocks::release(large, 1500);
+
+    // Released on a thread that then exits: kept there, freed with it.
+    void* moved = recycledBlocks::take(4000);
+    std::thread([moved] { recycledBlocks::release(moved, 4000); }).join();
+    // Past the kept sizes nothing is kept.
+    void* huge = recycledBlocks::take(1 << 20);
+    recycledBlocks::release(huge, 1 << 20);
+}
 }  // namespace
 }  // namespace kavrin

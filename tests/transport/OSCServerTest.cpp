@@ -201,7 +201,7 @@ TEST(OSCServer, ABundleWaitingForItsTimeKeepsItsMessagesInOrder) {
     const auto later = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 600ms);
     std::vector<std::string> expected;
     for (int b = 0; b < 4; ++b) {
-        std::vector<OSCPacket> elements;
+        OSCBundle::Elements elements;
         for (int m = 0; m < 8; ++m) {
             expected.push_back("/m/" + std::to_string(b) + "/" + std::to_string(m));
             elements.emplace_back(OSCMessage(expected.back()));
@@ -223,8 +223,8 @@ TEST(OSCServer, ScheduledDeliveriesHoldBoundedMemoryAndDatagramsAreAdmittedWhole
     const auto soon = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 300ms);
     const auto farAway = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 24h);
     auto bundleOf = [](OSCTimeTag tag, std::vector<std::string> addresses,
-                       std::vector<OSCPacket> more = {}) {
-        std::vector<OSCPacket> elements;
+                       OSCBundle::Elements more = {}) {
+        OSCBundle::Elements elements;
         for (auto& address : addresses) elements.emplace_back(OSCMessage(address));
         for (auto& element : more) elements.push_back(std::move(element));
         return bytes(OSCBundle(tag, std::move(elements)));
