@@ -1,7 +1,7 @@
 #include "support/RecyclingAllocator.hpp"
 
 #include <bit>
-#include <cstdlib>
+#include <new>
 
 namespace kavrin::recycledBlocks {
 

@@ -28,7 +28,7 @@ void* take(std::size_t bytes);
 void release(void* block, std::size_t bytes) noexcept;
 }  // namespace recycledBlocks
 
-// A stateless std::allocator through recycledBlocks, for containers that are filled and
+// A stateless allocator over recycledBlocks, for containers that are filled and
 // emptied over and over, in sizes past glibc's per-thread cache.
 template <class T>
 struct RecyclingAllocator {
