@@ -19,7 +19,6 @@ struct Kept {
 // ran) still finds it, closed.
 struct Shelf {
     Kept kept[ranges];
-    bool registered = false;
     bool closed = false;
 };
 
@@ -62,10 +61,7 @@ void release(void* block, std::size_t bytes) noexcept {
     if constexpr (keeping) {
         const int range = rangeOf(bytes);
         if (range >= 0 && !shelf.closed) {
-            if (!shelf.registered) {
-                thread_local Closer closer;
-                shelf.registered = true;
-            }
+            thread_local Closer closer;  // frees the kept blocks when the thread exits
             Kept& kept = shelf.kept[range];
             if (kept.bytes < bytes) {
                 ::operator delete(kept.block);
