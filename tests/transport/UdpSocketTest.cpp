@@ -92,39 +92,32 @@ struct Peer {
             bound);
     }
 
-    // What arrived (with the sender's host: "data@host"), what went, and why sends failed
-    // ("tag code: text"), so far.
-    Texts texts(bool withHost = false) {
+    // What arrived (with the sender's host: "data@host"), what went, why sends failed
+    // ("tag code: text") and each close, described, so far.
+    template <class Entries, class Describe>
+    Texts describeEach(const Entries& entries, Describe describe) {
         return recorder->read([&] {
             Texts texts;
-            for (const auto& d : recorder->received) {
-                texts.push_back(text(d.data) +
-                                (withHost ? "@" + UdpSocket::hostFromAddress(d.from) : ""));
-            }
+            for (const auto& entry : entries) texts.push_back(describe(entry));
             return texts;
+        });
+    }
+    Texts texts(bool withHost = false) {
+        return describeEach(recorder->received, [&](const Recorder::Datagram& d) {
+            return text(d.data) + (withHost ? "@" + UdpSocket::hostFromAddress(d.from) : "");
         });
     }
     Tags sent() {
         return recorder->read([&] { return recorder->sent; });
     }
     Texts failures() {
-        return recorder->read([&] {
-            Texts texts;
-            for (const auto& [tag, error] : recorder->notSent) {
-                texts.push_back(std::to_string(tag) + " " + std::to_string(error.code()) + ": " +
-                                error.description());
-            }
-            return texts;
+        return describeEach(recorder->notSent, [](const auto& failure) {
+            const auto& [tag, error] = failure;
+            return std::to_string(tag) + " " + std::to_string(error.code()) + ": " +
+                   error.description();
         });
     }
-    // Each close reported, described.
-    Texts closes() {
-        return recorder->read([&] {
-            Texts texts;
-            for (const auto& error : recorder->closed) texts.push_back(tcpTest::describe(error));
-            return texts;
-        });
-    }
+    Texts closes() { return describeEach(recorder->closed, tcpTest::describe); }
     std::any context(std::size_t i) {
         return recorder->read([&] { return recorder->received.at(i).context; });
     }
