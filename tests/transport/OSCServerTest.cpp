@@ -28,18 +28,18 @@ struct Delivery {
 
 // A server started on a port of the kernel's choice (receiving on `receiveQueue`, or on a queue of
 // its own), whose handler records each delivery made on a ManualQueue. A failed start throws its
-// error, which fails the test.
+// error, which fails the test. One on a port asked for is the test's to start.
 struct Fixture {
     explicit Fixture(OSCServer::TimeTagMode mode,
-                     std::shared_ptr<SerialQueue> receiveQueue = nullptr)
-        : server(OSCServer::create(0, std::move(receiveQueue), main, mode,
+                     std::shared_ptr<SerialQueue> receiveQueue = nullptr, std::uint16_t port = 0)
+        : server(OSCServer::create(port, std::move(receiveQueue), main, mode,
                                    [this](const OSCMessage& message, const OSCTimeTag& timeTag) {
                                        offQueue = offQueue || !main->isCurrent();
                                        deliveries.push_back(
                                            {std::string(message.addressPattern.rawAddress()),
                                             timeTag, DispatchQueue::Clock::now()});
                                    })) {
-        server->start();
+        if (port == 0) server->start();
     }
 
     void send(const std::vector<std::uint8_t>& datagram) {
@@ -272,12 +272,8 @@ TEST(OSCServerDeathTest, TheUTCEpochDeliversAStandardSendersBundleOnTimeWestOfUT
 
 TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried) {
     auto holder = std::make_unique<UdpPeer>();  // bound without SO_REUSEPORT
-    auto main = std::make_shared<ManualQueue>();
-    std::vector<std::string> received;
-    auto server = OSCServer::create(holder->port(), nullptr, main, OSCServer::TimeTagMode::ignore,
-                                    [&](const OSCMessage& message, const OSCTimeTag&) {
-                                        received.emplace_back(message.addressPattern.rawAddress());
-                                    });
+    Fixture fixture(OSCServer::TimeTagMode::ignore, nullptr, holder->port());
+    const auto& server = fixture.server;
     try {
         server->start();
         FAIL() << "start() succeeded on a port held exclusively";
@@ -291,13 +287,12 @@ TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried
     holder.reset();
     ASSERT_NO_THROW(server->start());
     ASSERT_NO_THROW(server->start());
-    UdpPeer sender;
-    sender.sendTo(server->port(), bytes(OSCMessage("/again")));
-    EXPECT_TRUE(main->drainUntil([&] { return received.size() == 1; }, 5s));
+    fixture.sender.sendTo(server->port(), bytes(OSCMessage("/again")));
+    EXPECT_TRUE(fixture.waitFor(1));
 
     server->stop();
-    sender.sendTo(server->port(), bytes(OSCMessage("/stopped")));
-    EXPECT_FALSE(main->drainUntil([&] { return received.size() > 1; }, 100ms));
+    fixture.sender.sendTo(server->port(), bytes(OSCMessage("/stopped")));
+    EXPECT_FALSE(fixture.waitFor(2, 100ms));
 }
 
 // Port 0 binds both families to one port of the kernel's choice. What the server sends leaves
