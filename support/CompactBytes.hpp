@@ -110,6 +110,13 @@ class CompactBytes {
     ~CompactBytes() {
         if (!fitsInside()) shared_.~Shared();
     }
+    // As the constructor of the same arguments, made where this one is. Assigning a new object
+    // instead would copy its inside area with wide loads of bytes just stored in narrower,
+    // overlapping ones, which the processor cannot forward and waits for.
+    void assign(std::span<const std::uint8_t> bytes, const Buffer& buffer) {
+        this->~CompactBytes();
+        new (this) CompactBytes(bytes, buffer);
+    }
 
     const std::uint8_t* data() const noexcept { return fitsInside() ? inline_ : shared_.data; }
     std::size_t size() const noexcept { return size_; }

@@ -135,8 +135,7 @@ void OSCMessage::decodeFrom(std::span<const std::uint8_t> bytes,
     // blobs as views of `owner` (copies when there is none, the bytes being the caller's); a
     // fault further on throws, and the message goes with it.
     const auto header = argumentCheck::header(bytes);
-    addressPattern =
-        OSCAddressPattern(header.address(bytes.data()), owner, OSCAddressPattern::ASCII{});
+    addressPattern.assign(header.address(bytes.data()), owner, OSCAddressPattern::ASCII{});
     // Room for one value per tag past the leading comma, which is exact unless there are arrays
     // (whose elements allocate anyway) or stray commas; counting first would cost a pass.
     const auto tags = header.tags(bytes.data());

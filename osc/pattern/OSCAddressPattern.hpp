@@ -124,10 +124,11 @@ class OSCAddressPattern {
     struct ASCII {};
     // For text already known to be ASCII (a decoded address): no second look at each byte. A
     // long one shares `buffer`, the datagram it was found in.
-    OSCAddressPattern(std::string_view text, const std::shared_ptr<const std::uint8_t[]>& buffer,
-                      ASCII)
-        : rawAddress_(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()),
-                      buffer) {}
+    void assign(std::string_view text, const std::shared_ptr<const std::uint8_t[]>& buffer,
+                ASCII) {
+        rawAddress_.assign(
+            std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()), buffer);
+    }
 
     CompactBytes<48> rawAddress_;
 };
