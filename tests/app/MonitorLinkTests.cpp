@@ -16,6 +16,7 @@
 #include "app/RoundTripPlot.hpp"
 #include "osc/codec/OSCMessage.hpp"
 #include "tests/tools/NpmPeers.hpp"
+#include "tests/transport/OpensslProcess.hpp"
 
 namespace kavrin {
 namespace {

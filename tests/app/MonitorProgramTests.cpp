@@ -1,0 +1,163 @@
+// The built monitor run as its own process, as scripts/run starts it: headless in app_tests, and
+// on the private desktop in app_desktop_tests (KAVRIN_DESKTOP). Its pings are read off the wire,
+// its stdout off a pipe and its history out of its file.
+
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QSettings>
+#include <QtTest/QTest>
+
+#include "PrivateEnvironment.hpp"
+#include "SqliteFile.hpp"
+#include "osc/codec/OSCBundle.hpp"
+#include "tests/UdpPeer.hpp"
+#include "tests/transport/OpensslProcess.hpp"
+
+namespace kavrin {
+#ifdef KAVRIN_DESKTOP
+namespace test {
+// The display the desktop tests run on, e.g. ":1", as their main() started it; empty when none.
+const std::string& desktopDisplay();
+}  // namespace test
+#endif
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+
+// Pings go to `pingPort` on loopback; the monitor listens on `inPort`.
+class MonitorProgramTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+#ifdef KAVRIN_DESKTOP
+        if (test::desktopDisplay().empty()) GTEST_SKIP() << "Xvfb is not installed";
+#endif
+        QSettings stored(environment.settingsFile(), QSettings::IniFormat);
+        stored.setValue("ip", "127.0.0.1");
+        stored.setValue("OutPort", pingPort);
+        stored.setValue("InPort", inPort);
+    }
+
+    void startMonitor() {
+        std::vector<std::string> variables = {"XDG_CONFIG_HOME=" + environment.configHome().toStdString(),
+                                              "XDG_DATA_HOME=" + environment.dataHome().toStdString()};
+#ifdef KAVRIN_DESKTOP
+        // Under AddressSanitizer the X and D-Bus libraries keep memory until exit, which a leak
+        // check would call the monitor's; its own leaks are checked headless.
+        const char* asan = std::getenv("ASAN_OPTIONS");
+        variables.insert(variables.end(), {"QT_QPA_PLATFORM=xcb", "DISPLAY=" + test::desktopDisplay(),
+                                           "ASAN_OPTIONS=" + std::string(asan ? asan : "") + ":detect_leaks=0"});
+#else
+        variables.push_back("QT_QPA_PLATFORM=offscreen");
+#endif
+        monitor = std::make_unique<tcpTest::ChildProcess>(KAVRIN_MONITOR_PATH, std::vector<std::string>{},
+                                                         tcpTest::ChildProcess::Errors::separate, variables);
+        sinceStart.start();
+    }
+
+    test::PrivateEnvironment environment;
+    std::uint16_t pingPort = test::freeUdpPort();
+    std::uint16_t inPort = test::freeUdpPort();
+    const std::string started = "OSC Server started on port " + std::to_string(inPort);
+    std::unique_ptr<tcpTest::ChildProcess> monitor;
+    QElapsedTimer sinceStart;
+};
+
+TEST_F(MonitorProgramTest, PingsEveryTwoSecondsAndPrintsExactlyTheLinesItAlwaysHas) {
+    test::UdpPeer console(pingPort);
+    startMonitor();
+    const std::string sent = "Sent OSC ping to 127.0.0.1:" + std::to_string(pingPort) +
+                             " \xE2\x86\x92 pattern /eos/ping";
+    EXPECT_EQ(monitor->nextLine(10s), started);
+
+    const auto ping = console.receive(6s);
+    ASSERT_TRUE(ping.has_value()) << "no ping within 6 s";
+    EXPECT_GE(sinceStart.elapsed(), 1900) << "the first ping waits one interval";
+    EXPECT_LE(sinceStart.elapsed(), 4000);
+    EXPECT_EQ(*ping, test::oscMessageBytes("/eos/ping"));
+    EXPECT_EQ(monitor->nextLine(10s), sent);
+    const std::vector<std::vector<std::uint8_t>> replies = {
+        OSCMessage("/eos/out/ping/extra", {7}).rawData(),
+        OSCMessage("/other", {std::string("hi")}).rawData(),
+        {'n', 'o', 't', ' ', 'o', 's', 'c'},
+        OSCBundle(OSCTimeTag::immediate(), {OSCMessage("/a"), OSCMessage("/b")}).rawData(),
+    };
+    for (const auto& datagram : replies) console.sendTo(inPort, datagram);
+    monitor->linesThrough("Received OSC message: OSCMessage(\"/b\")");
+    monitor->nextLine(10s);
+    ASSERT_TRUE(console.receive(6s).has_value());
+    EXPECT_EQ(monitor->nextLine(10s), sent);
+
+    // SIGTERM goes through the quit flow, the tray icon giving Qt nothing to warn about: the
+    // program ends normally, having made its store and kept its settings.
+    EXPECT_EQ(monitor->stop(10s), 0) << monitor->errors();
+    EXPECT_THAT(monitor->errors(), ::testing::Not(HasSubstr("QSystemTrayIcon")));
+    EXPECT_TRUE(QFileInfo::exists(environment.storeFile()));
+    EXPECT_EQ(QSettings(environment.settingsFile(), QSettings::IniFormat).value("InPort").toInt(), inPort);
+    const std::string noMatch = "No match for expected pattern '/eos/out/ping'. OSCgood remains false\n";
+    EXPECT_EQ(monitor->output(),
+              started + "\n" + sent + "\n" +
+                  "Received OSC message: OSCMessage(\"/eos/out/ping/extra\") with values:\n"
+                  "  Int32: 7\n"
+                  "Matched expected pattern '/eos/out/ping'. Setting OSCgood = true\n"
+                  "Received OSC message: OSCMessage(\"/other\") with values:\n"
+                  "  String: hi\n" +
+                  noMatch + "Received OSC message: OSCMessage(\"/a\")\n" + noMatch +
+                  "Received OSC message: OSCMessage(\"/b\")\n" + noMatch + sent + "\n");
+}
+
+TEST_F(MonitorProgramTest, AStoredPortOutOfRangeStopsTheProgramAtTheFirstTick) {
+    QSettings(environment.settingsFile(), QSettings::IniFormat).setValue("OutPort", 70000);
+    startMonitor();
+    // Exits on its own, not by a signal, having sent and printed nothing more.
+    EXPECT_THAT(monitor->waitForExit(10s),
+                ::testing::Optional(::testing::AllOf(::testing::Gt(0), ::testing::Lt(128))));
+    EXPECT_EQ(monitor->output(), started + "\n");
+    EXPECT_THAT(monitor->errors(), HasSubstr("kavrin: fatal error: outgoing port 70000 is outside 0...65535\n"));
+}
+
+TEST_F(MonitorProgramTest, TheHistoryRecordsEachOutageAsTheResponderStopsAndStarts) {
+    startMonitor();
+    // Twice: two ticks answered, then two not. A tick shows the reply to the ping before it, so
+    // ticks 1, 4, 5 and 8 are red, the others green.
+    for (int round = 0; round < 2; ++round) {
+        tcpTest::ChildProcess responder(KAVRIN_RESPONDER_PATH, {"--listen", std::to_string(pingPort),
+                                                                "--reply-port", std::to_string(inPort)});
+        for (int tick = 0; tick < 2; ++tick) {
+            monitor->linesThrough("Sent OSC ping");
+            monitor->linesThrough("Matched");
+        }
+        ASSERT_TRUE(responder.stop(5s, SIGKILL));
+        monitor->linesThrough("Sent OSC ping");
+        monitor->linesThrough("Sent OSC ping");
+    }
+    // Started, how long until it ended (-1 while open), how it ended, and whether at the start.
+    test::SqliteFile::Rows rows;
+    const auto thirdOutageEndedBy = [&](const std::string& end) {
+        return QTest::qWaitFor(
+            [&] {
+                rows = test::SqliteFile(environment.dataHome() + "/Kavrin/history.sqlite", SQLITE_OPEN_READONLY)
+                           .rows("SELECT IFNULL(o.ended_at - o.started_at, -1), IFNULL(o.ended_by, ''), "
+                                 "o.started_at = r.started_at FROM outages o JOIN runs r ON r.id = o.run "
+                                 "ORDER BY o.id");
+                return rows.size() >= 3 && rows[2][1] == end;
+            },
+            5000);
+    };
+    ASSERT_TRUE(thirdOutageEndedBy("")) << "the paint of tick 8 is kept";
+    ASSERT_TRUE(monitor->stop(5s, SIGKILL));  // a crash during the outage
+
+    startMonitor();
+    ASSERT_TRUE(thirdOutageEndedBy("crash")) << "the next start closes what the crash left open";
+    EXPECT_EQ(monitor->stop(10s), 0) << monitor->errors();
+    ASSERT_EQ(rows.size(), 3u);
+    EXPECT_EQ(rows[0][2], "1") << "down from the first paint";
+    EXPECT_NEAR(std::stoll(rows[0][0]), 2000, 500);
+    EXPECT_EQ(rows[0][1], "recovered");
+    EXPECT_NEAR(std::stoll(rows[1][0]), 4000, 500) << "ticks 4 to 6";
+    EXPECT_EQ(rows[1][1], "recovered");
+    EXPECT_EQ(rows[2], (std::vector<std::string>{"0", "crash", "0"})) << "the crash came before the next paint";
+}
+
+}  // namespace
+}  // namespace kavrin
