@@ -210,16 +210,6 @@ TEST_F(MonitorLinkFaultsTest, ChangesTakeEffectAtTheNextTickAndNoPingWaitsForThe
     EXPECT_TRUE(read.size() >= first.size() && std::equal(first.begin(), first.end(), read.begin()));
 }
 
-TEST_F(MonitorLinkFaultsTest, APingFromTheListeningPortGoesOnlyWhileTheServerRuns) {
-    test::UdpPeer holder(inPort, "0.0.0.0");  // holds the port without sharing it
-    settings->store().setValue("PingFromInPort", true);
-    start();
-    EXPECT_EQ(tick(), "ERROR sending ping: The OSC server on port " + std::to_string(inPort) +
-                          " is not running.");
-    EXPECT_FALSE(pingSink.receive(100ms).has_value());
-    EXPECT_EQ(status(), "OSC IS DEAD!!!");
-}
-
 TEST_F(MonitorLinkFaultsTest, ABrokenConnectionCostsOnlyItselfAndTheWindowSaysWhy) {
     settings->store().setValue("OutPort", console.port());
     settings->store().setValue("Transport", "tcp");

@@ -1,11 +1,13 @@
 #include <QCheckBox>
 #include <QLabel>
 #include <QLineEdit>
+#include <QWindow>
 #include <QtTest/QTest>
 
 #include "DialogAnswerer.hpp"
 #include "MonitorHarness.hpp"
 #include "app/MessageLogView.hpp"
+#include "app/MyWindow.hpp"
 #include "osc/codec/OSCMessage.hpp"
 
 namespace kavrin {
@@ -33,7 +35,7 @@ class ViewControllerTest : public test::MonitorHarness {
     }
 };
 
-TEST_F(ViewControllerTest, StartUpFillsTheFieldsAndStartsTheServer) {
+TEST_F(ViewControllerTest, StartUpFillsTheFieldsAndStartsTheServerWhichOnlyCountsWhatItCannotRead) {
     settings->store().clear();
     settings->store().setValue("InPort", inPort);
     start();
@@ -44,10 +46,16 @@ TEST_F(ViewControllerTest, StartUpFillsTheFieldsAndStartsTheServer) {
     }
     EXPECT_EQ(fields, QStringList({"localhost", "8000", QString::number(inPort), "/eos/ping",
                                    "/eos/out/ping"}));
-    EXPECT_THAT(lines, ElementsAre("OSC Server started on port " + std::to_string(inPort)));
     // Nothing is painted before the first tick.
     EXPECT_NE(status(), "OSC IS DEAD!!!");
     EXPECT_NE(status(), "OSC IS ALIVE");
+
+    replier.sendTo(inPort, {'h', 'e', 'l', 'l', 'o'});             // not OSC
+    replier.sendTo(inPort, {'/', 'a', 0, 0, ',', 'i', 0, 0});      // an Int32 missing
+    replier.sendTo(inPort, {'/', 'c', 'a', 0xC3, 0xA9, 0, 0, 0});  // not ASCII
+    EXPECT_TRUE(shows("DroppedLab", "3 datagrams dropped (not OSC or undecodable)"));
+    EXPECT_THAT(lines, ElementsAre("OSC Server started on port " + std::to_string(inPort)))
+        << "drops print nothing";
 }
 
 TEST_F(ViewControllerTest, EachTickPaintsWhatArrivedSinceThePreviousOne) {
@@ -115,15 +123,6 @@ TEST_F(ViewControllerTest, AReplyMatchesWhenItsAddressContainsTheExpectedNonEmpt
                                                 QStringLiteral("caf\u00E9")));
 }
 
-TEST_F(ViewControllerTest, TheWindowCountsWhatCouldNotBeReadAndLogsNothingOfIt) {
-    start();
-    replier.sendTo(inPort, {'h', 'e', 'l', 'l', 'o'});             // not OSC
-    replier.sendTo(inPort, {'/', 'a', 0, 0, ',', 'i', 0, 0});      // an Int32 missing
-    replier.sendTo(inPort, {'/', 'c', 'a', 0xC3, 0xA9, 0, 0, 0});  // not ASCII
-    EXPECT_TRUE(shows("DroppedLab", "3 datagrams dropped (not OSC or undecodable)"));
-    EXPECT_TRUE(lines.size() == 1) << "only the start line: drops print nothing";
-}
-
 TEST_F(ViewControllerTest, OutgoingFieldChangesAreStoredAndUsedFromTheNextTick) {
     start();
     test::UdpPeer otherSink;
@@ -166,7 +165,7 @@ TEST_F(ViewControllerTest, AnIncomingPortChangeShowsTheNoticeAndTheServerKeepsIt
     EXPECT_EQ(user.seen[0].box, user.seen[1].box) << "one notice, reused";
     EXPECT_EQ(settings->store().value("InPort").toInt(), otherPort);
 
-    EXPECT_EQ(reply("/eos/out/ping", inPort).back(),
+    EXPECT_EQ(reply("/eos/out/ping").back(),
               "Matched expected pattern '/eos/out/ping'. Setting OSCgood = true");
 }
 
@@ -180,8 +179,16 @@ TEST_F(ViewControllerTest, AFailedServerStartIsLoggedAndTheMonitorRunsOn) {
                                    "OSC Server started on port " + std::to_string(inPort)));
     EXPECT_EQ(controller->advertiser().status(), "Not advertised: the OSC server is not running.");
 
+    // A ping from the listening port cannot go; any other can. The light is red either way.
+    auto* fromInPort = widget<QCheckBox>("PingFromInPortBox");
+    fromInPort->click();
+    EXPECT_EQ(tick(), "ERROR sending ping: The OSC server on port " + std::to_string(inPort) +
+                          " is not running.");
+    EXPECT_FALSE(pingSink.receive(100ms).has_value());
+    EXPECT_EQ(status(), "OSC IS DEAD!!!");
+    fromInPort->click();
     controller->sendPing();
-    EXPECT_EQ(nextPing(), test::oscMessageBytes("/eos/ping"));
+    nextPing();
     EXPECT_EQ(status(), "OSC IS DEAD!!!");
 }
 
@@ -201,6 +208,22 @@ TEST_F(ViewControllerTest, WithoutADaemonTheFindWindowSaysSoAndTheMonitorRunsAsB
     EXPECT_THAT(lines, ElementsAre("OSC Server started on port " + std::to_string(inPort),
                                    "Sent OSC ping to 127.0.0.1:" + std::to_string(pingSink.port()) +
                                        " \xE2\x86\x92 pattern /eos/ping"));
+}
+
+// As main() makes it: a translucent floating window that cannot be closed.
+TEST_F(ViewControllerTest, TheWindowFloatsTranslucentAndCannotBeClosed) {
+    start();
+    MyWindow window(controller.get());
+    window.windowDidLoad();
+    controller->show();
+
+    ASSERT_NE(controller->windowHandle(), nullptr);
+    EXPECT_DOUBLE_EQ(controller->windowHandle()->opacity(), 0.85);
+    EXPECT_TRUE(controller->testAttribute(Qt::WA_TranslucentBackground));
+    const auto shown = Qt::WindowStaysOnTopHint | Qt::CustomizeWindowHint | Qt::WindowTitleHint;
+    EXPECT_EQ(controller->windowFlags() & (shown | Qt::WindowCloseButtonHint), shown);
+    EXPECT_FALSE(controller->close());
+    EXPECT_TRUE(controller->isVisible());
 }
 
 using ViewControllerDeathTest = ViewControllerTest;
