@@ -9,14 +9,16 @@
 #include <QLabel>
 #include <QtTest/QTest>
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "MonitorHarness.hpp"
-#include "TcpPeer.hpp"
 #include "app/LinkConnection.hpp"
 #include "app/RoundTripPlot.hpp"
 #include "osc/codec/OSCMessage.hpp"
 #include "tests/tools/NpmPeers.hpp"
 #include "tests/transport/OpensslProcess.hpp"
+#include "tests/transport/TcpTestSupport.hpp"
 
 namespace kavrin {
 namespace {
@@ -29,6 +31,42 @@ using tcpTest::ChildProcess;
 #ifndef KAVRIN_LIBLO_CONSOLE
 #define KAVRIN_LIBLO_CONSOLE ""  // liblo-dev is not installed
 #endif
+
+// A plain TCP listener on 127.0.0.1, independent of the library under test, that takes one
+// connection at a time and writes to it whatever bytes a test gives: a console gone wrong.
+class TcpPeer {
+  public:
+    TcpPeer() : listener_(tcpTest::rawListen("127.0.0.1", &port_, 4)) {
+        EXPECT_TRUE(listener_) << std::strerror(errno);
+    }
+
+    std::uint16_t port() const { return port_; }
+
+    // Takes the next connection, hanging up the one before; false when none comes in time.
+    bool accept() {
+        hangUp();
+        connection_ = tcpTest::rawAccept(listener_.get(), 5s);
+        return bool(connection_);
+    }
+    void write(const std::vector<std::uint8_t>& bytes) {
+        EXPECT_TRUE(tcpTest::sendAll(connection_.get(), bytes)) << std::strerror(errno);
+    }
+    // Some bytes the monitor sent, or none within 5 s.
+    std::vector<std::uint8_t> read() {
+        std::vector<std::uint8_t> bytes(65536);
+        const ssize_t size = tcpTest::waitReadable(connection_.get(), 5s)
+                                 ? ::recv(connection_.get(), bytes.data(), bytes.size(), 0)
+                                 : 0;
+        bytes.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+        return bytes;
+    }
+    void hangUp() { connection_ = tcpTest::Fd(); }
+
+  private:
+    std::uint16_t port_ = 0;
+    tcpTest::Fd listener_;
+    tcpTest::Fd connection_;
+};
 
 // A link and a peer that answers it: the program, with "PORT" for the port it listens on, "IN"
 // for the monitor's listening port and "MODULES" for the npm peer's modules, and its first
@@ -59,7 +97,7 @@ class MonitorLinkTest : public test::MonitorHarness, public ::testing::WithParam
             ASSERT_FALSE(modules.empty());
         }
         stream = std::string(setup.transport) != "udp";
-        port = stream ? test::TcpPeer().port() : test::freeUdpPort();
+        port = stream ? TcpPeer().port() : test::freeUdpPort();
         settings->store().setValue("OutPort", port);
         settings->store().setValue("Transport", setup.transport);
         settings->store().setValue("PingFromInPort", setup.pingFromInPort);
@@ -174,7 +212,7 @@ class MonitorLinkFaultsTest : public test::MonitorHarness {
         return packet;
     }
 
-    test::TcpPeer console;
+    TcpPeer console;
 };
 
 TEST_F(MonitorLinkFaultsTest, ChangesTakeEffectAtTheNextTickAndNoPingWaitsForTheConnection) {
@@ -185,7 +223,7 @@ TEST_F(MonitorLinkFaultsTest, ChangesTakeEffectAtTheNextTickAndNoPingWaitsForThe
     EXPECT_TRUE(pingSink.receive(5s).has_value());
     EXPECT_EQ(settings->store().value("Transport"), "carrier pigeon");
 
-    const auto nobody = QString::number(test::TcpPeer().port());
+    const auto nobody = QString::number(TcpPeer().port());
     edit("OutPortText", nobody);
     auto* transport = widget<QComboBox>("TransportBox");
     transport->setCurrentText("tcp");
