@@ -123,31 +123,6 @@ TEST_F(ViewControllerTest, AReplyMatchesWhenItsAddressContainsTheExpectedNonEmpt
                                                 QStringLiteral("caf\u00E9")));
 }
 
-TEST_F(ViewControllerTest, OutgoingFieldChangesAreStoredAndUsedFromTheNextTick) {
-    start();
-    test::UdpPeer otherSink;
-    edit("IpText", "localhost");
-    edit("OutPortText", "  " + QString::number(otherSink.port()) + "xyz");
-    edit("OutMsgText", "/other/ping");
-
-    EXPECT_EQ(settings->store().value("ip"), "localhost");
-    EXPECT_EQ(settings->store().value("OutPort").toInt(), otherSink.port());
-    EXPECT_EQ(settings->store().value("ping"), "/other/ping");
-
-    controller->sendPing();
-    const auto ping = otherSink.receive(5s);
-    ASSERT_TRUE(ping.has_value());
-    EXPECT_EQ(*ping, test::oscMessageBytes("/other/ping"));
-    EXPECT_EQ(lines.back(), "Sent OSC ping to localhost:" + std::to_string(otherSink.port()) +
-                                " \xE2\x86\x92 pattern /other/ping");
-
-    // Not a number: stored as 0 and used as such until the next start reads the default.
-    edit("OutPortText", "abc");
-    EXPECT_EQ(settings->store().value("OutPort").toInt(), 0);
-    controller->sendPing();
-    EXPECT_EQ(lines.back(), "Sent OSC ping to localhost:0 \xE2\x86\x92 pattern /other/ping");
-}
-
 TEST_F(ViewControllerTest, AnIncomingPortChangeShowsTheNoticeAndTheServerKeepsItsPort) {
     start();
     const std::uint16_t otherPort = test::freeUdpPort();
