@@ -18,8 +18,8 @@ class DialogAnswerer {
         QPointer<QMessageBox> box;
         QString text;
         QString informativeText;
-        QStringList buttons;  // texts without mnemonics, in the order added
         bool applicationModal = false;
+        QStringList buttons;  // texts without mnemonics, in the order added
     };
 
     explicit DialogAnswerer(QStringList answers = {}) : answers_(std::move(answers)) {
@@ -32,26 +32,16 @@ class DialogAnswerer {
   private:
     void answer() {
         auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-        if (box == nullptr || !box->isVisible() || box == answered_) {
-            return;
-        }
+        if (box == nullptr || !box->isVisible() || box == answered_) return;
         answered_ = box;
-        Seen record{box,
-                    box->text(),
-                    box->informativeText(),
-                    {},
-                    box->windowModality() == Qt::ApplicationModal};
+        const QString answer = answers_.value(static_cast<qsizetype>(seen.size()));
+        Seen& record = seen.emplace_back(Seen{box, box->text(), box->informativeText(),
+                                              box->windowModality() == Qt::ApplicationModal, {}});
         QAbstractButton* chosen = nullptr;
-        const QString answer = seen.size() < std::size_t(answers_.size())
-                                   ? answers_[static_cast<qsizetype>(seen.size())]
-                                   : QString();
         for (QAbstractButton* button : box->buttons()) {
             record.buttons << button->text().remove(QLatin1Char('&'));
-            if (record.buttons.back() == answer) {
-                chosen = button;
-            }
+            if (record.buttons.back() == answer) chosen = button;
         }
-        seen.push_back(record);
         // Clicked from the event loop, not from inside this poll.
         QTimer::singleShot(0, box, [this, box, chosen] {
             chosen ? chosen->click() : box->reject();

@@ -4,6 +4,7 @@
 #include <QLineEdit>
 #include <QTimer>
 #include <QtTest/QTest>
+#include <algorithm>
 #include <cstdio>
 
 #include "PrivateEnvironment.hpp"
@@ -57,9 +58,9 @@ class MonitorHarness : public ::testing::Test {
     }
 
     // Sends a message with `address` to the monitor and waits until it has logged it; the lines.
-    std::vector<std::string> reply(const std::string& address, std::uint16_t port = 0) {
+    std::vector<std::string> reply(const std::string& address) {
         const std::size_t before = lines.size();
-        replier.sendTo(port != 0 ? port : inPort, oscMessageBytes(address));
+        replier.sendTo(inPort, oscMessageBytes(address));
         EXPECT_TRUE(QTest::qWaitFor([&] { return lines.size() >= before + 2; }, 5000))
             << "no reply logged for " << address;
         return {lines.begin() + static_cast<std::ptrdiff_t>(before), lines.end()};
@@ -86,15 +87,11 @@ class MonitorHarness : public ::testing::Test {
     }
 
     // Waits until a line starting with `prefix` is logged after the first `from` lines.
-    bool logged(const std::string& prefix, std::size_t from, int boundMs = 5000) {
-        return QTest::qWaitFor(
-            [&] {
-                for (std::size_t i = from; i < lines.size(); ++i) {
-                    if (lines[i].rfind(prefix, 0) == 0) return true;
-                }
-                return false;
-            },
-            boundMs);
+    bool logged(const std::string& prefix, std::size_t from) {
+        return QTest::qWaitFor([&] {
+            return std::any_of(lines.begin() + static_cast<std::ptrdiff_t>(from), lines.end(),
+                               [&](const std::string& line) { return line.starts_with(prefix); });
+        }, 5000);
     }
 
     PrivateEnvironment environment;
