@@ -4,7 +4,6 @@
 
 #include "DialogAnswerer.hpp"
 #include "PrivateEnvironment.hpp"
-#include "SqliteFile.hpp"
 #include "app/AppDelegate.hpp"
 
 namespace kavrin {

@@ -2,7 +2,7 @@
 #include <QtTest/QTest>
 #include <tuple>
 
-#include "SqliteFile.hpp"
+#include "PrivateEnvironment.hpp"
 #include "app/LinkHistory.hpp"
 #include "app/OutageCsv.hpp"
 #include "app/QtMainQueue.hpp"

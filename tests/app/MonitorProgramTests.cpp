@@ -8,7 +8,6 @@
 #include <QtTest/QTest>
 
 #include "PrivateEnvironment.hpp"
-#include "SqliteFile.hpp"
 #include "osc/codec/OSCBundle.hpp"
 #include "tests/UdpPeer.hpp"
 #include "tests/transport/OpensslProcess.hpp"
