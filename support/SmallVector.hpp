@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <concepts>
 #include <cstddef>
 #include <initializer_list>
 #include <iterator>
@@ -18,6 +19,9 @@ namespace kavrin {
 // are built and read with; growing past N allocates as std::vector does (doubling), and the
 // storage never shrinks back inside. Iterators and references are invalidated as std::vector's
 // are, and also by moving the vector while its elements are inside it.
+// An element type may name the objects whose destructor has nothing to do, with a function
+// `ownsNothing(const T&)` found by argument-dependent lookup; those are left undestroyed, which
+// for a variant saves an indirect call an element.
 // A plain value: distinct objects from any thread, a shared one for reading only.
 template <class T, std::size_t N>
 class SmallVector {
@@ -103,7 +107,7 @@ class SmallVector {
         if (capacity > capacity_) moveTo(allocate(capacity), capacity);
     }
     void clear() noexcept {
-        std::destroy(begin(), end());
+        destroy(begin(), end());
         size_ = 0;
     }
     void push_back(const T& item) { emplace_back(item); }
@@ -128,11 +132,14 @@ class SmallVector {
         moveTo(storage, capacity);
         return data_[size_++];
     }
-    void pop_back() noexcept { std::destroy_at(data_ + --size_); }
+    void pop_back() noexcept {
+        --size_;
+        destroy(end(), end() + 1);
+    }
     // Appends default-made elements, or drops elements from the end.
     void resize(std::size_t size) {
         if (size < size_) {
-            std::destroy(begin() + size, end());
+            destroy(begin() + size, end());
             size_ = size;
             return;
         }
@@ -154,6 +161,17 @@ class SmallVector {
     }
     std::size_t grownCapacity(std::size_t needed) const {
         return std::max(needed, capacity_ * 2);
+    }
+    static void destroy(T* first, T* last) noexcept {
+        if constexpr (requires(const T& item) {
+                          { ownsNothing(item) } -> std::convertible_to<bool>;
+                      }) {
+            for (; first != last; ++first) {
+                if (!ownsNothing(*first)) std::destroy_at(first);
+            }
+        } else {
+            std::destroy(first, last);
+        }
     }
     static T* allocate(std::size_t capacity) {
         return std::allocator<T>().allocate(capacity);
@@ -179,7 +197,7 @@ class SmallVector {
     // Moves the elements into `storage` (of `capacity`, on the heap) and makes it the vector's.
     void moveTo(T* storage, std::size_t capacity) {
         std::uninitialized_move(begin(), end(), storage);
-        std::destroy(begin(), end());
+        destroy(begin(), end());
         if (!isInline()) deallocate(data_, capacity_);
         data_ = storage;
         capacity_ = capacity;

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -79,9 +81,22 @@ enum class OSCValueKind : std::uint8_t {
     timeTag,
 };
 inline constexpr std::size_t oscValueKindCount = 14;
+static_assert(std::variant_size_v<OSCValue::variant> == oscValueKindCount);
 
 inline OSCValueKind kindOf(const OSCValue& value) {
     return static_cast<OSCValueKind>(value.index());
+}
+// Whether the value's destructor has nothing to do, so that a value list may leave it
+// undestroyed (see SmallVector): a bit test where the variant's destructor makes an indirect call.
+inline bool ownsNothing(const OSCValue& value) {
+    constexpr unsigned owning = []<std::size_t... kind>(std::index_sequence<kind...>) {
+        return ((unsigned{!std::is_trivially_destructible_v<
+                     std::variant_alternative_t<kind, OSCValue::variant>>}
+                 << kind) |
+                ...);
+    }(std::make_index_sequence<oscValueKindCount>{});
+    const std::size_t index = value.index();
+    return index >= oscValueKindCount || (owning >> index & 1) == 0;
 }
 // "Blob", "Float32", "Int32", "String", "Bool", "Character", "Double", "Int64", "OSCArrayValue",
 // "OSCImpulseValue", "OSCMIDIValue", "OSCNullValue", "OSCStringAltValue", "OSCTimeTag".
