@@ -41,11 +41,14 @@ struct OSCMessage {
     OSCMessage() {}
     OSCMessage(OSCAddressPattern pattern, OSCValueList values = {});
     OSCMessage(OSCAddressPattern pattern, std::initializer_list<OSCValue> values);
-    // Each value made in place from what it is made from: `OSCMessage("/a", 1, 0.5f, "text")`.
-    // The quickest way to build a message in code: no list to copy the values out of.
-    template <class... Values>
-        requires(sizeof...(Values) > 0 && (std::constructible_from<OSCValue, Values&&> && ...))
-    OSCMessage(OSCAddressPattern pattern, Values&&... values) : addressPattern(std::move(pattern)) {
+    // The address and each value made in place from what they are made from:
+    // `OSCMessage("/a", 1, 0.5f, "text")`. The quickest way to build a message in code: no list
+    // to copy the values out of, and no address made first and moved in.
+    template <class Pattern, class... Values>
+        requires(std::constructible_from<OSCAddressPattern, Pattern &&> && sizeof...(Values) > 0 &&
+                 (std::constructible_from<OSCValue, Values &&> && ...))
+    OSCMessage(Pattern&& pattern, Values&&... values)
+        : addressPattern(std::forward<Pattern>(pattern)) {
         if constexpr (sizeof...(Values) > oscValueListInlineCount) {
             this->values.reserve(sizeof...(Values));
         }
