@@ -43,15 +43,13 @@ TEST_F(MonitorZeroconfTest, FindFillsHostPortAndLinkFromTheDeviceChosen) {
     auto& responder = run(KAVRIN_RESPONDER_PATH, {"--listen", "0", "--slip", "--advertise",
                                                   named("Query desk"), "--oscquery", "0"});
     const std::string listening = responder.linesThrough("osc_ping_responder: listening").back();
-    const QString slipPort = QString::fromStdString(listening).section(' ', 5, 5);
+    const std::string slipPort = QString::fromStdString(listening).section(' ', 5, 5).toStdString();
     start();
     controller->showFind();
 
+    const auto text = [](const QVariant& value) { return value.toString().toStdString(); };
     const struct {
-        std::string name;
-        QString type;
-        QString port;
-        QString link;
+        std::string name, type, port, link;
     } cases[] = {
         {named("Tcp desk"), "_osc._tcp", "9202", "tcp"},
         {named("Slip desk"), "_osc._tcp", "9203", "slip"},
@@ -62,29 +60,28 @@ TEST_F(MonitorZeroconfTest, FindFillsHostPortAndLinkFromTheDeviceChosen) {
         auto* list = widget<QTreeWidget>("DeviceList");
         QTreeWidgetItem* row = nullptr;
         // An OSCQuery row says tcp until the device's own _osc._tcp record has been seen too.
-        const QString pingsGo = c.link + " 127.0.0.1:" + c.port;
-        ASSERT_TRUE(QTest::qWaitFor(
-            [&] {
-                const auto rows = list->findItems(QString::fromStdString(c.name), Qt::MatchExactly);
-                const auto it = std::find_if(rows.begin(), rows.end(), [&](QTreeWidgetItem* item) {
-                    return item->data(0, Qt::UserRole) == c.type && item->text(2) == pingsGo;
-                });
-                row = it == rows.end() ? nullptr : *it;
-                return row != nullptr;
-            },
-            10000))
-            << c.name << " " << c.type.toStdString() << " not found as " << pingsGo.toStdString()
-            << "; " << label("FindStatusLab").toStdString();
+        const std::string pingsGo = c.link + " 127.0.0.1:" + c.port;
+        const auto name = QString::fromStdString(c.name);
+        ASSERT_TRUE(QTest::qWaitFor([&] {
+            for (auto* item : list->findItems(name, Qt::MatchExactly)) {
+                if (text(item->data(0, Qt::UserRole)) == c.type && text(item->text(2)) == pingsGo) {
+                    row = item;
+                }
+            }
+            return row != nullptr;
+        }, 10000)) << c.name << " " << c.type << " not found as " << pingsGo << "; "
+                   << text(label("FindStatusLab"));
         list->setCurrentItem(row);
         widget<QPushButton>("UseButton")->click();
 
-        const auto text = [](const QString& value) { return value.toStdString(); };
-        EXPECT_EQ(text(widget<QLineEdit>("IpText")->text()), "127.0.0.1") << c.name;
-        EXPECT_EQ(widget<QLineEdit>("OutPortText")->text(), c.port) << c.name;
-        EXPECT_EQ(text(widget<QComboBox>("TransportBox")->currentText()), text(c.link)) << c.name;
-        EXPECT_EQ(text(settings->store().value("ip").toString()), "127.0.0.1") << c.name;
-        EXPECT_EQ(settings->store().value("OutPort").toString(), c.port) << c.name;
-        EXPECT_EQ(text(settings->store().value("Transport").toString()), text(c.link)) << c.name;
+        // Host, port and link, in the fields and in the settings.
+        const auto field = [&](const char* name) { return text(widget<QLineEdit>(name)->text()); };
+        const auto stored = [&](const char* key) { return text(settings->store().value(key)); };
+        EXPECT_THAT((std::vector{field("IpText"), field("OutPortText"),
+                                 text(widget<QComboBox>("TransportBox")->currentText()),
+                                 stored("ip"), stored("OutPort"), stored("Transport")}),
+                    ElementsAre("127.0.0.1", c.port, c.link, "127.0.0.1", c.port, c.link))
+            << c.name;
         controller->showFind();  // a choice closes the window
     }
     EXPECT_THAT(lines, ElementsAre("OSC Server started on port " + std::to_string(inPort)));
