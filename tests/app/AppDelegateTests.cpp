@@ -23,25 +23,12 @@ class StoreLock : public test::SqliteFile {
     void release() { rows("ROLLBACK"); }
 };
 
-// Collects what goes to Qt's system log.
-std::vector<std::string> systemLog;
-void collect(QtMsgType, const QMessageLogContext&, const QString& message) {
-    systemLog.push_back(message.toStdString());
-}
-
 class AppDelegateTest : public ::testing::Test {
   protected:
-    AppDelegateTest() {
-        systemLog.clear();
-        previousHandler = qInstallMessageHandler(collect);
-    }
-    ~AppDelegateTest() override { qInstallMessageHandler(previousHandler); }
-
     StoreContext& context() { return delegate->persistentContainer().viewContext(); }
 
     test::PrivateEnvironment environment;
     std::unique_ptr<AppDelegate> delegate = std::make_unique<AppDelegate>();
-    QtMessageHandler previousHandler = nullptr;
 };
 
 TEST_F(AppDelegateTest, WithNothingToSaveQuittingIsImmediateAndTheStoreIsMadeOnDemand) {
@@ -96,12 +83,18 @@ TEST_F(AppDelegateTest, AFailedSaveIsShownAndAtQuitAsksWhetherToQuitAnyway) {
 }
 
 TEST_F(AppDelegateTest, AnEditorThatCannotCommitCancelsTheQuitButNotASave) {
+    static std::vector<std::string> systemLog;  // Qt's log, collected
+    const QtMessageHandler previous = qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext&, const QString& message) {
+            systemLog.push_back(message.toStdString());
+        });
     bool commits = false;
     context().addEditor([&] { return commits; });
     context().setValue("key", "value");
 
     EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::cancel);
     delegate->saveAction();
+    qInstallMessageHandler(previous);
     EXPECT_THAT(systemLog,
                 ElementsAre("kavrin::AppDelegate unable to commit editing to terminate",
                             "kavrin::AppDelegate unable to commit editing before saving"));
