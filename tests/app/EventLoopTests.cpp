@@ -80,7 +80,7 @@ class CapturedStdout {
     int pipe_[2] = {-1, -1};
 };
 
-TEST(StdoutLinesTest, ALineLeavesAtOnceOrWhenItsOutermostBatchCloses) {
+TEST(StdoutLinesTest, ALineLeavesAtOnceOrWhenItsOutermostBatchEndsAndAMainQueueFloodIsBatched) {
     CapturedStdout stdout_;
     StdoutLines::write("one");
     EXPECT_EQ(stdout_.written(), "one\n");
@@ -94,10 +94,8 @@ TEST(StdoutLinesTest, ALineLeavesAtOnceOrWhenItsOutermostBatchCloses) {
         EXPECT_EQ(stdout_.written(), "") << "the outer batch is still open";
     }
     EXPECT_EQ(stdout_.written(), "two\nthree \xE2\x86\x92 four\n");
-}
 
-TEST(QtMainQueueTest, RunsAFloodInOrderInBatchesEachWrittenAsItEnds) {
-    CapturedStdout stdout_;
+    // The main queue runs a flood in order, in batches, each written as it ends.
     auto queue = std::make_shared<QtMainQueue>();
     std::vector<int> ran;
     std::vector<std::string> seenAtStart;  // what stdout held as each item began
