@@ -5,7 +5,6 @@
 #include <QTimer>
 #include <QtTest/QTest>
 #include <algorithm>
-#include <cstdio>
 
 #include "PrivateEnvironment.hpp"
 #include "app/MonitorSettings.hpp"
@@ -28,12 +27,8 @@ class MonitorHarness : public ::testing::Test {
 
     void start() {
         controller = std::make_unique<ViewController>(
-            *settings, std::make_shared<QtMainQueue>(), [this](const std::string& line) {
-                lines.push_back(line);
-                if (echoToStderr) {  // lets a death test see what was logged before the end
-                    std::fprintf(stderr, "%s\n", line.c_str());
-                }
-            });
+            *settings, std::make_shared<QtMainQueue>(),
+            [this](const std::string& line) { lines.push_back(line); });
         controller->viewDidLoad();
         controller->findChild<QTimer*>(QStringLiteral("PingTimer"))->stop();
     }
@@ -100,7 +95,6 @@ class MonitorHarness : public ::testing::Test {
     std::uint16_t inPort = freeUdpPort();
     std::unique_ptr<MonitorSettings> settings = std::make_unique<MonitorSettings>();
     std::vector<std::string> lines;
-    bool echoToStderr = false;
     std::unique_ptr<ViewController> controller;
 };
 

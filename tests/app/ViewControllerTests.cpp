@@ -200,18 +200,12 @@ TEST_F(ViewControllerTest, TheWindowFloatsTranslucentAndCannotBeClosed) {
 using ViewControllerDeathTest = ViewControllerTest;
 
 TEST_F(ViewControllerDeathTest, BrokenInvariantsStopTheProgramWhereTheyAreMet) {
-    echoToStderr = true;
     start();
 
-    // Any 32-bit port may be stored; out of range it stops the tick before the send.
-    edit("OutPortText", "70000");
-    EXPECT_EQ(settings->store().value("OutPort").toInt(), 70000);
-    EXPECT_DEATH(controller->sendPing(),
-                 ::testing::AllOf(HasSubstr("kavrin: fatal error: outgoing port 70000 is "
-                                            "outside 0...65535\n"),
-                                  ::testing::Not(HasSubstr("Sent OSC ping"))));
+    // Out of range a stored port stops the tick before the send (above the range: the program
+    // tests, which see nothing sent).
     edit("OutPortText", "-1");
-    EXPECT_DEATH(controller->sendPing(), "outgoing port -1 is outside 0...65535");
+    EXPECT_DEATH(controller->sendPing(), "fatal error: outgoing port -1 is outside 0...65535");
 
     delete widget<QLabel>("StatusLab");
     edit("OutPortText", QString::number(pingSink.port()));
