@@ -17,7 +17,7 @@ OSCService found(std::string type, std::uint16_t port, std::vector<std::string> 
 
 const std::vector<std::string> bothFamilies = {"192.168.1.20", "fe80::1"};
 
-TEST(DeviceChoice, FollowsTheTypeAndTheFramingAndPrefersIPv4) {
+TEST(DeviceChoice, FollowsTheTypeTheFramingAndAnOSCQueryDevicesHostInfoAndPrefersIPv4) {
     const struct {
         OSCService service;
         std::optional<DeviceChoice> choice;
@@ -38,11 +38,9 @@ TEST(DeviceChoice, FollowsTheTypeAndTheFramingAndPrefersIPv4) {
             << c.service.type << " port " << c.service.port << ", " << c.service.addresses.size()
             << " addresses, " << c.service.txt.size() << " TXT records";
     }
-}
 
-TEST(DeviceChoice, OfAnOSCQueryDeviceFollowsItsHostInfo) {
+    // An OSCQuery device by its HOST_INFO, and its stream port's record, which says how it frames.
     const OSCService query = found("_oscjson._tcp", 5678, bothFamilies);
-    // The same device's stream port, which says how it frames.
     const std::vector<OSCService> others = {query, found("_osc._tcp", 3037, bothFamilies, {{"framing", "slip"}})};
     const auto info = [](std::string address, std::uint16_t port, OSCQueryTransport transport) {
         return OSCQueryHostInfo{"", std::move(address), port, transport, {}};
@@ -50,7 +48,7 @@ TEST(DeviceChoice, OfAnOSCQueryDeviceFollowsItsHostInfo) {
     const struct {
         OSCQueryHostInfo info;
         std::optional<DeviceChoice> choice;
-    } cases[] = {
+    } queryCases[] = {
         {info("", 8000, OSCQueryTransport::udp), DeviceChoice{"192.168.1.20", 8000, Transport::udp}},
         {info("10.0.0.5", 8000, OSCQueryTransport::udp), DeviceChoice{"10.0.0.5", 8000, Transport::udp}},
         {info("0.0.0.0", 8000, OSCQueryTransport::udp), DeviceChoice{"192.168.1.20", 8000, Transport::udp}},
@@ -60,7 +58,7 @@ TEST(DeviceChoice, OfAnOSCQueryDeviceFollowsItsHostInfo) {
         {info("10.0.0.5", 3037, OSCQueryTransport::tcp), DeviceChoice{"10.0.0.5", 3037, Transport::tcp}},
         {info("", 0, OSCQueryTransport::udp), std::nullopt},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : queryCases) {
         EXPECT_EQ(DeviceChoice::of(query, c.info, others), c.choice)
             << "OSC_IP \"" << c.info.oscAddress << "\", OSC_PORT " << c.info.oscPort;
     }
