@@ -69,7 +69,8 @@ class CapturedStdout {
         std::string text;
         pollfd readable{pipe_[0], POLLIN, 0};
         char chunk[4096];
-        for (ssize_t n; ::poll(&readable, 1, 0) == 1 && (n = ::read(pipe_[0], chunk, sizeof chunk)) > 0;) {
+        for (ssize_t n;
+             ::poll(&readable, 1, 0) == 1 && (n = ::read(pipe_[0], chunk, sizeof chunk)) > 0;) {
             text.append(chunk, static_cast<std::size_t>(n));
         }
         return text;

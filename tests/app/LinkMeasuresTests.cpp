@@ -54,11 +54,11 @@ TEST(PingTimesTest, AReplyAnswersItsOwnNumberedPingOrElseTheLastOneOnce) {
 TEST(LinkStatusTextTest, EachLineUnderTheLight) {
     using State = LinkConnection::State;
     const auto now = steady_clock::now();
-    const auto connection = [&](State state, bool wasConnected, bool refused, std::optional<std::string> reason,
-                                std::optional<LinkConnection::FramingHint> hint = std::nullopt) {
+    const auto line = [&](State state, bool wasConnected, bool refused, std::optional<std::string> reason,
+                          std::optional<LinkConnection::FramingHint> hint = std::nullopt) {
         return connectionLine({state, "tcp", "10.0.0.5", 3032, wasConnected, refused, std::move(reason),
-                               now + milliseconds(550), std::move(hint)},
-                              now);
+                                now + milliseconds(550), std::move(hint)},
+                               now);
     };
     const struct {
         QString text;
@@ -89,18 +89,17 @@ TEST(LinkStatusTextTest, EachLineUnderTheLight) {
         {durationText(milliseconds(1'999)), "0:00:02"},
         {durationText(hours(12) + minutes(3) + seconds(55)), "12:03:55"},
         // The connection says how it ended and when it is tried again.
-        {connection(State::none, false, false, {}), ""},
-        {connection(State::connecting, false, false, {}), "tcp 10.0.0.5:3032: connecting\u2026"},
-        {connection(State::connected, false, false, {}), "tcp 10.0.0.5:3032: connected, replies come over it"},
-        {connection(State::waiting, false, true, "Connection refused"),
-         "tcp 10.0.0.5:3032: refused, retrying in 0.6 s"},
-        {connection(State::waiting, false, false, "Attempt to connect to host timed out"),
+        {line(State::none, false, false, {}), ""},
+        {line(State::connecting, false, false, {}), "tcp 10.0.0.5:3032: connecting\u2026"},
+        {line(State::connected, false, false, {}), "tcp 10.0.0.5:3032: connected, replies come over it"},
+        {line(State::waiting, false, true, "Connection refused"), "tcp 10.0.0.5:3032: refused, retrying in 0.6 s"},
+        {line(State::waiting, false, false, "Attempt to connect to host timed out"),
          "tcp 10.0.0.5:3032: could not connect (Attempt to connect to host timed out), retrying in 0.6 s"},
-        {connection(State::waiting, true, false, {}), "tcp 10.0.0.5:3032: closed by the console, retrying in 0.6 s"},
-        {connection(State::connecting, true, false, "Read operation timed out", LinkConnection::FramingHint{"tcp", true}),
+        {line(State::waiting, true, false, {}), "tcp 10.0.0.5:3032: closed by the console, retrying in 0.6 s"},
+        {line(State::connecting, true, false, "Read operation timed out", LinkConnection::FramingHint{"tcp", true}),
          "tcp 10.0.0.5:3032: connecting\u2026 (last: closed (Read operation timed out))\n"
          "The console's bytes look like tcp framing: set the link to tcp?"},
-        {connection(State::waiting, true, false, {}, LinkConnection::FramingHint{"slip", false}),
+        {line(State::waiting, true, false, {}, LinkConnection::FramingHint{"slip", false}),
          "tcp 10.0.0.5:3032: closed by the console, retrying in 0.6 s\n"
          "The console hung up without answering: does it expect slip?"},
     };

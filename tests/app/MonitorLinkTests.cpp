@@ -303,7 +303,10 @@ TEST_F(MonitorLinkFaultsTest, ABrokenConnectionCostsOnlyItselfAndTheWindowSaysWh
     int pings = 0, lost = 0;
     ASSERT_TRUE(QTest::qWaitFor([&] {
         pings = lost = 0;
-        for (const auto& bucket : plot->shown().buckets) { pings += bucket.pings; lost += bucket.lost; }
+        for (const auto& bucket : plot->shown().buckets) {
+            pings += bucket.pings;
+            lost += bucket.lost;
+        }
         return pings == 3;
     }, 5000)) << pings << " pings shown";
     EXPECT_EQ(lost, 2) << "all but the latest, still awaited";

@@ -22,6 +22,7 @@ const std::string& desktopDisplay();
 namespace {
 
 using namespace std::chrono_literals;
+using tcpTest::ChildProcess;
 using ::testing::HasSubstr;
 
 // Pings go to `pingPort` on loopback; the monitor listens on `inPort`.
@@ -37,20 +38,18 @@ class MonitorProgramTest : public ::testing::Test {
         stored.setValue("InPort", inPort);
     }
 
+    // The monitor inherits this process's environment: the private one, the platform and the
+    // display.
     void startMonitor() {
-        std::vector<std::string> variables = {"XDG_CONFIG_HOME=" + environment.configHome().toStdString(),
-                                              "XDG_DATA_HOME=" + environment.dataHome().toStdString()};
+        std::vector<std::string> variables;
 #ifdef KAVRIN_DESKTOP
         // Under AddressSanitizer the X and D-Bus libraries keep memory until exit, which a leak
         // check would call the monitor's; its own leaks are checked headless.
         const char* asan = std::getenv("ASAN_OPTIONS");
-        variables.insert(variables.end(), {"QT_QPA_PLATFORM=xcb", "DISPLAY=" + test::desktopDisplay(),
-                                           "ASAN_OPTIONS=" + std::string(asan ? asan : "") + ":detect_leaks=0"});
-#else
-        variables.push_back("QT_QPA_PLATFORM=offscreen");
+        variables.push_back("ASAN_OPTIONS=" + std::string(asan ? asan : "") + ":detect_leaks=0");
 #endif
-        monitor = std::make_unique<tcpTest::ChildProcess>(KAVRIN_MONITOR_PATH, std::vector<std::string>{},
-                                                         tcpTest::ChildProcess::Errors::separate, variables);
+        monitor = std::make_unique<ChildProcess>(KAVRIN_MONITOR_PATH, std::vector<std::string>{},
+                                                 ChildProcess::Errors::separate, variables);
         sinceStart.start();
     }
 
@@ -58,7 +57,7 @@ class MonitorProgramTest : public ::testing::Test {
     std::uint16_t pingPort = test::freeUdpPort();
     std::uint16_t inPort = test::freeUdpPort();
     const std::string started = "OSC Server started on port " + std::to_string(inPort);
-    std::unique_ptr<tcpTest::ChildProcess> monitor;
+    std::unique_ptr<ChildProcess> monitor;
     QElapsedTimer sinceStart;
 };
 
@@ -92,8 +91,10 @@ TEST_F(MonitorProgramTest, PingsEveryTwoSecondsAndPrintsExactlyTheLinesItAlwaysH
     EXPECT_EQ(monitor->stop(10s), 0) << monitor->errors();
     EXPECT_THAT(monitor->errors(), ::testing::Not(HasSubstr("QSystemTrayIcon")));
     EXPECT_TRUE(QFileInfo::exists(environment.storeFile()));
-    EXPECT_EQ(QSettings(environment.settingsFile(), QSettings::IniFormat).value("InPort").toInt(), inPort);
-    const std::string noMatch = "No match for expected pattern '/eos/out/ping'. OSCgood remains false\n";
+    EXPECT_EQ(QSettings(environment.settingsFile(), QSettings::IniFormat).value("InPort").toInt(),
+              inPort);
+    const std::string noMatch =
+        "No match for expected pattern '/eos/out/ping'. OSCgood remains false\n";
     EXPECT_EQ(monitor->output(),
               started + "\n" + sent + "\n" +
                   "Received OSC message: OSCMessage(\"/eos/out/ping/extra\") with values:\n"
@@ -112,7 +113,8 @@ TEST_F(MonitorProgramTest, AStoredPortOutOfRangeStopsTheProgramAtTheFirstTick) {
     EXPECT_THAT(monitor->waitForExit(10s),
                 ::testing::Optional(::testing::AllOf(::testing::Gt(0), ::testing::Lt(128))));
     EXPECT_EQ(monitor->output(), started + "\n");
-    EXPECT_THAT(monitor->errors(), HasSubstr("kavrin: fatal error: outgoing port 70000 is outside 0...65535\n"));
+    EXPECT_THAT(monitor->errors(),
+                HasSubstr("kavrin: fatal error: outgoing port 70000 is outside 0...65535\n"));
 }
 
 TEST_F(MonitorProgramTest, TheHistoryRecordsEachOutageAsTheResponderStopsAndStarts) {
@@ -120,8 +122,8 @@ TEST_F(MonitorProgramTest, TheHistoryRecordsEachOutageAsTheResponderStopsAndStar
     // Twice: two ticks answered, then two not. A tick shows the reply to the ping before it, so
     // ticks 1, 4, 5 and 8 are red, the others green.
     for (int round = 0; round < 2; ++round) {
-        tcpTest::ChildProcess responder(KAVRIN_RESPONDER_PATH, {"--listen", std::to_string(pingPort),
-                                                                "--reply-port", std::to_string(inPort)});
+        ChildProcess responder(KAVRIN_RESPONDER_PATH, {"--listen", std::to_string(pingPort),
+                                                       "--reply-port", std::to_string(inPort)});
         for (int tick = 0; tick < 2; ++tick) {
             monitor->linesThrough("Sent OSC ping");
             monitor->linesThrough("Matched");
@@ -130,15 +132,17 @@ TEST_F(MonitorProgramTest, TheHistoryRecordsEachOutageAsTheResponderStopsAndStar
         monitor->linesThrough("Sent OSC ping");
         monitor->linesThrough("Sent OSC ping");
     }
-    // Started, how long until it ended (-1 while open), how it ended, and whether at the start.
+    // Each outage: how long until it ended (-1 while open), how it ended, and whether it began
+    // with its run.
+    const QString file = environment.dataHome() + "/Kavrin/history.sqlite";
+    const char* const outages =
+        "SELECT IFNULL(o.ended_at - o.started_at, -1), IFNULL(o.ended_by, ''), "
+        "o.started_at = r.started_at FROM outages o JOIN runs r ON r.id = o.run ORDER BY o.id";
     test::SqliteFile::Rows rows;
     const auto thirdOutageEndedBy = [&](const std::string& end) {
         return QTest::qWaitFor(
             [&] {
-                rows = test::SqliteFile(environment.dataHome() + "/Kavrin/history.sqlite", SQLITE_OPEN_READONLY)
-                           .rows("SELECT IFNULL(o.ended_at - o.started_at, -1), IFNULL(o.ended_by, ''), "
-                                 "o.started_at = r.started_at FROM outages o JOIN runs r ON r.id = o.run "
-                                 "ORDER BY o.id");
+                rows = test::SqliteFile(file, SQLITE_OPEN_READONLY).rows(outages);
                 return rows.size() >= 3 && rows[2][1] == end;
             },
             5000);
@@ -155,7 +159,8 @@ TEST_F(MonitorProgramTest, TheHistoryRecordsEachOutageAsTheResponderStopsAndStar
     EXPECT_EQ(rows[0][1], "recovered");
     EXPECT_NEAR(std::stoll(rows[1][0]), 4000, 500) << "ticks 4 to 6";
     EXPECT_EQ(rows[1][1], "recovered");
-    EXPECT_EQ(rows[2], (std::vector<std::string>{"0", "crash", "0"})) << "the crash came before the next paint";
+    EXPECT_EQ(rows[2], (std::vector<std::string>{"0", "crash", "0"}))
+        << "the crash came before the next paint";
 }
 
 }  // namespace

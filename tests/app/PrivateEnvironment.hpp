@@ -15,8 +15,9 @@ inline void withoutAvahi() {
     qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/kavrin-tests/bus");
 }
 
-// Points the user's configuration and data at a fresh temporary directory, so that the
-// settings file and the store of one test never meet those of another, or the user's.
+// Points the user's configuration and data, for this process and the monitors it starts, at a
+// fresh temporary directory, so that the settings file and the store of one test never meet
+// those of another, or the user's.
 class PrivateEnvironment {
   public:
     PrivateEnvironment() {
@@ -42,7 +43,8 @@ class SqliteFile {
   public:
     using Rows = std::vector<std::vector<std::string>>;
 
-    explicit SqliteFile(const QString& path, int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) {
+    explicit SqliteFile(const QString& path,
+                        int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) {
         EXPECT_EQ(sqlite3_open_v2(path.toUtf8().constData(), &db_, flags, nullptr), SQLITE_OK);
         sqlite3_busy_timeout(db_, 5000);
     }

@@ -122,7 +122,9 @@ int main(int argc, char* argv[]) {
     if (!GTEST_FLAG_GET(list_tests)) {
         // Xvfb picks a free display and writes its number to the descriptor given: its output.
         server = std::make_unique<ChildProcess>(
-            "Xvfb", std::vector<std::string>{"-displayfd", "1", "-screen", "0", "1024x768x24", "-nolisten", "tcp"},
+            "Xvfb",
+            std::vector<std::string>{"-displayfd", "1", "-screen", "0", "1024x768x24", "-nolisten",
+                                     "tcp"},
             ChildProcess::Errors::separate);
         const auto number = server->nextLine(std::chrono::seconds(10));
         if (number && !number->empty()) display = ":" + *number;
@@ -130,7 +132,8 @@ int main(int argc, char* argv[]) {
     if (display.empty()) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
     } else {
-        windowManager = std::make_unique<ChildProcess>("jwm", std::vector<std::string>{"-display", display});
+        windowManager =
+            std::make_unique<ChildProcess>("jwm", std::vector<std::string>{"-display", display});
         qputenv("DISPLAY", QByteArray::fromStdString(display));
         qputenv("QT_QPA_PLATFORM", "xcb");
     }
@@ -138,7 +141,7 @@ int main(int argc, char* argv[]) {
     QApplication app(argc, argv);
     if (!display.empty()) {
         // jwm takes the tray a moment after it starts; the tray test reports one that never came.
-        static_cast<void>(QTest::qWaitFor([] { return QSystemTrayIcon::isSystemTrayAvailable(); }, 10'000));
+        static_cast<void>(QTest::qWaitFor(&QSystemTrayIcon::isSystemTrayAvailable, 10'000));
     }
     return RUN_ALL_TESTS();
 }
