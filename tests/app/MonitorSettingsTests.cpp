@@ -30,21 +30,6 @@ class MonitorSettingsTest : public ::testing::Test {
     std::unique_ptr<MonitorSettings> settings = std::make_unique<MonitorSettings>();
 };
 
-TEST_F(MonitorSettingsTest, MissingAndUnusableValuesReadAsTheDefaults) {
-    EXPECT_EQ(settings->store().fileName(), environment.settingsFile());
-    EXPECT_EQ(values(*settings), Values("localhost", 8000, 8001, "/eos/ping", "/eos/out/ping",
-                                        "udp", false, false, true));
-
-    settings->store().setValue("OutPort", 0);  // 0 means the default
-    settings->store().setValue("InPort", "not a number");
-    settings->store().setValue("Reply", QStringList{"two", "values"});
-    settings->store().setValue("ip", "");  // an empty string is a value
-    settings->store().setValue("ping", 42);
-    settings->store().setValue("NumberPings", "maybe");
-    EXPECT_EQ(values(*reopen()),
-              Values("", 8000, 8001, "42", "/eos/out/ping", "udp", false, false, true));
-}
-
 TEST_F(MonitorSettingsTest, PortsAreStoredAsTheLeadingNumberWithoutRangeCheck) {
     const struct {
         QString typed;
@@ -68,20 +53,31 @@ TEST_F(MonitorSettingsTest, PortsAreStoredAsTheLeadingNumberWithoutRangeCheck) {
     }
 }
 
-TEST_F(MonitorSettingsTest, WrittenValuesSurviveARestart) {
-    settings->ip.set("");
+TEST_F(MonitorSettingsTest, WrittenValuesSurviveARestartAndMissingOrUnusableOnesReadAsDefaults) {
+    EXPECT_EQ(settings->store().fileName(), environment.settingsFile());
+    EXPECT_EQ(values(*settings), Values("localhost", 8000, 8001, "/eos/ping", "/eos/out/ping",
+                                        "udp", false, false, true));
+
+    settings->ip.set("");  // an empty string is a value
     settings->ping.set("  /with spaces, and \u2192 commas ");
     settings->reply.set("@at sign");
     MonitorSettings::writePort(settings->outPort, u"-5");  // loaded unchanged, checked when used
     MonitorSettings::writePort(settings->inPort, u"99999999999");
     settings->transport.set("slip");
     settings->pingFromInPort.set(true);
-    const auto stored = reopen();
-
+    settings = reopen();
     EXPECT_TRUE(QFileInfo::exists(environment.settingsFile()));
-    EXPECT_EQ(values(*stored), Values("", -5, 2147483647, "  /with spaces, and \u2192 commas ",
-                                      "@at sign", "slip", true, false, true));
-    EXPECT_EQ(stored->store().value("PingFromInPort").toString(), "true");
+    EXPECT_EQ(values(*settings), Values("", -5, 2147483647, "  /with spaces, and \u2192 commas ",
+                                        "@at sign", "slip", true, false, true));
+    EXPECT_EQ(settings->store().value("PingFromInPort").toString(), "true");
+
+    settings->store().setValue("OutPort", 0);  // 0 means the default
+    settings->store().setValue("InPort", "not a number");
+    settings->store().setValue("Reply", QStringList{"two", "values"});
+    settings->store().setValue("ping", 42);
+    settings->store().setValue("NumberPings", "maybe");
+    EXPECT_EQ(values(*reopen()),
+              Values("", 8000, 8001, "42", "/eos/out/ping", "slip", true, false, true));
 }
 
 }  // namespace
