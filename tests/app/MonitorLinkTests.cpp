@@ -28,10 +28,6 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using tcpTest::ChildProcess;
 
-#ifndef KAVRIN_LIBLO_CONSOLE
-#define KAVRIN_LIBLO_CONSOLE ""  // liblo-dev is not installed
-#endif
-
 // A plain TCP listener on 127.0.0.1, independent of the library under test, that takes one
 // connection at a time and writes to it whatever bytes a test gives: a console gone wrong.
 class TcpPeer {

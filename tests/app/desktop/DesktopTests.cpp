@@ -13,17 +13,13 @@
 
 namespace kavrin {
 namespace test {
-
 std::string display;  // e.g. ":1"; empty when there is none
 
 const std::string& desktopDisplay() {
     return display;
 }
-
 }  // namespace test
 namespace {
-
-using ::testing::MatchesRegex;
 
 // The monitor in this process, on the test's desktop.
 class MonitorWindowTest : public test::MonitorHarness {
@@ -90,7 +86,7 @@ TEST_F(MonitorWindowTest, ShowsTheRoundTripOfEachPingAndTheAgeOfTheLastReply) {
     tick();
     reply();
     EXPECT_THAT(label("RoundTripLab").toStdString(),
-                MatchesRegex(R"(round trip [0-9]+(\.[0-9])? ms)"));
+                ::testing::MatchesRegex(R"(round trip [0-9]+(\.[0-9])? ms)"));
     const double fresh = replyAge();
     EXPECT_LT(fresh, 1.0);
 
