@@ -112,10 +112,16 @@ class CompactBytes {
     }
     // As the constructor of the same arguments, made where this one is. Assigning a new object
     // instead would copy its inside area with wide loads of bytes just stored in narrower,
-    // overlapping ones, which the processor cannot forward and waits for.
+    // overlapping ones, which the processor cannot forward and waits for. Left empty if the
+    // copy's buffer cannot be allocated.
     void assign(std::span<const std::uint8_t> bytes, const Buffer& buffer) {
         this->~CompactBytes();
-        new (this) CompactBytes(bytes, buffer);
+        try {
+            new (this) CompactBytes(bytes, buffer);
+        } catch (...) {
+            new (this) CompactBytes();
+            throw;
+        }
     }
 
     const std::uint8_t* data() const noexcept { return fitsInside() ? inline_ : shared_.data; }
