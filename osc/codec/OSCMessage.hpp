@@ -45,8 +45,8 @@ struct OSCMessage {
     // `OSCMessage("/a", 1, 0.5f, "text")`. The quickest way to build a message in code: no list
     // to copy the values out of, and no address made first and moved in.
     template <class Pattern, class... Values>
-        requires(std::constructible_from<OSCAddressPattern, Pattern &&> && sizeof...(Values) > 0 &&
-                 (std::constructible_from<OSCValue, Values &&> && ...))
+        requires(std::constructible_from<OSCAddressPattern, Pattern&&> && sizeof...(Values) > 0 &&
+                 (std::constructible_from<OSCValue, Values&&> && ...))
     OSCMessage(Pattern&& pattern, Values&&... values)
         : addressPattern(std::forward<Pattern>(pattern)) {
         if constexpr (sizeof...(Values) > oscValueListInlineCount) {
