@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <unordered_set>
 
 #include "osc/codec/OSCError.hpp"
 #include "osc/codec/OSCMessageView.hpp"
@@ -113,38 +112,25 @@ TEST(OSCMessageText, StringsHoldWhatTheTextPolicyAllows) {
 }
 
 TEST(OSCMessageDecoding, EveryKindRoundTripsAndKeepsItsBytes) {
-    const auto message = test::everyKind();
-    const auto encoded = message.rawData();
-    const auto decoded = OSCMessage::decode(encoded);
-    EXPECT_EQ(decoded, message);
-    EXPECT_EQ(std::hash<OSCMessage>{}(decoded), std::hash<OSCMessage>{}(message));
-    ASSERT_TRUE(decoded.decodedFrom().has_value());
-    EXPECT_EQ(Bytes(decoded.decodedFrom()->begin(), decoded.decodedFrom()->end()), encoded);
-    EXPECT_FALSE(message.decodedFrom().has_value());
-    EXPECT_EQ(decoded.rawData(), encoded);
     // The kept bytes and values are the message's own, whatever becomes of the caller's buffer:
     // a shared copy, or inside a short message (whose long address, text or blob then has one).
-    const OSCMessage shortOnes[] = {OSCMessage("/" + std::string(48, 'a')),
-                                    OSCMessage("/a", {std::string(33, 's')}),
-                                    OSCMessage("/a", {OSCBlob(Bytes(33, 7))})};
-    for (const auto& original : {message, shortOnes[0], shortOnes[1], shortOnes[2]}) {
+    const auto message = test::everyKind();
+    EXPECT_FALSE(message.decodedFrom().has_value());
+    for (const auto& original :
+         {message, OSCMessage("/" + std::string(48, 'a')), OSCMessage("/a", {std::string(33, 's')}),
+          OSCMessage("/a", {OSCBlob(Bytes(33, 7))})}) {
         Bytes scratch = original.rawData();
         const auto kept = OSCMessage::decode(scratch);
         const auto packet = OSCPacket::decode(scratch);
         std::fill(scratch.begin(), scratch.end(), 0);
         EXPECT_EQ(kept, original);
+        EXPECT_EQ(std::hash<OSCMessage>{}(kept), std::hash<OSCMessage>{}(original));
         EXPECT_EQ(*packet, OSCPacket(original));
+        ASSERT_TRUE(kept.decodedFrom().has_value());
         EXPECT_EQ(Bytes(kept.decodedFrom()->begin(), kept.decodedFrom()->end()),
                   original.rawData());
+        EXPECT_EQ(kept.rawData(), original.rawData());
     }
-
-    // The stored bytes are no part of identity; S stays S, never s.
-    const OSCMessage built("/a", {OSCStringAltValue{"x"}});
-    const auto fromWire = OSCMessage::decode(built.rawData());
-    EXPECT_EQ(fromWire, built);
-    EXPECT_NE(fromWire, OSCMessage("/a", {std::string("x")}));
-    std::unordered_set<OSCMessage> set{built, fromWire};
-    EXPECT_EQ(set.size(), 1u);
 
     // Extremes survive unchanged, NaN bit for bit.
     const float nan = std::numeric_limits<float>::quiet_NaN();
@@ -253,12 +239,9 @@ TEST(OSCMessageDecoding, MalformedInputFailsWithTheFirstApplicableText) {
         EXPECT_EQ(decodeFailure(c.data), c.text);
         EXPECT_EQ(test::viewDisagreement(c.data), "");  // the views and the registry agree
     }
-
-    EXPECT_EQ(OSCMessage::decode(bytes({"/ab", 0, ",c", 0, 0, 0, 0, 0, 'A'})).values,
-              std::vector<OSCValue>{char32_t{'A'}});
 }
 
-TEST(OSCMessageDescription, NamesEachValueKind) {
+TEST(OSCMessageDescription, NamesEachValueKindAndKeepsEachOnItsLine) {
     EXPECT_EQ(OSCMessage("/ping").description(), "OSCMessage(\"/ping\")");
     EXPECT_EQ(OSCMessage("/a", {1, std::string("hello"), true, OSCBlob{1, 2, 3, 4}, 1.0f, 0.1,
                                 std::int64_t{5}, char32_t{'A'}})
@@ -276,9 +259,7 @@ TEST(OSCMessageDescription, NamesEachValueKind) {
     // The joined lines are trimmed at both ends.
     EXPECT_EQ(OSCMessage("/c", {std::string(" x ")}).description(),
               "OSCMessage(\"/c\") with values:\n  String:  x");
-}
 
-TEST(OSCMessageDescription, ValuesStayOnTheirLine) {
     // Controls, separators and bytes that are no UTF-8 are escaped, the backslash doubled so
     // that escapes stay unambiguous; printable text, non-ASCII letters included, is as it was.
     const struct {
