@@ -123,20 +123,10 @@ TEST(PassiveDataReader, BlobsArePaddedOnlyWhenNotAligned) {
     }
 }
 
-TEST(PassiveDataReader, NumbersAreBigEndianAndCheckTheirLength) {
-    const Bytes data = bytes({0,    0,    1,    0,                             // Int32 256
-                              0x3F, 0x40, 0,    0,                             // Float32 0.75
-                              0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE,  // Int64 -2
-                              0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE,  // UInt64
-                              0x3F, 0xF8, 0,    0,    0,    0,    0,    0,     // Double 1.5
-                              1,    2,    3});
+// The reads themselves are checked against the views' on every kind (AgreesWithTheOwningDecoders).
+TEST(PassiveDataReader, NumbersCheckTheirLength) {
+    const Bytes data = bytes({1, 2, 3});
     PassiveDataReader reader(data);
-    EXPECT_EQ(reader.readInt32(), 256);
-    EXPECT_EQ(reader.readFloat32(), 0.75f);
-    EXPECT_EQ(reader.readInt64(), -2);
-    EXPECT_EQ(reader.readUInt64(), 0xFFFFFFFFFFFFFFFEull);
-    EXPECT_EQ(reader.readDouble(), 1.5);
-    EXPECT_EQ(reader.readOffset(), 32);
     const std::pair<std::string, void (*)(PassiveDataReader&)> reads[] = {
         {"Int32", [](PassiveDataReader& r) { r.readInt32(); }},
         {"Float32", [](PassiveDataReader& r) { r.readFloat32(); }},
