@@ -16,17 +16,13 @@ bool toolInstalled(const char* name) {
     return access((std::string("/usr/bin/") + name).c_str(), X_OK) == 0;
 }
 
-// The line without its leading receive time.
-std::string withoutTime(const std::string& line) {
-    return line.substr(line.find(' ') + 1);
-}
-
 const OSCMessage everyLibloKind("/kavrin/all", {1, std::int64_t{-5000000000}, 3.5f, 4.25,
                                                 std::string("str"), OSCStringAltValue{"sym"},
                                                 char32_t{'x'}, OSCMIDIValue{1, 0x90, 0x3c, 0x7f},
                                                 true, false, OSCNullValue{}, OSCImpulseValue{}});
 
-TEST(Interop, AnIndependentReceiverReadsOurMessagesAndBundles) {
+// Messages need no receiver: the sender below writes them byte for byte as we do.
+TEST(Interop, AnIndependentReceiverReadsOurBundles) {
     if (!toolInstalled("oscdump")) GTEST_SKIP() << "oscdump (liblo-tools) is not installed";
     test::UdpPeer sender;
     const auto port = test::freeUdpPort();
@@ -43,8 +39,6 @@ TEST(Interop, AnIndependentReceiverReadsOurMessagesAndBundles) {
     }
     ASSERT_TRUE(listening) << "oscdump did not print a probe within 10 s";
 
-    sender.sendTo(port, everyLibloKind.rawData());
-    sender.sendTo(port, OSCMessage("/kavrin/blob", {OSCBlob{1, 2, 3}}).rawData());
     // A time tag in the past, so that the receiver delivers at once and prints the tag.
     const OSCTimeTag past{0, (std::uint64_t{3900000000} << 32) | 0x80000000};
     sender.sendTo(
@@ -53,18 +47,14 @@ TEST(Interop, AnIndependentReceiverReadsOurMessagesAndBundles) {
                   .rawData());
 
     std::vector<std::string> lines;
-    while (lines.size() < 4) {
+    while (lines.size() < 2) {
         const auto line = dump.nextLine(10s);
         if (!line) break;
         if (line->find("/kavrin/probe") == std::string::npos) lines.push_back(*line);
     }
-    ASSERT_EQ(lines.size(), 4u) << "oscdump printed too little: " << dump.output();
-    EXPECT_EQ(withoutTime(lines[0]),
-              "/kavrin/all ihfdsScmTFNI 1 -5000000000 3.500000 4.250000 \"str\" 'sym 'x' "
-              "MIDI [0x01 0x90 0x3c 0x7f] #T #F Nil Infinitum");
-    EXPECT_EQ(withoutTime(lines[1]), "/kavrin/blob b [3b 0x1 0x2 0x3]");
-    EXPECT_EQ(lines[2], "e8754700.80000000 /kavrin/in/bundle i 7");
-    EXPECT_EQ(lines[3], "e8754700.80000000 /kavrin/nested s \"b\"");
+    EXPECT_EQ(lines, (std::vector<std::string>{"e8754700.80000000 /kavrin/in/bundle i 7",
+                                               "e8754700.80000000 /kavrin/nested s \"b\""}))
+        << dump.output();
 }
 
 TEST(Interop, WeDecodeWhatAnIndependentSenderWrites) {
