@@ -16,7 +16,7 @@ auto refuses(const char* text) {
     return ::testing::ThrowsMessage<InvalidValueError>(::testing::StrEq(text));
 }
 
-TEST(Clamped, KeepsConstructionAndAssignmentWithinItsBounds) {
+TEST(Clamped, KeepsValuesWithinItsBoundsAndRefusesNaNAndReversedBounds) {
     Clamped<double> level(1.5, 0.0, 1.0);
     EXPECT_EQ(level.value(), 1.0);
     for (const auto& [given, kept] :
@@ -36,12 +36,11 @@ TEST(Clamped, KeepsConstructionAndAssignmentWithinItsBounds) {
     using std::chrono::milliseconds;
     Clamped<milliseconds> interval(milliseconds(5), milliseconds(100), milliseconds(10'000));
     EXPECT_EQ(interval.value(), milliseconds(100));
-}
 
-TEST(Clamped, RefusesNaNAndReversedBounds) {
-    Clamped<double> level(0.5, 0.0, 1.0);
+    // NaN and reversed bounds are refused; the old value stays.
+    level = 0.5;
     EXPECT_THAT([&] { level = nan; }, refuses("NaN cannot be clamped"));
-    EXPECT_EQ(level.value(), 0.5);  // the old value stays
+    EXPECT_EQ(level.value(), 0.5);
     EXPECT_THROW(Clamped<double>(nan, 0.0, 1.0), InvalidValueError);
     EXPECT_THROW(Clamped<double>(0.0, nan, 1.0), InvalidValueError);
     EXPECT_THROW(Clamped<double>(0.0, 0.0, nan), InvalidValueError);
