@@ -45,7 +45,6 @@ class RawPeer {
         return readUntil([](const std::string&) { return false; });
     }
     bool closed() const { return closed_; }
-    std::string& received() { return received_; }
 
     /// The handshake of RFC 6455, with the example key; true once the server has switched.
     bool upgrade(const std::string& origin = {}) {
