@@ -44,82 +44,61 @@ TEST(PassiveDataReader, ReadsAndAdvancesWithExactFailureTexts) {
     EXPECT_TRUE(reader.readBytes(0).empty());
 }
 
-TEST(PassiveDataReader, NullTerminatedChunksTakeWholeWordsWithAtLeastOneZero) {
-    const struct {
-        Bytes data;
-        std::string text;
-        std::int64_t consumed;
-    } chunks[] = {
-        {bytes({"abcd", 0, 0, 0, 0, "x"}), "abcd", 8},  // a whole word of zeros after a full word
-        {bytes({0, 0, 0, 0}), "", 4},
-        {bytes({"abc", 0}), "abc", 4},
+// A string takes whole words with at least one zero; a blob is padded only when not aligned. A
+// failed read consumes nothing but a blob's length word, once read.
+TEST(PassiveDataReader, ChunksTakeWholeWordsAndFailWithExactTexts) {
+    using Read = std::string (*)(PassiveDataReader&);
+    const Read text = [](PassiveDataReader& r) { return r.readString(); };
+    const Read chunk = [](PassiveDataReader& r) {
+        const auto content = r.readNullTerminatedChunk();
+        return std::string(content.begin(), content.end());
     };
-    for (const auto& chunk : chunks) {
-        PassiveDataReader reader(chunk.data);
-        EXPECT_EQ(reader.readString(), chunk.text);
-        EXPECT_EQ(reader.readOffset(), chunk.consumed) << chunk.text;
-    }
+    const Read blob = [](PassiveDataReader& r) {
+        const auto content = r.readBlob();
+        return std::string(content.begin(), content.end());
+    };
     const std::string tooShort = "Not enough bytes in 4-byte aligned null-terminated data chunk.";
     const std::string notTerminated =
         "4-byte aligned null-terminated data chunk does not terminate in null bytes as expected.";
+    const std::string blobTooShort =
+        "Not enough bytes in 4-byte aligned null-terminated blob data chunk.";
     const struct {
+        Read read;
         Bytes data;
-        std::string text;
-    } failures[] = {
-        {bytes({"abcd", 0, 0, 0}), tooShort},    // terminator present, padding cut short
-        {bytes({"ab", 0, 'A'}), notTerminated},  // non-zero pad byte
-        {bytes({"abcd"}), notTerminated},        // no zero at all
-        {bytes({"ab", 0}), tooShort},            // fewer than 4 bytes: checked first
-        {bytes({}), tooShort},
-    };
-    for (const auto& failure : failures) {
-        PassiveDataReader reader(failure.data);
-        expectFailure(
-            reader, [](auto& r) { r.readNullTerminatedChunk(); }, failure.text);
-    }
-    const Bytes nonASCII = bytes({'a', 0xC3, 0xA9, 0});
-    PassiveDataReader reader(nonASCII);
-    expectFailure(
-        reader, [](auto& r) { r.readString(); },
-        "Failed to form valid ASCII string from 4-byte aligned null-terminated ASCII string "
-        "chunk. Non-ASCII characters may be present or the data is malformed.");
-}
-
-TEST(PassiveDataReader, BlobsArePaddedOnlyWhenNotAligned) {
-    const struct {
-        Bytes data;
-        Bytes blob;
-        std::int64_t consumed;
+        std::string result;  // what was read, or the error's text
+        std::int64_t offset;
     } cases[] = {
-        {bytes({0, 0, 0, 4, 1, 2, 3, 4, 9}), {1, 2, 3, 4}, 8},
-        {bytes({0, 0, 0, 5, 1, 2, 3, 4, 5, 0, 0, 0}), {1, 2, 3, 4, 5}, 12},
-        {bytes({0, 0, 0, 0, 9, 9, 9, 9}), {}, 4},
-    };
-    for (const auto& c : cases) {
-        PassiveDataReader reader(c.data);
-        EXPECT_EQ(reader.readBlob(), c.blob);
-        EXPECT_EQ(reader.readOffset(), c.consumed);
-    }
-    const struct {
-        Bytes data;
-        std::string text;
-        std::int64_t offsetAfter;  // the length word stays consumed once read
-    } failures[] = {
-        {bytes({0, 0, 1}),
+        {text, bytes({"abcd", 0, 0, 0, 0, "x"}), "abcd", 8},
+        {text, bytes({0, 0, 0, 0}), "", 4},
+        {text, bytes({"abc", 0}), "abc", 4},
+        {chunk, bytes({"abcd", 0, 0, 0}), tooShort, 0},    // terminator present, padding cut short
+        {chunk, bytes({"ab", 0, 'A'}), notTerminated, 0},  // non-zero pad byte
+        {chunk, bytes({"abcd"}), notTerminated, 0},        // no zero at all
+        {chunk, bytes({"ab", 0}), tooShort, 0},            // fewer than 4 bytes: checked first
+        {chunk, bytes({}), tooShort, 0},
+        {text, bytes({'a', 0xC3, 0xA9, 0}),
+         "Failed to form valid ASCII string from 4-byte aligned null-terminated ASCII string "
+         "chunk. Non-ASCII characters may be present or the data is malformed.",
+         0},
+        {blob, bytes({0, 0, 0, 4, 1, 2, 3, 4, 9}), "\x01\x02\x03\x04", 8},
+        {blob, bytes({0, 0, 0, 5, 1, 2, 3, 4, 5, 0, 0, 0}), "\x01\x02\x03\x04\x05", 12},
+        {blob, bytes({0, 0, 0, 0, 9, 9, 9, 9}), "", 4},
+        {blob, bytes({0, 0, 1}),
          "Failed to read Int32 length chunk at start of 4-byte aligned null-terminated blob data "
          "chunk.",
          0},
-        {bytes({0, 0, 0, 5, 1, 2, 3, 4, 5}),
-         "Not enough bytes in 4-byte aligned null-terminated blob data chunk.", 4},
-        {bytes({0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0}),
-         "Not enough bytes in 4-byte aligned null-terminated blob data chunk.", 4},
-        {bytes({0, 0, 0, 1, 1, 0, 7, 0}),
+        {blob, bytes({0, 0, 0, 5, 1, 2, 3, 4, 5}), blobTooShort, 4},
+        {blob, bytes({0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0}), blobTooShort, 4},
+        {blob, bytes({0, 0, 0, 1, 1, 0, 7, 0}),
          "Expected 4-byte null terminated data but expected null bytes were not found.", 4},
     };
-    for (const auto& failure : failures) {
-        PassiveDataReader reader(failure.data);
-        EXPECT_EQ(test::thrown<OSCDecodeError>([&] { reader.readBlob(); }), failure.text);
-        EXPECT_EQ(reader.readOffset(), failure.offsetAfter) << failure.text;
+    for (const auto& c : cases) {
+        PassiveDataReader reader(c.data);
+        std::string result;
+        const auto error = test::thrown<OSCDecodeError>([&] { result = c.read(reader); },
+                                                        OSCDecodeError::Case::malformed);
+        EXPECT_EQ(error == "no error" ? result : error, c.result);
+        EXPECT_EQ(reader.readOffset(), c.offset) << c.result;
     }
 }
 
