@@ -16,7 +16,6 @@ TEST(OSCTimeTag, FromSecondsSplitsErasAndFractions) {
     EXPECT_EQ(OSCTimeTag::fromSeconds(4294967295.0), (OSCTimeTag{0, 0xFFFFFFFF00000000ull}));
     EXPECT_EQ(OSCTimeTag::fromSeconds(4294967296.0 * 3 + 0.5), (OSCTimeTag{3, 0x80000000ull}));
     EXPECT_EQ((OSCTimeTag{3, 0x80000000ull}).seconds(), 4294967296.0 * 3 + 0.5);
-    EXPECT_EQ(OSCTimeTag::immediate(), (OSCTimeTag{0, 1}));
     EXPECT_TRUE(OSCTimeTag::immediate().isImmediate());
     EXPECT_FALSE((OSCTimeTag{1, 0}).isImmediate());
     EXPECT_DEATH(OSCTimeTag::fromSeconds(1e300), "too far ahead to count in eras");

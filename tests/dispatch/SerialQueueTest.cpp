@@ -23,8 +23,6 @@ bool flush(DispatchQueue& queue) {
 
 TEST(SerialQueue, RunsWorkOneAtATimeInPostingOrderFromManyThreads) {
     auto queue = SerialQueue::create("order", QualityOfService::userInitiated);
-    EXPECT_EQ(queue->label(), "order");
-    EXPECT_EQ(queue->qualityOfService(), QualityOfService::userInitiated);
 
     constexpr int perThread = 2000;
     std::vector<std::vector<int>> seen(3);
