@@ -24,11 +24,11 @@ TEST(OSCBundleEncoding, KnownBundlesEncodeByteExact) {
         0,         0, 0, 0,    0, 0, 0, 1,        // time tag: immediate
         0,         0, 0, 12,                      // element size
         "/a",      0, 0, ",i", 0, 0, 0, 0, 0, 1,  // the message
-        0,         0, 0, 16,                      // a nested empty bundle
-        "#bundle", 0, 0, 0,    0, 0, 0, 0, 0, 1,
+        0,         0, 0, 16,                      // a nested empty bundle, with a tag of its own
+        "#bundle", 0, 0, 0,    0, 0, 0, 0, 0, 5,
     });
     const OSCBundle bundle(OSCTimeTag::immediate(),
-                           {OSCMessage("/a", {1}), OSCBundle(OSCTimeTag::immediate())});
+                           {OSCMessage("/a", {1}), OSCBundle(OSCTimeTag{0, 5})});
     EXPECT_EQ(bundle.rawData(), encoded);
     EXPECT_EQ(OSCPacket(bundle).rawData(), encoded);
     EXPECT_EQ(OSCBundle(OSCTimeTag::immediate()).rawData(), emptyBundle);

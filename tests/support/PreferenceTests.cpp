@@ -21,8 +21,8 @@ TEST(Preference, FallsBackToTheDefaultAsEachTypeSays) {
 
     Preference<std::int64_t> port(store, "OutPort", 8000);
     EXPECT_EQ(port.value(), 8000);
-    port.set(9000);
-    EXPECT_EQ(store.readString("OutPort"), "9000");
+    port.set(-9000);
+    EXPECT_EQ(store.readString("OutPort"), "-9000");
     port.set(0);
     EXPECT_EQ(port.value(), 8000);
     for (const char* unreadable : {"", "abc", "12abc", " 12", "99999999999999999999"}) {
