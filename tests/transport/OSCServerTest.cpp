@@ -28,18 +28,18 @@ struct Delivery {
 
 // A server started on a port of the kernel's choice (receiving on `receiveQueue`, or on a queue of
 // its own), whose handler records each delivery made on a ManualQueue. A failed start throws its
-// error, which fails the test. One on a port asked for is the test's to start.
+// error, which fails the test.
 struct Fixture {
     explicit Fixture(OSCServer::TimeTagMode mode,
-                     std::shared_ptr<SerialQueue> receiveQueue = nullptr, std::uint16_t port = 0)
-        : server(OSCServer::create(port, std::move(receiveQueue), main, mode,
+                     std::shared_ptr<SerialQueue> receiveQueue = nullptr)
+        : server(OSCServer::create(0, std::move(receiveQueue), main, mode,
                                    [this](const OSCMessage& message, const OSCTimeTag& timeTag) {
                                        offQueue = offQueue || !main->isCurrent();
                                        deliveries.push_back(
                                            {std::string(message.addressPattern.rawAddress()),
                                             timeTag, DispatchQueue::Clock::now()});
                                    })) {
-        if (port == 0) server->start();
+        server->start();
     }
 
     void send(const std::vector<std::uint8_t>& datagram) {
@@ -76,8 +76,6 @@ TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
         outer, {OSCMessage("/b"), OSCBundle(inner, {OSCMessage("/c")}), OSCMessage("/d")});
     fixture.send(bytes(OSCMessage("/a")));
     fixture.send(bytes(bundle));
-    fixture.send({'h', 'e', 'l', 'l', 'o'});         // not OSC
-    fixture.send({'/', 'x', 0, 0, ',', 'i', 0, 0});  // int missing
     fixture.send(bytes(OSCMessage("/e")));
 
     // Ignore mode delivers a far-future bundle at once, with the tag it carried.
@@ -89,9 +87,6 @@ TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
     for (const auto& delivery : fixture.deliveries) timeTags.push_back(delivery.timeTag);
     EXPECT_EQ(timeTags, (std::vector<OSCTimeTag>{now, outer, inner, outer, now}));
     EXPECT_FALSE(fixture.offQueue);
-
-    // Nothing else arrives from the bad datagrams.
-    EXPECT_FALSE(fixture.waitFor(6, 100ms));
 
     // The handler in force when a delivery runs is the one called; none makes it a no-op.
     fixture.server->setHandler(nullptr);
@@ -119,44 +114,38 @@ TEST(OSCServer, DeliversMessagesAndOpenedBundlesInOrderWithTheirTags) {
     EXPECT_EQ(senders, (std::vector<std::uint16_t>{fixture.sender.port(), fixture.sender.port()}));
 }
 
+// A bundle tagged ahead waits for its time, its messages in order: each once had a deadline of
+// its own, taken from two clocks at slightly different moments, and they ran shuffled. A nested
+// bundle keeps its own tag; one tagged in the past and a message are delivered at once.
 TEST(OSCServer, HonoursFutureTimeTagsOnlyInOSC1_0Mode) {
     Fixture fixture(OSCServer::TimeTagMode::osc1_0);
-
     const auto sent = DispatchQueue::Clock::now();
-    const auto future = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 300ms);
-    const auto past = OSCTimeTag::fromDate(std::chrono::system_clock::now() - 10s);
-    fixture.send(bytes(OSCBundle(future, {OSCMessage("/later")})));
-    fixture.send(bytes(OSCBundle(past, {OSCMessage("/past")})));
-    fixture.send(bytes(OSCMessage("/now")));
-
-    ASSERT_TRUE(fixture.waitFor(3));
-    EXPECT_EQ(fixture.addresses(), (std::vector<std::string>{"/past", "/now", "/later"}));
-    EXPECT_LT(fixture.deliveries[1].at - sent, 250ms);
-    const auto delay = fixture.deliveries[2].at - sent;
-    EXPECT_GE(delay, 280ms);  // the tag's 32-bit fraction and two clocks allow a little slack
-    EXPECT_LT(delay, 2s);
-    EXPECT_EQ(fixture.deliveries[2].timeTag, future);
-    EXPECT_FALSE(fixture.offQueue);
-
-    // A bundle waiting for its time keeps its messages in order: each once had a deadline of its
-    // own, taken from two clocks at slightly different moments, and they ran shuffled.
-    const auto soon = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 400ms);
-    const auto later = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 600ms);
-    std::vector<std::string> expected = fixture.addresses();
+    const auto soon = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 300ms);
+    const auto later = OSCTimeTag::fromDate(std::chrono::system_clock::now() + 500ms);
+    std::vector<std::string> expected{"/past", "/now"};
     for (int b = 0; b < 4; ++b) {
         OSCBundle::Elements elements;
         for (int m = 0; m < 8; ++m) {
             expected.push_back("/m/" + std::to_string(b) + "/" + std::to_string(m));
             elements.emplace_back(OSCMessage(expected.back()));
-            // A nested bundle keeps its own tag: its message comes after all of these.
             if (m == 3)
                 elements.emplace_back(OSCBundle(later, {OSCMessage("/n/" + std::to_string(b))}));
         }
         fixture.send(bytes(OSCBundle(soon, std::move(elements))));
     }
     for (int b = 0; b < 4; ++b) expected.push_back("/n/" + std::to_string(b));
+    const auto past = OSCTimeTag::fromDate(std::chrono::system_clock::now() - 10s);
+    fixture.send(bytes(OSCBundle(past, {OSCMessage("/past")})));
+    fixture.send(bytes(OSCMessage("/now")));
     ASSERT_TRUE(fixture.waitFor(expected.size()));
     EXPECT_EQ(fixture.addresses(), expected);
+    EXPECT_LT(fixture.deliveries[1].at - sent, 250ms);
+    const auto delay = fixture.deliveries[2].at - sent;
+    EXPECT_GE(delay, 280ms);  // the tag's 32-bit fraction and two clocks allow a little slack
+    EXPECT_LT(delay, 2s);
+    EXPECT_EQ(fixture.deliveries[2].timeTag, soon);
+    EXPECT_EQ(fixture.deliveries.back().timeTag, later);
+    EXPECT_FALSE(fixture.offQueue);
 
     // A scheduled delivery does not keep a released server alive, and then does nothing.
     fixture.send(bytes(OSCBundle(OSCTimeTag::fromDate(std::chrono::system_clock::now() + 200ms),
@@ -268,38 +257,14 @@ TEST(OSCServerDeathTest, TheUTCEpochDeliversAStandardSendersBundleOnTimeWestOfUT
     EXPECT_EXIT(deliversOnTime(), testing::ExitedWithCode(0), "");
 }
 
-TEST(OSCServer, StartFailsWithTheBindErrorOnAnExclusivelyHeldPortAndCanBeRetried) {
-    auto holder = std::make_unique<UdpPeer>();  // bound without SO_REUSEPORT
-    Fixture fixture(OSCServer::TimeTagMode::ignore, nullptr, holder->port());
-    const auto& server = fixture.server;
-    try {
-        server->start();
-        FAIL() << "start() succeeded on a port held exclusively";
-    } catch (const UdpSocketError& error) {
-        EXPECT_EQ(tcpTest::describe(error), "NSPOSIXErrorDomain " + std::to_string(EADDRINUSE) +
-                                                ": " + std::strerror(EADDRINUSE) +
-                                                " (Error in bind() function)");
-    }
-
-    // Once the port is free the same server starts (twice: start closes first) and receives.
-    holder.reset();
-    ASSERT_NO_THROW(server->start());
-    ASSERT_NO_THROW(server->start());
-    fixture.sender.sendTo(server->port(), bytes(OSCMessage("/again")));
-    EXPECT_TRUE(fixture.waitFor(1));
-
-    server->stop();
-    fixture.sender.sendTo(server->port(), bytes(OSCMessage("/stopped")));
-    EXPECT_FALSE(fixture.waitFor(2, 100ms));
-}
-
 // Port 0 binds both families to one port of the kernel's choice. What the server sends leaves
-// from that port, so a peer that answers the sender reaches it.
-TEST(OSCServer, SendsFromItsOwnPortOnlyWhileItRuns) {
+// from that port, so a peer that answers the sender reaches it; a server stopped or not started
+// would send from a port of its own, so nothing goes. A start on a port held exclusively fails
+// with the bind error, and can be retried.
+TEST(OSCServer, SendsFromItsOwnPortOnlyWhileItRunsAndStartsWhereItCan) {
     Fixture fixture(OSCServer::TimeTagMode::ignore);
     const auto port = fixture.server->boundPort();
     ASSERT_NE(port, 0);
-    EXPECT_EQ(fixture.server->port(), 0) << "the port asked for stays what it was";
     const auto six = UdpSocket::create();
     six->sendData(bytes(OSCMessage("/v6")), "::1", port, 1.0, 0);
     ASSERT_TRUE(fixture.waitFor(1));
@@ -315,21 +280,40 @@ TEST(OSCServer, SendsFromItsOwnPortOnlyWhileItRuns) {
     ASSERT_TRUE(reply.has_value());
     EXPECT_EQ(reply->first, bytes(OSCMessage("/reply", {OSCValue(std::int32_t{7})})));
     EXPECT_EQ(reply->second, port);
-
     fixture.server->send(OSCMessage("/to/host"), "127.0.0.1", peer.port());
     const auto sent = peer.receiveFrom(5s);
     ASSERT_TRUE(sent.has_value());
     EXPECT_EQ(sent->first, bytes(OSCMessage("/to/host")));
     EXPECT_EQ(sent->second, port);
 
-    // Not bound: the socket would send from a port of its own, so nothing goes.
     fixture.server->stop();
-    auto idle = OSCServer::create(0, nullptr, fixture.main, OSCServer::TimeTagMode::ignore);
-    EXPECT_EQ(idle->boundPort(), 0) << "not bound before start";
-    for (const auto& server : {fixture.server, idle}) {
+    auto holder = std::make_unique<UdpPeer>();  // bound without SO_REUSEPORT
+    auto held = OSCServer::create(holder->port(), nullptr, fixture.main,
+                                  OSCServer::TimeTagMode::ignore);
+    for (const auto& server : {fixture.server, held}) {
         EXPECT_THROW(server->send(OSCMessage("/x"), "127.0.0.1", peer.port()), UdpSocketError);
     }
     EXPECT_FALSE(peer.receiveFrom(100ms).has_value());
+    fixture.sender.sendTo(port, bytes(OSCMessage("/stopped")));
+    try {
+        held->start();
+        FAIL() << "start() succeeded on a port held exclusively";
+    } catch (const UdpSocketError& error) {
+        EXPECT_EQ(tcpTest::describe(error), "NSPOSIXErrorDomain " + std::to_string(EADDRINUSE) +
+                                                ": " + std::strerror(EADDRINUSE) +
+                                                " (Error in bind() function)");
+    }
+    // Once the port is free the same server starts (twice: start closes first) and receives.
+    holder.reset();
+    ASSERT_NO_THROW(held->start());
+    ASSERT_NO_THROW(held->start());
+    std::vector<std::string> again;
+    held->setHandler([&](const OSCMessage& message, const OSCTimeTag&) {
+        again.emplace_back(message.addressPattern.rawAddress());
+    });
+    fixture.sender.sendTo(held->port(), bytes(OSCMessage("/again")));
+    ASSERT_TRUE(fixture.main->drainUntil([&] { return !again.empty(); }, 5s));
+    EXPECT_EQ(fixture.addresses(), std::vector<std::string>{"/v6"}) << "the stopped one heard";
 }
 
 // Deliveries are handed over in batches; a burst of many datagrams, a bad one among them, must
