@@ -12,8 +12,9 @@ using namespace kavrin;
 using namespace std::chrono_literals;
 using Datagram = std::vector<std::uint8_t>;
 
-// Each packet goes out as exactly one datagram holding its encoding; only an encoding error is
-// the caller's to hear of, and neither a failed lookup nor a refused packet stops the client.
+// Each packet goes out as exactly one datagram holding its encoding; only an encoding error or a
+// missing target is the caller's to hear of, and neither a failed lookup nor a refused packet
+// stops the client.
 TEST(OSCClient, SendsEachPacketAsOneDatagramAndThrowsOnlyEncodingErrors) {
     test::UdpPeer receiver;
     OSCClient client;
@@ -38,6 +39,31 @@ TEST(OSCClient, SendsEachPacketAsOneDatagramAndThrowsOnlyEncodingErrors) {
     client.send(OSCMessage("/after"), "127.0.0.1", receiver.port());
     EXPECT_EQ(receiver.receive(5s), OSCMessage("/after").rawData());
     EXPECT_FALSE(receiver.receive(100ms)) << "more than one datagram";
+    OSCClient plain;
+    EXPECT_THROW(plain.send(OSCMessage("/nowhere")), std::logic_error) << "no target";
+
+    // A client for one target sends there; failures come with their destination, on the queue
+    // given, and what went out reports nothing.
+    OSCClient fixed("127.0.0.1", receiver.port());
+    fixed.send(OSCMessage("/fixed"));
+    EXPECT_EQ(receiver.receive(5s), OSCMessage("/fixed").rawData());
+    auto queue = std::make_shared<ManualQueue>();
+    std::vector<std::string> failures;
+    OSCClient reporting(
+        "no-such-host.invalid", 9,
+        [&](const std::string& host, std::uint16_t port, const UdpSocketError& error) {
+            EXPECT_TRUE(queue->isCurrent());
+            failures.push_back(host + ":" + std::to_string(port) + " " + error.domain());
+        },
+        queue);
+    reporting.send(OSCMessage("/lost"));
+    reporting.send(OSCMessage("/fine"), "127.0.0.1", receiver.port());
+    reporting.send(OSCMessage("/lost/too"));
+    ASSERT_TRUE(queue->drainUntil([&] { return failures.size() == 2; }, 10s));
+    EXPECT_EQ(failures, std::vector<std::string>(2, "no-such-host.invalid:9 " +
+                                                        std::string(UdpSocketError::netDBDomain)));
+    EXPECT_EQ(receiver.receive(5s), OSCMessage("/fine").rawData());
+    EXPECT_FALSE(queue->drainUntil([&] { return failures.size() > 2; }, 200ms));
 }
 
 TEST(OSCClient, AClientReleasedRightAfterSendingStillDelivers) {
@@ -62,33 +88,4 @@ TEST(OSCClient, AClientReleasedRightAfterSendingStillDelivers) {
     std::sort(received.begin(), received.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(received, expected);
-}
-
-TEST(OSCClient, AClientForOneTargetSendsThereAndHearsOfEveryFailure) {
-    test::UdpPeer receiver;
-    OSCClient fixed("127.0.0.1", receiver.port());
-    fixed.send(OSCMessage("/fixed"));
-    EXPECT_EQ(receiver.receive(5s), OSCMessage("/fixed").rawData());
-
-    // Failures come with their destination; what went out reports nothing.
-    auto queue = std::make_shared<ManualQueue>();
-    std::vector<std::string> failures;
-    OSCClient reporting(
-        "no-such-host.invalid", 9,
-        [&](const std::string& host, std::uint16_t port, const UdpSocketError& error) {
-            EXPECT_TRUE(queue->isCurrent());
-            failures.push_back(host + ":" + std::to_string(port) + " " + error.domain());
-        },
-        queue);
-    reporting.send(OSCMessage("/lost"));
-    reporting.send(OSCMessage("/fine"), "127.0.0.1", receiver.port());
-    reporting.send(OSCMessage("/lost/too"));
-    ASSERT_TRUE(queue->drainUntil([&] { return failures.size() == 2; }, 10s));
-    EXPECT_EQ(failures, std::vector<std::string>(2, "no-such-host.invalid:9 " +
-                                                        std::string(UdpSocketError::netDBDomain)));
-    EXPECT_TRUE(receiver.receive(5s));
-    EXPECT_FALSE(queue->drainUntil([&] { return failures.size() > 2; }, 200ms));
-
-    OSCClient plain;
-    EXPECT_THROW(plain.send(OSCMessage("/nowhere")), std::logic_error);
 }
