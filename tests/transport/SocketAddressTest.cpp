@@ -18,7 +18,7 @@ std::string facts(const SocketAddress& a) {
            std::to_string(a.port()) + " " + a.description();
 }
 
-TEST(SocketAddress, NumericHostsRoundTripThroughTheirTextForms) {
+TEST(SocketAddress, NumericHostsRoundTripThroughTheirTextFormsAndOtherBlobsHaveNeither) {
     const std::string four =
         std::to_string(AF_INET) + " " + std::to_string(sizeof(sockaddr_in)) + " IPv4 ";
     const std::string six =
@@ -37,17 +37,20 @@ TEST(SocketAddress, NumericHostsRoundTripThroughTheirTextForms) {
     EXPECT_EQ(SocketAddress::ipv4(in_addr{htonl(INADDR_LOOPBACK)}, 7),
               SocketAddress::fromNumericHost("127.0.0.1", 7));
     EXPECT_EQ(SocketAddress::ipv6(in6addr_loopback, 7), SocketAddress::fromNumericHost("::1", 7));
-}
+    // Names are not numeric text, not even the loopback ones.
+    EXPECT_TRUE(SocketAddress::fromNumericHost("localhost", 9).empty());
+    EXPECT_TRUE(SocketAddress::fromNumericHost("", 9).empty());
+    EXPECT_TRUE(SocketAddress::fromNumericHost("1.2.3.4:5", 9).empty());
 
-TEST(SocketAddress, ABlobThatIsNoIPAddressHasNoHostOrPort) {
-    sockaddr_in6 six{};
-    six.sin6_family = AF_INET6;
-    six.sin6_port = htons(8001);
+    // A blob that is no IP address has no host or port; one too long for any address is refused.
+    sockaddr_in6 short6{};
+    short6.sin6_family = AF_INET6;
+    short6.sin6_port = htons(8001);
     sockaddr_un local{};
     local.sun_family = AF_UNIX;
     const std::vector<SocketAddress> blobs = {
         SocketAddress(),
-        SocketAddress(&six, 10),  // too short for its family
+        SocketAddress(&short6, 10),  // too short for its family
         SocketAddress(&local, SocketAddress::maxSize),
     };
     for (const SocketAddress& blob : blobs) {
@@ -56,10 +59,8 @@ TEST(SocketAddress, ABlobThatIsNoIPAddressHasNoHostOrPort) {
         EXPECT_EQ(blob.withPort(9), blob);
         EXPECT_FALSE(blob.sameEndpoint(blob));
     }
-    // Names are not numeric text, not even the loopback ones.
-    EXPECT_TRUE(SocketAddress::fromNumericHost("localhost", 9).empty());
-    EXPECT_TRUE(SocketAddress::fromNumericHost("", 9).empty());
-    EXPECT_TRUE(SocketAddress::fromNumericHost("1.2.3.4:5", 9).empty());
+    EXPECT_THROW(SocketAddress(std::vector<std::uint8_t>(SocketAddress::maxSize + 1)),
+                 std::length_error);
 }
 
 TEST(SocketAddress, EndpointsCompareFamilyAddressAndPortOnly) {
