@@ -58,7 +58,6 @@ using test::Recording;
 class Recorder : public TcpSocketDelegate, public Recording {
   public:
     struct Connected {
-        TcpSocket* socket;
         std::string host;
         std::uint16_t port;
     };
@@ -73,8 +72,8 @@ class Recorder : public TcpSocketDelegate, public Recording {
 
     using Recording::Recording;
 
-    void socketDidConnect(TcpSocket& sock, const std::string& host, std::uint16_t port) override {
-        record([&] { connected.push_back({&sock, host, port}); });
+    void socketDidConnect(TcpSocket&, const std::string& host, std::uint16_t port) override {
+        record([&] { connected.push_back({host, port}); });
     }
     void socketWillAccept(TcpSocket&, const SocketAddress&, AcceptedConnection& setup) override {
         if (onWillAccept) onWillAccept(setup);

@@ -179,19 +179,14 @@ TEST(UdpSocketBind, BothFamiliesOrAnInterfacesAddresses) {
         << error.description();
 }
 
-// The errors carry domain, code, text and reason.
+// The errors no other test provokes carry domain, code and text as the others do.
 TEST(UdpSocketErrors, FactoriesCarryDomainCodeAndText) {
-    errno = ECONNREFUSED;
     const std::pair<UdpSocketError, std::string> cases[] = {
-        {UdpSocketError::errnoError("Error in send() function."),
-         posix(ECONNREFUSED) + " (Error in send() function.)"},
         {UdpSocketError::sendTimeoutError(), "UdpSocketErrorDomain 3: Send operation timed out"},
         {UdpSocketError::socketClosedError(), "UdpSocketErrorDomain 4: Socket closed"},
         {UdpSocketError::otherError("x"),
          "UdpSocketErrorDomain " + std::to_string(UdpSocketError::other) + ": x"},
         {UdpSocketError(SocketError::unusableParam("x")), "UdpSocketErrorDomain 2: x"},
-        {UdpSocketError::gaiError(EAI_FAIL),
-         "kCFStreamErrorDomainNetDB " + std::to_string(EAI_FAIL) + ": " + gai_strerror(EAI_FAIL)},
     };
     for (const auto& [made, expected] : cases) {
         EXPECT_EQ(tcpTest::describe(made), expected);
