@@ -57,39 +57,6 @@ struct ClientAndBarePeer {
     bool connected = false;
 };
 
-TEST(TcpSocketConnect, ConnectsOverBothFamiliesAndKnowsBothEnds) {
-    for (const std::string host : kHosts) {
-        SCOPED_TRACE(host);
-        ClientAndBarePeer c(host, "loopback");  // from the interface's address of that family
-        ASSERT_TRUE(c.connectOK) << c.connectError;
-        ASSERT_TRUE(c.peer);
-        ASSERT_TRUE(c.connected);
-        TcpSocket& s = *c.client.socket;
-        Recorder& r = *c.client.recorder;
-        const auto reported = r.read([&] { return r.connected[0]; });
-        EXPECT_EQ(reported.host + " " + s.connectedHost() + " " + s.localHost(),
-                  host + " " + host + " " + host);
-        EXPECT_EQ(reported.port, s.connectedPort());
-        sockaddr_in6 peerSide{};
-        socklen_t length = sizeof peerSide;
-        ::getpeername(c.peer.get(), reinterpret_cast<sockaddr*>(&peerSide), &length);
-        EXPECT_EQ(s.localPort(), SocketAddress(&peerSide, length).port());
-        EXPECT_TRUE(s.setNoDelay(true));
-        EXPECT_TRUE(s.setKeepAlive(true));
-
-        // A second connect does not fit a connected socket.
-        TcpSocketError error;
-        EXPECT_FALSE(s.connectToHost(host, 1, -1.0, &error));
-        EXPECT_EQ(error.code(), TcpSocketError::badConfig) << describe(error);
-
-        s.disconnect();
-        EXPECT_TRUE(s.isDisconnected());
-        EXPECT_EQ(r.disconnectError(&s), "no error");
-        EXPECT_TRUE(seesEndOfStream(c.peer.get()));
-        EXPECT_TRUE(r.read([&] { return r.allOnDelegateQueue; }));
-    }
-}
-
 TEST(TcpSocketConnect, BadCallsFailAtOnceWithoutAReport) {
     auto lonely = TcpSocket::create();
     Endpoint e;
@@ -216,16 +183,33 @@ TEST(TcpSocketRead, BoundsEndTheConnectionWithTheirError) {
     }
 }
 
-// Reads to a length, to a delimiter and what is there, across fragments; writes in order, large
-// ones in many partial sends; then the write side is shut while reading goes on, and the peer's
-// close ends the read that waits with closedByPeer.
-TEST(TcpSocketReadWrite, InOrderAcrossFragmentsThenHalfCloses) {
+// Connected over either family, from the interface's address of that family, the socket knows
+// both ends. It reads to a length, to a delimiter and what is there, across fragments; writes in
+// order, large ones in many partial sends; then the write side is shut while reading goes on,
+// and the peer's close ends the read that waits with closedByPeer.
+TEST(TcpSocketReadWrite, BothFamiliesInOrderAcrossFragmentsThenHalfCloses) {
     for (const std::string host : kHosts) {
         SCOPED_TRACE(host);
-        ClientAndBarePeer c(host);
-        ASSERT_TRUE(c.connected) << c.connectError;
+        ClientAndBarePeer c(host, "loopback");
+        ASSERT_TRUE(c.connectOK) << c.connectError;
+        ASSERT_TRUE(c.peer);
+        ASSERT_TRUE(c.connected);
         TcpSocket& s = *c.client.socket;
         Recorder& r = *c.client.recorder;
+        const auto reported = r.read([&] { return r.connected[0]; });
+        EXPECT_EQ(reported.host + " " + s.connectedHost() + " " + s.localHost(),
+                  host + " " + host + " " + host);
+        EXPECT_EQ(reported.port, s.connectedPort());
+        sockaddr_in6 peerSide{};
+        socklen_t length = sizeof peerSide;
+        ::getpeername(c.peer.get(), reinterpret_cast<sockaddr*>(&peerSide), &length);
+        EXPECT_EQ(s.localPort(), SocketAddress(&peerSide, length).port());
+        EXPECT_TRUE(s.setNoDelay(true));
+        EXPECT_TRUE(s.setKeepAlive(true));
+        TcpSocketError error;
+        EXPECT_FALSE(s.connectToHost(host, 1, -1.0, &error)) << "a second connect";
+        EXPECT_EQ(error.code(), TcpSocketError::badConfig) << describe(error);
+
         ASSERT_TRUE(s.readExactly(4, 5.0, 1));
         ASSERT_TRUE(s.readExactly(5, 5.0, 2));
         ASSERT_TRUE(s.readToDelimiter(bytes("\r\n"), 100, 5.0, 3));
@@ -280,6 +264,7 @@ TEST(TcpSocketReadWrite, InOrderAcrossFragmentsThenHalfCloses) {
         c.peer = Fd();
         EXPECT_EQ(r.disconnectError(&s), describe(TcpSocketError::closedByPeerError()));
         EXPECT_EQ(r.disconnectsOf(&s), 1u);
+        EXPECT_TRUE(r.read([&] { return r.allOnDelegateQueue; }));
     }
 }
 

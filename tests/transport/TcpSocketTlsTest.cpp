@@ -187,51 +187,49 @@ TEST_F(TcpSocketTls, StalledHandshakeTimesOut) {
 // first handshake bytes follow its last plain ones at once, so the server has usually received
 // them with its plain read. Both ends are ours; the server asks for the client's certificate.
 TEST_F(TcpSocketTls, StartsInTheMiddleOfTheStream) {
-    for (const std::string host : {"127.0.0.1", "::1"}) {
-        SCOPED_TRACE(host);
-        Endpoint server;
-        server.recorder->onAccept = [](const std::shared_ptr<TcpSocket>& accepted) {
-            TlsSettings settings = serverSettings();
-            settings.requireClientCertificate = true;
-            settings.caFile = path("ca.pem");
-            accepted->readToDelimiter(bytes("\n"), 100, 10.0, 1);
-            accepted->startTLS(settings);
-            accepted->readToDelimiter(bytes("\n"), 100, 10.0, 2);
-            accepted->write(bytes("secret answer\n"), 10.0, 3);
-        };
-        TcpSocketError error;
-        ASSERT_TRUE(server.socket->acceptOnInterface(host, 0, &error)) << describe(error);
-        Endpoint client;
-        ASSERT_TRUE(client.socket->connectToHost(host, server.socket->localPort(), 5.0, &error))
-            << describe(error);
-        client.socket->write(bytes("STARTTLS\n"), 10.0, 1);
-        TlsSettings settings = clientSettings();
-        settings.peerName = "localhost";
-        settings.certificateChainFile = path("server.pem");
-        settings.privateKeyFile = path("server.key");
-        ASSERT_TRUE(client.socket->startTLS(settings, &error)) << describe(error);
-        client.socket->write(bytes("secret question\n"), 10.0, 2);
-        client.socket->readToDelimiter(bytes("\n"), 100, 10.0, 3);
+    const std::string host = "::1";
+    Endpoint server;
+    server.recorder->onAccept = [](const std::shared_ptr<TcpSocket>& accepted) {
+        TlsSettings settings = serverSettings();
+        settings.requireClientCertificate = true;
+        settings.caFile = path("ca.pem");
+        accepted->readToDelimiter(bytes("\n"), 100, 10.0, 1);
+        accepted->startTLS(settings);
+        accepted->readToDelimiter(bytes("\n"), 100, 10.0, 2);
+        accepted->write(bytes("secret answer\n"), 10.0, 3);
+    };
+    TcpSocketError error;
+    ASSERT_TRUE(server.socket->acceptOnInterface(host, 0, &error)) << describe(error);
+    Endpoint client;
+    ASSERT_TRUE(client.socket->connectToHost(host, server.socket->localPort(), 5.0, &error))
+        << describe(error);
+    client.socket->write(bytes("STARTTLS\n"), 10.0, 1);
+    TlsSettings settings = clientSettings();
+    settings.peerName = "localhost";
+    settings.certificateChainFile = path("server.pem");
+    settings.privateKeyFile = path("server.key");
+    ASSERT_TRUE(client.socket->startTLS(settings, &error)) << describe(error);
+    client.socket->write(bytes("secret question\n"), 10.0, 2);
+    client.socket->readToDelimiter(bytes("\n"), 100, 10.0, 3);
 
-        Recorder& r = *client.recorder;
-        ASSERT_TRUE(r.waitFor([&] { return r.reads.size() == 1 || !r.disconnects.empty(); }));
-        ASSERT_TRUE(r.read([&] { return r.disconnects.empty(); }))
-            << describe(r.read([&] { return r.disconnects[0].error; }));
-        EXPECT_EQ(text(r.read([&] { return r.reads[0].data; })), "secret answer\n");
-        Recorder& atServer = *server.recorder;
-        ASSERT_TRUE(atServer.waitForReads(2));
-        const auto reads = atServer.read([&] { return atServer.reads; });
-        EXPECT_EQ(std::vector<std::string>({text(reads[0].data), text(reads[1].data)}),
-                  std::vector<std::string>({"STARTTLS\n", "secret question\n"}));
-        EXPECT_EQ(atServer.read([&] { return atServer.secured.size(); }), 1u);
+    Recorder& r = *client.recorder;
+    ASSERT_TRUE(r.waitFor([&] { return r.reads.size() == 1 || !r.disconnects.empty(); }));
+    ASSERT_TRUE(r.read([&] { return r.disconnects.empty(); }))
+        << describe(r.read([&] { return r.disconnects[0].error; }));
+    EXPECT_EQ(text(r.read([&] { return r.reads[0].data; })), "secret answer\n");
+    Recorder& atServer = *server.recorder;
+    ASSERT_TRUE(atServer.waitForReads(2));
+    const auto reads = atServer.read([&] { return atServer.reads; });
+    EXPECT_EQ(std::vector<std::string>({text(reads[0].data), text(reads[1].data)}),
+              std::vector<std::string>({"STARTTLS\n", "secret question\n"}));
+    EXPECT_EQ(atServer.read([&] { return atServer.secured.size(); }), 1u);
 
-        // An orderly close sends close_notify: the server's waiting read ends with the peer.
-        const auto accepted = atServer.read([&] { return atServer.accepted[0]; });
-        accepted->readAvailable(100, 10.0, 4);
-        client.socket->disconnect();
-        EXPECT_EQ(atServer.disconnectError(accepted.get()),
-                  describe(TcpSocketError::closedByPeerError()));
-    }
+    // An orderly close sends close_notify: the server's waiting read ends with the peer.
+    const auto accepted = atServer.read([&] { return atServer.accepted[0]; });
+    accepted->readAvailable(100, 10.0, 4);
+    client.socket->disconnect();
+    EXPECT_EQ(atServer.disconnectError(accepted.get()),
+              describe(TcpSocketError::closedByPeerError()));
 }
 
 }  // namespace
