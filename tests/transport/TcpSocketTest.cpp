@@ -126,14 +126,16 @@ TEST(TcpSocketRead, BoundsEndTheConnectionWithTheirError) {
         ClientAndBarePeer c("127.0.0.1");
         ASSERT_TRUE(c.connected) << c.connectError;
         Recorder& r = *c.client.recorder;
+        // Delimiter ending exactly at the maximum: allowed. One byte later: too long. Sent whole
+        // before the reads, so that the second finds its delimiter past the maximum, rather than
+        // the maximum reached without one.
+        Bytes frames(63, 'a');
+        frames.push_back(0xC0);
+        frames.insert(frames.end(), 64, 'b');
+        frames.push_back(0xC0);
+        ASSERT_TRUE(sendAll(c.peer.get(), frames));
         ASSERT_TRUE(c.client.socket->readToDelimiter({0xC0}, 64, -1.0, 1));
-        // Delimiter ending exactly at the maximum: allowed. One byte later: too long.
-        ASSERT_TRUE(sendAll(c.peer.get(), Bytes(63, 'a')));
-        ASSERT_TRUE(sendAll(c.peer.get(), Bytes{0xC0}));
-        ASSERT_TRUE(r.waitForReads(1));
         ASSERT_TRUE(c.client.socket->readToDelimiter({0xC0}, 64, -1.0, 2));
-        ASSERT_TRUE(sendAll(c.peer.get(), Bytes(64, 'b')));
-        ASSERT_TRUE(sendAll(c.peer.get(), Bytes{0xC0}));
         EXPECT_EQ(r.disconnectError(c.client.socket.get()),
                   "TcpSocketErrorDomain 6: Read operation reached set maximum length");
         EXPECT_EQ(r.read([&] { return r.reads.size(); }), 1u);

@@ -535,6 +535,10 @@ TEST(UdpSocketDelegate, CallbacksAreNeverInlineAndACloseReportsOnce) {
     EXPECT_EQ(sender.sent(), (Tags{9}));
     EXPECT_EQ(sender.closes(), Texts{"no error"});
     ASSERT_TRUE(receiver.waitForReceived(1));
+    // The close released the port: a socket that shares no port takes it.
+    sender.socket->performBlock([] {});
+    test::UdpPeer taker(
+        receiver.recorder->read([&] { return receiver.recorder->received[0].from.port(); }));
     // A closed socket can be bound again.
     EXPECT_TRUE(sender.socket->bindToPort(0, &error)) << error.description();
 }
