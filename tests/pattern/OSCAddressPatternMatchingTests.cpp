@@ -118,15 +118,13 @@ TEST(OSCAddressPatternMatching, CountsUserPerceivedCharacters) {
     });
 }
 
+// A search that backtracked over every star would run for ages here; the short cases are in the
+// tables.
 TEST(OSCAddressPatternMatching, ManyStarsStayPolynomial) {
-    const std::string as(64, 'a');
     const Pattern pattern("/*a*a*a*a*a*b");
-    EXPECT_FALSE(pattern.matches("/" + as));
-    EXPECT_TRUE(pattern.matches("/" + as + "b"));
-    EXPECT_TRUE(pattern.matches("/aaaaab"));
-    EXPECT_FALSE(pattern.matches("/aaaab"));
-    const Pattern longer("/*?*?*?*?*?*?*?*?*?*?*x");
-    EXPECT_FALSE(longer.matches("/" + std::string(200, 'y')));
+    EXPECT_FALSE(pattern.matches("/" + std::string(64, 'a')));
+    EXPECT_TRUE(pattern.matches("/" + std::string(64, 'a') + "b"));
+    EXPECT_FALSE(Pattern("/*?*?*?*?*?*?*?*?*?*?*x").matches("/" + std::string(200, 'y')));
     const OSCCompiledPattern compiled(pattern);
     EXPECT_FALSE(compiled.matches("/" + std::string(2000, 'a')));
     EXPECT_TRUE(compiled.matches("/" + std::string(2000, 'a') + "b"));
