@@ -1,15 +1,12 @@
-// What reaches the GUI thread's event loop: the main queue's work, the stdout lines it writes in
-// batches, and the quit signals.
+// What reaches the GUI thread's event loop: the main queue's work and the stdout lines it writes
+// in batches. The quit signals are the program tests' (MonitorProgramTests.cpp).
 
 #include <poll.h>
 #include <unistd.h>
 
-#include <QSignalSpy>
 #include <QtTest/QTest>
-#include <csignal>
 
 #include "app/QtMainQueue.hpp"
-#include "app/QuitSignalNotifier.hpp"
 #include "app/StdoutLines.hpp"
 
 namespace kavrin {
@@ -120,18 +117,6 @@ TEST(StdoutLinesTest, ALineLeavesAtOnceOrWhenItsOutermostBatchEndsAndAMainQueueF
     for (int i = 0; i <= 100; ++i) EXPECT_EQ(ran[static_cast<std::size_t>(i)], i);
     EXPECT_EQ(seenAtStart[99], "") << "items posted together run as one batch";
     EXPECT_EQ(stdout_.written(), all);
-}
-
-TEST(QuitSignalNotifier, DeliversSignalsOnTheEventLoop) {
-    QuitSignalNotifier notifier;
-    QSignalSpy activated(&notifier, &QuitSignalNotifier::activated);
-
-    ASSERT_EQ(std::raise(SIGTERM), 0);
-    ASSERT_EQ(std::raise(SIGINT), 0);
-    EXPECT_TRUE(activated.isEmpty()) << "not from inside the handler";
-    EXPECT_TRUE(QTest::qWaitFor([&] { return activated.size() == 2; }, 5000));
-    EXPECT_EQ(activated.at(0).at(0).toInt(), SIGTERM);
-    EXPECT_EQ(activated.at(1).at(0).toInt(), SIGINT);
 }
 
 }  // namespace
