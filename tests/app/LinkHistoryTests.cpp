@@ -113,21 +113,20 @@ TEST_F(LinkHistoryTest, KeepsAWeekOfPingsAndPlotsThemInBucketsWithTheOutages) {
     history->plot(at(0), at(10), 2, keep);  // from before the first ping: from that one
     ASSERT_TRUE(QTest::qWaitFor([&] { return plots.size() == 2; }, 5000));
 
-    using Bucket = PingPlot::Bucket;
-    const auto worst = [](const Bucket& b) { return b.worstRoundTrip.value_or(microseconds(-1)).count(); };
-    const struct {
-        Outage::TimePoint from;
-        std::vector<std::tuple<Outage::TimePoint, int, int, std::int64_t>> buckets;  // first, pings, lost, worst
-    } expected[] = {
-        {at(1), {{at(1), 1, 0, 400}, {at(3), 1, 1, -1}, {at(5), 1, 0, 3000}, {at(7), 1, 0, -1}}},
-        {at(1), {{at(1), 3, 1, 3000}, {at(7), 1, 0, -1}}},
+    // Each plot's buckets: first ping, pings, lost, worst round trip in µs (-1 for none).
+    using Buckets = std::vector<std::tuple<Outage::TimePoint, int, int, std::int64_t>>;
+    const Buckets expected[] = {
+        {{at(1), 1, 0, 400}, {at(3), 1, 1, -1}, {at(5), 1, 0, 3000}, {at(7), 1, 0, -1}},
+        {{at(1), 3, 1, 3000}, {at(7), 1, 0, -1}},
     };
     for (std::size_t i = 0; i < plots.size(); ++i) {
-        EXPECT_EQ(plots[i].from, expected[i].from) << i;
-        EXPECT_EQ(plots[i].to, at(10));
-        std::vector<std::tuple<Outage::TimePoint, int, int, std::int64_t>> buckets;
-        for (const Bucket& b : plots[i].buckets) buckets.emplace_back(b.firstSent, b.pings, b.lost, worst(b));
-        EXPECT_EQ(buckets, expected[i].buckets) << i;
+        EXPECT_EQ(std::pair(plots[i].from, plots[i].to), std::pair(at(1), at(10))) << i;
+        Buckets buckets;
+        for (const auto& b : plots[i].buckets) {
+            buckets.emplace_back(b.firstSent, b.pings, b.lost,
+                                 b.worstRoundTrip.value_or(microseconds(-1)).count());
+        }
+        EXPECT_EQ(buckets, expected[i]) << i;
         EXPECT_EQ(plots[i].outages, (std::vector{std::pair(at(4), at(8))})) << i;
     }
     EXPECT_TRUE(failures.empty());

@@ -68,18 +68,12 @@ class TcpPeer {
 // for the monitor's listening port and "MODULES" for the npm peer's modules, and its first
 // words once it is ready.
 struct LinkSetup {
-    const char* name;
-    const char* transport;
-    bool pingFromInPort;
-    bool numberPings;
+    const char *name, *transport;
+    bool pingFromInPort, numberPings;
     const char* program;
     std::vector<std::string> arguments;
     const char* ready;
 };
-
-void PrintTo(const LinkSetup& setup, std::ostream* out) {
-    *out << setup.name;
-}
 
 // Ping, reply and light, the same in every setup.
 class MonitorLinkTest : public test::MonitorHarness, public ::testing::WithParamInterface<LinkSetup> {
